@@ -1,0 +1,151 @@
+#include "app/BrevantaOutputControlManager.h"
+
+#include "app/Constants.h"
+#include "util/LoggerLog.h"
+
+#include <Poco/Timestamp.h>
+
+#include <cerrno>
+#include <csignal>
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+namespace brvo {
+
+namespace {
+
+const std::string kTag = "BrevantaOutputControlManager";
+const int kSleepStepMs = 500;
+
+BrevantaOutputControlManager* instance = nullptr;
+
+// Stop requests arrive in a signal handler, where almost nothing may be
+// called. The handler only sets this flag and writes one byte to a pipe that
+// the main loop waits on; Kill itself then runs on the main thread.
+volatile std::sig_atomic_t killRequested = 0;
+std::atomic<int> wakeWriteFd(-1);
+int wakeReadFd = -1;
+
+static_assert(std::atomic<int>::is_always_lock_free, "signal handler needs a lock-free fd");
+
+void OpenWakePipe() {
+    if (wakeReadFd >= 0) return;
+    int fds[2];
+    if (pipe2(fds, O_CLOEXEC | O_NONBLOCK) != 0) return;
+    wakeReadFd = fds[0];
+    wakeWriteFd = fds[1];
+}
+
+} // namespace
+
+void BrevantaOutputControlManager::CreateInstance() {
+    if (instance == nullptr) instance = new BrevantaOutputControlManager();
+}
+
+BrevantaOutputControlManager* BrevantaOutputControlManager::GetInstance() {
+    return instance;
+}
+
+void BrevantaOutputControlManager::DeleteInstance() {
+    BrevantaOutputControlManager* doomed = instance;
+    instance = nullptr;
+    delete doomed;
+}
+
+void BrevantaOutputControlManager::RequestKill() {
+    const int savedErrno = errno;
+    killRequested = 1;
+    const int fd = wakeWriteFd.load();
+    if (fd >= 0) {
+        const char byte = 1;
+        ssize_t ignored = write(fd, &byte, 1);
+        (void)ignored;
+    }
+    errno = savedErrno;
+}
+
+BrevantaOutputControlManager::BrevantaOutputControlManager()
+    : componentsStarted_(false), flushTimer_(nullptr), running_(false) {
+    // The watchdog is created here once it exists.
+}
+
+BrevantaOutputControlManager::~BrevantaOutputControlManager() {
+    Kill();
+    // The command server is deleted here once it exists.
+    if (instance == this) instance = nullptr;
+}
+
+void BrevantaOutputControlManager::Start() {
+    OpenWakePipe();
+    StartComponents();
+    StartFlushTimer();
+    LoggerLog::Flush();
+    RunStartupCheck();
+    WaitForKill();
+}
+
+void BrevantaOutputControlManager::StartComponents() {
+    if (componentsStarted_) return;
+    LoggerLog::Info(kTag, "Start AppVer:" + kAppVersion);
+    // Watchdog start, command server construction (which starts its worker
+    // pool) and the server thread join here, in that order, each as it is
+    // built; "Start Server" is logged just before the thread starts.
+    componentsStarted_ = true;
+    running_ = true;
+}
+
+void BrevantaOutputControlManager::StartFlushTimer() {
+    if (flushTimer_ != nullptr) return;
+    flushTimer_ = new Poco::Timer(kFlushIntervalMs, kFlushIntervalMs);
+    flushTimer_->start(Poco::TimerCallback<BrevantaOutputControlManager>(
+        *this, &BrevantaOutputControlManager::OnTimer));
+}
+
+void BrevantaOutputControlManager::RunStartupCheck() {
+    // The start-up schedule check (in start-up mode) and, when it reports
+    // that updating started, the forwarding of unsent schedule rows join
+    // here when the schedule update manager and its database exist.
+}
+
+// Sleeps in 500 ms steps while running; a stop request wakes it at once and
+// runs Kill here, on the main thread.
+void BrevantaOutputControlManager::WaitForKill() {
+    while (running_) {
+        if (killRequested) {
+            Kill();
+            break;
+        }
+        if (wakeReadFd < 0) {
+            usleep(kSleepStepMs * 1000);
+            continue;
+        }
+        struct pollfd wake = {wakeReadFd, POLLIN, 0};
+        if (poll(&wake, 1, kSleepStepMs) > 0) {
+            char drain[16];
+            while (read(wakeReadFd, drain, sizeof drain) > 0) {
+            }
+        }
+    }
+}
+
+void BrevantaOutputControlManager::Kill() {
+    Poco::FastMutex::ScopedLock lock(killMutex_);
+    LoggerLog::Flush();
+    // The schedule update manager is deleted here (which stops its timers).
+    running_ = false;
+    // The watchdog is stopped and deleted here.
+    if (flushTimer_ != nullptr) {
+        flushTimer_->stop();
+        delete flushTimer_;
+        flushTimer_ = nullptr;
+    }
+    LoggerLog::Info(kTag, "Kill complete.");
+    LoggerLog::Flush();
+}
+
+void BrevantaOutputControlManager::OnTimer(Poco::Timer&) {
+    LoggerLog::Flush();
+}
+
+} // namespace brvo

@@ -1,0 +1,64 @@
+// Top-level controller of the daemon: starts the components, runs the
+// start-up schedule check, keeps the log flushed and stops everything on
+// request.
+#ifndef BRVO_APP_BREVANTAOUTPUTCONTROLMANAGER_H
+#define BRVO_APP_BREVANTAOUTPUTCONTROLMANAGER_H
+
+#include <Poco/Mutex.h>
+#include <Poco/Timer.h>
+
+#include <atomic>
+
+namespace brvo {
+
+class BrevantaOutputControlManager {
+public:
+    // First flush of the log by the flush timer, and its period.
+    static const long kFlushIntervalMs = 300000;
+
+    // Creates the process-wide instance if absent.
+    static void CreateInstance();
+    // The instance, or null before CreateInstance.
+    static BrevantaOutputControlManager* GetInstance();
+    // Deletes the instance and clears the pointer.
+    static void DeleteInstance();
+
+    // Asks the daemon to stop. Async-signal-safe: it only sets a flag and
+    // wakes the main loop, which then runs Kill on the main thread. May be
+    // called before the instance exists; Start then stops at once.
+    static void RequestKill();
+
+    // Starts the components (once), runs the start-up schedule check and
+    // then waits until Kill has run. Returns when the daemon stops.
+    void Start();
+    // Stops the components in order and logs "Kill complete.". A second
+    // call is harmless.
+    void Kill();
+    // Flush-timer callback: asks the log to write its buffer.
+    void OnTimer(Poco::Timer& timer);
+
+    // Whether Start has started the components and Kill has not run.
+    bool IsRunning() const { return running_; }
+    // The flush timer, or null before Start and after Kill.
+    const Poco::Timer* GetFlushTimer() const { return flushTimer_; }
+
+    virtual ~BrevantaOutputControlManager();
+
+private:
+    BrevantaOutputControlManager();
+    void StartComponents();
+    void StartFlushTimer();
+    void RunStartupCheck();
+    void WaitForKill();
+
+    // The command server and its thread, the watchdog and the schedule
+    // update manager are wired in here as they are built.
+    bool componentsStarted_;
+    Poco::FastMutex killMutex_;
+    Poco::Timer* flushTimer_;
+    std::atomic<bool> running_;
+};
+
+} // namespace brvo
+
+#endif

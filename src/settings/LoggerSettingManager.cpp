@@ -1,0 +1,201 @@
+#include "settings/LoggerSettingManager.h"
+
+#include "settings/XmlNode.h"
+#include "util/FileUtil.h"
+#include "util/LoggerLog.h"
+
+#include <Poco/AutoPtr.h>
+#include <Poco/DOM/DOMParser.h>
+#include <Poco/DOM/Document.h>
+#include <Poco/Exception.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+
+namespace brvo {
+
+namespace {
+
+const std::string kTag = "LoggerSettingManager";
+const std::string kRootPath = "/LoggerSetting";
+const std::string kLogDirectorySuffix = "/kestrovanyx/Log/OutputScheduleLog";
+const std::string kRule = "---------------------------";
+
+const std::string kLoggerSocketPath = "LoggerSocketPath";
+const std::string kOutputControlSocketPath = "OutputControlSocketPath";
+const std::string kWatchdogFile = "PVOutputControlWatchdogFile";
+const std::string kWatchdogInterval = "WatchdogFileUpdateInterval";
+const std::string kSdcardPath = "SdcardPath";
+const std::string kMaxRollIndex = "OutputScheduleLogMaxRollIndex";
+const std::string kEnableBufferedIO = "OutputScheduleEnableLogBufferedIO";
+const std::string kLogLevel = "LogLevel";
+const std::string kMaxBufferedSize = "OutputScheduleLogMaxBufferedSize";
+const std::string kMaxFileSize = "OutputScheduleLogMaxFileSize";
+const std::string kRetentionCycle = "OutputControlScheduleRetensionCycle";
+const std::string kTestMode = "OutputControlTestMode";
+const std::string kMonitoringInterval = "OutputScheduleMonitoringInterval";
+const std::string kSocketTimeout = "OutputControlSocketTimeout";
+
+const int kBufferedSizeDefault = 4096;
+
+LoggerSettingManager* instance = nullptr;
+
+// Decimal text to a 32-bit int the way the settings have always been read:
+// leading white space and a sign are accepted and reading stops at the first
+// non-digit ("45s" is 45). False when no digit can be read or the number
+// does not fit 32 bits.
+bool ParseInt32(const std::string& text, int& value) {
+    const char* begin = text.c_str();
+    char* end = nullptr;
+    errno = 0;
+    const long long parsed = std::strtoll(begin, &end, 10);
+    if (end == begin || errno == ERANGE) return false;
+    if (parsed < INT32_MIN || parsed > INT32_MAX) return false;
+    value = static_cast<int>(parsed);
+    return true;
+}
+
+std::string Bracketed(const std::string& label, const std::string& value) {
+    return "[" + label + "] = [" + value + "]";
+}
+
+} // namespace
+
+void LoggerSettingManager::CreateInstance() {
+    if (instance == nullptr) instance = new LoggerSettingManager();
+}
+
+LoggerSettingManager* LoggerSettingManager::GetInstance() {
+    return instance;
+}
+
+void LoggerSettingManager::DeleteInstance() {
+    delete instance;
+    instance = nullptr;
+}
+
+LoggerSettingManager::LoggerSettingManager()
+    : table_(new std::unordered_map<std::string, std::string>(10)) {
+    SetDefaults();
+    Load();
+}
+
+LoggerSettingManager::~LoggerSettingManager() {
+    delete table_;
+}
+
+void LoggerSettingManager::SetDefaults() {
+    std::unordered_map<std::string, std::string>& table = *table_;
+    table[kLoggerSocketPath] = "/mnt/system/brvlogger/brevanta.logger";
+    table[kOutputControlSocketPath] = "/mnt/system/pvoctrl/brevanta.octrl";
+    table[kWatchdogFile] = "/mnt/system/check/brvo";
+    table[kWatchdogInterval] = "30";
+    table[kSdcardPath] = "/media/sdcard";
+    table[kMaxRollIndex] = "12";
+    table[kEnableBufferedIO] = "1";
+    // LogLevel has no default on purpose: its getter falls back to 1.
+    table[kMaxBufferedSize] = std::to_string(kBufferedSizeDefault);
+    table[kMaxFileSize] = "500KB";
+    table[kRetentionCycle] = "90";
+    table[kTestMode] = "0";
+    table[kMonitoringInterval] = "180";
+    table[kSocketTimeout] = "60";
+}
+
+// A missing, unreadable or malformed file leaves the defaults in force and is
+// not logged: the log itself is configured from these values afterwards.
+void LoggerSettingManager::Load() {
+    try {
+        Poco::XML::DOMParser parser;
+        parser.setEncoding("UTF-8");
+        Poco::AutoPtr<Poco::XML::Document> document =
+            parser.parse(FileUtil::GetLoggerSettingFile());
+        Poco::XML::Node* root = document->getNodeByPath(kRootPath);
+        if (root == nullptr) return;
+        XmlNode tree(nullptr, root);
+        for (const XmlNode* child : tree.GetChildren()) {
+            (*table_)[child->GetName()] = child->GetValue();
+        }
+    } catch (const Poco::Exception&) {
+    } catch (const std::exception&) {
+    }
+}
+
+// Lookups never insert, so the table is strictly read-only once built and
+// any thread may read it; a key missing from the table reads as empty text.
+std::string LoggerSettingManager::GetString(const std::string& key) const {
+    auto found = table_->find(key);
+    return found == table_->end() ? std::string() : found->second;
+}
+
+int LoggerSettingManager::GetInt(const std::string& key, int fallback) const {
+    const std::string text = GetString(key);
+    if (text.empty()) return fallback;
+    int value = 0;
+    return ParseInt32(text, value) ? value : fallback;
+}
+
+std::string LoggerSettingManager::GetLoggerSocketPath() const { return GetString(kLoggerSocketPath); }
+
+std::string LoggerSettingManager::GetOutputControlSocketPath() const {
+    return GetString(kOutputControlSocketPath);
+}
+
+std::string LoggerSettingManager::GetPVOutputControlWatchdogFile() const { return GetString(kWatchdogFile); }
+
+int LoggerSettingManager::GetWatchdogFileUpdateInterval() const { return GetInt(kWatchdogInterval, 30); }
+
+std::string LoggerSettingManager::GetSdcardPath() const { return GetString(kSdcardPath); }
+
+int LoggerSettingManager::GetOutputScheduleLogMaxRollIndex() const { return GetInt(kMaxRollIndex, 12); }
+
+bool LoggerSettingManager::GetOutputScheduleEnableLogBufferedIO() const {
+    return GetInt(kEnableBufferedIO, 1) != 0;
+}
+
+int LoggerSettingManager::GetLogLevel() const { return GetInt(kLogLevel, 1); }
+
+int LoggerSettingManager::GetOutputScheduleLogMaxBufferedSize() const {
+    return GetInt(kMaxBufferedSize, kBufferedSizeDefault);
+}
+
+std::string LoggerSettingManager::GetOutputScheduleLogMaxFileSize() const { return GetString(kMaxFileSize); }
+
+int LoggerSettingManager::GetOutputControlScheduleRetensionCycle() const { return GetInt(kRetentionCycle, 90); }
+
+int LoggerSettingManager::GetOutputControlTestMode() const { return GetInt(kTestMode, 0); }
+
+int LoggerSettingManager::GetOutputScheduleMonitoringInterval() const {
+    return GetInt(kMonitoringInterval, 180);
+}
+
+int LoggerSettingManager::GetOutputControlSocketTimeout() const { return GetInt(kSocketTimeout, 60); }
+
+std::string LoggerSettingManager::GetLogDirectory() const { return GetSdcardPath() + kLogDirectorySuffix; }
+
+void LoggerSettingManager::Dump() {
+    LoggerLog::Debug(kTag, kRule);
+    LoggerLog::Debug(kTag, Bracketed(kLoggerSocketPath, GetLoggerSocketPath()));
+    LoggerLog::Debug(kTag, Bracketed(kOutputControlSocketPath, GetOutputControlSocketPath()));
+    LoggerLog::Debug(kTag, Bracketed(kWatchdogFile, GetPVOutputControlWatchdogFile()));
+    LoggerLog::Debug(kTag, Bracketed(kWatchdogInterval, std::to_string(GetWatchdogFileUpdateInterval())));
+    LoggerLog::Debug(kTag, Bracketed(kSdcardPath, GetSdcardPath()));
+    LoggerLog::Debug(kTag, Bracketed(kMaxRollIndex, std::to_string(GetOutputScheduleLogMaxRollIndex())));
+    LoggerLog::Debug(kTag, Bracketed(kEnableBufferedIO,
+                                     GetOutputScheduleEnableLogBufferedIO() ? "1" : "0"));
+    LoggerLog::Debug(kTag, Bracketed(kMaxBufferedSize,
+                                     std::to_string(GetOutputScheduleLogMaxBufferedSize())));
+    LoggerLog::Debug(kTag, Bracketed(kMaxFileSize, GetOutputScheduleLogMaxFileSize()));
+    LoggerLog::Debug(kTag, Bracketed("GetLogDirectory", GetLogDirectory()));
+    LoggerLog::Debug(kTag, Bracketed("OCScheduleRetensionCycle",
+                                     std::to_string(GetOutputControlScheduleRetensionCycle())));
+    LoggerLog::Debug(kTag, Bracketed(kTestMode, std::to_string(GetOutputControlTestMode())));
+    LoggerLog::Debug(kTag, Bracketed(kMonitoringInterval,
+                                     std::to_string(GetOutputScheduleMonitoringInterval())));
+    LoggerLog::Debug(kTag, Bracketed("SettingTagOutputControlSocketTimeout",
+                                     std::to_string(GetOutputControlSocketTimeout())));
+    LoggerLog::Debug(kTag, kRule);
+}
+
+} // namespace brvo

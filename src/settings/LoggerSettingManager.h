@@ -1,0 +1,69 @@
+// The daemon's local operating parameters from LoggerSetting.xml, read once
+// at start over a table of built-in defaults. Every value is kept as text
+// and converted at each get.
+#ifndef BRVO_SETTINGS_LOGGERSETTINGMANAGER_H
+#define BRVO_SETTINGS_LOGGERSETTINGMANAGER_H
+
+#include <string>
+#include <unordered_map>
+
+namespace brvo {
+
+class LoggerSettingManager {
+public:
+    // Creates the instance (defaults, then the file) if none exists.
+    static void CreateInstance();
+    // The instance, or null before CreateInstance.
+    static LoggerSettingManager* GetInstance();
+    // Deletes the instance. The daemon never does; tests do.
+    static void DeleteInstance();
+
+    // Path of the logger daemon's socket.
+    std::string GetLoggerSocketPath() const;
+    // Path of this daemon's command socket.
+    std::string GetOutputControlSocketPath() const;
+    // Path of the watchdog file.
+    std::string GetPVOutputControlWatchdogFile() const;
+    // Seconds between touches of the watchdog file; 30 when not a number.
+    int GetWatchdogFileUpdateInterval() const;
+    // Mount point of the SD card.
+    std::string GetSdcardPath() const;
+    // Number of rolled log files kept; 12 when not a number.
+    int GetOutputScheduleLogMaxRollIndex() const;
+    // Whether the log is written through a buffer; true when not a number.
+    bool GetOutputScheduleEnableLogBufferedIO() const;
+    // Lowest log level written; 1 when absent or not a number.
+    int GetLogLevel() const;
+    // Bytes buffered before the log is written; 4096 when not a number.
+    int GetOutputScheduleLogMaxBufferedSize() const;
+    // Size at which the log is rolled, as text ("500KB").
+    std::string GetOutputScheduleLogMaxFileSize() const;
+    // Days schedule rows are kept; 90 when not a number.
+    int GetOutputControlScheduleRetensionCycle() const;
+    // Test-mode switch; 0 when not a number.
+    int GetOutputControlTestMode() const;
+    // Seconds between periodic schedule checks; 180 when not a number.
+    int GetOutputScheduleMonitoringInterval() const;
+    // Time-out of socket exchanges in seconds; 60 when not a number.
+    int GetOutputControlSocketTimeout() const;
+    // SdcardPath + "/kestrovanyx/Log/OutputScheduleLog".
+    std::string GetLogDirectory() const;
+
+    // Writes every value to the log, one Debug line each.
+    void Dump();
+
+    virtual ~LoggerSettingManager();
+
+private:
+    LoggerSettingManager();
+    void SetDefaults();
+    void Load();
+    std::string GetString(const std::string& key) const;
+    int GetInt(const std::string& key, int fallback) const;
+
+    std::unordered_map<std::string, std::string>* table_;
+};
+
+} // namespace brvo
+
+#endif

@@ -1,0 +1,66 @@
+// The daemon's file-system layout and thin wrappers over Poco::File and
+// Poco::Path that turn exceptions into a log line and a result.
+#ifndef BRVO_UTIL_FILEUTIL_H
+#define BRVO_UTIL_FILEUTIL_H
+
+#include <Poco/Types.h>
+
+#include <string>
+
+namespace brvo {
+
+class FileUtil {
+public:
+    virtual ~FileUtil();
+
+    // "/usr/local/etc/kestrovanyx/SettingsXML".
+    static std::string GetSettingsDirectory();
+    // Settings directory + "/SystemSetting.xml".
+    static std::string GetSystemSettingFile();
+    // Settings directory + "/DefaultSystemSetting.xml" (never read).
+    static std::string GetDefaultSystemSettingFile();
+    // Settings directory + "/LoggerSetting.xml".
+    static std::string GetLoggerSettingFile();
+    // "/usr/local/etc/kestrovanyx/DeviceXML".
+    static std::string GetDeviceDirectory();
+    // SdcardPath + "/kestrovanyx", or "/tmp/kestrovanyx" when the card path
+    // could not be written on the first call; cached for the whole run.
+    static std::string GetDataRoot();
+    // Data root + "/Database".
+    static std::string GetDatabaseDirectory();
+    // Database directory + "/OutputControl", created with its parents on
+    // every call (a failure is logged and the path returned all the same).
+    static std::string GetOutputControlDirectory();
+    // Data root + "/Certificates/".
+    static std::string GetCertificatesDirectory();
+    // Forgets the cached data root, so that the next call probes again.
+    // Only tests need this; the daemon decides once per run.
+    static void ResetDataRoot();
+
+    // Renames `from` to `to`, replacing an existing `to`; false on failure.
+    static bool Rename(const std::string& from, const std::string& to);
+    // Replaces an existing file with a new empty one; true if it was created.
+    static bool CreateFile(const std::string& path);
+    // False for an empty path without asking the file system.
+    static bool Exists(const std::string& path);
+    // Creates one directory, or with its parents; with parents the result
+    // says whether the directory exists afterwards.
+    static bool CreateDirectory(const std::string& path, bool withParents);
+    // The parent directory of `path` as text.
+    static std::string GetDirectory(const std::string& path);
+    // The last component of `path`; empty for an empty path.
+    static std::string GetFileName(const std::string& path);
+    // Sets or clears write permission; true if it reads back as asked.
+    static bool SetWritable(const std::string& path, bool writable);
+    // Whether `path` can be written; false on failure.
+    static bool CanWrite(const std::string& path);
+    // Size of the file in bytes; 0 on failure.
+    static Poco::UInt64 GetSize(const std::string& path);
+    // Creates `dir` with its parents and proves it writable by creating and
+    // removing `dir` + "/write_test".
+    static bool IsWritableDirectory(const std::string& dir);
+};
+
+} // namespace brvo
+
+#endif

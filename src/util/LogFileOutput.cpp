@@ -1,0 +1,290 @@
+#include "util/LogFileOutput.h"
+
+#include "util/FileUtil.h"
+
+#include <Poco/DateTimeFormatter.h>
+#include <Poco/Exception.h>
+#include <Poco/Format.h>
+#include <Poco/Path.h>
+#include <Poco/Timestamp.h>
+
+#include <cstdio>
+#include <fstream>
+
+namespace brvo {
+
+namespace {
+
+const std::string kDefaultTimeFormat = "%Y-%m-%d %H:%M:%S";
+const long kTimerIntervalMs = 500;
+
+// Serialises writing of the fall-back file and the clearing of written
+// buffers across every output of the process.
+Poco::Mutex& FileMutex() {
+    static Poco::Mutex mutex;
+    return mutex;
+}
+
+void PrintLine(const std::string& text) {
+    std::fwrite(text.data(), 1, text.size(), stdout);
+}
+
+} // namespace
+
+const std::string LogFileOutput::kErrorFilePath = "/tmp/logger_io_file_error";
+
+LogFileOutput::LogFileOutput()
+    : active_(&buffers_[0]),
+      activeIndex_(0),
+      timeFormat_(kDefaultTimeFormat),
+      logLevel_(1),
+      bufferedIO_(true),
+      maxBufferedSize_(8192),
+      maxRollIndex_(1),
+      maxFileSize_(10485760),
+      timer_(nullptr),
+      flushRequested_(false),
+      errorRecorded_(false),
+      bufferedBytes_(0),
+      countedLines_(0) {}
+
+LogFileOutput::~LogFileOutput() {
+    if (timer_ == nullptr) return;
+    timer_->stop();
+    flushRequested_ = true;
+    OnTimer(*timer_);
+    delete timer_;
+    timer_ = nullptr;
+}
+
+void LogFileOutput::SetMaxFileSize(Poco::UInt32 size) {
+    if (size != 0) maxFileSize_ = size;
+}
+
+void LogFileOutput::SetMaxRollIndex(int index) {
+    if (index != 0) maxRollIndex_ = index;
+}
+
+void LogFileOutput::SetMaxBufferedSize(int size) {
+    if (size != 0) maxBufferedSize_ = size;
+}
+
+void LogFileOutput::SetLogLevel(int level) {
+    if (level >= 0 && level <= 5) logLevel_ = level;
+}
+
+void LogFileOutput::SetBufferedIO(bool buffered) {
+    bufferedIO_ = buffered;
+}
+
+void LogFileOutput::SetTimeFormat(const std::string& format) {
+    if (!format.empty()) timeFormat_ = format;
+}
+
+void LogFileOutput::SetFilePath(const std::string& path) {
+    if (path.empty()) {
+        // Carries on regardless: the writer then reports a file error.
+        PrintLine("file_path error not set\n");
+    }
+    Poco::Path parsed(path);
+    directory_ = parsed.parent().toString();
+    fileName_ = parsed.getFileName();
+    filePath_ = path;
+    if (!FileUtil::Exists(directory_) && !FileUtil::CreateDirectory(directory_, true)) {
+        ReportFileError();
+    }
+    {
+        Poco::Mutex::ScopedLock lock(mutex_);
+        for (LineBuffer& buffer : buffers_) {
+            buffer.clear();
+            buffer.reserve(static_cast<std::size_t>(maxBufferedSize_ > 0 ? maxBufferedSize_ : 0) * 3);
+        }
+        active_ = &buffers_[activeIndex_];
+    }
+    if (timer_ == nullptr) {
+        timer_ = new Poco::Timer(kTimerIntervalMs, kTimerIntervalMs);
+        timer_->start(Poco::TimerCallback<LogFileOutput>(*this, &LogFileOutput::OnTimer));
+    }
+}
+
+std::string LogFileOutput::FormatNow() const {
+    return Poco::DateTimeFormatter::format(Poco::Timestamp(), timeFormat_);
+}
+
+void LogFileOutput::Output(int level, const std::string& mark, const std::string& prefix,
+                           const std::string& message) {
+    if (level < logLevel_) return;
+    try {
+        std::string line;
+        const std::string time = FormatNow();
+        line.reserve(time.size() + mark.size() + prefix.size() + message.size() + 16);
+        if (!time.empty()) line.append("[").append(time).append(" UTC] ");
+        if (!mark.empty()) line.append("[").append(mark).append("] ");
+        if (!prefix.empty()) line.append(prefix).append(" ");
+        line.append(message).append("\n");
+        PrintLine(fileName_ + " " + line);
+        Poco::Mutex::ScopedLock lock(mutex_);
+        active_->push_back(std::move(line));
+    } catch (const Poco::Exception& e) {
+        PrintLine("LogOutput error " + e.displayText() + "\n");
+    } catch (...) {
+        // Logging never throws to its caller; the line is lost.
+    }
+}
+
+void LogFileOutput::RequestFlush() {
+    flushRequested_ = true;
+}
+
+bool LogFileOutput::IsBufferedIO() const {
+    return bufferedIO_;
+}
+
+bool LogFileOutput::NeedsFlush() {
+    if (flushRequested_.exchange(false)) {
+        // The byte counters are deliberately left as they are.
+        return true;
+    }
+    if (!bufferedIO_) return true;
+    const int lineCount = static_cast<int>(active_->size());
+    if (countedLines_ != lineCount) {
+        for (int i = countedLines_; i < lineCount; ++i) {
+            bufferedBytes_ += static_cast<int>((*active_)[static_cast<std::size_t>(i)].size());
+        }
+        countedLines_ = lineCount;
+    }
+    if (bufferedBytes_ < maxBufferedSize_) return false;
+    bufferedBytes_ = 0;
+    countedLines_ = 0;
+    return true;
+}
+
+LogFileOutput::LineBuffer* LogFileOutput::SwapBuffers() {
+    Poco::Mutex::ScopedLock lock(mutex_);
+    if (!NeedsFlush()) return nullptr;
+    LineBuffer* toWrite = active_;
+    activeIndex_ = activeIndex_ == 0 ? 1 : 0;
+    active_ = &buffers_[activeIndex_];
+    return toWrite;
+}
+
+void LogFileOutput::OnTimer(Poco::Timer&) {
+    LineBuffer* toWrite = SwapBuffers();
+    if (toWrite == nullptr || toWrite->empty()) return;
+    if (!PrepareTarget()) {
+        RestoreUnwritten(*toWrite);
+        return;
+    }
+    WriteBuffer(*toWrite);
+    ClearWritten(*toWrite);
+}
+
+bool LogFileOutput::PrepareTarget() {
+    const bool usable =
+        (FileUtil::Exists(directory_) || FileUtil::CreateDirectory(directory_, true)) &&
+        (FileUtil::CanWrite(directory_) || FileUtil::SetWritable(directory_, true)) &&
+        (FileUtil::Exists(filePath_) || FileUtil::CreateFile(filePath_));
+    if (!usable) ReportFileError();
+    return usable;
+}
+
+// Lines that could not be written go back in front of the newer ones, so a
+// later tick writes them all in the order they were logged.
+void LogFileOutput::RestoreUnwritten(LineBuffer& lines) {
+    Poco::Mutex::ScopedLock lock(mutex_);
+    int bytes = 0;
+    for (const std::string& line : lines) bytes += static_cast<int>(line.size());
+    active_->insert(active_->begin(), std::make_move_iterator(lines.begin()),
+                    std::make_move_iterator(lines.end()));
+    countedLines_ += static_cast<int>(lines.size());
+    bufferedBytes_ += bytes;
+    lines.clear();
+}
+
+void LogFileOutput::WriteBuffer(LineBuffer& lines) {
+    std::string chunk;
+    Poco::UInt64 fileSize = FileUtil::GetSize(filePath_);
+    for (const std::string& line : lines) {
+        if (line.size() + fileSize + chunk.size() > maxFileSize_) {
+            WriteToFile(chunk);
+            chunk.clear();
+            RollFiles();
+            fileSize = FileUtil::GetSize(filePath_);
+        }
+        chunk += line;
+    }
+    WriteToFile(chunk);
+}
+
+void LogFileOutput::ClearWritten(LineBuffer& lines) {
+    Poco::Mutex::ScopedLock lock(FileMutex());
+    lines.clear();
+    lines.reserve(static_cast<std::size_t>(maxBufferedSize_ > 0 ? maxBufferedSize_ : 0) * 3);
+}
+
+bool LogFileOutput::WriteToFile(const std::string& text) {
+    try {
+        std::ofstream file(filePath_, std::ios::out | std::ios::app | std::ios::binary);
+        if (!file.is_open()) {
+            ReportFileError();
+            return false;
+        }
+        file << text;
+        file.flush();
+        bool written = false;
+        if (file.fail()) {
+            PrintLine("log_file error " + filePath_ + "\n");
+            ReportFileError();
+        } else if (file.bad()) {
+            PrintLine("log_file bad error " + filePath_ + "\n");
+            ReportFileError();
+        } else {
+            errorRecorded_ = false;
+            written = true;
+        }
+        file.close();
+        return written;
+    } catch (const Poco::Exception& e) {
+        PrintLine("log_file write error " + e.displayText() + "\n");
+    } catch (...) {
+        PrintLine("log_file write error\n");
+    }
+    return false;
+}
+
+void LogFileOutput::RollFiles() {
+    for (int i = maxRollIndex_; i >= 1; --i) {
+        const std::string source =
+            i == 1 ? fileName_ : Poco::format("%s.%d", fileName_, i - 1);
+        if (!FileUtil::Exists(directory_ + "/" + source)) continue;
+        const std::string target = Poco::format("%s.%d", fileName_, i);
+        FileUtil::Rename(directory_ + source, directory_ + target);
+        if (i == 1 && !FileUtil::CreateFile(filePath_)) ReportFileError();
+    }
+}
+
+void LogFileOutput::ReportFileError() {
+    if (errorRecorded_) return;
+    try {
+        Poco::Mutex::ScopedLock lock(FileMutex());
+        std::ofstream file(kErrorFilePath, std::ios::out | std::ios::app | std::ios::binary);
+        if (!file.is_open()) return;
+        const std::string time = FormatNow();
+        if (!time.empty()) file << "[" << time << " UTC] ";
+        file << filePath_ << "\n";
+        file.flush();
+        if (file.fail()) {
+            PrintLine("log_file error " + kErrorFilePath + "\n");
+        } else if (file.bad()) {
+            PrintLine("log_file bad error " + kErrorFilePath + "\n");
+        } else {
+            errorRecorded_ = true;
+        }
+    } catch (const Poco::Exception& e) {
+        PrintLine("log_file write error " + e.displayText() + "\n");
+    } catch (...) {
+        PrintLine("log_file write error\n");
+    }
+}
+
+} // namespace brvo

@@ -1,0 +1,102 @@
+// Writer of the daemon's log file. Callers only format a line and append it
+// to an in-memory buffer; a 500 ms timer swaps the double buffer and writes
+// the full one to the file, rolling the file into ".1" to ".n" when it would
+// grow past the size limit. Its own write failures are noted once per
+// failure period in "/tmp/logger_io_file_error".
+#ifndef BRVO_UTIL_LOGFILEOUTPUT_H
+#define BRVO_UTIL_LOGFILEOUTPUT_H
+
+#include <Poco/Mutex.h>
+#include <Poco/Timer.h>
+#include <Poco/Types.h>
+
+#include <atomic>
+#include <vector>
+#include <string>
+
+namespace brvo {
+
+class LogFileOutput {
+public:
+    // Path of the file that records the log's own write failures.
+    static const std::string kErrorFilePath;
+
+    LogFileOutput();
+    // Stops the timer and writes what the active buffer still holds.
+    virtual ~LogFileOutput();
+
+    LogFileOutput(const LogFileOutput&) = delete;
+    LogFileOutput& operator=(const LogFileOutput&) = delete;
+
+    // Size at which the file is rolled; 0 is ignored.
+    void SetMaxFileSize(Poco::UInt32 size);
+    // Number of rolled files kept; 0 is ignored.
+    void SetMaxRollIndex(int index);
+    // Buffered bytes that trigger a write; 0 is ignored.
+    void SetMaxBufferedSize(int size);
+    // Lowest level written; values outside 0..5 are ignored.
+    void SetLogLevel(int level);
+    // Whether lines wait for the buffer threshold or a flush request.
+    void SetBufferedIO(bool buffered);
+    // Time-stamp pattern; an empty pattern is ignored.
+    void SetTimeFormat(const std::string& format);
+    // Sets the log file and starts the writer timer (once).
+    void SetFilePath(const std::string& path);
+
+    // Formats one line "[time UTC] [mark] prefix message", echoes it to
+    // standard output and queues it. Lines below the level are dropped.
+    void Output(int level, const std::string& mark, const std::string& prefix,
+                const std::string& message);
+    // Asks the next timer tick to write the buffer.
+    void RequestFlush();
+    // Whether the log is written through the buffer.
+    bool IsBufferedIO() const;
+
+    // Timer callback: swaps and writes the buffer when a write is due.
+    void OnTimer(Poco::Timer& timer);
+
+    // Accessors for tests and diagnostics.
+    const std::string& GetFilePath() const { return filePath_; }
+    Poco::UInt32 GetMaxFileSize() const { return maxFileSize_; }
+    int GetMaxRollIndex() const { return maxRollIndex_; }
+    int GetMaxBufferedSize() const { return maxBufferedSize_; }
+    int GetLogLevel() const { return logLevel_; }
+    bool IsFlushRequested() const { return flushRequested_; }
+
+private:
+    typedef std::vector<std::string> LineBuffer;
+
+    bool NeedsFlush();
+    LineBuffer* SwapBuffers();
+    bool PrepareTarget();
+    void WriteBuffer(LineBuffer& lines);
+    void RestoreUnwritten(LineBuffer& lines);
+    void ClearWritten(LineBuffer& lines);
+    bool WriteToFile(const std::string& text);
+    void RollFiles();
+    void ReportFileError();
+    std::string FormatNow() const;
+
+    Poco::Mutex mutex_;
+    LineBuffer* active_;
+    int activeIndex_;
+    LineBuffer buffers_[2];
+    std::string timeFormat_;
+    std::string directory_;
+    std::string filePath_;
+    std::string fileName_;
+    std::atomic<int> logLevel_;
+    std::atomic<bool> bufferedIO_;
+    int maxBufferedSize_;
+    int maxRollIndex_;
+    Poco::UInt32 maxFileSize_;
+    Poco::Timer* timer_;
+    std::atomic<bool> flushRequested_;
+    bool errorRecorded_;
+    int bufferedBytes_;
+    int countedLines_;
+};
+
+} // namespace brvo
+
+#endif

@@ -1,0 +1,123 @@
+#include "util/LoggerLog.h"
+
+#include "settings/LoggerSettingManager.h"
+#include "util/FileUtil.h"
+#include "util/LogFileOutput.h"
+#include "util/StringUtil.h"
+
+#include <sstream>
+#include <thread>
+
+namespace brvo {
+
+namespace {
+
+const std::string kLogFileName = "/OutputSchedule_pvocd.log";
+
+// One-letter marks of the six levels, indexed by level.
+const std::string kMarks[] = {"V", "D", "I", "W", "E", "F"};
+
+LoggerLog* instance = nullptr;
+
+// The process-wide output. Readers take a shared reference atomically, so a
+// line logged while the output is being replaced or finalised never touches
+// a deleted writer.
+std::shared_ptr<LogFileOutput> output;
+
+std::string ThreadText() {
+    std::ostringstream text;
+    text << std::this_thread::get_id();
+    return text.str();
+}
+
+} // namespace
+
+void LoggerLog::CreateInstance() {
+    if (instance != nullptr) return;
+    instance = new LoggerLog();
+    Initialize();
+}
+
+LoggerLog* LoggerLog::GetInstance() {
+    return instance;
+}
+
+void LoggerLog::DeleteInstance() {
+    delete instance;
+    instance = nullptr;
+}
+
+LoggerLog::~LoggerLog() {
+    Finalize();
+}
+
+void LoggerLog::Initialize() {
+    LoggerSettingManager* settings = LoggerSettingManager::GetInstance();
+    if (settings == nullptr) return;
+    const std::string directory = settings->GetLogDirectory();
+    if (!FileUtil::Exists(directory)) {
+        FileUtil::CreateDirectory(directory, true);
+    }
+    std::shared_ptr<LogFileOutput> created = std::make_shared<LogFileOutput>();
+    created->SetMaxFileSize(static_cast<Poco::UInt32>(
+        StringUtil::SizeTextToBytes(settings->GetOutputScheduleLogMaxFileSize())));
+    created->SetMaxRollIndex(settings->GetOutputScheduleLogMaxRollIndex());
+    created->SetLogLevel(settings->GetLogLevel());
+    created->SetBufferedIO(settings->GetOutputScheduleEnableLogBufferedIO());
+    created->SetMaxBufferedSize(settings->GetOutputScheduleLogMaxBufferedSize());
+    created->SetFilePath(directory + kLogFileName);
+    std::atomic_store(&output, created);
+}
+
+void LoggerLog::Finalize() {
+    std::shared_ptr<LogFileOutput> previous =
+        std::atomic_exchange(&output, std::shared_ptr<LogFileOutput>());
+    // The writer's destructor writes what is still buffered; it runs here
+    // unless another thread is in the middle of a line, and then there.
+    previous.reset();
+}
+
+std::shared_ptr<LogFileOutput> LoggerLog::Output() {
+    return std::atomic_load(&output);
+}
+
+void LoggerLog::Write(int level, const std::string& tag, const std::string& message) {
+    std::shared_ptr<LogFileOutput> current = std::atomic_load(&output);
+    if (!current) return;
+    try {
+        current->Output(level, kMarks[level], "[" + ThreadText() + "] " + tag, message);
+    } catch (...) {
+        // Logging never throws to its caller.
+    }
+}
+
+void LoggerLog::Verbose(const std::string& tag, const std::string& message) {
+    Write(kVerbose, tag, message);
+}
+
+void LoggerLog::Debug(const std::string& tag, const std::string& message) {
+    Write(kDebug, tag, message);
+}
+
+void LoggerLog::Info(const std::string& tag, const std::string& message) {
+    Write(kInfo, tag, message);
+}
+
+void LoggerLog::Warning(const std::string& tag, const std::string& message) {
+    Write(kWarning, tag, message);
+}
+
+void LoggerLog::Error(const std::string& tag, const std::string& message) {
+    Write(kError, tag, message);
+}
+
+void LoggerLog::Fatal(const std::string& tag, const std::string& message) {
+    Write(kFatal, tag, message);
+}
+
+void LoggerLog::Flush() {
+    std::shared_ptr<LogFileOutput> current = std::atomic_load(&output);
+    if (current && current->IsBufferedIO()) current->RequestFlush();
+}
+
+} // namespace brvo

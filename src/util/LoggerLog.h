@@ -1,0 +1,59 @@
+// Front end of the daemon's log: one entry point per level, callable from
+// any thread. Lines go to the single LogFileOutput, which writes them to
+// "OutputSchedule_pvocd.log" under the log directory of the logger settings.
+#ifndef BRVO_UTIL_LOGGERLOG_H
+#define BRVO_UTIL_LOGGERLOG_H
+
+#include <memory>
+#include <string>
+
+namespace brvo {
+
+class LogFileOutput;
+
+class LoggerLog {
+public:
+    // Log levels and their marks.
+    enum Level { kVerbose = 0, kDebug = 1, kInfo = 2, kWarning = 3, kError = 4, kFatal = 5 };
+
+    // Creates the process-wide instance if absent and initialises the output.
+    static void CreateInstance();
+    // The instance, or null before CreateInstance.
+    static LoggerLog* GetInstance();
+    // Deletes the instance; its destructor finalises the output.
+    static void DeleteInstance();
+
+    // Builds the output from the logger settings: log directory (created
+    // if missing), size limit, roll count, level, buffering. Replaces an
+    // output that already exists.
+    static void Initialize();
+    // Writes what is still buffered and drops the output; later lines are
+    // dropped.
+    static void Finalize();
+
+    // Queue one line "[time UTC] [mark] [thread id] tag message" at the
+    // given level. Do nothing without an output. Never throw.
+    static void Verbose(const std::string& tag, const std::string& message);
+    static void Debug(const std::string& tag, const std::string& message);
+    static void Info(const std::string& tag, const std::string& message);
+    static void Warning(const std::string& tag, const std::string& message);
+    static void Error(const std::string& tag, const std::string& message);
+    static void Fatal(const std::string& tag, const std::string& message);
+
+    // Asks the writer to write its buffer at the next tick; does nothing
+    // when there is no output or it writes unbuffered.
+    static void Flush();
+
+    // The current output (shared, may be null). For the writer's own tests.
+    static std::shared_ptr<LogFileOutput> Output();
+
+    virtual ~LoggerLog();
+
+private:
+    LoggerLog() = default;
+    static void Write(int level, const std::string& tag, const std::string& message);
+};
+
+} // namespace brvo
+
+#endif

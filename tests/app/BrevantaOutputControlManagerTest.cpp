@@ -1,0 +1,130 @@
+#include "app/BrevantaOutputControlManager.h"
+
+#include "settings/LoggerSettingManager.h"
+#include "support/ChildProcess.h"
+#include "support/TestFiles.h"
+#include "util/LoggerLog.h"
+
+#include <gtest/gtest.h>
+
+#include <Poco/Runnable.h>
+#include <Poco/Thread.h>
+#include <Poco/Timestamp.h>
+
+namespace brvo {
+namespace {
+
+const std::string kLogFile =
+    "/media/sdcard/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd.log";
+
+class StartRunner : public Poco::Runnable {
+public:
+    void run() override { BrevantaOutputControlManager::GetInstance()->Start(); }
+};
+
+class BrevantaOutputControlManagerTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>");
+        LoggerSettingManager::CreateInstance();
+        LoggerLog::CreateInstance();
+        BrevantaOutputControlManager::CreateInstance();
+        manager_ = BrevantaOutputControlManager::GetInstance();
+    }
+
+    void TearDown() override {
+        BrevantaOutputControlManager::RequestKill();
+        for (auto& thread : threads_) thread->join();
+        BrevantaOutputControlManager::DeleteInstance();
+        LoggerLog::DeleteInstance();
+        LoggerSettingManager::DeleteInstance();
+    }
+
+    void StartInBackground() {
+        threads_.emplace_back(new Poco::Thread());
+        threads_.back()->start(runner_);
+    }
+
+    BrevantaOutputControlManager* manager_ = nullptr;
+    StartRunner runner_;
+    std::vector<std::unique_ptr<Poco::Thread>> threads_;
+};
+
+TEST_F(BrevantaOutputControlManagerTest, StartRunsUntilKillRequested) {
+    StartInBackground();
+    ASSERT_TRUE(test::WaitFor([this] { return manager_->IsRunning(); }, 5000));
+    Poco::Thread::sleep(700);
+    EXPECT_TRUE(threads_[0]->isRunning());
+
+    Poco::Timestamp requested;
+    BrevantaOutputControlManager::RequestKill();
+    ASSERT_TRUE(threads_[0]->tryJoin(2000));
+    EXPECT_LT(requested.elapsed(), 500000);
+    EXPECT_FALSE(manager_->IsRunning());
+    EXPECT_EQ(nullptr, manager_->GetFlushTimer());
+
+    LoggerLog::DeleteInstance();
+    const std::string text = test::ReadFile(kLogFile);
+    const std::size_t start = text.find("] BrevantaOutputControlManager Start AppVer:20220119_qtx\n");
+    const std::size_t kill = text.find("] BrevantaOutputControlManager Kill complete.\n");
+    ASSERT_NE(std::string::npos, start) << text;
+    ASSERT_NE(std::string::npos, kill) << text;
+    EXPECT_LT(start, kill);
+    EXPECT_NE(std::string::npos, text.find("] [I] [", start - 40));
+}
+
+TEST_F(BrevantaOutputControlManagerTest, FlushTimerFiresAfterFiveMinutesThenEveryFive) {
+    StartInBackground();
+    ASSERT_TRUE(test::WaitFor([this] { return manager_->GetFlushTimer() != nullptr; }, 5000));
+    EXPECT_EQ(300000, manager_->GetFlushTimer()->getStartInterval());
+    EXPECT_EQ(300000, manager_->GetFlushTimer()->getPeriodicInterval());
+}
+
+TEST_F(BrevantaOutputControlManagerTest, SecondStartCreatesNoSecondTimer) {
+    StartInBackground();
+    ASSERT_TRUE(test::WaitFor([this] { return manager_->GetFlushTimer() != nullptr; }, 5000));
+    const Poco::Timer* first = manager_->GetFlushTimer();
+    StartInBackground();
+    Poco::Thread::sleep(300);
+    EXPECT_EQ(first, manager_->GetFlushTimer());
+    BrevantaOutputControlManager::RequestKill();
+    ASSERT_TRUE(threads_[0]->tryJoin(2000));
+    ASSERT_TRUE(threads_[1]->tryJoin(2000));
+    LoggerLog::DeleteInstance();
+    const std::string text = test::ReadFile(kLogFile);
+    const std::size_t once = text.find("Start AppVer:");
+    ASSERT_NE(std::string::npos, once);
+    EXPECT_EQ(std::string::npos, text.find("Start AppVer:", once + 1));
+}
+
+TEST_F(BrevantaOutputControlManagerTest, KillTwiceIsHarmless) {
+    manager_->Kill();
+    manager_->Kill();
+    EXPECT_FALSE(manager_->IsRunning());
+    LoggerLog::DeleteInstance();
+    const std::string text = test::ReadFile(kLogFile);
+    const std::size_t first = text.find("Kill complete.");
+    ASSERT_NE(std::string::npos, first);
+    EXPECT_NE(std::string::npos, text.find("Kill complete.", first + 1));
+}
+
+TEST_F(BrevantaOutputControlManagerTest, KillRequestedBeforeStartStopsAtOnce) {
+    BrevantaOutputControlManager::RequestKill();
+    StartInBackground();
+    ASSERT_TRUE(threads_[0]->tryJoin(2000));
+    EXPECT_FALSE(manager_->IsRunning());
+}
+
+TEST_F(BrevantaOutputControlManagerTest, FlushTimerWritesBufferedLinesEveryFiveMinutes) {
+    // The probe runs the manager under a fake clock thirty times faster than
+    // real time, so five minutes pass in ten seconds.
+    test::ChildProcess probe;
+    std::vector<std::string> command = test::ChildProcess::FakeTimePrefix("+0 x30");
+    command.push_back(FLUSH_PROBE_BINARY);
+    ASSERT_TRUE(probe.Start(command, "/tmp/probe.out"));
+    ASSERT_TRUE(probe.WaitExit(90000)) << test::ReadFile("/tmp/probe.out");
+    EXPECT_EQ(0, probe.ExitCode()) << test::ReadFile("/tmp/probe.out");
+}
+
+} // namespace
+} // namespace brvo

@@ -1,0 +1,94 @@
+#include "support/ChildProcess.h"
+
+#include <Poco/StringTokenizer.h>
+#include <Poco/Thread.h>
+#include <Poco/Timestamp.h>
+
+#include <cstdlib>
+#include <csignal>
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace brvo {
+namespace test {
+
+std::vector<std::string> ChildProcess::DaemonCommand() {
+    std::vector<std::string> command;
+    const char* launcher = std::getenv("PVOCD_LAUNCHER");
+    if (launcher != nullptr) {
+        Poco::StringTokenizer words(launcher, " ", Poco::StringTokenizer::TOK_IGNORE_EMPTY);
+        command.assign(words.begin(), words.end());
+    }
+    command.push_back(PVOCD_BINARY);
+    return command;
+}
+
+std::vector<std::string> ChildProcess::FakeTimePrefix(const std::string& spec) {
+    return {"/usr/bin/faketime", "-f", spec};
+}
+
+ChildProcess::ChildProcess() : pid_(-1), ended_(false), status_(0) {}
+
+ChildProcess::~ChildProcess() {
+    if (Running()) {
+        ::kill(pid_, SIGKILL);
+        ::waitpid(pid_, &status_, 0);
+    }
+}
+
+bool ChildProcess::Start(const std::vector<std::string>& argv, const std::string& outputPath,
+                         const std::map<std::string, std::string>& env) {
+    if (argv.empty()) return false;
+    const int out = ::open(outputPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (out < 0) return false;
+    const pid_t pid = ::fork();
+    if (pid < 0) {
+        ::close(out);
+        return false;
+    }
+    if (pid == 0) {
+        ::dup2(out, 1);
+        ::dup2(out, 2);
+        for (const auto& entry : env) ::setenv(entry.first.c_str(), entry.second.c_str(), 1);
+        std::vector<char*> args;
+        for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
+        args.push_back(nullptr);
+        ::execv(args[0], args.data());
+        ::_exit(127);
+    }
+    ::close(out);
+    pid_ = pid;
+    ended_ = false;
+    return true;
+}
+
+bool ChildProcess::Signal(int signal) {
+    return Running() && ::kill(pid_, signal) == 0;
+}
+
+bool ChildProcess::WaitExit(int timeoutMs) {
+    if (pid_ <= 0) return false;
+    Poco::Timestamp start;
+    while (!ended_) {
+        const pid_t done = ::waitpid(pid_, &status_, WNOHANG);
+        if (done == pid_) {
+            ended_ = true;
+            break;
+        }
+        if (start.elapsed() > static_cast<Poco::Timestamp::TimeDiff>(timeoutMs) * 1000) return false;
+        Poco::Thread::sleep(5);
+    }
+    return true;
+}
+
+bool ChildProcess::ExitedNormally() const {
+    return ended_ && WIFEXITED(status_);
+}
+
+int ChildProcess::ExitCode() const {
+    return ExitedNormally() ? WEXITSTATUS(status_) : -1;
+}
+
+} // namespace test
+} // namespace brvo

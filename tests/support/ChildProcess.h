@@ -1,0 +1,50 @@
+// A child process started by a test (the real daemon, or a probe), with its
+// standard output and error in a file, and bounded waits for its end.
+#ifndef BRVO_TESTS_SUPPORT_CHILDPROCESS_H
+#define BRVO_TESTS_SUPPORT_CHILDPROCESS_H
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include <sys/types.h>
+
+namespace brvo {
+namespace test {
+
+class ChildProcess {
+public:
+    // Path of the daemon under test. PVOCD_LAUNCHER (for example an
+    // emulator command line) is put in front of it when set.
+    static std::vector<std::string> DaemonCommand();
+    // Prefix that runs a command under libfaketime with FAKETIME=`spec`.
+    static std::vector<std::string> FakeTimePrefix(const std::string& spec);
+
+    ChildProcess();
+    // Kills the child (SIGKILL) if it still runs.
+    ~ChildProcess();
+
+    // Starts `argv` with the environment of the test plus `env`; output goes
+    // to `outputPath`. False if the process could not be started.
+    bool Start(const std::vector<std::string>& argv, const std::string& outputPath,
+               const std::map<std::string, std::string>& env = {});
+    // Sends `signal`; false when the child is not running.
+    bool Signal(int signal);
+    // Waits up to `timeoutMs` for the child to end. True when it ended; then
+    // ExitedNormally and ExitCode describe how.
+    bool WaitExit(int timeoutMs);
+    bool ExitedNormally() const;
+    int ExitCode() const;
+    bool Running() const { return pid_ > 0 && !ended_; }
+    pid_t Pid() const { return pid_; }
+
+private:
+    pid_t pid_;
+    bool ended_;
+    int status_;
+};
+
+} // namespace test
+} // namespace brvo
+
+#endif

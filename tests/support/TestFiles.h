@@ -1,0 +1,35 @@
+// File helpers shared by the tests. Every path they touch lies inside the
+// sandbox's private tmpfs mounts.
+#ifndef BRVO_TESTS_SUPPORT_TESTFILES_H
+#define BRVO_TESTS_SUPPORT_TESTFILES_H
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace brvo {
+namespace test {
+
+// Writes `content` to `path`, creating parent directories. Fails the test on error.
+void WriteFile(const std::string& path, const std::string& content);
+// The whole file, or empty text when it cannot be read.
+std::string ReadFile(const std::string& path);
+// The file's lines without their line feeds.
+std::vector<std::string> ReadLines(const std::string& path);
+// Whether the file exists.
+bool FileExists(const std::string& path);
+// Removes a file or a directory tree; silent when absent.
+void RemoveAll(const std::string& path);
+// Polls `condition` every 10 ms until it holds or `timeoutMs` passed.
+bool WaitFor(const std::function<bool()>& condition, int timeoutMs);
+// Writes LoggerSetting.xml with the given child elements (raw XML text).
+void WriteLoggerSetting(const std::string& innerXml);
+// Path of LoggerSetting.xml.
+std::string LoggerSettingPath();
+// Path of SystemSetting.xml.
+std::string SystemSettingPath();
+
+} // namespace test
+} // namespace brvo
+
+#endif

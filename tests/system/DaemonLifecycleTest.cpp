@@ -1,0 +1,226 @@
+// The real pvocd binary as a child process in the sandbox: start-up with and
+// without settings, the log it writes, and its stop on SIGTERM and SIGUSR1.
+#include "support/ChildProcess.h"
+#include "support/TestFiles.h"
+
+#include <gtest/gtest.h>
+
+#include <Poco/Timestamp.h>
+
+#include <csignal>
+#include <regex>
+
+namespace brvo {
+namespace {
+
+const std::string kLogDir = "/media/sdcard/kestrovanyx/Log/OutputScheduleLog";
+const std::string kLogFile = kLogDir + "/OutputSchedule_pvocd.log";
+const std::string kOutput = "/tmp/pvocd.out";
+
+class DaemonLifecycleTest : public ::testing::Test {
+protected:
+    bool StartDaemon(const std::map<std::string, std::string>& env = {},
+                     const std::vector<std::string>& prefix = {}) {
+        std::vector<std::string> command = prefix;
+        for (const std::string& word : test::ChildProcess::DaemonCommand()) command.push_back(word);
+        return daemon_.Start(command, kOutput, env);
+    }
+
+    static bool LogHas(const std::string& path, const std::string& text) {
+        return test::ReadFile(path).find(text) != std::string::npos;
+    }
+
+    bool WaitForStart(const std::string& log = kLogFile) {
+        return test::WaitFor([&] { return LogHas(log, "Start AppVer:20220119_qtx"); }, 10000);
+    }
+
+    // Sends `signal` and expects "Kill complete." in the log and exit code 0
+    // within one second.
+    void StopWith(int signal, const std::string& log = kLogFile) {
+        Poco::Timestamp sent;
+        ASSERT_TRUE(daemon_.Signal(signal));
+        ASSERT_TRUE(daemon_.WaitExit(5000)) << "pvocd did not stop";
+        EXPECT_LT(sent.elapsed(), 1000000) << "pvocd took longer than 1 s to stop";
+        ASSERT_TRUE(daemon_.ExitedNormally());
+        EXPECT_EQ(0, daemon_.ExitCode());
+        EXPECT_TRUE(LogHas(log, "] BrevantaOutputControlManager Kill complete.\n")) << test::ReadFile(log);
+    }
+
+    test::ChildProcess daemon_;
+};
+
+TEST_F(DaemonLifecycleTest, StartsWithoutSettingsAndStopsOnSigterm) {
+    ASSERT_FALSE(test::FileExists(test::LoggerSettingPath()));
+    ASSERT_TRUE(StartDaemon());
+    ASSERT_TRUE(WaitForStart()) << test::ReadFile(kOutput);
+    StopWith(SIGTERM);
+
+    const std::vector<std::string> lines = test::ReadLines(kLogFile);
+    const std::regex format(R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d UTC\] \[[VDIWEF]\] \[\d+\] \w+ .*)");
+    for (const std::string& line : lines) EXPECT_TRUE(std::regex_match(line, format)) << line;
+    const std::string text = test::ReadFile(kLogFile);
+    EXPECT_TRUE(LogHas(kLogFile, "] [D] ["));
+    EXPECT_NE(std::string::npos,
+              text.find("LoggerSettingManager [SdcardPath] = [/media/sdcard]\n"));
+    EXPECT_NE(std::string::npos,
+              text.find("LoggerSettingManager [GetLogDirectory] = [" + kLogDir + "]\n"));
+    EXPECT_NE(std::string::npos, text.find("] [I] ["));
+    // Every line is echoed to standard output behind the file name.
+    EXPECT_TRUE(LogHas(kOutput, "OutputSchedule_pvocd.log [")) << test::ReadFile(kOutput);
+}
+
+TEST_F(DaemonLifecycleTest, StopsOnSigusr1) {
+    ASSERT_TRUE(StartDaemon());
+    ASSERT_TRUE(WaitForStart());
+    StopWith(SIGUSR1);
+}
+
+TEST_F(DaemonLifecycleTest, StopsAtOnceWhenSignalledRightAfterStart) {
+    ASSERT_TRUE(StartDaemon());
+    ASSERT_TRUE(WaitForStart());
+    StopWith(SIGTERM);
+    // Start-up order in the log: settings dump, then the manager.
+    const std::string text = test::ReadFile(kLogFile);
+    EXPECT_LT(text.find("[SettingTagOutputControlSocketTimeout]"), text.find("Start AppVer:"));
+    EXPECT_LT(text.find("Start AppVer:"), text.find("Kill complete."));
+}
+
+TEST_F(DaemonLifecycleTest, CustomLoggerSettingsAreUsedAndDumped) {
+    test::WriteLoggerSetting(
+        "<SdcardPath>/media/sdcard/card</SdcardPath>"
+        "<LoggerSocketPath>/mnt/system/l.sock</LoggerSocketPath>"
+        "<WatchdogFileUpdateInterval>7</WatchdogFileUpdateInterval>"
+        "<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>"
+        "<OutputControlScheduleRetensionCycle>-5</OutputControlScheduleRetensionCycle>"
+        "<OutputControlSocketTimeout>abc</OutputControlSocketTimeout>");
+    const std::string log = "/media/sdcard/card/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd.log";
+    ASSERT_TRUE(StartDaemon());
+    ASSERT_TRUE(WaitForStart(log)) << test::ReadFile(kOutput);
+    StopWith(SIGTERM, log);
+    const std::string text = test::ReadFile(log);
+    for (const std::string& expected : {
+             std::string("[LoggerSocketPath] = [/mnt/system/l.sock]"),
+             std::string("[WatchdogFileUpdateInterval] = [7]"),
+             std::string("[SdcardPath] = [/media/sdcard/card]"),
+             std::string("[OutputScheduleEnableLogBufferedIO] = [0]"),
+             std::string("[OCScheduleRetensionCycle] = [-5]"),
+             std::string("[SettingTagOutputControlSocketTimeout] = [60]"),
+         }) {
+        EXPECT_NE(std::string::npos, text.find("LoggerSettingManager " + expected + "\n")) << expected;
+    }
+    EXPECT_FALSE(test::FileExists(kLogFile));
+}
+
+TEST_F(DaemonLifecycleTest, LogLevelHidesLowerLines) {
+    test::WriteLoggerSetting("<LogLevel>2</LogLevel>");
+    ASSERT_TRUE(StartDaemon());
+    ASSERT_TRUE(WaitForStart());
+    StopWith(SIGTERM);
+    EXPECT_FALSE(LogHas(kLogFile, "] [D] ["));
+    EXPECT_FALSE(LogHas(kOutput, "] [D] ["));
+}
+
+TEST_F(DaemonLifecycleTest, UnbufferedLogReachesFileWithinATick) {
+    test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>");
+    ASSERT_TRUE(StartDaemon());
+    ASSERT_TRUE(WaitForStart());
+    EXPECT_TRUE(LogHas(kLogFile, "[SdcardPath] = [/media/sdcard]"));
+    StopWith(SIGTERM);
+}
+
+TEST_F(DaemonLifecycleTest, BufferedLogIsWrittenAtStartFlushAndAtStop) {
+    test::WriteLoggerSetting("<OutputScheduleLogMaxBufferedSize>1000000</OutputScheduleLogMaxBufferedSize>");
+    ASSERT_TRUE(StartDaemon());
+    // Far below the threshold: only the flush at the end of start-up writes.
+    ASSERT_TRUE(WaitForStart());
+    EXPECT_TRUE(LogHas(kLogFile, "[SdcardPath] = [/media/sdcard]"));
+    EXPECT_FALSE(LogHas(kLogFile, "Kill complete."));
+    StopWith(SIGTERM);
+}
+
+// The lines of a log file without their time, level and thread parts.
+std::vector<std::string> MessagesOf(const std::string& path) {
+    static const std::regex head(R"(^\[[^\]]* UTC\] \[[VDIWEF]\] \[\d+\] )");
+    std::vector<std::string> messages;
+    for (const std::string& line : test::ReadLines(path)) {
+        messages.push_back(std::regex_replace(line, head, ""));
+    }
+    return messages;
+}
+
+TEST_F(DaemonLifecycleTest, LogRollsIntoNumberedFilesWithoutLosingLines) {
+    // Reference run without rolling.
+    test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>");
+    ASSERT_TRUE(StartDaemon());
+    ASSERT_TRUE(WaitForStart());
+    StopWith(SIGTERM);
+    std::vector<std::string> reference;
+    for (const std::string& message : MessagesOf(kLogFile)) {
+        if (message.find("[OutputScheduleLogMax") == std::string::npos &&
+            message.find("[OutputScheduleEnableLogBufferedIO]") == std::string::npos) {
+            reference.push_back(message);
+        }
+    }
+    test::RemoveAll(kLogDir);
+
+    test::WriteLoggerSetting(
+        "<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>"
+        "<OutputScheduleLogMaxFileSize>400b</OutputScheduleLogMaxFileSize>"
+        "<OutputScheduleLogMaxRollIndex>30</OutputScheduleLogMaxRollIndex>");
+    test::ChildProcess second;
+    std::vector<std::string> command = test::ChildProcess::DaemonCommand();
+    ASSERT_TRUE(second.Start(command, kOutput));
+    ASSERT_TRUE(test::WaitFor([] { return test::FileExists(kLogFile + ".2"); }, 10000));
+    ASSERT_TRUE(second.Signal(SIGTERM));
+    ASSERT_TRUE(second.WaitExit(5000));
+    EXPECT_EQ(0, second.ExitCode());
+
+    std::vector<std::string> all;
+    for (int i = 30; i >= 1; --i) {
+        const std::string rolled = kLogFile + "." + std::to_string(i);
+        if (!test::FileExists(rolled)) continue;
+        EXPECT_LE(test::ReadFile(rolled).size(), 400u) << rolled;
+        for (const std::string& m : MessagesOf(rolled)) all.push_back(m);
+    }
+    for (const std::string& m : MessagesOf(kLogFile)) all.push_back(m);
+    std::vector<std::string> filtered;
+    for (const std::string& message : all) {
+        if (message.find("[OutputScheduleLogMax") == std::string::npos &&
+            message.find("[OutputScheduleEnableLogBufferedIO]") == std::string::npos) {
+            filtered.push_back(message);
+        }
+    }
+    EXPECT_EQ(reference, filtered);
+}
+
+TEST_F(DaemonLifecycleTest, UnwritableLogDirectoryIsNotedOnce) {
+    // A regular file where the card's directory tree should start: no write
+    // below it can succeed, not even as root.
+    test::WriteFile("/media/sdcard/full", "not a directory");
+    test::WriteLoggerSetting("<SdcardPath>/media/sdcard/full</SdcardPath>"
+                             "<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>");
+    ASSERT_TRUE(StartDaemon());
+    ASSERT_TRUE(test::WaitFor([] { return LogHas(kOutput, "Start AppVer:"); }, 10000));
+    ASSERT_TRUE(daemon_.Signal(SIGTERM));
+    ASSERT_TRUE(daemon_.WaitExit(5000));
+    EXPECT_EQ(0, daemon_.ExitCode());
+    const std::vector<std::string> entries = test::ReadLines("/tmp/logger_io_file_error");
+    ASSERT_EQ(1u, entries.size());
+    EXPECT_TRUE(std::regex_match(
+        entries[0],
+        std::regex(R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d UTC\] /media/sdcard/full/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd\.log)")))
+        << entries[0];
+    // The lines still reach standard output.
+    EXPECT_TRUE(LogHas(kOutput, "Kill complete."));
+}
+
+TEST_F(DaemonLifecycleTest, LogTimesAreUtcOfTheClock) {
+    ASSERT_TRUE(StartDaemon({{"TZ", "Asia/Tokyo"}},
+                            test::ChildProcess::FakeTimePrefix("@2040-02-29 23:59:50")));
+    ASSERT_TRUE(WaitForStart()) << test::ReadFile(kOutput);
+    StopWith(SIGTERM);
+    EXPECT_TRUE(LogHas(kLogFile, "[2040-02-29 23:59:5")) << test::ReadFile(kLogFile);
+}
+
+} // namespace
+} // namespace brvo

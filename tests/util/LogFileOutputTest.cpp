@@ -1,0 +1,305 @@
+#include "util/LogFileOutput.h"
+
+#include "support/TestFiles.h"
+
+#include <gtest/gtest.h>
+
+#include <Poco/File.h>
+#include <Poco/Thread.h>
+
+#include <memory>
+#include <regex>
+
+namespace brvo {
+namespace {
+
+const std::string kDir = "/media/sdcard/logtest";
+const std::string kFile = kDir + "/out.log";
+
+class LogFileOutputTest : public ::testing::Test {
+protected:
+    void TearDown() override { output_.reset(); }
+
+    LogFileOutput& Make(bool buffered, int bufferedSize = 8192) {
+        output_.reset(new LogFileOutput());
+        output_->SetBufferedIO(buffered);
+        output_->SetMaxBufferedSize(bufferedSize);
+        return *output_;
+    }
+
+    void Log(const std::string& message, int level = 2) {
+        output_->Output(level, "I", "[1] Test", message);
+    }
+
+    static bool FileHas(const std::string& path, const std::string& text) {
+        return test::ReadFile(path).find(text) != std::string::npos;
+    }
+
+    std::unique_ptr<LogFileOutput> output_;
+};
+
+TEST_F(LogFileOutputTest, DefaultsAndSetterGuards) {
+    LogFileOutput output;
+    EXPECT_EQ(10485760u, output.GetMaxFileSize());
+    EXPECT_EQ(1, output.GetMaxRollIndex());
+    EXPECT_EQ(8192, output.GetMaxBufferedSize());
+    EXPECT_EQ(1, output.GetLogLevel());
+    EXPECT_TRUE(output.IsBufferedIO());
+
+    output.SetLogLevel(3);
+    output.SetLogLevel(6);
+    EXPECT_EQ(3, output.GetLogLevel());
+    output.SetLogLevel(-1);
+    EXPECT_EQ(3, output.GetLogLevel());
+    output.SetMaxFileSize(0);
+    EXPECT_EQ(10485760u, output.GetMaxFileSize());
+    output.SetMaxRollIndex(0);
+    EXPECT_EQ(1, output.GetMaxRollIndex());
+    output.SetMaxBufferedSize(0);
+    EXPECT_EQ(8192, output.GetMaxBufferedSize());
+    output.SetLogLevel(0);
+    EXPECT_EQ(0, output.GetLogLevel());
+    output.SetLogLevel(5);
+    EXPECT_EQ(5, output.GetLogLevel());
+}
+
+TEST_F(LogFileOutputTest, LineFormat) {
+    Make(false).SetFilePath(kFile);
+    Log("hello world");
+    ASSERT_TRUE(test::WaitFor([] { return FileHas(kFile, "hello world"); }, 5000));
+    const std::vector<std::string> lines = test::ReadLines(kFile);
+    ASSERT_EQ(1u, lines.size());
+    EXPECT_TRUE(std::regex_match(
+        lines[0], std::regex(R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d UTC\] \[I\] \[1\] Test hello world)")))
+        << lines[0];
+    EXPECT_EQ('\n', test::ReadFile(kFile).back());
+}
+
+TEST_F(LogFileOutputTest, EmptyMarkAndPrefixAreLeftOut) {
+    Make(false).SetFilePath(kFile);
+    output_->Output(2, "", "", "bare");
+    ASSERT_TRUE(test::WaitFor([] { return FileHas(kFile, "bare"); }, 5000));
+    EXPECT_TRUE(std::regex_match(test::ReadLines(kFile)[0],
+                                 std::regex(R"(\[[-0-9 :]+ UTC\] bare)")));
+}
+
+TEST_F(LogFileOutputTest, LineBelowLevelIsNeitherWrittenNorEchoed) {
+    Make(false).SetFilePath(kFile);
+    output_->SetLogLevel(3);
+    ::testing::internal::CaptureStdout();
+    Log("too low", 2);
+    Log("high enough", 3);
+    std::fflush(stdout);
+    const std::string echoed = ::testing::internal::GetCapturedStdout();
+    EXPECT_EQ(std::string::npos, echoed.find("too low"));
+    EXPECT_NE(std::string::npos, echoed.find("out.log [")) << echoed;
+    EXPECT_NE(std::string::npos, echoed.find("high enough"));
+    ASSERT_TRUE(test::WaitFor([] { return FileHas(kFile, "high enough"); }, 5000));
+    EXPECT_FALSE(FileHas(kFile, "too low"));
+}
+
+TEST_F(LogFileOutputTest, BufferedWaitsForThreshold) {
+    Make(true, 200).SetFilePath(kFile);
+    Log("first");
+    Poco::Thread::sleep(1500);
+    EXPECT_FALSE(FileHas(kFile, "first"));
+    for (int i = 0; i < 5; ++i) Log(std::string(40, 'x'));
+    ASSERT_TRUE(test::WaitFor([] { return FileHas(kFile, "first"); }, 5000));
+    EXPECT_EQ(6u, test::ReadLines(kFile).size());
+}
+
+TEST_F(LogFileOutputTest, BufferedWritesOnFlushRequest) {
+    Make(true, 100000).SetFilePath(kFile);
+    Log("pending");
+    Poco::Thread::sleep(1200);
+    EXPECT_FALSE(FileHas(kFile, "pending"));
+    output_->RequestFlush();
+    ASSERT_TRUE(test::WaitFor([] { return FileHas(kFile, "pending"); }, 5000));
+    EXPECT_FALSE(output_->IsFlushRequested());
+}
+
+TEST_F(LogFileOutputTest, BufferedWritesOnDestruction) {
+    Make(true, 100000).SetFilePath(kFile);
+    Log("kept at the end");
+    Poco::Thread::sleep(700);
+    EXPECT_FALSE(FileHas(kFile, "kept at the end"));
+    output_.reset();
+    EXPECT_TRUE(FileHas(kFile, "kept at the end"));
+}
+
+TEST_F(LogFileOutputTest, UnbufferedWritesWithinATick) {
+    Make(false, 100000).SetFilePath(kFile);
+    Log("soon");
+    EXPECT_TRUE(test::WaitFor([] { return FileHas(kFile, "soon"); }, 1500));
+}
+
+TEST_F(LogFileOutputTest, OversizedFileIsRolledBeforeFirstLine) {
+    test::WriteFile(kFile, std::string(300, 'o') + "\n");
+    LogFileOutput& output = Make(false);
+    output.SetMaxFileSize(200);
+    output.SetMaxRollIndex(2);
+    output.SetFilePath(kFile);
+    Log("new");
+    ASSERT_TRUE(test::WaitFor([] { return FileHas(kFile, "new"); }, 5000));
+    EXPECT_EQ(std::string(300, 'o') + "\n", test::ReadFile(kFile + ".1"));
+    EXPECT_EQ(1u, test::ReadLines(kFile).size());
+}
+
+TEST_F(LogFileOutputTest, LineLongerThanLimitIsWrittenWholeIntoFreshFile) {
+    LogFileOutput& output = Make(false);
+    output.SetMaxFileSize(100);
+    output.SetMaxRollIndex(5);
+    output.SetFilePath(kFile);
+    Log("short");
+    ASSERT_TRUE(test::WaitFor([] { return FileHas(kFile, "short"); }, 5000));
+    const std::string longText(500, 'L');
+    Log(longText);
+    ASSERT_TRUE(test::WaitFor([&] { return FileHas(kFile, longText); }, 5000));
+    EXPECT_TRUE(FileHas(kFile + ".1", "short"));
+    const std::vector<std::string> lines = test::ReadLines(kFile);
+    ASSERT_EQ(1u, lines.size());
+    EXPECT_NE(std::string::npos, lines[0].find(longText));
+}
+
+std::vector<std::string> NumberedLines(const std::string& path) {
+    std::vector<std::string> numbers;
+    std::regex pattern(R"(line-(\d+)$)");
+    for (const std::string& line : test::ReadLines(path)) {
+        std::smatch match;
+        if (std::regex_search(line, match, pattern)) numbers.push_back(match[1]);
+    }
+    return numbers;
+}
+
+TEST_F(LogFileOutputTest, RollingKeepsEveryLineOnceInOrder) {
+    LogFileOutput& output = Make(false);
+    output.SetMaxFileSize(400);
+    output.SetMaxRollIndex(40);
+    output.SetFilePath(kFile);
+    for (int i = 0; i < 60; ++i) {
+        Log("line-" + std::to_string(i));
+        if (i % 7 == 0) Poco::Thread::sleep(120);
+    }
+    ASSERT_TRUE(test::WaitFor([] { return FileHas(kFile, "line-59\n"); }, 5000));
+    std::vector<std::string> all;
+    for (int i = 40; i >= 1; --i) {
+        const std::string rolled = kFile + "." + std::to_string(i);
+        if (!test::FileExists(rolled)) continue;
+        EXPECT_LE(Poco::File(rolled).getSize(), 400u) << rolled;
+        for (const std::string& n : NumberedLines(rolled)) all.push_back(n);
+    }
+    for (const std::string& n : NumberedLines(kFile)) all.push_back(n);
+    ASSERT_EQ(60u, all.size());
+    for (int i = 0; i < 60; ++i) EXPECT_EQ(std::to_string(i), all[static_cast<std::size_t>(i)]);
+    EXPECT_TRUE(test::FileExists(kFile + ".2"));
+}
+
+TEST_F(LogFileOutputTest, RollingOverwritesOldestBeyondRollIndex) {
+    LogFileOutput& output = Make(false);
+    output.SetMaxFileSize(120);
+    output.SetMaxRollIndex(3);
+    output.SetFilePath(kFile);
+    for (int i = 0; i < 40; ++i) Log("line-" + std::to_string(i));
+    ASSERT_TRUE(test::WaitFor([] { return FileHas(kFile, "line-39\n"); }, 5000));
+    EXPECT_FALSE(test::FileExists(kFile + ".4"));
+    std::vector<std::string> kept;
+    for (int i = 3; i >= 1; --i) {
+        ASSERT_TRUE(test::FileExists(kFile + "." + std::to_string(i)));
+        for (const std::string& n : NumberedLines(kFile + "." + std::to_string(i))) kept.push_back(n);
+    }
+    for (const std::string& n : NumberedLines(kFile)) kept.push_back(n);
+    // What is kept is the newest lines, each once, in order, ending in the last.
+    ASSERT_FALSE(kept.empty());
+    const int first = std::stoi(kept.front());
+    for (std::size_t i = 0; i < kept.size(); ++i) {
+        EXPECT_EQ(std::to_string(first + static_cast<int>(i)), kept[i]);
+    }
+    EXPECT_EQ("39", kept.back());
+}
+
+TEST_F(LogFileOutputTest, RemovedDirectoryIsRecreatedAtNextTick) {
+    Make(false).SetFilePath(kFile);
+    Log("before");
+    ASSERT_TRUE(test::WaitFor([] { return FileHas(kFile, "before"); }, 5000));
+    test::RemoveAll(kDir);
+    Log("after");
+    ASSERT_TRUE(test::WaitFor([] { return FileHas(kFile, "after"); }, 5000));
+    EXPECT_FALSE(FileHas(kFile, "before"));
+}
+
+TEST_F(LogFileOutputTest, RepeatedFailuresLeaveOneEntryPerPeriod) {
+    // A regular file where the log directory should be makes every write
+    // fail, even for root.
+    test::WriteFile("/media/sdcard/blocked", "x");
+    const std::string blockedFile = "/media/sdcard/blocked/log/out.log";
+    Make(false).SetFilePath(blockedFile);
+    for (int i = 0; i < 4; ++i) {
+        Log("lost-" + std::to_string(i));
+        Poco::Thread::sleep(600);
+    }
+    std::vector<std::string> entries = test::ReadLines(LogFileOutput::kErrorFilePath);
+    ASSERT_EQ(1u, entries.size());
+    EXPECT_TRUE(std::regex_match(
+        entries[0], std::regex(R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d UTC\] /media/sdcard/blocked/log/out\.log)")))
+        << entries[0];
+
+    // Space returns: the held lines are written, in order, and the entry is
+    // re-armed for the next failure period.
+    test::RemoveAll("/media/sdcard/blocked");
+    ASSERT_TRUE(test::WaitFor([&] { return FileHas(blockedFile, "lost-3"); }, 5000));
+    const std::string written = test::ReadFile(blockedFile);
+    for (int i = 0; i < 4; ++i) {
+        const std::string text = "lost-" + std::to_string(i);
+        ASSERT_NE(std::string::npos, written.find(text)) << text;
+        if (i > 0) {
+            EXPECT_LT(written.find("lost-" + std::to_string(i - 1)), written.find(text));
+        }
+    }
+    test::RemoveAll("/media/sdcard/blocked");
+    test::WriteFile("/media/sdcard/blocked", "x");
+    Log("lost-again");
+    ASSERT_TRUE(test::WaitFor(
+        [] { return test::ReadLines(LogFileOutput::kErrorFilePath).size() == 2; }, 5000));
+    Poco::Thread::sleep(1200);
+    EXPECT_EQ(2u, test::ReadLines(LogFileOutput::kErrorFilePath).size());
+}
+
+TEST_F(LogFileOutputTest, EmptyPathIsReportedButDoesNotCrash) {
+    ::testing::internal::CaptureStdout();
+    Make(false).SetFilePath("");
+    std::fflush(stdout);
+    EXPECT_NE(std::string::npos,
+              ::testing::internal::GetCapturedStdout().find("file_path error not set\n"));
+    Log("nowhere");
+    Poco::Thread::sleep(700);
+    EXPECT_TRUE(test::FileExists(LogFileOutput::kErrorFilePath));
+}
+
+TEST_F(LogFileOutputTest, LinesFromManyThreadsAreAllWritten) {
+    Make(true, 512).SetFilePath(kFile);
+    std::vector<std::unique_ptr<Poco::Thread>> threads;
+    class Writer : public Poco::Runnable {
+    public:
+        Writer(LogFileOutput& out, int id) : out_(out), id_(id) {}
+        void run() override {
+            for (int i = 0; i < 200; ++i) {
+                out_.Output(2, "I", "[t]", "w" + std::to_string(id_) + "-" + std::to_string(i));
+            }
+        }
+    private:
+        LogFileOutput& out_;
+        int id_;
+    };
+    std::vector<std::unique_ptr<Writer>> writers;
+    for (int t = 0; t < 4; ++t) {
+        writers.emplace_back(new Writer(*output_, t));
+        threads.emplace_back(new Poco::Thread());
+        threads.back()->start(*writers.back());
+    }
+    for (auto& thread : threads) thread->join();
+    output_.reset();
+    EXPECT_EQ(800u, test::ReadLines(kFile).size());
+}
+
+} // namespace
+} // namespace brvo
