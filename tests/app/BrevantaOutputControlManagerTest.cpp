@@ -34,7 +34,9 @@ protected:
 
     void TearDown() override {
         BrevantaOutputControlManager::RequestKill();
-        for (auto& thread : threads_) thread->join();
+        for (auto& thread : threads_) {
+            if (thread->isRunning()) thread->join();
+        }
         BrevantaOutputControlManager::DeleteInstance();
         LoggerLog::DeleteInstance();
         LoggerSettingManager::DeleteInstance();
@@ -119,9 +121,8 @@ TEST_F(BrevantaOutputControlManagerTest, FlushTimerWritesBufferedLinesEveryFiveM
     // The probe runs the manager under a fake clock thirty times faster than
     // real time, so five minutes pass in ten seconds.
     test::ChildProcess probe;
-    std::vector<std::string> command = test::ChildProcess::FakeTimePrefix("+0 x30");
-    command.push_back(FLUSH_PROBE_BINARY);
-    ASSERT_TRUE(probe.Start(command, "/tmp/probe.out"));
+    ASSERT_TRUE(probe.Start({FLUSH_PROBE_BINARY}, "/tmp/probe.out",
+                            test::ChildProcess::FakeTimeEnv("+0 x30")));
     ASSERT_TRUE(probe.WaitExit(90000)) << test::ReadFile("/tmp/probe.out");
     EXPECT_EQ(0, probe.ExitCode()) << test::ReadFile("/tmp/probe.out");
 }

@@ -24,8 +24,20 @@ std::vector<std::string> ChildProcess::DaemonCommand() {
     return command;
 }
 
-std::vector<std::string> ChildProcess::FakeTimePrefix(const std::string& spec) {
-    return {"/usr/bin/faketime", "-f", spec};
+std::map<std::string, std::string> ChildProcess::FakeTimeEnv(const std::string& spec) {
+    const char* library = std::getenv("PVOC_FAKETIME_LIB");
+    std::string path = library != nullptr ? library : "";
+    if (path.empty()) {
+        for (const char* candidate : {"/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1",
+                                      "/usr/lib/aarch64-linux-gnu/faketime/libfaketimeMT.so.1",
+                                      "/usr/lib/arm-linux-gnueabihf/faketime/libfaketimeMT.so.1"}) {
+            if (::access(candidate, R_OK) == 0) {
+                path = candidate;
+                break;
+            }
+        }
+    }
+    return {{"LD_PRELOAD", path}, {"FAKETIME", spec}, {"FAKETIME_DONT_FAKE_MONOTONIC", "0"}};
 }
 
 ChildProcess::ChildProcess() : pid_(-1), ended_(false), status_(0) {}

@@ -17,8 +17,10 @@ public:
     // Path of the daemon under test. PVOCD_LAUNCHER (for example an
     // emulator command line) is put in front of it when set.
     static std::vector<std::string> DaemonCommand();
-    // Prefix that runs a command under libfaketime with FAKETIME=`spec`.
-    static std::vector<std::string> FakeTimePrefix(const std::string& spec);
+    // Environment that runs a child under libfaketime with FAKETIME=`spec`
+    // (the library is preloaded into the child itself, so signals reach it).
+    // PVOC_FAKETIME_LIB names the library when it is not the host's.
+    static std::map<std::string, std::string> FakeTimeEnv(const std::string& spec);
 
     ChildProcess();
     // Kills the child (SIGKILL) if it still runs.

@@ -19,11 +19,8 @@ const std::string kOutput = "/tmp/pvocd.out";
 
 class DaemonLifecycleTest : public ::testing::Test {
 protected:
-    bool StartDaemon(const std::map<std::string, std::string>& env = {},
-                     const std::vector<std::string>& prefix = {}) {
-        std::vector<std::string> command = prefix;
-        for (const std::string& word : test::ChildProcess::DaemonCommand()) command.push_back(word);
-        return daemon_.Start(command, kOutput, env);
+    bool StartDaemon(const std::map<std::string, std::string>& env = {}) {
+        return daemon_.Start(test::ChildProcess::DaemonCommand(), kOutput, env);
     }
 
     static bool LogHas(const std::string& path, const std::string& text) {
@@ -214,9 +211,12 @@ TEST_F(DaemonLifecycleTest, UnwritableLogDirectoryIsNotedOnce) {
     EXPECT_TRUE(LogHas(kOutput, "Kill complete."));
 }
 
-TEST_F(DaemonLifecycleTest, LogTimesAreUtcOfTheClock) {
-    ASSERT_TRUE(StartDaemon({{"TZ", "Asia/Tokyo"}},
-                            test::ChildProcess::FakeTimePrefix("@2040-02-29 23:59:50")));
+TEST_F(DaemonLifecycleTest, LogTimesAreUtcOfTheClockAfter2038) {
+    // The fake clock starts at 2040-03-01 08:59:50 Tokyo time, which is
+    // 2040-02-29 23:59:50 UTC: the log shows UTC whatever the local zone.
+    std::map<std::string, std::string> env = test::ChildProcess::FakeTimeEnv("@2040-03-01 08:59:50");
+    env["TZ"] = "Asia/Tokyo";
+    ASSERT_TRUE(StartDaemon(env));
     ASSERT_TRUE(WaitForStart()) << test::ReadFile(kOutput);
     StopWith(SIGTERM);
     EXPECT_TRUE(LogHas(kLogFile, "[2040-02-29 23:59:5")) << test::ReadFile(kLogFile);

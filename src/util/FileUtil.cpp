@@ -1,0 +1,169 @@
+#include "util/FileUtil.h"
+
+#include "settings/LoggerSettingManager.h"
+#include "util/LoggerLog.h"
+
+#include <Poco/Exception.h>
+#include <Poco/File.h>
+#include <Poco/Mutex.h>
+#include <Poco/Path.h>
+
+namespace brvo {
+
+namespace {
+
+const std::string kTag = "FileUtil";
+const std::string kProduct = "kestrovanyx";
+const std::string kEtcBase = "/usr/local/etc/" + kProduct;
+const std::string kDefaultSdcardPath = "/media/sdcard";
+
+Poco::FastMutex dataRootMutex;
+std::string dataRoot;
+bool dataRootChecked = false;
+
+void LogFailure(const std::string& what, const std::string& path, const Poco::Exception& e) {
+    LoggerLog::Error(kTag, what + "[" + path + "] [" + e.displayText() + "]");
+}
+
+} // namespace
+
+FileUtil::~FileUtil() {}
+
+std::string FileUtil::GetSettingsDirectory() { return kEtcBase + "/SettingsXML"; }
+
+std::string FileUtil::GetSystemSettingFile() { return GetSettingsDirectory() + "/SystemSetting.xml"; }
+
+std::string FileUtil::GetDefaultSystemSettingFile() {
+    return GetSettingsDirectory() + "/DefaultSystemSetting.xml";
+}
+
+std::string FileUtil::GetLoggerSettingFile() { return GetSettingsDirectory() + "/LoggerSetting.xml"; }
+
+std::string FileUtil::GetDeviceDirectory() { return kEtcBase + "/DeviceXML"; }
+
+// Decided once per run: the card when it can be written, else /tmp.
+std::string FileUtil::GetDataRoot() {
+    Poco::FastMutex::ScopedLock lock(dataRootMutex);
+    if (dataRoot.empty()) {
+        LoggerSettingManager* settings = LoggerSettingManager::GetInstance();
+        const std::string card = settings != nullptr ? settings->GetSdcardPath() : kDefaultSdcardPath;
+        dataRoot = card + "/" + kProduct;
+        if (!dataRootChecked) {
+            dataRootChecked = true;
+            if (!IsWritableDirectory(dataRoot)) dataRoot = "/tmp/" + kProduct;
+        }
+    }
+    return dataRoot;
+}
+
+void FileUtil::ResetDataRoot() {
+    Poco::FastMutex::ScopedLock lock(dataRootMutex);
+    dataRoot.clear();
+    dataRootChecked = false;
+}
+
+std::string FileUtil::GetDatabaseDirectory() { return GetDataRoot() + "/Database"; }
+
+std::string FileUtil::GetOutputControlDirectory() {
+    const std::string directory = GetDatabaseDirectory() + "/OutputControl";
+    CreateDirectory(directory, true);
+    return directory;
+}
+
+std::string FileUtil::GetCertificatesDirectory() { return GetDataRoot() + "/Certificates/"; }
+
+bool FileUtil::Rename(const std::string& from, const std::string& to) {
+    try {
+        Poco::File(from).renameTo(to);
+        return true;
+    } catch (const Poco::Exception& e) {
+        LoggerLog::Error(kTag, "Rename file. file:[" + from + "] -> [" + to + "] [" + e.displayText() + "]");
+        return false;
+    }
+}
+
+bool FileUtil::CreateFile(const std::string& path) {
+    try {
+        Poco::File file(path);
+        if (file.exists()) file.remove();
+        return file.createFile();
+    } catch (const Poco::Exception& e) {
+        LogFailure("Create file. file:", path, e);
+        return false;
+    }
+}
+
+bool FileUtil::Exists(const std::string& path) {
+    if (path.empty()) return false;
+    try {
+        return Poco::File(path).exists();
+    } catch (const Poco::Exception&) {
+        return false;
+    }
+}
+
+bool FileUtil::CreateDirectory(const std::string& path, bool withParents) {
+    try {
+        Poco::File directory(path);
+        if (!withParents) return directory.createDirectory();
+        directory.createDirectories();
+        return Exists(path);
+    } catch (const Poco::Exception& e) {
+        LogFailure("Create directory failed. file:", path, e);
+        return false;
+    }
+}
+
+std::string FileUtil::GetDirectory(const std::string& path) {
+    return Poco::Path(path).parent().toString(Poco::Path::PATH_NATIVE);
+}
+
+std::string FileUtil::GetFileName(const std::string& path) {
+    if (path.empty()) return std::string();
+    return Poco::Path(path).getFileName();
+}
+
+bool FileUtil::SetWritable(const std::string& path, bool writable) {
+    try {
+        Poco::File file(path);
+        file.setWriteable(writable);
+        return file.canWrite() == writable;
+    } catch (const Poco::Exception& e) {
+        LogFailure("Set Writable fail. file:", path, e);
+        return false;
+    }
+}
+
+bool FileUtil::CanWrite(const std::string& path) {
+    try {
+        return Poco::File(path).canWrite();
+    } catch (const Poco::Exception& e) {
+        LogFailure("Can Write fail. file:", path, e);
+        return false;
+    }
+}
+
+Poco::UInt64 FileUtil::GetSize(const std::string& path) {
+    try {
+        return Poco::File(path).getSize();
+    } catch (const Poco::Exception& e) {
+        LogFailure("Get fail size fail. file:", path, e);
+        return 0;
+    }
+}
+
+bool FileUtil::IsWritableDirectory(const std::string& dir) {
+    if (!CreateDirectory(dir, true)) return false;
+    const std::string probe = dir + "/write_test";
+    try {
+        Poco::File file(probe);
+        if (file.exists()) file.remove();
+        const bool created = file.createFile();
+        file.remove();
+        return created;
+    } catch (const Poco::Exception&) {
+        return false;
+    }
+}
+
+} // namespace brvo
