@@ -24,6 +24,10 @@ const std::string kStatus500 = "500";
 const std::string kStatus701 = "701";
 const std::string kStatus702 = "702";
 
+// Tables; each lives in a database file of the same name + ".db".
+const std::string kTableSchedule = "output_control_schedule";
+const std::string kTableScheduleUpdateInfo = "output_control_schedule_update_info";
+
 // Columns of the update information table.
 const std::string kColumnPlantId = "plantId";
 const std::string kColumnLastUpdateTime = "lastUpdateTime";
