@@ -83,7 +83,7 @@ std::shared_ptr<LogFileOutput> LoggerLog::Output() {
 
 void LoggerLog::Write(int level, const std::string& tag, const std::string& message) {
     std::shared_ptr<LogFileOutput> current = std::atomic_load(&output);
-    if (!current) return;
+    if (!current || level < current->GetLogLevel()) return;
     try {
         current->Output(level, kMarks[level], "[" + ThreadText() + "] " + tag, message);
     } catch (...) {
