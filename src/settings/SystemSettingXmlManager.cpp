@@ -1,0 +1,170 @@
+#include "settings/SystemSettingXmlManager.h"
+
+#include "app/Constants.h"
+#include "util/FileUtil.h"
+#include "util/LoggerLog.h"
+
+#include <Poco/AutoPtr.h>
+#include <Poco/DOM/DOMParser.h>
+#include <Poco/DOM/Document.h>
+#include <Poco/Exception.h>
+
+namespace brvo {
+
+namespace {
+
+const std::string kTag = "SystemSettingXmlManager";
+const std::string kRootPath = "/logger";
+const std::string kRootName = "logger";
+
+SystemSettingXmlManager* instance = nullptr;
+
+// Thrown inside Load when the document has no logger root, so that the
+// caller can log the message the file's readers have always written.
+class MissingRoot : public std::exception {};
+
+} // namespace
+
+void SystemSettingXmlManager::CreateInstance() {
+    if (instance == nullptr) instance = new SystemSettingXmlManager();
+}
+
+SystemSettingXmlManager* SystemSettingXmlManager::GetInstance() {
+    return instance;
+}
+
+void SystemSettingXmlManager::DeleteInstance() {
+    delete instance;
+    instance = nullptr;
+}
+
+SystemSettingXmlManager::SystemSettingXmlManager() {}
+
+SystemSettingXmlManager::~SystemSettingXmlManager() {}
+
+std::shared_ptr<XmlNode> SystemSettingXmlManager::ParseFile() {
+    Poco::XML::DOMParser parser;
+    parser.setEncoding("UTF-8");
+    Poco::AutoPtr<Poco::XML::Document> document = parser.parse(FileUtil::GetSystemSettingFile());
+    Poco::XML::Node* root = document->getNodeByPath(kRootPath);
+    if (root == nullptr) throw MissingRoot();
+    return std::make_shared<XmlNode>(nullptr, root);
+}
+
+bool SystemSettingXmlManager::Load() {
+    try {
+        std::shared_ptr<XmlNode> tree = ParseFile();
+        Poco::FastMutex::ScopedLock lock(mutex_);
+        Fill(tree);
+        return true;
+    } catch (const MissingRoot&) {
+        LoggerLog::Error(kTag, "SystemSettingXml Load error(logger tag not found.) ");
+    } catch (const Poco::Exception& e) {
+        LoggerLog::Error(kTag, "SystemSettingXml Load error(Load from file) [" + e.displayText() + "]");
+    } catch (const std::exception&) {
+        LoggerLog::Error(kTag, "SystemSettingXml Load error(Load from file) exception");
+    }
+    return false;
+}
+
+bool SystemSettingXmlManager::Load(const std::shared_ptr<XmlNode>& tree) {
+    if (!tree) return false;
+    try {
+        Poco::FastMutex::ScopedLock lock(mutex_);
+        Fill(tree);
+        return true;
+    } catch (const Poco::Exception& e) {
+        LoggerLog::Error(kTag, "SystemSettingXml Load error(Poco::XmlNode) [" + e.displayText() + "]");
+    } catch (const std::exception&) {
+        LoggerLog::Error(kTag, "SystemSettingXml Load error(Poco::XmlNode) exception");
+    }
+    return false;
+}
+
+std::shared_ptr<XmlNode> SystemSettingXmlManager::LoadSystemSettingXmlNode() {
+    try {
+        return ParseFile();
+    } catch (const MissingRoot&) {
+        LoggerLog::Error(kTag, "SystemSettingXml Load error(logger tag not found.) ");
+    } catch (const Poco::Exception& e) {
+        LoggerLog::Error(kTag, "LoadSystemSettingXmlNode failed. [" + e.displayText() + "]");
+    } catch (const std::exception&) {
+        LoggerLog::Error(kTag, "LoadSystemSettingXmlNode failed. exception");
+    }
+    return nullptr;
+}
+
+// Called with the mutex held: discards the old values, then reads the
+// logger attributes and the last general section of the tree.
+void SystemSettingXmlManager::Fill(const std::shared_ptr<XmlNode>& tree) {
+    tree_.reset();
+    loggerAttribute_.reset();
+    general_.reset();
+    if (tree->GetName() == kRootName) loggerAttribute_.reset(new XmlDataLoggerAttribute(*tree));
+    for (const XmlNode* child : tree->GetChildren()) {
+        if (child->GetName() == kGeneral) general_.reset(new XmlDataGeneral(*child));
+    }
+    tree_ = tree;
+}
+
+bool SystemSettingXmlManager::HasGeneral() const {
+    Poco::FastMutex::ScopedLock lock(mutex_);
+    return general_ != nullptr;
+}
+
+std::string SystemSettingXmlManager::GetLoggerId() const {
+    Poco::FastMutex::ScopedLock lock(mutex_);
+    return loggerAttribute_ ? loggerAttribute_->GetLoggerId() : std::string();
+}
+
+std::string SystemSettingXmlManager::GetLoggerPlantId() const {
+    Poco::FastMutex::ScopedLock lock(mutex_);
+    return loggerAttribute_ ? loggerAttribute_->GetPlantId() : std::string();
+}
+
+std::string SystemSettingXmlManager::GetTimezone() const {
+    Poco::FastMutex::ScopedLock lock(mutex_);
+    return general_ && general_->GetSystem() ? general_->GetSystem()->GetTimezone() : std::string();
+}
+
+int SystemSettingXmlManager::GetCommunicationErrorRetry() const {
+    Poco::FastMutex::ScopedLock lock(mutex_);
+    return general_ && general_->GetSystem() ? general_->GetSystem()->GetCommunicationErrorRetry() : 0;
+}
+
+std::string SystemSettingXmlManager::GetOutputControlPlantId() const {
+    Poco::FastMutex::ScopedLock lock(mutex_);
+    return general_ ? general_->GetOutputControlPlantId() : std::string();
+}
+
+bool SystemSettingXmlManager::GetOutputControlStandAlone() const {
+    Poco::FastMutex::ScopedLock lock(mutex_);
+    return general_ ? general_->GetOutputControlStandAlone() : false;
+}
+
+std::string SystemSettingXmlManager::GetOutputScheduleInformationServerUrl() const {
+    Poco::FastMutex::ScopedLock lock(mutex_);
+    return general_ ? general_->GetOutputScheduleInformationServerUrl() : std::string();
+}
+
+std::string SystemSettingXmlManager::GetFacilityCertifiedCapacity() const {
+    Poco::FastMutex::ScopedLock lock(mutex_);
+    return general_ ? general_->GetFacilityCertifiedCapacity() : std::string();
+}
+
+bool SystemSettingXmlManager::GetCloudCooperation() const {
+    Poco::FastMutex::ScopedLock lock(mutex_);
+    return general_ ? general_->GetCloudCooperation() : false;
+}
+
+void SystemSettingXmlManager::SetOutputControlPlantId(const std::string& plantId) {
+    Poco::FastMutex::ScopedLock lock(mutex_);
+    if (general_) general_->SetOutputControlPlantId(plantId);
+}
+
+void SystemSettingXmlManager::SetOutputControlStandAlone(bool standAlone) {
+    Poco::FastMutex::ScopedLock lock(mutex_);
+    if (general_) general_->SetOutputControlStandAlone(standAlone);
+}
+
+} // namespace brvo

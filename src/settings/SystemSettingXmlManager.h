@@ -1,0 +1,77 @@
+// Reader of SystemSetting.xml, the data logger's shared system settings:
+// the logger's identity, its plant and the output-control parameters. The
+// file is reread whenever a flow asks for a fresh load; the daemon never
+// writes it.
+#ifndef BRVO_SETTINGS_SYSTEMSETTINGXMLMANAGER_H
+#define BRVO_SETTINGS_SYSTEMSETTINGXMLMANAGER_H
+
+#include "settings/XmlDataGeneral.h"
+#include "settings/XmlDataLoggerAttribute.h"
+#include "settings/XmlNode.h"
+
+#include <Poco/Mutex.h>
+
+#include <memory>
+#include <string>
+
+namespace brvo {
+
+class SystemSettingXmlManager {
+public:
+    // Creates the process-wide instance if absent (nothing is loaded yet).
+    static void CreateInstance();
+    // The instance, or null before CreateInstance.
+    static SystemSettingXmlManager* GetInstance();
+    // Deletes the instance.
+    static void DeleteInstance();
+
+    SystemSettingXmlManager();
+    virtual ~SystemSettingXmlManager();
+
+    // Reads SystemSetting.xml and replaces the tree and both records. False
+    // (with a log line) when the file cannot be parsed or has no logger
+    // root; the previous values then stay.
+    bool Load();
+    // Replaces the records from an already built tree of such a file.
+    // False when `tree` is null or reading it fails.
+    bool Load(const std::shared_ptr<XmlNode>& tree);
+    // Parses the file and returns its tree from the logger element, without
+    // touching the loaded values. Null (with a log line) on failure.
+    std::shared_ptr<XmlNode> LoadSystemSettingXmlNode();
+
+    // Whether a general section is loaded.
+    bool HasGeneral() const;
+    // Logger id and the logger's plant id; empty when nothing is loaded.
+    std::string GetLoggerId() const;
+    std::string GetLoggerPlantId() const;
+    // Time zone of the system record; empty when absent.
+    std::string GetTimezone() const;
+    // Retry count of the system record, 0 to 99; 0 when absent.
+    int GetCommunicationErrorRetry() const;
+    // Output-control values of the general section; empty or false when absent.
+    std::string GetOutputControlPlantId() const;
+    bool GetOutputControlStandAlone() const;
+    std::string GetOutputScheduleInformationServerUrl() const;
+    std::string GetFacilityCertifiedCapacity() const;
+    bool GetCloudCooperation() const;
+
+    // Change the loaded general section in memory only; lost at the next
+    // Load, and ignored when no general section is loaded.
+    void SetOutputControlPlantId(const std::string& plantId);
+    void SetOutputControlStandAlone(bool standAlone);
+
+private:
+    static std::shared_ptr<XmlNode> ParseFile();
+    void Fill(const std::shared_ptr<XmlNode>& tree);
+
+    // The manager is shared between the request workers and the timer
+    // threads; the mutex keeps a reload from racing a reader.
+    mutable Poco::FastMutex mutex_;
+    std::shared_ptr<XmlNode> tree_;
+    std::unique_ptr<XmlDataLoggerAttribute> loggerAttribute_;
+    std::unique_ptr<XmlDataGeneral> general_;
+};
+
+} // namespace brvo
+
+#endif
