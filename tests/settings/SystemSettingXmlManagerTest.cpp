@@ -1,0 +1,253 @@
+#include "settings/SystemSettingXmlManager.h"
+
+#include "settings/LoggerSettingManager.h"
+#include "support/TestFiles.h"
+#include "util/LoggerLog.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace brvo {
+namespace {
+
+const std::string kLogFile =
+    "/media/sdcard/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd.log";
+
+class SystemSettingXmlManagerTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        // Unbuffered, level 0: every line reaches the file at the next tick.
+        test::WriteLoggerSetting(
+            "<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>"
+            "<LogLevel>0</LogLevel>");
+        LoggerSettingManager::CreateInstance();
+        LoggerLog::CreateInstance();
+    }
+
+    void TearDown() override {
+        LoggerLog::DeleteInstance();
+        LoggerSettingManager::DeleteInstance();
+    }
+
+    // Writes SystemSetting.xml with a logger root holding `attributes` and
+    // a general section holding `general`.
+    static void WriteSystemSetting(const std::string& attributes, const std::string& general) {
+        test::WriteFile(test::SystemSettingPath(),
+                        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<logger " + attributes +
+                            "><general>" + general + "</general></logger>\n");
+    }
+
+    // Writes a file whose general section holds only `general`, loads it and
+    // expects success.
+    void LoadGeneral(const std::string& general) {
+        WriteSystemSetting("loggerId=\"L1\"", general);
+        ASSERT_TRUE(manager_.Load());
+    }
+
+    // The log so far: deleting the writer flushes every buffered line.
+    static std::string FlushedLog() {
+        LoggerLog::DeleteInstance();
+        const std::string log = test::ReadFile(kLogFile);
+        LoggerLog::CreateInstance();
+        return log;
+    }
+
+    // Whether some line of `log` carries level `mark`, then `tag` and
+    // exactly `message` at its end.
+    static bool LogHas(const std::string& log, const std::string& mark, const std::string& tag,
+                       const std::string& message) {
+        std::size_t begin = 0;
+        while (begin < log.size()) {
+            std::size_t end = log.find('\n', begin);
+            if (end == std::string::npos) end = log.size();
+            const std::string line = log.substr(begin, end - begin);
+            const std::string tail = "] " + tag + " " + message;
+            if (line.find(" UTC] [" + mark + "] [") != std::string::npos &&
+                line.size() >= tail.size() &&
+                line.compare(line.size() - tail.size(), tail.size(), tail) == 0) {
+                return true;
+            }
+            begin = end + 1;
+        }
+        return false;
+    }
+
+    SystemSettingXmlManager manager_;
+};
+
+TEST_F(SystemSettingXmlManagerTest, ReadsEveryValue) {
+    WriteSystemSetting(
+        "timestamp=\"t\" serial=\"s\" version=\"v\" appversion=\"a\" loggerId=\"LOG-1\" "
+        "plantId=\"PLANT-9\" planeName=\"Roof\"",
+        "<loggerIp>10.0.0.2</loggerIp><serverUrl>https://x</serverUrl>"
+        "<cloudCooperation>1</cloudCooperation>"
+        "<system><locale>ja</locale><timezone>Asia/Tokyo</timezone>"
+        "<communicationErrorRetry>3</communicationErrorRetry></system>"
+        "<outputControlPlantId>0123456789</outputControlPlantId>"
+        "<outputControlStandAlone>1</outputControlStandAlone>"
+        "<outputScheduleInformationServerUrl>http://127.0.0.1:8080/s</outputScheduleInformationServerUrl>"
+        "<facilityCertifiedCapacity>4.5</facilityCertifiedCapacity><unknown>u</unknown>");
+    ASSERT_TRUE(manager_.Load());
+    EXPECT_EQ("LOG-1", manager_.GetLoggerId());
+    EXPECT_EQ("PLANT-9", manager_.GetLoggerPlantId());
+    EXPECT_EQ("Asia/Tokyo", manager_.GetTimezone());
+    EXPECT_EQ(3, manager_.GetCommunicationErrorRetry());
+    EXPECT_EQ("0123456789", manager_.GetOutputControlPlantId());
+    EXPECT_TRUE(manager_.GetOutputControlStandAlone());
+    EXPECT_EQ("http://127.0.0.1:8080/s", manager_.GetOutputScheduleInformationServerUrl());
+    EXPECT_EQ("4.5", manager_.GetFacilityCertifiedCapacity());
+    EXPECT_TRUE(manager_.GetCloudCooperation());
+}
+
+TEST_F(SystemSettingXmlManagerTest, NothingLoadedGivesEmptyAndFalse) {
+    EXPECT_EQ("", manager_.GetLoggerId());
+    EXPECT_EQ("", manager_.GetOutputControlPlantId());
+    EXPECT_EQ("", manager_.GetTimezone());
+    EXPECT_FALSE(manager_.GetOutputControlStandAlone());
+    EXPECT_FALSE(manager_.HasGeneral());
+}
+
+TEST_F(SystemSettingXmlManagerTest, CloudCooperationIsFalseOnlyForZero) {
+    LoadGeneral("<cloudCooperation>0</cloudCooperation>");
+    EXPECT_FALSE(manager_.GetCloudCooperation());
+    LoadGeneral("<cloudCooperation>false</cloudCooperation>");
+    EXPECT_TRUE(manager_.GetCloudCooperation());
+    LoadGeneral("<cloudCooperation></cloudCooperation>");
+    EXPECT_TRUE(manager_.GetCloudCooperation());
+    // Absent: no defined value; this reader sets it false.
+    LoadGeneral("");
+    EXPECT_FALSE(manager_.GetCloudCooperation());
+}
+
+TEST_F(SystemSettingXmlManagerTest, StandAloneIsTrueOnlyForOne) {
+    LoadGeneral("<outputControlStandAlone>true</outputControlStandAlone>");
+    EXPECT_FALSE(manager_.GetOutputControlStandAlone());
+    LoadGeneral("<outputControlStandAlone>01</outputControlStandAlone>");
+    EXPECT_FALSE(manager_.GetOutputControlStandAlone());
+    LoadGeneral("<outputControlStandAlone>1</outputControlStandAlone>");
+    EXPECT_TRUE(manager_.GetOutputControlStandAlone());
+    LoadGeneral("");
+    EXPECT_FALSE(manager_.GetOutputControlStandAlone());
+}
+
+TEST_F(SystemSettingXmlManagerTest, RetryNinetyNineIsKept) {
+    LoadGeneral("<system><communicationErrorRetry>99</communicationErrorRetry></system>");
+    EXPECT_EQ(99, manager_.GetCommunicationErrorRetry());
+    EXPECT_EQ(std::string::npos, FlushedLog().find("communication_error_retry_"));
+}
+
+TEST_F(SystemSettingXmlManagerTest, RetryHundredBecomesZeroWithMessage) {
+    LoadGeneral("<system><communicationErrorRetry>100</communicationErrorRetry></system>");
+    EXPECT_EQ(0, manager_.GetCommunicationErrorRetry());
+    EXPECT_TRUE(LogHas(FlushedLog(), "D", "XmlDataGeneral",
+                       "communication_error_retry_ value is out of range."));
+}
+
+TEST_F(SystemSettingXmlManagerTest, RetryReadsHexAndOctal) {
+    LoadGeneral("<system><communicationErrorRetry>0x10</communicationErrorRetry></system>");
+    EXPECT_EQ(16, manager_.GetCommunicationErrorRetry());
+    LoadGeneral("<system><communicationErrorRetry>010</communicationErrorRetry></system>");
+    EXPECT_EQ(8, manager_.GetCommunicationErrorRetry());
+}
+
+TEST_F(SystemSettingXmlManagerTest, RetryWrapsToSixteenBitsBeforeTheCheck) {
+    LoadGeneral("<system><communicationErrorRetry>65536</communicationErrorRetry></system>");
+    EXPECT_EQ(0, manager_.GetCommunicationErrorRetry());
+    LoadGeneral("<system><communicationErrorRetry>65537</communicationErrorRetry></system>");
+    EXPECT_EQ(1, manager_.GetCommunicationErrorRetry());
+    EXPECT_EQ(std::string::npos, FlushedLog().find("communication_error_retry_"));
+}
+
+TEST_F(SystemSettingXmlManagerTest, PlantNameOf256IsKept) {
+    const std::string name(256, 'n');
+    WriteSystemSetting("planeName=\"" + name + "\" loggerId=\"L\"", "");
+    ASSERT_TRUE(manager_.Load());
+    EXPECT_EQ(std::string::npos, FlushedLog().find("plant_name has a length"));
+}
+
+TEST_F(SystemSettingXmlManagerTest, PlantNameOf257IsEmptiedWithMessage) {
+    const std::string name(257, 'n');
+    WriteSystemSetting("planeName=\"" + name + "\" loggerId=\"L\"", "");
+    ASSERT_TRUE(manager_.Load());
+    EXPECT_EQ("L", manager_.GetLoggerId());
+    EXPECT_TRUE(LogHas(FlushedLog(), "D", "XmlDataLoggerAttribute",
+                       "plant_name has a length greater than 256."));
+}
+
+TEST_F(SystemSettingXmlManagerTest, RootOtherThanLoggerFails) {
+    test::WriteFile(test::SystemSettingPath(), "<settings><general/></settings>");
+    EXPECT_FALSE(manager_.Load());
+    EXPECT_TRUE(LogHas(FlushedLog(), "E", "SystemSettingXmlManager",
+                       "SystemSettingXml Load error(logger tag not found.) "));
+}
+
+TEST_F(SystemSettingXmlManagerTest, FailedLoadKeepsThePreviousValues) {
+    LoadGeneral("<outputControlPlantId>P1</outputControlPlantId>");
+    test::WriteFile(test::SystemSettingPath(), "<logger><general>");
+    EXPECT_FALSE(manager_.Load());
+    EXPECT_EQ("P1", manager_.GetOutputControlPlantId());
+    EXPECT_NE(std::string::npos,
+              FlushedLog().find("] SystemSettingXmlManager SystemSettingXml Load error(Load from file) ["));
+}
+
+TEST_F(SystemSettingXmlManagerTest, MissingFileFailsWithLoadFromFileMessage) {
+    EXPECT_FALSE(manager_.Load());
+    const std::string log = FlushedLog();
+    EXPECT_NE(std::string::npos,
+              log.find("] SystemSettingXmlManager SystemSettingXml Load error(Load from file) ["))
+        << log;
+}
+
+TEST_F(SystemSettingXmlManagerTest, LaterDuplicateElementWins) {
+    WriteSystemSetting("loggerId=\"L\"",
+                       "<outputControlPlantId>first</outputControlPlantId>"
+                       "<outputControlPlantId>second</outputControlPlantId>");
+    ASSERT_TRUE(manager_.Load());
+    EXPECT_EQ("second", manager_.GetOutputControlPlantId());
+}
+
+TEST_F(SystemSettingXmlManagerTest, LaterGeneralSectionWins) {
+    test::WriteFile(test::SystemSettingPath(),
+                    "<logger><general><outputControlPlantId>A</outputControlPlantId></general>"
+                    "<general><facilityCertifiedCapacity>9</facilityCertifiedCapacity></general>"
+                    "</logger>");
+    ASSERT_TRUE(manager_.Load());
+    EXPECT_EQ("", manager_.GetOutputControlPlantId());
+    EXPECT_EQ("9", manager_.GetFacilityCertifiedCapacity());
+}
+
+TEST_F(SystemSettingXmlManagerTest, SettersChangeMemoryOnlyUntilTheNextLoad) {
+    LoadGeneral("<outputControlPlantId>P1</outputControlPlantId>");
+    manager_.SetOutputControlPlantId("P2");
+    manager_.SetOutputControlStandAlone(true);
+    EXPECT_EQ("P2", manager_.GetOutputControlPlantId());
+    EXPECT_TRUE(manager_.GetOutputControlStandAlone());
+    EXPECT_NE(std::string::npos, test::ReadFile(test::SystemSettingPath()).find("P1"));
+    ASSERT_TRUE(manager_.Load());
+    EXPECT_EQ("P1", manager_.GetOutputControlPlantId());
+    EXPECT_FALSE(manager_.GetOutputControlStandAlone());
+}
+
+TEST_F(SystemSettingXmlManagerTest, RawTreeLeavesTheLoadedValuesAlone) {
+    LoadGeneral("<outputControlPlantId>P1</outputControlPlantId>");
+    WriteSystemSetting("loggerId=\"L2\"", "<outputControlPlantId>P3</outputControlPlantId>");
+    std::shared_ptr<XmlNode> tree = manager_.LoadSystemSettingXmlNode();
+    ASSERT_NE(nullptr, tree);
+    EXPECT_EQ("logger", tree->GetName());
+    EXPECT_EQ("L2", XmlNode::GetAttribute(tree.get(), "loggerId"));
+    EXPECT_EQ("P1", manager_.GetOutputControlPlantId());
+    ASSERT_TRUE(manager_.Load(tree));
+    EXPECT_EQ("P3", manager_.GetOutputControlPlantId());
+    EXPECT_FALSE(manager_.Load(std::shared_ptr<XmlNode>()));
+}
+
+TEST_F(SystemSettingXmlManagerTest, RawTreeOfBrokenFileIsNullWithMessage) {
+    test::WriteFile(test::SystemSettingPath(), "not xml");
+    EXPECT_EQ(nullptr, manager_.LoadSystemSettingXmlNode());
+    EXPECT_NE(std::string::npos,
+              FlushedLog().find("] SystemSettingXmlManager LoadSystemSettingXmlNode failed. ["));
+}
+
+} // namespace
+} // namespace brvo
