@@ -1,0 +1,31 @@
+#include "schedule/ServerAccessResult.h"
+
+#include "client/ServerResponseParser.h"
+
+#include <sstream>
+
+namespace brvo {
+
+ServerAccessResult::ServerAccessResult(bool result, std::int32_t statusCode,
+                                       const std::string& failureReason)
+    : result_(result), failureReason_(failureReason), statusCode_(statusCode) {}
+
+ServerAccessResult::~ServerAccessResult() = default;
+
+void ServerAccessResult::SetResponseParser(const std::shared_ptr<ServerResponseParser>& parser) {
+    responseParser_ = parser;
+}
+
+// The label " Response Parser:" always stands, so every line has the same
+// fields; the parser's own form follows only when there is a parser.
+std::string ServerAccessResult::ToString() const {
+    std::ostringstream text;
+    text << "ServerAccessResult [" << (result_ ? "true" : "false") << "] "
+         << " Failure Reason:" << failureReason_
+         << " StatusCode:" << statusCode_
+         << " Response Parser:";
+    if (responseParser_) text << responseParser_->ToString();
+    return text.str();
+}
+
+} // namespace brvo

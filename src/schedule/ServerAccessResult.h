@@ -1,0 +1,48 @@
+// Outcome of one exchange with the schedule server: whether an answer came
+// that could be parsed, the HTTP status, a failure text, and the parser of
+// the answer once attached.
+#ifndef BRVO_SCHEDULE_SERVERACCESSRESULT_H
+#define BRVO_SCHEDULE_SERVERACCESSRESULT_H
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace brvo {
+
+class ServerResponseParser;
+
+class ServerAccessResult {
+public:
+    // A result with the given success flag, HTTP status code (0 when the
+    // exchange failed before a status came) and failure text; no parser.
+    ServerAccessResult(bool result, std::int32_t statusCode, const std::string& failureReason);
+    virtual ~ServerAccessResult();
+
+    // True when the answer could be handed to the parser.
+    bool IsResult() const { return result_; }
+    // What went wrong; empty when nothing did.
+    const std::string& GetFailureReason() const { return failureReason_; }
+    // The parser of the answer; null when none is attached.
+    std::shared_ptr<ServerResponseParser> GetResponseParser() const { return responseParser_; }
+    // The HTTP status code.
+    std::int32_t GetStatusCode() const { return statusCode_; }
+
+    // Attaches the parser of the answer (null detaches).
+    void SetResponseParser(const std::shared_ptr<ServerResponseParser>& parser);
+
+    // Printed form for log lines: "ServerAccessResult [true]  Failure Reason:
+    // StatusCode:200 Response Parser:" followed by the parser's printed form
+    // when a parser is attached.
+    std::string ToString() const;
+
+private:
+    bool result_;
+    std::string failureReason_;
+    std::shared_ptr<ServerResponseParser> responseParser_;
+    std::int32_t statusCode_;
+};
+
+} // namespace brvo
+
+#endif

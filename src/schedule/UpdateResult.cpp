@@ -1,0 +1,38 @@
+#include "schedule/UpdateResult.h"
+
+#include <sstream>
+
+namespace brvo {
+
+UpdateResult::UpdateResult()
+    : result_(true), failureReason_(0), statusCode_(0), settingChanged_(false) {}
+
+UpdateResult::UpdateResult(std::int32_t failureReason, std::int32_t statusCode,
+                           const std::string& message)
+    : result_(false),
+      failureReason_(failureReason),
+      statusCode_(statusCode),
+      message_(message),
+      settingChanged_(false) {}
+
+UpdateResult::UpdateResult(bool settingChanged, const std::string& plantId)
+    : result_(true),
+      failureReason_(0),
+      statusCode_(0),
+      settingChanged_(settingChanged),
+      plantId_(plantId) {}
+
+UpdateResult::~UpdateResult() = default;
+
+// The blank closing the bracket and the blank opening " FailureReason:" both
+// stay: log readers already match on the double blank.
+std::string UpdateResult::ToString() const {
+    std::ostringstream text;
+    text << "UpdateResult [" << (result_ ? "true" : "false") << "] "
+         << " FailureReason:" << failureReason_
+         << " StatusCode:" << statusCode_
+         << " Message:" << message_;
+    return text.str();
+}
+
+} // namespace brvo

@@ -1,0 +1,51 @@
+// Outcome of one schedule flow: success, or a numeric failure reason with the
+// HTTP status of the server access the flow made and a failure text.
+#ifndef BRVO_SCHEDULE_UPDATERESULT_H
+#define BRVO_SCHEDULE_UPDATERESULT_H
+
+#include <cstdint>
+#include <string>
+
+namespace brvo {
+
+class UpdateResult {
+public:
+    // Success: result true, reason 0, status 0, empty message.
+    UpdateResult();
+    // Failure with the given reason, HTTP status (0 when no access was made,
+    // -1 when the flow stopped before any access) and message.
+    UpdateResult(std::int32_t failureReason, std::int32_t statusCode, const std::string& message);
+    // Success of a fixed-data update: whether the settings changed and the
+    // plant ID the data belongs to.
+    UpdateResult(bool settingChanged, const std::string& plantId);
+    virtual ~UpdateResult();
+
+    // True on success.
+    bool IsResult() const { return result_; }
+    // The failure reason; 0 on success.
+    std::int32_t GetFailureReason() const { return failureReason_; }
+    // The HTTP status of the flow's server access (0 none, -1 not reached).
+    std::int32_t GetStatusCode() const { return statusCode_; }
+    // The failure text; empty on success.
+    const std::string& GetMessage() const { return message_; }
+    // Whether a fixed-data update changed the settings.
+    bool IsSettingChanged() const { return settingChanged_; }
+    // The plant ID of a fixed-data update; empty otherwise.
+    const std::string& GetPlantId() const { return plantId_; }
+
+    // Printed form for log lines, for example
+    // "UpdateResult [true]  FailureReason:0 StatusCode:0 Message:".
+    std::string ToString() const;
+
+private:
+    bool result_;
+    std::int32_t failureReason_;
+    std::int32_t statusCode_;
+    std::string message_;
+    bool settingChanged_;
+    std::string plantId_;
+};
+
+} // namespace brvo
+
+#endif

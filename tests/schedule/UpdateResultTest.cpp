@@ -1,0 +1,65 @@
+#include "schedule/UpdateResult.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+
+namespace brvo {
+namespace {
+
+TEST(UpdateResultTest, DefaultIsSuccess) {
+    UpdateResult result;
+    EXPECT_TRUE(result.IsResult());
+    EXPECT_EQ(0, result.GetFailureReason());
+    EXPECT_EQ(0, result.GetStatusCode());
+    EXPECT_EQ("", result.GetMessage());
+    EXPECT_FALSE(result.IsSettingChanged());
+    EXPECT_EQ("", result.GetPlantId());
+}
+
+TEST(UpdateResultTest, DefaultPrintsWithTwoBlanksAfterBracket) {
+    EXPECT_EQ("UpdateResult [true]  FailureReason:0 StatusCode:0 Message:", UpdateResult().ToString());
+}
+
+TEST(UpdateResultTest, FailureCarriesReasonStatusAndMessage) {
+    UpdateResult result(3, 200, "Output rate data Checksum error.");
+    EXPECT_FALSE(result.IsResult());
+    EXPECT_EQ(3, result.GetFailureReason());
+    EXPECT_EQ(200, result.GetStatusCode());
+    EXPECT_EQ("Output rate data Checksum error.", result.GetMessage());
+    EXPECT_FALSE(result.IsSettingChanged());
+    EXPECT_EQ("", result.GetPlantId());
+    EXPECT_EQ("UpdateResult [false]  FailureReason:3 StatusCode:200 Message:Output rate data Checksum error.",
+              result.ToString());
+}
+
+TEST(UpdateResultTest, FailureBeforeAnyAccessPrintsMinusOne) {
+    UpdateResult result(1, -1, "Update information of fixed schedule does not exist.");
+    EXPECT_EQ("UpdateResult [false]  FailureReason:1 StatusCode:-1 "
+              "Message:Update information of fixed schedule does not exist.",
+              result.ToString());
+}
+
+TEST(UpdateResultTest, SuccessWithSettingsFlagAndPlantId) {
+    UpdateResult result(true, "01234567890123456789012345");
+    EXPECT_TRUE(result.IsResult());
+    EXPECT_EQ(0, result.GetFailureReason());
+    EXPECT_EQ(0, result.GetStatusCode());
+    EXPECT_EQ("", result.GetMessage());
+    EXPECT_TRUE(result.IsSettingChanged());
+    EXPECT_EQ("01234567890123456789012345", result.GetPlantId());
+    EXPECT_EQ("UpdateResult [true]  FailureReason:0 StatusCode:0 Message:", result.ToString());
+
+    UpdateResult unchanged(false, "7");
+    EXPECT_TRUE(unchanged.IsResult());
+    EXPECT_FALSE(unchanged.IsSettingChanged());
+    EXPECT_EQ("7", unchanged.GetPlantId());
+}
+
+TEST(UpdateResultTest, HeldBySharedPointerThroughBase) {
+    std::shared_ptr<UpdateResult> result = std::make_shared<UpdateResult>(12, 0, "boom");
+    EXPECT_EQ("UpdateResult [false]  FailureReason:12 StatusCode:0 Message:boom", result->ToString());
+}
+
+} // namespace
+} // namespace brvo
