@@ -1,0 +1,112 @@
+#include "settings/DeviceSettingXmlManager.h"
+
+#include "app/Constants.h"
+#include "settings/SystemSettingXmlManager.h"
+#include "settings/XmlNode.h"
+#include "util/FileUtil.h"
+#include "util/LoggerLog.h"
+
+#include <Poco/AutoPtr.h>
+#include <Poco/DOM/DOMParser.h>
+#include <Poco/DOM/Document.h>
+#include <Poco/Exception.h>
+#include <Poco/SAX/XMLReader.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <limits>
+
+namespace brvo {
+
+namespace {
+
+const std::string kTag = "DeviceSettingXmlManager";
+const std::string kAddressPath = "channelList/channel/addressList/address";
+const std::string kLimitPath =
+    "lggrdev:Device/lggrdev:Properties/lggrdev:Property/lggrdev:Variables/"
+    "lggrdev:VariableInfo[Name:Limit]";
+
+// Replaces `value` with the number in `text` when the whole text is one
+// (decimal, 0x hex or leading-0 octal) that fits an int; else leaves it.
+void ConvertInto(const std::string& text, int& value) {
+    if (text.empty()) return;
+    errno = 0;
+    char* end = nullptr;
+    const long long parsed = std::strtoll(text.c_str(), &end, 0);
+    if (errno != 0 || end == text.c_str() || *end != '\0') return;
+    if (parsed < std::numeric_limits<int>::min() || parsed > std::numeric_limits<int>::max()) return;
+    value = static_cast<int>(parsed);
+}
+
+} // namespace
+
+DeviceSettingXmlManager::DeviceSettingXmlManager(SystemSettingXmlManager& systemSettings)
+    : systemSettings_(systemSettings) {}
+
+DeviceSettingXmlManager::~DeviceSettingXmlManager() {}
+
+std::string DeviceSettingXmlManager::GetDeviceSettingFile(const std::string& deviceType) {
+    systemSettings_.Load();
+    std::shared_ptr<XmlNode> tree = systemSettings_.LoadSystemSettingXmlNode();
+    if (!tree) return std::string();
+    std::shared_ptr<XmlNode::NodeList> addresses = tree->FindNodes(kAddressPath);
+    for (const XmlNode* address : *addresses) {
+        std::string type;
+        std::string file;
+        for (const XmlNode* child : address->GetChildren()) {
+            if (child->GetName() == kDeviceType) type = child->GetValue();
+            if (child->GetName() == kDeviceSettingFile) file = child->GetValue();
+        }
+        if (type == deviceType) return file;
+    }
+    return std::string();
+}
+
+bool DeviceSettingXmlManager::GetLimit(Limit& limit) {
+    const std::string file = GetDeviceSettingFile(kHouseHoldSolarPowerGeneration);
+    if (file.empty()) {
+        LoggerLog::Warning(kTag, " Device type not found in SystemSetting. [" +
+                                     kHouseHoldSolarPowerGeneration + "]");
+        return false;
+    }
+    const std::string path = FileUtil::GetDeviceDirectory() + "/" + file + ".xml";
+    if (!FileUtil::Exists(path)) {
+        LoggerLog::Warning(kTag, " missing device xml file. [" + path + "]");
+        return false;
+    }
+    try {
+        return ReadLimitFile(path, limit);
+    } catch (const Poco::Exception& e) {
+        LoggerLog::Error(kTag, "Device setting xml error. EXCEPTION[" + e.displayText() + "]");
+    } catch (const std::exception&) {
+        LoggerLog::Error(kTag, "Device setting xml error. exception");
+    }
+    return false;
+}
+
+// Element names keep their "lggrdev:" prefix: namespace processing is off.
+bool DeviceSettingXmlManager::ReadLimitFile(const std::string& path, Limit& limit) {
+    Poco::XML::DOMParser parser;
+    parser.setEncoding("UTF-8");
+    parser.setFeature(Poco::XML::XMLReader::FEATURE_NAMESPACES, false);
+    parser.setFeature(Poco::XML::XMLReader::FEATURE_NAMESPACE_PREFIXES, false);
+    Poco::AutoPtr<Poco::XML::Document> document = parser.parse(path);
+    const Poco::XML::Node* root = document->getNodeByPath(kEchonetLiteDevicesPath);
+    if (root == nullptr) {
+        LoggerLog::Debug(kTag, " EchonetLiteDevices root not found. ");
+        return false;
+    }
+    const XmlNode tree(nullptr, root);
+    std::shared_ptr<XmlNode::NodeList> found = tree.FindNodes(kLimitPath);
+    if (found->empty()) {
+        LoggerLog::Debug(kTag, " Set initial value to Limit. ");
+        return true;
+    }
+    const XmlNode* variable = found->front();
+    ConvertInto(XmlNode::GetAttribute(variable, kEchonetValue0), limit.value0);
+    ConvertInto(XmlNode::GetAttribute(variable, kEchonetValue100), limit.value100);
+    ConvertInto(XmlNode::GetAttribute(variable, kEchonetValueMin), limit.valueMin);
+    return true;
+}
+
+} // namespace brvo

@@ -1,0 +1,49 @@
+// Reads the lower limit of the output-control value from the device
+// description of the plant's household solar power generation unit. The
+// system settings name the description file of each device by type; the
+// files are ECHONET Lite device descriptions in the device directory.
+#ifndef BRVO_SETTINGS_DEVICESETTINGXMLMANAGER_H
+#define BRVO_SETTINGS_DEVICESETTINGXMLMANAGER_H
+
+#include <string>
+
+namespace brvo {
+
+class SystemSettingXmlManager;
+
+class DeviceSettingXmlManager {
+public:
+    // The rate scale of the unit: the values at 0 % and at 100 %, and the
+    // lowest value the unit accepts. The caller presets the defaults; each
+    // stays as it was unless the file gives a number for it.
+    struct Limit {
+        int value0 = 0;
+        int value100 = 100;
+        int valueMin = 0;
+    };
+
+    // Reads devices through `systemSettings`, which must outlive this object.
+    explicit DeviceSettingXmlManager(SystemSettingXmlManager& systemSettings);
+    virtual ~DeviceSettingXmlManager();
+
+    // Reloads the system settings and returns the description file base
+    // name of the first device of type `deviceType`; empty when there is
+    // none or the settings cannot be read.
+    std::string GetDeviceSettingFile(const std::string& deviceType);
+
+    // Reads Value0, Value100 and ValueMin of the unit's Limit variable into
+    // `limit`, each replaced only by a readable number (decimal, 0x hex or
+    // leading-0 octal). True when the description file was read, even when
+    // it holds no Limit variable; false (with a log line) when the device,
+    // its file or the file's root is missing, or the file cannot be parsed.
+    bool GetLimit(Limit& limit);
+
+private:
+    bool ReadLimitFile(const std::string& path, Limit& limit);
+
+    SystemSettingXmlManager& systemSettings_;
+};
+
+} // namespace brvo
+
+#endif

@@ -1,0 +1,210 @@
+#include "settings/DeviceSettingXmlManager.h"
+
+#include "settings/LoggerSettingManager.h"
+#include "settings/SystemSettingXmlManager.h"
+#include "support/TestFiles.h"
+#include "util/LoggerLog.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace brvo {
+namespace {
+
+const std::string kLogFile =
+    "/media/sdcard/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd.log";
+const std::string kDeviceDir = "/usr/local/etc/kestrovanyx/DeviceXML/";
+
+// One address entry of the device list.
+std::string Address(const std::string& type, const std::string& file) {
+    return "<address><type>" + type + "</type><deviceSettingFile>" + file +
+           "</deviceSettingFile></address>";
+}
+
+void WriteDevices(const std::vector<std::string>& addresses) {
+    std::string list;
+    for (const std::string& address : addresses) list += address;
+    test::WriteFile(test::SystemSettingPath(),
+                    "<logger loggerId=\"L\"><general/><channelList><channel><addressList>" + list +
+                        "</addressList></channel></channelList></logger>");
+}
+
+// A description file whose Limit variables carry `variables` (attribute text
+// of each VariableInfo element).
+std::string Description(const std::vector<std::string>& variables) {
+    std::string infos;
+    for (const std::string& attributes : variables) {
+        infos += "<lggrdev:VariableInfo " + attributes + "/>";
+    }
+    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+           "<lggrdev:EchonetLiteDevices xmlns:lggrdev=\"urn:example:lggrdev\">"
+           "<lggrdev:Device><lggrdev:Properties><lggrdev:Property><lggrdev:Variables>" +
+           infos +
+           "</lggrdev:Variables></lggrdev:Property></lggrdev:Properties></lggrdev:Device>"
+           "</lggrdev:EchonetLiteDevices>";
+}
+
+class DeviceSettingXmlManagerTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        test::WriteLoggerSetting(
+            "<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>"
+            "<LogLevel>0</LogLevel>");
+        LoggerSettingManager::CreateInstance();
+        LoggerLog::CreateInstance();
+    }
+
+    void TearDown() override {
+        LoggerLog::DeleteInstance();
+        LoggerSettingManager::DeleteInstance();
+    }
+
+    static std::vector<std::string> LogLines() {
+        LoggerLog::DeleteInstance();
+        std::vector<std::string> lines = test::ReadLines(kLogFile);
+        LoggerLog::CreateInstance();
+        return lines;
+    }
+
+    // Whether a line of level `mark` ends with the tag and `message`.
+    static bool Logged(const std::string& mark, const std::string& message) {
+        const std::string tail = "] DeviceSettingXmlManager " + message;
+        for (const std::string& line : LogLines()) {
+            if (line.find(" UTC] [" + mark + "] [") != std::string::npos &&
+                line.size() >= tail.size() &&
+                line.compare(line.size() - tail.size(), tail.size(), tail) == 0) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    SystemSettingXmlManager systemSettings_;
+    DeviceSettingXmlManager devices_{systemSettings_};
+};
+
+TEST_F(DeviceSettingXmlManagerTest, ReadsTheLimitOfTheSolarUnit) {
+    WriteDevices({Address("Meter", "meter"), Address("HouseHoldSolarPowerGeneration", "pv")});
+    test::WriteFile(kDeviceDir + "pv.xml",
+                    Description({"Name=\"Other\" ValueMin=\"99\"",
+                                 "Name=\"Limit\" Value0=\"10\" Value100=\"90\" ValueMin=\"3\""}));
+    DeviceSettingXmlManager::Limit limit;
+    EXPECT_TRUE(devices_.GetLimit(limit));
+    EXPECT_EQ(10, limit.value0);
+    EXPECT_EQ(90, limit.value100);
+    EXPECT_EQ(3, limit.valueMin);
+}
+
+TEST_F(DeviceSettingXmlManagerTest, NoSolarUnitIsReported) {
+    WriteDevices({Address("Meter", "meter")});
+    DeviceSettingXmlManager::Limit limit;
+    limit.valueMin = 7;
+    EXPECT_FALSE(devices_.GetLimit(limit));
+    EXPECT_EQ(7, limit.valueMin);
+    EXPECT_TRUE(Logged("W", " Device type not found in SystemSetting. [HouseHoldSolarPowerGeneration]"));
+}
+
+TEST_F(DeviceSettingXmlManagerTest, FirstMatchingAddressWins) {
+    WriteDevices({Address("HouseHoldSolarPowerGeneration", "first"),
+                  Address("HouseHoldSolarPowerGeneration", "second")});
+    EXPECT_EQ("first", devices_.GetDeviceSettingFile("HouseHoldSolarPowerGeneration"));
+    test::WriteFile(kDeviceDir + "first.xml", Description({"Name=\"Limit\" ValueMin=\"1\""}));
+    test::WriteFile(kDeviceDir + "second.xml", Description({"Name=\"Limit\" ValueMin=\"2\""}));
+    DeviceSettingXmlManager::Limit limit;
+    EXPECT_TRUE(devices_.GetLimit(limit));
+    EXPECT_EQ(1, limit.valueMin);
+}
+
+TEST_F(DeviceSettingXmlManagerTest, LastTypeElementOfAnAddressCounts) {
+    WriteDevices({"<address><type>HouseHoldSolarPowerGeneration</type><type>Meter</type>"
+                  "<deviceSettingFile>a</deviceSettingFile></address>",
+                  "<address><type>Meter</type><type>HouseHoldSolarPowerGeneration</type>"
+                  "<deviceSettingFile>b</deviceSettingFile><deviceSettingFile>c</deviceSettingFile>"
+                  "</address>"});
+    EXPECT_EQ("c", devices_.GetDeviceSettingFile("HouseHoldSolarPowerGeneration"));
+    EXPECT_EQ("a", devices_.GetDeviceSettingFile("Meter"));
+    EXPECT_EQ("", devices_.GetDeviceSettingFile("Battery"));
+}
+
+TEST_F(DeviceSettingXmlManagerTest, FirstOfTwoLimitVariablesGivesTheValue) {
+    WriteDevices({Address("HouseHoldSolarPowerGeneration", "pv")});
+    test::WriteFile(kDeviceDir + "pv.xml", Description({"Name=\"Limit\" ValueMin=\"4\"",
+                                                        "Name=\"Limit\" ValueMin=\"5\""}));
+    DeviceSettingXmlManager::Limit limit;
+    EXPECT_TRUE(devices_.GetLimit(limit));
+    EXPECT_EQ(4, limit.valueMin);
+}
+
+TEST_F(DeviceSettingXmlManagerTest, HexValueMinIsRead) {
+    WriteDevices({Address("HouseHoldSolarPowerGeneration", "pv")});
+    test::WriteFile(kDeviceDir + "pv.xml", Description({"Name=\"Limit\" ValueMin=\"0x10\""}));
+    DeviceSettingXmlManager::Limit limit;
+    EXPECT_TRUE(devices_.GetLimit(limit));
+    EXPECT_EQ(16, limit.valueMin);
+}
+
+TEST_F(DeviceSettingXmlManagerTest, UnreadableValueMinLeavesTheValue) {
+    WriteDevices({Address("HouseHoldSolarPowerGeneration", "pv")});
+    for (const char* text : {"abc", "", "12 ", "99999999999"}) {
+        test::WriteFile(kDeviceDir + "pv.xml",
+                        Description({"Name=\"Limit\" ValueMin=\"" + std::string(text) + "\""}));
+        DeviceSettingXmlManager::Limit limit;
+        limit.valueMin = 6;
+        EXPECT_TRUE(devices_.GetLimit(limit)) << text;
+        EXPECT_EQ(6, limit.valueMin) << text;
+        EXPECT_EQ(0, limit.value0);
+        EXPECT_EQ(100, limit.value100);
+    }
+}
+
+TEST_F(DeviceSettingXmlManagerTest, MissingDescriptionFileIsReported) {
+    WriteDevices({Address("HouseHoldSolarPowerGeneration", "absent")});
+    DeviceSettingXmlManager::Limit limit;
+    EXPECT_FALSE(devices_.GetLimit(limit));
+    EXPECT_TRUE(Logged("W", " missing device xml file. [/usr/local/etc/kestrovanyx/DeviceXML/absent.xml]"));
+}
+
+TEST_F(DeviceSettingXmlManagerTest, OtherRootIsReported) {
+    WriteDevices({Address("HouseHoldSolarPowerGeneration", "pv")});
+    test::WriteFile(kDeviceDir + "pv.xml", "<Devices/>");
+    DeviceSettingXmlManager::Limit limit;
+    EXPECT_FALSE(devices_.GetLimit(limit));
+    EXPECT_TRUE(Logged("D", " EchonetLiteDevices root not found. "));
+}
+
+TEST_F(DeviceSettingXmlManagerTest, NoLimitVariableKeepsTheValuesAndSucceeds) {
+    WriteDevices({Address("HouseHoldSolarPowerGeneration", "pv")});
+    test::WriteFile(kDeviceDir + "pv.xml", Description({"Name=\"Other\" ValueMin=\"9\""}));
+    DeviceSettingXmlManager::Limit limit;
+    EXPECT_TRUE(devices_.GetLimit(limit));
+    EXPECT_EQ(0, limit.valueMin);
+    EXPECT_TRUE(Logged("D", " Set initial value to Limit. "));
+}
+
+TEST_F(DeviceSettingXmlManagerTest, MalformedDescriptionIsAnError) {
+    WriteDevices({Address("HouseHoldSolarPowerGeneration", "pv")});
+    test::WriteFile(kDeviceDir + "pv.xml", "<lggrdev:EchonetLiteDevices><unclosed>");
+    DeviceSettingXmlManager::Limit limit;
+    limit.valueMin = 2;
+    EXPECT_FALSE(devices_.GetLimit(limit));
+    EXPECT_EQ(2, limit.valueMin);
+    bool found = false;
+    for (const std::string& line : LogLines()) {
+        if (line.find(" UTC] [E] [") != std::string::npos &&
+            line.find("] DeviceSettingXmlManager Device setting xml error. EXCEPTION[") != std::string::npos) {
+            found = true;
+        }
+    }
+    EXPECT_TRUE(found);
+}
+
+TEST_F(DeviceSettingXmlManagerTest, MissingSystemSettingsFindNoDevice) {
+    DeviceSettingXmlManager::Limit limit;
+    EXPECT_FALSE(devices_.GetLimit(limit));
+    EXPECT_TRUE(Logged("W", " Device type not found in SystemSetting. [HouseHoldSolarPowerGeneration]"));
+}
+
+} // namespace
+} // namespace brvo
