@@ -1,6 +1,7 @@
 #include "app/BrevantaOutputControlManager.h"
 
 #include "app/Constants.h"
+#include "server/OutputcontrolServer.h"
 #include "util/LoggerLog.h"
 
 #include <Poco/Timestamp.h>
@@ -66,14 +67,27 @@ void BrevantaOutputControlManager::RequestKill() {
 }
 
 BrevantaOutputControlManager::BrevantaOutputControlManager()
-    : componentsStarted_(false), flushTimer_(nullptr), running_(false) {
+    : serverThread_(nullptr), server_(nullptr), flushTimer_(nullptr), running_(false) {
     // The watchdog is created here once it exists.
 }
 
 BrevantaOutputControlManager::~BrevantaOutputControlManager() {
     Kill();
-    // The command server is deleted here once it exists.
+    DeleteServer();
     if (instance == this) instance = nullptr;
+}
+
+// The daemon itself never gets here with a live server (the process exits
+// after Start returns); a manager deleted inside a running program first
+// ends the accept loop and waits for the server thread.
+void BrevantaOutputControlManager::DeleteServer() {
+    if (server_ == nullptr) return;
+    server_->Stop();
+    if (serverThread_ != nullptr) serverThread_->join();
+    delete serverThread_;
+    serverThread_ = nullptr;
+    delete server_;
+    server_ = nullptr;
 }
 
 void BrevantaOutputControlManager::Start() {
@@ -86,12 +100,13 @@ void BrevantaOutputControlManager::Start() {
 }
 
 void BrevantaOutputControlManager::StartComponents() {
-    if (componentsStarted_) return;
+    if (serverThread_ != nullptr) return;
     LoggerLog::Info(kTag, "Start AppVer:" + kAppVersion);
-    // Watchdog start, command server construction (which starts its worker
-    // pool) and the server thread join here, in that order, each as it is
-    // built; "Start Server" is logged just before the thread starts.
-    componentsStarted_ = true;
+    // The watchdog starts here once it exists.
+    server_ = new OutputcontrolServer();
+    serverThread_ = new Poco::Thread();
+    LoggerLog::Info(kTag, "Start Server");
+    serverThread_->start(*server_);
     running_ = true;
 }
 

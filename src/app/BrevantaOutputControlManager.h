@@ -5,11 +5,14 @@
 #define BRVO_APP_BREVANTAOUTPUTCONTROLMANAGER_H
 
 #include <Poco/Mutex.h>
+#include <Poco/Thread.h>
 #include <Poco/Timer.h>
 
 #include <atomic>
 
 namespace brvo {
+
+class OutputcontrolServer;
 
 class BrevantaOutputControlManager {
 public:
@@ -41,6 +44,9 @@ public:
     bool IsRunning() const { return running_; }
     // The flush timer, or null before Start and after Kill.
     const Poco::Timer* GetFlushTimer() const { return flushTimer_; }
+    // The command server and its thread, or null before Start.
+    OutputcontrolServer* GetServer() const { return server_; }
+    const Poco::Thread* GetServerThread() const { return serverThread_; }
 
     virtual ~BrevantaOutputControlManager();
 
@@ -50,10 +56,12 @@ private:
     void StartFlushTimer();
     void RunStartupCheck();
     void WaitForKill();
+    void DeleteServer();
 
-    // The command server and its thread, the watchdog and the schedule
-    // update manager are wired in here as they are built.
-    bool componentsStarted_;
+    // The watchdog and the schedule update manager are wired in here as
+    // they are built.
+    Poco::Thread* serverThread_;
+    OutputcontrolServer* server_;
     Poco::FastMutex killMutex_;
     Poco::Timer* flushTimer_;
     std::atomic<bool> running_;

@@ -1,5 +1,6 @@
 #include "app/BrevantaOutputControlManager.h"
 
+#include "server/OutputcontrolServer.h"
 #include "settings/LoggerSettingManager.h"
 #include "support/ChildProcess.h"
 #include "support/TestFiles.h"
@@ -86,9 +87,12 @@ TEST_F(BrevantaOutputControlManagerTest, SecondStartCreatesNoSecondTimer) {
     StartInBackground();
     ASSERT_TRUE(test::WaitFor([this] { return manager_->GetFlushTimer() != nullptr; }, 5000));
     const Poco::Timer* first = manager_->GetFlushTimer();
+    const Poco::Thread* serverThread = manager_->GetServerThread();
+    ASSERT_NE(nullptr, serverThread);
     StartInBackground();
     Poco::Thread::sleep(300);
     EXPECT_EQ(first, manager_->GetFlushTimer());
+    EXPECT_EQ(serverThread, manager_->GetServerThread());
     BrevantaOutputControlManager::RequestKill();
     ASSERT_TRUE(threads_[0]->tryJoin(2000));
     ASSERT_TRUE(threads_[1]->tryJoin(2000));
@@ -97,6 +101,20 @@ TEST_F(BrevantaOutputControlManagerTest, SecondStartCreatesNoSecondTimer) {
     const std::size_t once = text.find("Start AppVer:");
     ASSERT_NE(std::string::npos, once);
     EXPECT_EQ(std::string::npos, text.find("Start AppVer:", once + 1));
+    const std::size_t server = text.find("] BrevantaOutputControlManager Start Server\n");
+    ASSERT_NE(std::string::npos, server);
+    EXPECT_LT(once, server);
+    EXPECT_EQ(std::string::npos, text.find("Start Server", server + 40));
+}
+
+TEST_F(BrevantaOutputControlManagerTest, StartOpensTheCommandSocket) {
+    StartInBackground();
+    ASSERT_TRUE(test::WaitFor([this] { return manager_->IsRunning(); }, 5000));
+    EXPECT_TRUE(test::WaitFor([] {
+        return test::FileExists("/mnt/system/pvoctrl/brevanta.octrl");
+    }, 5000));
+    ASSERT_NE(nullptr, manager_->GetServer());
+    EXPECT_GE(manager_->GetServer()->GetListenSocket(), 0);
 }
 
 TEST_F(BrevantaOutputControlManagerTest, KillTwiceIsHarmless) {

@@ -70,5 +70,41 @@ void WriteLoggerSetting(const std::string& innerXml) {
                   innerXml + "\n</LoggerSetting>\n");
 }
 
+std::string LogFilePath() {
+    return "/media/sdcard/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd.log";
+}
+
+namespace {
+
+// The text after "[time UTC] [mark] [thread] " of a line of level `mark`;
+// empty when the line is not of that level.
+std::string TextAfterThread(const std::string& line, const std::string& mark) {
+    const std::string level = " UTC] [" + mark + "] [";
+    const std::size_t at = line.find(level);
+    if (at == std::string::npos || line.compare(0, 1, "[") != 0) return std::string();
+    const std::size_t close = line.find("] ", at + level.size());
+    if (close == std::string::npos) return std::string();
+    return line.substr(close + 2);
+}
+
+} // namespace
+
+bool HasLogLine(const std::vector<std::string>& lines, const std::string& mark,
+                const std::string& tag, const std::string& message) {
+    for (const std::string& line : lines) {
+        if (TextAfterThread(line, mark) == tag + " " + message) return true;
+    }
+    return false;
+}
+
+bool HasLogLineStarting(const std::vector<std::string>& lines, const std::string& mark,
+                        const std::string& tag, const std::string& prefix) {
+    const std::string start = tag + " " + prefix;
+    for (const std::string& line : lines) {
+        if (TextAfterThread(line, mark).compare(0, start.size(), start) == 0) return true;
+    }
+    return false;
+}
+
 } // namespace test
 } // namespace brvo

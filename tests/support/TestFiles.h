@@ -29,6 +29,17 @@ std::string LoggerSettingPath();
 // Path of SystemSetting.xml.
 std::string SystemSettingPath();
 
+// The daemon's log file with the default settings.
+std::string LogFilePath();
+// Whether one of `lines` is a log line of level `mark` (for example "E")
+// whose text after the thread id is exactly `tag` + " " + `message`.
+bool HasLogLine(const std::vector<std::string>& lines, const std::string& mark,
+                const std::string& tag, const std::string& message);
+// Whether one of `lines` is a log line of level `mark` from `tag` whose
+// message begins with `prefix`.
+bool HasLogLineStarting(const std::vector<std::string>& lines, const std::string& mark,
+                        const std::string& tag, const std::string& prefix);
+
 } // namespace test
 } // namespace brvo
 

@@ -1,0 +1,11 @@
+#include "server/Request.h"
+
+namespace brvo {
+
+Request::Request() {}
+
+Request::~Request() {}
+
+void Request::Execute() {}
+
+} // namespace brvo

@@ -1,0 +1,36 @@
+// One worker of the pool: takes requests from the shared queue and runs them
+// until it is told to stop.
+#ifndef BRVO_SERVER_WORKERTHREADRUNNABLE_H
+#define BRVO_SERVER_WORKERTHREADRUNNABLE_H
+
+#include <Poco/NotificationQueue.h>
+#include <Poco/Runnable.h>
+
+#include <atomic>
+
+namespace brvo {
+
+class WorkerThreadRunnable : public Poco::Runnable {
+public:
+    // Serves `queue`, which must outlive the worker.
+    explicit WorkerThreadRunnable(Poco::NotificationQueue* queue);
+    ~WorkerThreadRunnable() override;
+
+    // Runs requests until Stop; notices a stop within 500 ms.
+    void run() override;
+    // Asks the loop to end after the request it is running, if any.
+    void Stop();
+    // Whether Stop was called.
+    bool IsStopped() const { return stop_; }
+
+private:
+    // Longest wait for a request before the stop flag is looked at again.
+    static const long kWaitMs = 500;
+
+    Poco::NotificationQueue* queue_;
+    std::atomic<bool> stop_;
+};
+
+} // namespace brvo
+
+#endif
