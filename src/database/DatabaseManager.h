@@ -1,0 +1,70 @@
+// Common base of the daemon's two SQLite tables: each lives in a file of its
+// own in the output-control database directory and is reached through one
+// lazily opened session, guarded by the table's own recursive mutex.
+#ifndef BRVO_DATABASE_DATABASEMANAGER_H
+#define BRVO_DATABASE_DATABASEMANAGER_H
+
+#include <Poco/Data/Session.h>
+#include <Poco/Mutex.h>
+
+#include <cstddef>
+#include <memory>
+#include <string>
+
+namespace brvo {
+
+class DatabaseManager {
+public:
+    // Registers the SQLite connector. `tag` names the table's class in the
+    // log; `table` is the table name, which also names its file.
+    DatabaseManager(const std::string& tag, const std::string& table);
+    // Closes the session and unregisters the connector.
+    virtual ~DatabaseManager();
+
+    // Opens the session on `path` (60 s busy time-out) and creates the table
+    // if needed. True when a session exists afterwards; false with the log
+    // line "InitDataBaseFile error. [...]" when opening failed. A session
+    // opened before a failed CREATE TABLE is kept, so later calls return
+    // true without trying again.
+    bool InitDataBaseFile(const std::string& path);
+
+    // The table's file: the output-control database directory (created
+    // when missing) + "/" + table + ".db".
+    std::string GetDatabaseFilePath() const;
+
+protected:
+    // The CREATE TABLE statement of the table.
+    virtual std::string CreateTableStatement() const = 0;
+
+    // Opens the session when there is none yet. False (with the log line
+    // "Database Open error.") when it cannot be opened.
+    bool Open();
+
+    // Runs one statement and returns the number of rows it changed. Throws
+    // a Poco::Data exception when the text holds more than one statement
+    // (a value with quotes in it could otherwise smuggle in a second one)
+    // or when SQLite refuses it.
+    std::size_t Execute(const std::string& sql);
+
+    // Throws when `sql` holds anything but one statement.
+    void CheckSingleStatement(const std::string& sql);
+
+    Poco::Data::Session& GetSession() { return *session_; }
+    const std::string& GetTag() const { return tag_; }
+    const std::string& GetTable() const { return table_; }
+
+    // Held by every public operation for its whole run.
+    Poco::Mutex mutex_;
+
+private:
+    DatabaseManager(const DatabaseManager&) = delete;
+    DatabaseManager& operator=(const DatabaseManager&) = delete;
+
+    std::string tag_;
+    std::string table_;
+    std::unique_ptr<Poco::Data::Session> session_;
+};
+
+} // namespace brvo
+
+#endif

@@ -1,0 +1,207 @@
+#include "database/ScheduleDatabase.h"
+
+#include "app/Constants.h"
+#include "settings/LoggerSettingManager.h"
+#include "util/LoggerLog.h"
+#include "util/TimeStamp.h"
+
+#include <Poco/Data/Statement.h>
+#include <Poco/Exception.h>
+
+#include <sstream>
+
+namespace brvo {
+
+namespace {
+
+const std::string kTag = "ScheduleDatabase";
+const std::int64_t kSecondsPerDay = 86400;
+const std::int64_t kFixedScheduleGraceSeconds = 30 * 60;
+const int kDefaultRetentionDays = 90;
+
+ScheduleDatabase* instance = nullptr;
+
+int RetentionDays() {
+    LoggerSettingManager* settings = LoggerSettingManager::GetInstance();
+    return settings != nullptr ? settings->GetOutputControlScheduleRetensionCycle() : kDefaultRetentionDays;
+}
+
+std::int64_t NowSeconds() {
+    return TimeStamp().EpochSeconds();
+}
+
+} // namespace
+
+void ScheduleDatabase::CreateInstance() {
+    if (instance == nullptr) instance = new ScheduleDatabase();
+}
+
+ScheduleDatabase* ScheduleDatabase::GetInstance() {
+    return instance;
+}
+
+void ScheduleDatabase::DeleteInstance() {
+    delete instance;
+    instance = nullptr;
+}
+
+ScheduleDatabase::ScheduleDatabase() : DatabaseManager(kTag, kTableSchedule) {
+    DeleteOldData();
+}
+
+ScheduleDatabase::~ScheduleDatabase() {}
+
+void ScheduleDatabase::SetForwarder(const Forwarder& forwarder) {
+    Poco::Mutex::ScopedLock lock(mutex_);
+    forwarder_ = forwarder;
+}
+
+std::string ScheduleDatabase::CreateTableStatement() const {
+    std::ostringstream sql;
+    sql << "CREATE TABLE IF NOT EXISTS " << kTableSchedule << " (" << kColumnTime
+        << " INTEGER PRIMARY KEY ," << kColumnControlRate << " INTEGER," << kColumnSent
+        << " BOOLEAN DEFAULT 0 " << ")";
+    return sql.str();
+}
+
+bool ScheduleDatabase::DeleteAll() {
+    Poco::Mutex::ScopedLock lock(mutex_);
+    if (!Open()) return false;
+    try {
+        std::ostringstream sql;
+        sql << "DELETE FROM " << kTableSchedule << " ";
+        return Execute(sql.str()) > 0;
+    } catch (const Poco::Exception& e) {
+        LoggerLog::Error(kTag, "Delete error. [" + e.displayText() + "]");
+    } catch (...) {
+        LoggerLog::Error(kTag, "Delete error. exception");
+    }
+    return false;
+}
+
+void ScheduleDatabase::DeleteOldData() {
+    Poco::Mutex::ScopedLock lock(mutex_);
+    if (!Open()) return;
+    try {
+        const std::int64_t cutoff = NowSeconds() - static_cast<std::int64_t>(RetentionDays()) * kSecondsPerDay;
+        std::ostringstream sql;
+        sql << "DELETE FROM " << kTableSchedule << " " << "WHERE " << kColumnTime << " < " << cutoff;
+        Execute(sql.str());
+    } catch (const Poco::Exception& e) {
+        LoggerLog::Error(kTag, "Delete old data error. [" + e.displayText() + "]");
+    } catch (...) {
+        LoggerLog::Error(kTag, "Delete old data error. exception");
+    }
+}
+
+ScheduleRow ScheduleDatabase::SelectSchedule(std::int64_t time, bool current) {
+    Poco::Mutex::ScopedLock lock(mutex_);
+    ScheduleRow row;
+    row.time = -1;
+    if (!Open()) return row;
+    try {
+        std::ostringstream sql;
+        sql << "SELECT " << " " << kColumnTime << " " << ", " << kColumnControlRate << " " << ", "
+            << kColumnSent << " " << " FROM " << kTableSchedule << " " << " WHERE " << " " << kColumnTime
+            << " ";
+        if (current) {
+            sql << " " << " <= " << time << " " << " ORDER BY " << kColumnTime << " DESC LIMIT 1 ";
+        } else {
+            sql << " " << " > " << time << " " << " ORDER BY " << kColumnTime << " ASC LIMIT 1 ";
+        }
+        const std::string text = sql.str();
+        CheckSingleStatement(text);
+        Poco::Int64 slotTime = -1;
+        Poco::Int32 rate = 0;
+        bool sent = false;
+        Poco::Data::Statement select(GetSession());
+        select << text, Poco::Data::Keywords::into(slotTime), Poco::Data::Keywords::into(rate),
+            Poco::Data::Keywords::into(sent), Poco::Data::Keywords::limit(1);
+        if (select.execute() > 0) {
+            row.time = slotTime;
+            row.controlRate = rate;
+            row.sent = sent;
+        }
+    } catch (const Poco::Exception& e) {
+        row.time = -1;
+        LoggerLog::Error(kTag, "Select error. [" + e.displayText() + "]");
+    } catch (...) {
+        row.time = -1;
+        LoggerLog::Error(kTag, "Select error. exception");
+    }
+    return row;
+}
+
+std::string ScheduleDatabase::ValuesGroup(const ScheduleRow& row) const {
+    std::ostringstream group;
+    group << " ( " << " '" << row.time << "'" << ",'" << row.controlRate << "'" << ",'"
+          << (row.sent ? 1 : 0) << "'" << " ) ";
+    return group.str();
+}
+
+bool ScheduleDatabase::InsertUpdateSchedule(const std::vector<ScheduleRow>& rows) {
+    Poco::Mutex::ScopedLock lock(mutex_);
+    if (rows.empty()) return true;
+    if (!Open()) return false;
+    try {
+        std::ostringstream sql;
+        sql << "INSERT OR REPLACE INTO " << kTableSchedule << " " << " ( " << " " << kColumnTime << " "
+            << ", " << kColumnControlRate << " " << ", " << kColumnSent << " " << " )" << " VALUES ";
+        for (std::size_t i = 0; i < rows.size(); ++i) {
+            if (i > 0) sql << ",";
+            sql << ValuesGroup(rows[i]);
+        }
+        return Execute(sql.str()) > 0;
+    } catch (const Poco::Exception& e) {
+        LoggerLog::Error(kTag, "Insert Update Schedule error. [" + e.displayText() + "]");
+    } catch (...) {
+        LoggerLog::Error(kTag, "Insert Update Schedule error. exception");
+    }
+    return false;
+}
+
+bool ScheduleDatabase::InsertFixedSchedule(const std::vector<ScheduleRow>& rows) {
+    Poco::Mutex::ScopedLock lock(mutex_);
+    if (!Open()) return false;
+    try {
+        const std::int64_t cutoff = NowSeconds() - kFixedScheduleGraceSeconds;
+        std::ostringstream sql;
+        sql << "INSERT OR IGNORE INTO " << kTableSchedule << " " << " VALUES ";
+        bool any = false;
+        for (const ScheduleRow& row : rows) {
+            if (row.time <= cutoff) continue;
+            if (any) sql << ",";
+            sql << ValuesGroup(row);
+            any = true;
+        }
+        if (any) Execute(sql.str());
+        return true;
+    } catch (const Poco::Exception& e) {
+        LoggerLog::Error(kTag, "Insert Fixed Schedule error. [" + e.displayText() + "]");
+    } catch (...) {
+        LoggerLog::Error(kTag, "Insert Fixed Schedule error. exception");
+    }
+    return false;
+}
+
+void ScheduleDatabase::UpdateSentFlag() {
+    Poco::Mutex::ScopedLock lock(mutex_);
+    const int forwarded = forwarder_ ? forwarder_() : -1;
+    if (forwarded != 0) {
+        LoggerLog::Warning(kTag, "Cloud Send error.");
+        return;
+    }
+    if (!Open()) return;
+    try {
+        std::ostringstream sql;
+        sql << "UPDATE " << kTableSchedule << " " << " SET " << kColumnSent << " = " << " 1 " << " WHERE "
+            << kColumnSent << " = " << " 0 ";
+        Execute(sql.str());
+    } catch (const Poco::Exception& e) {
+        LoggerLog::Error(kTag, "Update Sent Flag error. [" + e.displayText() + "]");
+    } catch (...) {
+        LoggerLog::Error(kTag, "Update Sent Flag error. exception");
+    }
+}
+
+} // namespace brvo

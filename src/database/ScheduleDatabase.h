@@ -1,0 +1,73 @@
+// The output-control schedule on the device: one row per 30-minute slot with
+// its output rate and whether it was forwarded to the logger daemon. One
+// process-wide instance; every operation holds the table's mutex, so the
+// request workers, the schedule update timers and the target-power
+// computation may call in from any thread.
+#ifndef BRVO_DATABASE_SCHEDULEDATABASE_H
+#define BRVO_DATABASE_SCHEDULEDATABASE_H
+
+#include "database/DatabaseManager.h"
+#include "database/ScheduleRow.h"
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace brvo {
+
+class ScheduleDatabase : public DatabaseManager {
+public:
+    // Forwards the stored schedule to the logger daemon; 0 on success.
+    typedef std::function<int()> Forwarder;
+
+    // Creates the process-wide instance if absent (which purges old rows).
+    static void CreateInstance();
+    // The instance, or null before CreateInstance.
+    static ScheduleDatabase* GetInstance();
+    // Deletes the instance.
+    static void DeleteInstance();
+
+    // Opens (creating on a fresh device) the table's file and deletes the
+    // rows older than the retention cycle.
+    ScheduleDatabase();
+    ~ScheduleDatabase() override;
+
+    // Deletes every row. True when at least one row was deleted.
+    bool DeleteAll();
+    // Deletes the rows that started before now minus the retention cycle
+    // (OutputControlScheduleRetensionCycle days); a row exactly at the
+    // cutoff stays.
+    void DeleteOldData();
+    // The slot in force at `time` (current: the latest slot starting at or
+    // before it) or the next one (the earliest starting after it). A row
+    // with time -1 when none matches or the table cannot be read.
+    ScheduleRow SelectSchedule(std::int64_t time, bool current);
+    // Writes `rows` in one statement, replacing rows of the same time
+    // (sent flag included). True for no rows; else true when rows changed.
+    bool InsertUpdateSchedule(const std::vector<ScheduleRow>& rows);
+    // Writes the rows later than now minus 30 minutes in one statement,
+    // never replacing a stored row. True unless the table cannot be opened
+    // or the statement fails.
+    bool InsertFixedSchedule(const std::vector<ScheduleRow>& rows);
+    // Forwards the schedule to the logger daemon and, when that succeeded,
+    // marks every unsent row sent; both under the table's lock, so no other
+    // schedule operation falls in between. A failed (or not yet installed)
+    // forwarding is logged as "Cloud Send error." and changes nothing.
+    void UpdateSentFlag();
+
+    // Installs the forwarding used by UpdateSentFlag.
+    void SetForwarder(const Forwarder& forwarder);
+
+protected:
+    std::string CreateTableStatement() const override;
+
+private:
+    std::string ValuesGroup(const ScheduleRow& row) const;
+
+    Forwarder forwarder_;
+};
+
+} // namespace brvo
+
+#endif

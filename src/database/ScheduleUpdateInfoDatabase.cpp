@@ -1,0 +1,93 @@
+#include "database/ScheduleUpdateInfoDatabase.h"
+
+#include "app/Constants.h"
+#include "util/LoggerLog.h"
+
+#include <Poco/Data/Statement.h>
+#include <Poco/Exception.h>
+
+#include <sstream>
+
+namespace brvo {
+
+namespace {
+const std::string kTag = "ScheduleUpdateDataInfo";
+}
+
+ScheduleUpdateInfoDatabase::ScheduleUpdateInfoDatabase()
+    : DatabaseManager(kTag, kTableScheduleUpdateInfo) {}
+
+ScheduleUpdateInfoDatabase::~ScheduleUpdateInfoDatabase() {}
+
+std::string ScheduleUpdateInfoDatabase::CreateTableStatement() const {
+    std::ostringstream sql;
+    sql << "CREATE TABLE IF NOT EXISTS " << kTableScheduleUpdateInfo << " (" << kColumnPlantId
+        << " VARCHAR(26)," << kColumnLastUpdateTime << " VARCHAR(19)," << kColumnNextUpdateTime
+        << " VARCHAR(19)," << kColumnFixedScheduleUpdateFlag << " INTEGER,"
+        << kColumnIsNeedUpdateFixedSchedule << " BOOLEAN DEFAULT 0," << " PRIMARY KEY( " << kColumnPlantId
+        << ") " << ")";
+    return sql.str();
+}
+
+// The values go in between single quotes as they are: a quote inside one
+// makes the statement fail, and the failure is logged.
+bool ScheduleUpdateInfoDatabase::InsertUpdateInfo(const ScheduleUpdateInfo& info) {
+    Poco::Mutex::ScopedLock lock(mutex_);
+    if (!Open()) return false;
+    try {
+        std::ostringstream sql;
+        sql << "INSERT OR REPLACE INTO " << kTableScheduleUpdateInfo << " " << " ( " << " " << kColumnPlantId
+            << " " << ", " << kColumnLastUpdateTime << " " << ", " << kColumnNextUpdateTime << " " << ", "
+            << kColumnFixedScheduleUpdateFlag << " " << ", " << kColumnIsNeedUpdateFixedSchedule << " "
+            << " )";
+        sql << " VALUES ( " << " '" << info.plantId << "'" << ",'" << info.lastUpdateTime << "'" << ",'"
+            << info.nextUpdateTime << "'" << ",'" << info.fixedScheduleUpdateFlag << "'" << ",'"
+            << (info.isNeedUpdateFixedSchedule ? 1 : 0) << "'" << " )";
+        return Execute(sql.str()) > 0;
+    } catch (const Poco::Exception& e) {
+        LoggerLog::Error(kTag, "Insert Update error. [" + e.displayText() + "]");
+    } catch (...) {
+        LoggerLog::Error(kTag, "Insert Update error. exception");
+    }
+    return false;
+}
+
+ScheduleUpdateInfo ScheduleUpdateInfoDatabase::SelectUpdateInfo() {
+    Poco::Mutex::ScopedLock lock(mutex_);
+    ScheduleUpdateInfo info;
+    if (!Open()) return info;
+    try {
+        std::ostringstream sql;
+        sql << "SELECT " << kColumnPlantId << ", " << kColumnLastUpdateTime << ", " << kColumnNextUpdateTime
+            << ", " << kColumnFixedScheduleUpdateFlag << ", " << kColumnIsNeedUpdateFixedSchedule << " FROM "
+            << kTableScheduleUpdateInfo;
+        Poco::Data::Statement select(GetSession());
+        select << sql.str(), Poco::Data::Keywords::into(info.plantId),
+            Poco::Data::Keywords::into(info.lastUpdateTime), Poco::Data::Keywords::into(info.nextUpdateTime),
+            Poco::Data::Keywords::into(info.fixedScheduleUpdateFlag),
+            Poco::Data::Keywords::into(info.isNeedUpdateFixedSchedule), Poco::Data::Keywords::limit(1);
+        if (!select.done()) select.execute();
+    } catch (const Poco::Exception& e) {
+        LoggerLog::Error(kTag, "Select error. [" + e.displayText() + "]");
+    } catch (...) {
+        LoggerLog::Error(kTag, "Select error. exception");
+    }
+    return info;
+}
+
+bool ScheduleUpdateInfoDatabase::DeleteUpdateInfo() {
+    Poco::Mutex::ScopedLock lock(mutex_);
+    if (!Open()) return false;
+    try {
+        std::ostringstream sql;
+        sql << "DELETE FROM " << kTableScheduleUpdateInfo << " ";
+        return Execute(sql.str()) > 0;
+    } catch (const Poco::Exception& e) {
+        LoggerLog::Error(kTag, "Delete error. [" + e.displayText() + "]");
+    } catch (...) {
+        LoggerLog::Error(kTag, "Delete error. exception");
+    }
+    return false;
+}
+
+} // namespace brvo

@@ -1,0 +1,327 @@
+#include "database/ScheduleDatabase.h"
+
+#include "settings/LoggerSettingManager.h"
+#include "support/SqliteFile.h"
+#include "support/TestFiles.h"
+#include "util/FileUtil.h"
+#include "util/LoggerLog.h"
+#include "util/TimeStamp.h"
+
+#include <gtest/gtest.h>
+
+#include <sqlite3.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace brvo {
+namespace {
+
+const std::string kTag = "ScheduleDatabase";
+const std::string kDbFile =
+    "/media/sdcard/kestrovanyx/Database/OutputControl/output_control_schedule.db";
+const std::int64_t kDay = 86400;
+
+std::int64_t Now() {
+    return TimeStamp().EpochSeconds();
+}
+
+ScheduleRow Row(std::int64_t time, int rate, bool sent = false) {
+    ScheduleRow row;
+    row.time = time;
+    row.controlRate = rate;
+    row.sent = sent;
+    return row;
+}
+
+class ScheduleDatabaseTest : public ::testing::Test {
+protected:
+    void SetUp() override { UseSettings(""); }
+
+    void TearDown() override {
+        database_.reset();
+        LoggerLog::DeleteInstance();
+        LoggerSettingManager::DeleteInstance();
+        FileUtil::ResetDataRoot();
+    }
+
+    void UseSettings(const std::string& innerXml) {
+        LoggerLog::DeleteInstance();
+        LoggerSettingManager::DeleteInstance();
+        FileUtil::ResetDataRoot();
+        test::WriteLoggerSetting(
+            "<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>" + innerXml);
+        LoggerSettingManager::CreateInstance();
+        LoggerLog::CreateInstance();
+    }
+
+    ScheduleDatabase& Database() {
+        if (!database_) database_.reset(new ScheduleDatabase());
+        return *database_;
+    }
+
+    // Reopens the table, as a restart of the daemon does.
+    ScheduleDatabase& Reopen() {
+        database_.reset();
+        return Database();
+    }
+
+    static std::vector<std::string> LogLines() {
+        LoggerLog::DeleteInstance();
+        std::vector<std::string> lines = test::ReadLines(test::LogFilePath());
+        LoggerLog::CreateInstance();
+        return lines;
+    }
+
+    static std::string Count() {
+        return test::QueryValue(kDbFile, "SELECT COUNT(*) FROM output_control_schedule");
+    }
+
+    static std::string RowText(std::int64_t time) {
+        const auto rows = test::QueryFile(
+            kDbFile, "SELECT controlRate, sent FROM output_control_schedule WHERE time = " +
+                         std::to_string(time));
+        return rows.empty() ? std::string("none") : rows[0][0] + "/" + rows[0][1];
+    }
+
+    std::unique_ptr<ScheduleDatabase> database_;
+};
+
+TEST_F(ScheduleDatabaseTest, CreatesItsFileAndTableInTheDatabaseDirectory) {
+    Database();
+    ASSERT_TRUE(test::FileExists(kDbFile));
+    EXPECT_EQ("CREATE TABLE output_control_schedule (time INTEGER PRIMARY KEY ,controlRate INTEGER,"
+              "sent BOOLEAN DEFAULT 0 )",
+              test::QueryValue(kDbFile, "SELECT sql FROM sqlite_master WHERE name = 'output_control_schedule'"));
+}
+
+TEST_F(ScheduleDatabaseTest, UnwritableCardMovesTheFileUnderTmp) {
+    test::WriteFile("/media/sdcard/blocked", "");
+    UseSettings("<SdcardPath>/media/sdcard/blocked</SdcardPath>");
+    EXPECT_TRUE(Database().InsertUpdateSchedule({Row(Now() + 3600, 40)}));
+    EXPECT_TRUE(test::FileExists("/tmp/kestrovanyx/Database/OutputControl/output_control_schedule.db"));
+}
+
+TEST_F(ScheduleDatabaseTest, DeleteAllTellsWhetherRowsWentAway) {
+    EXPECT_FALSE(Database().DeleteAll());
+    ASSERT_TRUE(Database().InsertUpdateSchedule({Row(Now(), 10), Row(Now() + 1800, 20)}));
+    EXPECT_TRUE(Database().DeleteAll());
+    EXPECT_EQ("0", Count());
+    EXPECT_FALSE(Database().DeleteAll());
+}
+
+TEST_F(ScheduleDatabaseTest, CurrentAndNextSlots) {
+    const std::int64_t first = Now() + kDay;
+    ASSERT_TRUE(Database().InsertUpdateSchedule(
+        {Row(first, 10), Row(first + 1800, 20), Row(first + 3600, 30, true)}));
+    // Before the first slot there is no current one.
+    EXPECT_EQ(-1, Database().SelectSchedule(first - 1, true).time);
+    // A slot starting exactly at t is current, not next.
+    ScheduleRow current = Database().SelectSchedule(first + 1800, true);
+    EXPECT_EQ(first + 1800, current.time);
+    EXPECT_EQ(20, current.controlRate);
+    ScheduleRow next = Database().SelectSchedule(first + 1800, false);
+    EXPECT_EQ(first + 3600, next.time);
+    EXPECT_EQ(30, next.controlRate);
+    EXPECT_TRUE(next.sent);
+    // Inside a slot: that slot is current.
+    EXPECT_EQ(first + 1800, Database().SelectSchedule(first + 3599, true).time);
+    // At or after the last slot there is no next one.
+    EXPECT_EQ(-1, Database().SelectSchedule(first + 3600, false).time);
+    EXPECT_EQ(-1, Database().SelectSchedule(first + 99999, false).time);
+    EXPECT_EQ(first + 3600, Database().SelectSchedule(first + 99999, true).time);
+}
+
+TEST_F(ScheduleDatabaseTest, EmptyUpdateInsertTouchesNothing) {
+    Database();
+    // Were any statement run, it would fail on the missing table.
+    test::QueryFile(kDbFile, "DROP TABLE output_control_schedule");
+    const std::string before = test::ReadFile(kDbFile);
+    EXPECT_TRUE(Database().InsertUpdateSchedule({}));
+    EXPECT_EQ(before, test::ReadFile(kDbFile));
+    EXPECT_FALSE(test::HasLogLineStarting(LogLines(), "E", kTag, "Insert Update Schedule error."));
+    EXPECT_FALSE(Database().InsertUpdateSchedule({Row(Now(), 1)}));
+    EXPECT_TRUE(test::HasLogLineStarting(LogLines(), "E", kTag, "Insert Update Schedule error. ["));
+}
+
+TEST_F(ScheduleDatabaseTest, FixedInsertWithOnlyPastRowsRunsNothing) {
+    Database();
+    // Were a statement run, it would fail on the missing table.
+    test::QueryFile(kDbFile, "DROP TABLE output_control_schedule");
+    const std::int64_t cutoff = Now() - 1800;
+    EXPECT_TRUE(Database().InsertFixedSchedule({Row(cutoff - 1800, 10), Row(cutoff - 1, 20)}));
+    EXPECT_FALSE(test::HasLogLineStarting(LogLines(), "E", kTag, "Insert Fixed Schedule error."));
+    // A row in the future does run, and fails without the table.
+    EXPECT_FALSE(Database().InsertFixedSchedule({Row(Now() + 3600, 20)}));
+    EXPECT_TRUE(test::HasLogLineStarting(LogLines(), "E", kTag, "Insert Fixed Schedule error. ["));
+}
+
+TEST_F(ScheduleDatabaseTest, FixedInsertSkipsRowsUpToHalfAnHourAgo) {
+    const std::int64_t now = Now();
+    EXPECT_TRUE(Database().InsertFixedSchedule(
+        {Row(now - 7200, 1), Row(now - 1800 - 5, 2), Row(now - 1700, 3), Row(now + 1800, 4)}));
+    EXPECT_EQ("2", Count());
+    EXPECT_EQ("3/0", RowText(now - 1700));
+    EXPECT_EQ("4/0", RowText(now + 1800));
+}
+
+TEST_F(ScheduleDatabaseTest, FixedRowNeverReplacesAnUpdateRow) {
+    const std::int64_t t = Now() + kDay;
+    ASSERT_TRUE(Database().InsertUpdateSchedule({Row(t, 70, true)}));
+    EXPECT_TRUE(Database().InsertFixedSchedule({Row(t, 10), Row(t + 1800, 11)}));
+    EXPECT_EQ("70/1", RowText(t));
+    EXPECT_EQ("11/0", RowText(t + 1800));
+}
+
+TEST_F(ScheduleDatabaseTest, UpdateRowReplacesAFixedRowAndItsSentFlag) {
+    const std::int64_t t = Now() + kDay;
+    ASSERT_TRUE(Database().InsertFixedSchedule({Row(t, 10, true), Row(t + 1800, 11, true)}));
+    EXPECT_EQ("10/1", RowText(t));
+    EXPECT_TRUE(Database().InsertUpdateSchedule({Row(t, 60, false)}));
+    EXPECT_EQ("60/0", RowText(t));
+    EXPECT_EQ("11/1", RowText(t + 1800));
+}
+
+TEST_F(ScheduleDatabaseTest, StartUpPurgesRowsOlderThanTheRetentionCycle) {
+    // The cutoff is taken when the table opens; retry when the clock ticked
+    // to the next second between computing the rows and opening.
+    for (int attempt = 0; attempt < 5; ++attempt) {
+        const std::int64_t now = Now();
+        const std::int64_t cutoff = now - 90 * kDay;
+        Database().DeleteAll();
+        ASSERT_TRUE(Database().InsertUpdateSchedule(
+            {Row(cutoff - 1, 1), Row(cutoff, 2), Row(cutoff + 1, 3), Row(now, 4)}));
+        database_.reset();
+        database_.reset(new ScheduleDatabase());
+        if (Now() != now) continue;
+        EXPECT_EQ("none", RowText(cutoff - 1));
+        EXPECT_EQ("2/0", RowText(cutoff));
+        EXPECT_EQ("3/0", RowText(cutoff + 1));
+        EXPECT_EQ("4/0", RowText(now));
+        return;
+    }
+    FAIL() << "the clock kept ticking during every attempt";
+}
+
+TEST_F(ScheduleDatabaseTest, RetentionCycleComesFromTheSettings) {
+    UseSettings("<OutputControlScheduleRetensionCycle>2</OutputControlScheduleRetensionCycle>");
+    const std::int64_t now = Now();
+    ASSERT_TRUE(Database().InsertUpdateSchedule({Row(now - 3 * kDay, 1), Row(now - kDay, 2)}));
+    Reopen();
+    EXPECT_EQ("none", RowText(now - 3 * kDay));
+    EXPECT_EQ("2/0", RowText(now - kDay));
+}
+
+TEST_F(ScheduleDatabaseTest, SentFlagIsSetAfterASuccessfulForwarding) {
+    const std::int64_t t = Now() + kDay;
+    ASSERT_TRUE(Database().InsertUpdateSchedule({Row(t, 1), Row(t + 1800, 2, true)}));
+    int calls = 0;
+    Database().SetForwarder([&] {
+        ++calls;
+        // Forwarding runs before the flags change.
+        EXPECT_EQ("1/0", RowText(t));
+        return 0;
+    });
+    Database().UpdateSentFlag();
+    EXPECT_EQ(1, calls);
+    EXPECT_EQ("1/1", RowText(t));
+    EXPECT_EQ("2/1", RowText(t + 1800));
+}
+
+TEST_F(ScheduleDatabaseTest, FailedForwardingChangesNoFlag) {
+    const std::int64_t t = Now() + kDay;
+    ASSERT_TRUE(Database().InsertUpdateSchedule({Row(t, 1)}));
+    Database().SetForwarder([] { return 1; });
+    Database().UpdateSentFlag();
+    EXPECT_EQ("1/0", RowText(t));
+    EXPECT_TRUE(test::HasLogLine(LogLines(), "W", kTag, "Cloud Send error."));
+}
+
+TEST_F(ScheduleDatabaseTest, NoForwardingMeansNothingIsMarkedSent) {
+    const std::int64_t t = Now() + kDay;
+    ASSERT_TRUE(Database().InsertUpdateSchedule({Row(t, 1)}));
+    Database().UpdateSentFlag();
+    EXPECT_EQ("1/0", RowText(t));
+    EXPECT_TRUE(test::HasLogLine(LogLines(), "W", kTag, "Cloud Send error."));
+}
+
+TEST_F(ScheduleDatabaseTest, CorruptFileIsReportedAndTheSessionKept) {
+    test::WriteFile(kDbFile, std::string(4096, 'x'));
+    ScheduleDatabase& database = Database();
+    std::vector<std::string> lines = LogLines();
+    EXPECT_TRUE(test::HasLogLineStarting(lines, "E", kTag, "InitDataBaseFile error. ["));
+    EXPECT_TRUE(test::HasLogLine(lines, "E", kTag, "Database Open error."));
+    // The session stays: the next operation runs its statement and fails
+    // there instead of opening again.
+    EXPECT_EQ(-1, database.SelectSchedule(Now(), true).time);
+    lines = LogLines();
+    EXPECT_TRUE(test::HasLogLineStarting(lines, "E", kTag, "Select error. ["));
+    EXPECT_FALSE(database.DeleteAll());
+    EXPECT_TRUE(test::HasLogLineStarting(LogLines(), "E", kTag, "Delete error. ["));
+}
+
+TEST_F(ScheduleDatabaseTest, StatementsAreLoggedWhenTheTableIsGone) {
+    Database();
+    test::QueryFile(kDbFile, "DROP TABLE output_control_schedule");
+    EXPECT_FALSE(Database().InsertUpdateSchedule({Row(Now(), 1)}));
+    Database().SetForwarder([] { return 0; });
+    Database().UpdateSentFlag();
+    Database().DeleteOldData();
+    const std::vector<std::string> lines = LogLines();
+    EXPECT_TRUE(test::HasLogLineStarting(lines, "E", kTag, "Insert Update Schedule error. ["));
+    EXPECT_TRUE(test::HasLogLineStarting(lines, "E", kTag, "Update Sent Flag error. ["));
+    EXPECT_TRUE(test::HasLogLineStarting(lines, "E", kTag, "Delete old data error. ["));
+}
+
+TEST_F(ScheduleDatabaseTest, WholeYearGoesInOneStatement) {
+    std::vector<ScheduleRow> rows;
+    const std::int64_t start = Now() + kDay;
+    for (int i = 0; i < 17520; ++i) rows.push_back(Row(start + i * 1800LL, i % 101));
+    ASSERT_TRUE(Database().InsertUpdateSchedule(rows));
+    EXPECT_EQ("17520", Count());
+    const ScheduleRow first = Database().SelectSchedule(rows.front().time, true);
+    EXPECT_EQ(rows.front().time, first.time);
+    EXPECT_EQ(0, first.controlRate);
+    const ScheduleRow middle = Database().SelectSchedule(rows[8760].time + 1, true);
+    EXPECT_EQ(rows[8760].time, middle.time);
+    EXPECT_EQ(8760 % 101, middle.controlRate);
+    const ScheduleRow last = Database().SelectSchedule(rows.back().time + 100000, true);
+    EXPECT_EQ(rows.back().time, last.time);
+    EXPECT_EQ(17519 % 101, last.controlRate);
+    EXPECT_EQ(-1, Database().SelectSchedule(rows.back().time, false).time);
+}
+
+TEST_F(ScheduleDatabaseTest, StatementLengthLimitLeavesRoomForMillionsOfRows) {
+    Database();
+    sqlite3* db = nullptr;
+    ASSERT_EQ(SQLITE_OK, sqlite3_open(kDbFile.c_str(), &db));
+    const int limit = sqlite3_limit(db, SQLITE_LIMIT_SQL_LENGTH, -1);
+    sqlite3_close(db);
+    // A value group of a slot after 2038 with rate 100 is at most 34 bytes.
+    const std::string group = " (  '4102444800','100','0' ) ,";
+    EXPECT_GE(limit / static_cast<int>(group.size()), 1000000) << limit;
+}
+
+TEST_F(ScheduleDatabaseTest, SlotsAfter2038AreStoredAndSelected) {
+    const std::int64_t t = 4102444800LL;  // 2100-01-01 00:00:00 UTC
+    ASSERT_TRUE(Database().InsertUpdateSchedule({Row(t, 55)}));
+    EXPECT_EQ("55/0", RowText(t));
+    const ScheduleRow row = Database().SelectSchedule(t + 10, true);
+    EXPECT_EQ(t, row.time);
+    EXPECT_EQ(55, row.controlRate);
+}
+
+TEST_F(ScheduleDatabaseTest, InstanceIsProcessWide) {
+    EXPECT_EQ(nullptr, ScheduleDatabase::GetInstance());
+    ScheduleDatabase::CreateInstance();
+    ScheduleDatabase* first = ScheduleDatabase::GetInstance();
+    ASSERT_NE(nullptr, first);
+    ScheduleDatabase::CreateInstance();
+    EXPECT_EQ(first, ScheduleDatabase::GetInstance());
+    ScheduleDatabase::DeleteInstance();
+    EXPECT_EQ(nullptr, ScheduleDatabase::GetInstance());
+}
+
+} // namespace
+} // namespace brvo

@@ -1,0 +1,156 @@
+#include "database/ScheduleUpdateInfoDatabase.h"
+
+#include "settings/LoggerSettingManager.h"
+#include "support/SqliteFile.h"
+#include "support/TestFiles.h"
+#include "util/FileUtil.h"
+#include "util/LoggerLog.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace brvo {
+namespace {
+
+const std::string kTag = "ScheduleUpdateDataInfo";
+const std::string kDbFile =
+    "/media/sdcard/kestrovanyx/Database/OutputControl/output_control_schedule_update_info.db";
+
+ScheduleUpdateInfo Info(const std::string& plantId, const std::string& next = "2022-01-20 00:00:00",
+                        int flag = 3, bool need = true) {
+    ScheduleUpdateInfo info;
+    info.plantId = plantId;
+    info.lastUpdateTime = "2022-01-19 00:00:00";
+    info.nextUpdateTime = next;
+    info.fixedScheduleUpdateFlag = flag;
+    info.isNeedUpdateFixedSchedule = need;
+    return info;
+}
+
+class ScheduleUpdateInfoDatabaseTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>");
+        LoggerSettingManager::CreateInstance();
+        LoggerLog::CreateInstance();
+        FileUtil::ResetDataRoot();
+    }
+
+    void TearDown() override {
+        database_.reset();
+        LoggerLog::DeleteInstance();
+        LoggerSettingManager::DeleteInstance();
+        FileUtil::ResetDataRoot();
+    }
+
+    static std::vector<std::string> LogLines() {
+        LoggerLog::DeleteInstance();
+        std::vector<std::string> lines = test::ReadLines(test::LogFilePath());
+        LoggerLog::CreateInstance();
+        return lines;
+    }
+
+    static std::vector<std::vector<std::string>> Rows() {
+        return test::QueryFile(kDbFile,
+                               "SELECT plantId, lastUpdateTime, nextUpdateTime, fixedScheduleUpdateFlag, "
+                               "isNeedUpdateFixedSchedule FROM output_control_schedule_update_info");
+    }
+
+    std::unique_ptr<ScheduleUpdateInfoDatabase> database_{new ScheduleUpdateInfoDatabase()};
+};
+
+TEST_F(ScheduleUpdateInfoDatabaseTest, ConstructionDoesNotOpenTheFile) {
+    EXPECT_FALSE(test::FileExists(kDbFile));
+}
+
+TEST_F(ScheduleUpdateInfoDatabaseTest, FirstSelectCreatesFileAndTableAndFindsNoPlant) {
+    const ScheduleUpdateInfo info = database_->SelectUpdateInfo();
+    EXPECT_EQ("", info.plantId);
+    EXPECT_EQ("", info.lastUpdateTime);
+    EXPECT_EQ("", info.nextUpdateTime);
+    ASSERT_TRUE(test::FileExists(kDbFile));
+    EXPECT_EQ("CREATE TABLE output_control_schedule_update_info (plantId VARCHAR(26),"
+              "lastUpdateTime VARCHAR(19),nextUpdateTime VARCHAR(19),fixedScheduleUpdateFlag INTEGER,"
+              "isNeedUpdateFixedSchedule BOOLEAN DEFAULT 0, PRIMARY KEY( plantId) )",
+              test::QueryValue(kDbFile, "SELECT sql FROM sqlite_master WHERE type = 'table'"));
+}
+
+TEST_F(ScheduleUpdateInfoDatabaseTest, RecordRoundTrip) {
+    ASSERT_TRUE(database_->InsertUpdateInfo(Info("PLANT1", "2040-01-01 00:00:00", 7, true)));
+    const ScheduleUpdateInfo info = database_->SelectUpdateInfo();
+    EXPECT_EQ("PLANT1", info.plantId);
+    EXPECT_EQ("2022-01-19 00:00:00", info.lastUpdateTime);
+    EXPECT_EQ("2040-01-01 00:00:00", info.nextUpdateTime);
+    EXPECT_EQ(7, info.fixedScheduleUpdateFlag);
+    EXPECT_TRUE(info.isNeedUpdateFixedSchedule);
+    ASSERT_TRUE(database_->InsertUpdateInfo(Info("PLANT1", "x", 0, false)));
+    EXPECT_FALSE(database_->SelectUpdateInfo().isNeedUpdateFixedSchedule);
+    EXPECT_EQ(0, database_->SelectUpdateInfo().fixedScheduleUpdateFlag);
+}
+
+TEST_F(ScheduleUpdateInfoDatabaseTest, DeleteOnEmptyTableIsFalse) {
+    EXPECT_FALSE(database_->DeleteUpdateInfo());
+    ASSERT_TRUE(database_->InsertUpdateInfo(Info("P")));
+    EXPECT_TRUE(database_->DeleteUpdateInfo());
+    EXPECT_TRUE(Rows().empty());
+    EXPECT_EQ("", database_->SelectUpdateInfo().plantId);
+}
+
+TEST_F(ScheduleUpdateInfoDatabaseTest, SamePlantTwiceKeepsOneRowWithTheSecondValues) {
+    ASSERT_TRUE(database_->InsertUpdateInfo(Info("P", "2022-01-20 00:00:00", 1, false)));
+    ASSERT_TRUE(database_->InsertUpdateInfo(Info("P", "2022-01-21 00:00:00", 2, true)));
+    const auto rows = Rows();
+    ASSERT_EQ(1u, rows.size());
+    EXPECT_EQ("2022-01-21 00:00:00", rows[0][2]);
+    EXPECT_EQ("2", rows[0][3]);
+    EXPECT_EQ("1", rows[0][4]);
+}
+
+TEST_F(ScheduleUpdateInfoDatabaseTest, AnotherPlantAddsASecondRow) {
+    ASSERT_TRUE(database_->InsertUpdateInfo(Info("A")));
+    ASSERT_TRUE(database_->InsertUpdateInfo(Info("B")));
+    EXPECT_EQ(2u, Rows().size());
+}
+
+TEST_F(ScheduleUpdateInfoDatabaseTest, LongPlantIdIsStoredWhole) {
+    const std::string id(40, '7');
+    ASSERT_TRUE(database_->InsertUpdateInfo(Info(id)));
+    EXPECT_EQ(id, database_->SelectUpdateInfo().plantId);
+    EXPECT_EQ(id, Rows().at(0).at(0));
+}
+
+TEST_F(ScheduleUpdateInfoDatabaseTest, QuoteInAValueFailsTheStatement) {
+    EXPECT_FALSE(database_->InsertUpdateInfo(Info("O'Brien")));
+    EXPECT_TRUE(test::HasLogLineStarting(LogLines(), "E", kTag, "Insert Update error. ["));
+    EXPECT_TRUE(Rows().empty());
+}
+
+TEST_F(ScheduleUpdateInfoDatabaseTest, SmuggledSecondStatementNeverRuns) {
+    ASSERT_TRUE(database_->InsertUpdateInfo(Info("A")));
+    const std::string hostile =
+        "x','','',0,0); DELETE FROM output_control_schedule_update_info; --";
+    EXPECT_FALSE(database_->InsertUpdateInfo(Info(hostile)));
+    const auto rows = Rows();
+    ASSERT_EQ(1u, rows.size());
+    EXPECT_EQ("A", rows[0][0]);
+    EXPECT_TRUE(test::HasLogLineStarting(LogLines(), "E", kTag, "Insert Update error. ["));
+}
+
+TEST_F(ScheduleUpdateInfoDatabaseTest, CorruptFileIsReported) {
+    test::WriteFile(kDbFile, std::string(4096, 'x'));
+    EXPECT_EQ("", database_->SelectUpdateInfo().plantId);
+    const std::vector<std::string> lines = LogLines();
+    EXPECT_TRUE(test::HasLogLineStarting(lines, "E", kTag, "InitDataBaseFile error. ["));
+    EXPECT_TRUE(test::HasLogLine(lines, "E", kTag, "Database Open error."));
+    EXPECT_FALSE(database_->DeleteUpdateInfo());
+    EXPECT_TRUE(test::HasLogLineStarting(LogLines(), "E", kTag, "Delete error. ["));
+    EXPECT_FALSE(database_->InsertUpdateInfo(Info("P")));
+    EXPECT_EQ("", database_->SelectUpdateInfo().plantId);
+    EXPECT_TRUE(test::HasLogLineStarting(LogLines(), "E", kTag, "Select error. ["));
+}
+
+} // namespace
+} // namespace brvo
