@@ -1,6 +1,8 @@
 #include "database/ScheduleDatabase.h"
 
+#include "schedule/ScheduleModel.h"
 #include "settings/LoggerSettingManager.h"
+#include "support/SchedulePayload.h"
 #include "support/SqliteFile.h"
 #include "support/TestFiles.h"
 #include "util/FileUtil.h"
@@ -290,6 +292,34 @@ TEST_F(ScheduleDatabaseTest, WholeYearGoesInOneStatement) {
     EXPECT_EQ(rows.back().time, last.time);
     EXPECT_EQ(17519 % 101, last.controlRate);
     EXPECT_EQ(-1, Database().SelectSchedule(rows.back().time, false).time);
+}
+
+TEST_F(ScheduleDatabaseTest, YearPayloadParsesAndStoresInOneStatement) {
+    test::ScheduleRecord record;
+    record.start = "204001010000";  // server time; 2039-12-31 15:00 UTC
+    record.rates.clear();
+    for (int i = 0; i < 17520; ++i) record.rates.push_back((i * 7) % 101);
+    const ScheduleModel model(test::BuildSchedulePayload({record}, test::kFixedSchedule).hex, 0);
+    ASSERT_TRUE(model.IsResult()) << model.GetMessage();
+    const std::vector<ScheduleRow> slots = model.GetSlots();
+    ASSERT_EQ(17520u, slots.size());
+    ASSERT_TRUE(Database().InsertUpdateSchedule(slots));
+    EXPECT_EQ("17520", Count());
+    const std::int64_t first = 2208988800LL - 9 * 3600;
+    EXPECT_EQ(first, slots.front().time);
+    EXPECT_EQ(test::QueryValue(kDbFile, "SELECT MIN(time) FROM output_control_schedule"),
+              std::to_string(first));
+    EXPECT_EQ(test::QueryValue(kDbFile, "SELECT MAX(time) FROM output_control_schedule"),
+              std::to_string(first + 17519LL * 1800));
+    EXPECT_EQ(test::QueryValue(kDbFile, "SELECT SUM(controlRate) FROM output_control_schedule"),
+              std::to_string([&] {
+                  long long sum = 0;
+                  for (int rate : record.rates) sum += rate;
+                  return sum;
+              }()));
+    const ScheduleRow row = Database().SelectSchedule(first + 1000 * 1800 + 5, true);
+    EXPECT_EQ(first + 1000 * 1800, row.time);
+    EXPECT_EQ((1000 * 7) % 101, row.controlRate);
 }
 
 TEST_F(ScheduleDatabaseTest, StatementLengthLimitLeavesRoomForMillionsOfRows) {
