@@ -38,7 +38,24 @@ void ConvertInto(const std::string& text, int& value) {
     value = static_cast<int>(parsed);
 }
 
+DeviceSettingXmlManager* instance = nullptr;
+
 } // namespace
+
+void DeviceSettingXmlManager::CreateInstance() {
+    if (instance != nullptr) return;
+    SystemSettingXmlManager::CreateInstance();
+    instance = new DeviceSettingXmlManager(*SystemSettingXmlManager::GetInstance());
+}
+
+DeviceSettingXmlManager* DeviceSettingXmlManager::GetInstance() {
+    return instance;
+}
+
+void DeviceSettingXmlManager::DeleteInstance() {
+    delete instance;
+    instance = nullptr;
+}
 
 DeviceSettingXmlManager::DeviceSettingXmlManager(SystemSettingXmlManager& systemSettings)
     : systemSettings_(systemSettings) {}

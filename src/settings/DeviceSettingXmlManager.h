@@ -22,6 +22,14 @@ public:
         int valueMin = 0;
     };
 
+    // Creates the process-wide instance if absent, reading devices through
+    // the process-wide system settings (created if absent).
+    static void CreateInstance();
+    // The instance, or null before CreateInstance.
+    static DeviceSettingXmlManager* GetInstance();
+    // Deletes the instance.
+    static void DeleteInstance();
+
     // Reads devices through `systemSettings`, which must outlive this object.
     explicit DeviceSettingXmlManager(SystemSettingXmlManager& systemSettings);
     virtual ~DeviceSettingXmlManager();

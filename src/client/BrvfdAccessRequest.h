@@ -1,0 +1,49 @@
+// One exchange with the logger daemon, run on a worker thread: connects to
+// its UNIX-domain socket, sends the 8-byte command and reads the 12-byte
+// reply, then reports to the callback.
+#ifndef BRVO_CLIENT_BRVFDACCESSREQUEST_H
+#define BRVO_CLIENT_BRVFDACCESSREQUEST_H
+
+#include "server/Request.h"
+
+#include <cstddef>
+#include <cstdint>
+
+namespace brvo {
+
+class BrvfdAccessRequestCallback;
+
+class BrvfdAccessRequest : public Request {
+public:
+    // The only command this daemon sends: new schedule data is stored.
+    static const int kCommandScheduleUpdated = 1;
+    // Sizes of the command and of the reply on the wire.
+    static const std::size_t kCommandSize = 8;
+    static const std::size_t kReplySize = 12;
+
+    // Reports to `callback`, which must live until it has been called.
+    explicit BrvfdAccessRequest(BrvfdAccessRequestCallback* callback);
+
+    // Sets the command to send; only kCommandScheduleUpdated is sent.
+    void SetCommand(int command);
+    // While set, a successful exchange is not reported.
+    void SetReplyIgnored(bool ignored);
+
+    // Performs the exchange and reports once to the callback.
+    void Execute() override;
+
+protected:
+    ~BrvfdAccessRequest() override;
+
+private:
+    int Exchange(int fd, unsigned char* reply);
+    void Report(int status, const unsigned char* reply);
+
+    BrvfdAccessRequestCallback* callback_;
+    bool replyIgnored_;
+    std::int32_t command_;
+};
+
+} // namespace brvo
+
+#endif

@@ -1,0 +1,139 @@
+#include "client/ScheduleServerAccessRequest.h"
+
+#include "client/ScheduleServerAccessRequestCallback.h"
+#include "settings/SystemSettingXmlManager.h"
+#include "util/LoggerLog.h"
+
+#include <Poco/Exception.h>
+#include <Poco/Net/HTTPClientSession.h>
+#include <Poco/Net/HTTPRequest.h>
+#include <Poco/Net/HTTPResponse.h>
+#include <Poco/StreamCopier.h>
+#include <Poco/Timespan.h>
+#include <Poco/URI.h>
+
+#include <algorithm>
+#include <cctype>
+#include <fstream>
+#include <iostream>
+#include <vector>
+
+namespace brvo {
+
+namespace {
+
+const std::string kTag = "ScheduleServerAccessRequest";
+const std::string kMacAddressFile = "/sys/class/net/eth0/address";
+const long kSessionTimeoutSeconds = 20 * 60;
+const std::size_t kChunkSize = 1024;
+// Largest answer the device takes in. A schedule of a whole year is some
+// 18 KB; an announced length beyond this is refused instead of reserving
+// memory the device does not have.
+const Poco::Int64 kMaxAnswerBytes = 64LL * 1024 * 1024;
+
+// An answer whose length is unknown or beyond reason; reported as an
+// exchange that failed with an exception that is not the library's.
+class UnusableLength : public std::exception {};
+
+} // namespace
+
+ScheduleServerAccessRequest::ScheduleServerAccessRequest(ScheduleServerAccessRequestCallback* callback)
+    : callback_(callback) {}
+
+ScheduleServerAccessRequest::~ScheduleServerAccessRequest() {}
+
+void ScheduleServerAccessRequest::SetParameters(const std::string& scheduleKbn) {
+    SystemSettingXmlManager settings;
+    settings.Load();
+    SetParameters(scheduleKbn, settings.GetOutputControlPlantId(),
+                  settings.GetOutputScheduleInformationServerUrl());
+}
+
+void ScheduleServerAccessRequest::SetParameters(const std::string& scheduleKbn,
+                                                const std::string& powerPlantId, const std::string& url) {
+    scheduleKbn_ = scheduleKbn;
+    powerPlantId_ = powerPlantId;
+    url_ = url;
+}
+
+std::string ScheduleServerAccessRequest::GetMacAddress() {
+    std::ifstream file(kMacAddressFile);
+    if (!file.is_open()) {
+        LoggerLog::Error(kTag, "failed to open " + kMacAddressFile);
+        return std::string();
+    }
+    std::string word;
+    file >> word;
+    std::string mac;
+    for (const char ch : word) {
+        if (ch == ':' || ch == '-') continue;
+        mac += static_cast<char>(std::toupper(static_cast<unsigned char>(ch)));
+    }
+    return mac;
+}
+
+std::string ScheduleServerAccessRequest::BuildBody(const std::string& macAddress) const {
+    return "power_plant_id=" + powerPlantId_ + "&" + "mac_address=" + macAddress + "&" +
+           "schedule_kbn=" + scheduleKbn_;
+}
+
+void ScheduleServerAccessRequest::Execute() {
+    LoggerLog::Debug(kTag, "Execute");
+    const std::string body = BuildBody(GetMacAddress());
+    std::string contentType;
+    try {
+        Exchange(body, contentType);
+        return;
+    } catch (const Poco::Exception& e) {
+        const std::string message =
+            "schedule server access failed. EXCEPTION[" + e.displayText() + "] request_body[" + body + "]";
+        LoggerLog::Error(kTag, message);
+        if (callback_ != nullptr) callback_->OnResult(1, 0, contentType, nullptr, 0, message);
+    } catch (...) {
+        const std::string message = "schedule server access failed. exception request_body[" + body + "]";
+        LoggerLog::Error(kTag, message);
+        if (callback_ != nullptr) callback_->OnResult(2, 0, contentType, nullptr, 0, message);
+    }
+}
+
+// Sends the form and reads the answer into a buffer of its announced
+// length: a longer body is read to its end and the rest dropped, a shorter
+// one leaves zeros. An answer without a length cannot be sized and fails,
+// as does one that announces more than the device can hold.
+void ScheduleServerAccessRequest::Exchange(const std::string& body, std::string& contentType) {
+    const Poco::URI uri(url_);
+    Poco::Net::HTTPClientSession session(uri.getHost(), uri.getPort());
+    Poco::Net::HTTPRequest request(Poco::Net::HTTPRequest::HTTP_POST, uri.getPath(),
+                                   Poco::Net::HTTPMessage::HTTP_1_1);
+    session.setTimeout(Poco::Timespan(kSessionTimeoutSeconds, 0));
+    request.setKeepAlive(false);
+    request.setContentType("application/x-www-form-urlencoded");
+    request.setContentLength64(static_cast<Poco::Int64>(body.size()));
+    session.sendRequest(request) << body;
+
+    Poco::Net::HTTPResponse response;
+    std::istream& in = session.receiveResponse(response);
+    const int status = static_cast<int>(response.getStatus());
+    contentType = response.getContentType();
+    const Poco::Int64 length = response.getContentLength64();
+    if (length < 0 || length > kMaxAnswerBytes) throw UnusableLength();
+
+    std::vector<char> buffer(static_cast<std::size_t>(length) + 1, 0);
+    std::size_t filled = 0;
+    char chunk[kChunkSize];
+    for (;;) {
+        in.read(chunk, kChunkSize);
+        const std::size_t got = static_cast<std::size_t>(in.gcount());
+        if (got == 0) break;
+        const std::size_t room = static_cast<std::size_t>(length) - filled;
+        const std::size_t take = std::min(got, room);
+        std::copy(chunk, chunk + take, buffer.begin() + static_cast<std::ptrdiff_t>(filled));
+        filled += take;
+    }
+    std::cout << "status_code [[" << status << std::endl;
+    std::cout << "content_type [[" << contentType << std::endl;
+    std::cout << "content_length [[" << length << std::endl;
+    if (callback_ != nullptr) callback_->OnResult(0, status, contentType, buffer.data(), length, std::string());
+}
+
+} // namespace brvo

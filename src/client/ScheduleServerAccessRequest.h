@@ -1,0 +1,56 @@
+// One HTTP exchange with the schedule server, run on a worker thread: a
+// form-encoded POST naming the plant, the device's MAC address and the kind
+// of schedule wanted. The answer's status, Content-Type and body go to the
+// callback, which parses them.
+#ifndef BRVO_CLIENT_SCHEDULESERVERACCESSREQUEST_H
+#define BRVO_CLIENT_SCHEDULESERVERACCESSREQUEST_H
+
+#include "server/Request.h"
+
+#include <string>
+
+namespace brvo {
+
+class ScheduleServerAccessRequestCallback;
+
+class ScheduleServerAccessRequest : public Request {
+public:
+    // Reports to `callback`, which must live until it has been called.
+    explicit ScheduleServerAccessRequest(ScheduleServerAccessRequestCallback* callback);
+
+    // Sets the schedule kind; plant id and server address come from the
+    // system settings (reloaded).
+    void SetParameters(const std::string& scheduleKbn);
+    // Sets all three parameters.
+    void SetParameters(const std::string& scheduleKbn, const std::string& powerPlantId,
+                       const std::string& url);
+
+    // Performs the exchange and reports exactly once to the callback.
+    void Execute() override;
+
+    // The device's MAC address from /sys/class/net/eth0/address without ":"
+    // and "-", in upper case; empty (with a log line) when the file cannot be
+    // opened.
+    static std::string GetMacAddress();
+    // The form body sent for the parameters.
+    std::string BuildBody(const std::string& macAddress) const;
+
+    const std::string& GetScheduleKbn() const { return scheduleKbn_; }
+    const std::string& GetPowerPlantId() const { return powerPlantId_; }
+    const std::string& GetUrl() const { return url_; }
+
+protected:
+    ~ScheduleServerAccessRequest() override;
+
+private:
+    void Exchange(const std::string& body, std::string& contentType);
+
+    ScheduleServerAccessRequestCallback* callback_;
+    std::string scheduleKbn_;
+    std::string powerPlantId_;
+    std::string url_;
+};
+
+} // namespace brvo
+
+#endif

@@ -1,0 +1,37 @@
+#include "client/ScheduleServerSendRequest.h"
+
+#include "client/ServerResponseParser.h"
+#include "schedule/ServerAccessResult.h"
+
+namespace brvo {
+
+namespace {
+const int kHttpOk = 200;
+}
+
+ScheduleServerSendRequest::ScheduleServerSendRequest() : fulfilled_(false) {}
+
+ScheduleServerSendRequest::~ScheduleServerSendRequest() {}
+
+std::future<std::shared_ptr<ServerAccessResult>> ScheduleServerSendRequest::GetFuture() {
+    return promise_.get_future();
+}
+
+void ScheduleServerSendRequest::OnResult(int status, int httpStatus, const std::string& contentType,
+                                         const char* data, std::int64_t dataLength,
+                                         const std::string& message) {
+    if (fulfilled_) return;
+    std::shared_ptr<ServerAccessResult> result;
+    if (status == 0 && httpStatus == kHttpOk) {
+        result = std::make_shared<ServerAccessResult>(true, httpStatus, std::string());
+        result->SetResponseParser(std::make_shared<ServerResponseParser>(contentType, data, dataLength));
+    } else if (status == 0) {
+        result = std::make_shared<ServerAccessResult>(false, httpStatus, "Data is not found.");
+    } else {
+        result = std::make_shared<ServerAccessResult>(false, 0, message);
+    }
+    fulfilled_ = true;
+    promise_.set_value(result);
+}
+
+} // namespace brvo

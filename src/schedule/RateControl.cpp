@@ -1,0 +1,110 @@
+#include "schedule/RateControl.h"
+
+#include "app/Constants.h"
+#include "database/ScheduleDatabase.h"
+#include "settings/DeviceSettingXmlManager.h"
+#include "settings/LoggerSettingManager.h"
+#include "settings/SystemSettingXmlManager.h"
+#include "util/LoggerLog.h"
+#include "util/TimeStamp.h"
+
+#include <cmath>
+#include <cstdio>
+
+namespace brvo {
+
+namespace {
+
+const std::string kTag = "RateControl";
+const std::string kDateFormat = "%Y%m%d";
+
+Poco::Timestamp SystemClock() {
+    return Poco::Timestamp();
+}
+
+std::shared_ptr<TargetPowerResult> Failure(double power, std::int32_t code, const std::string& message) {
+    LoggerLog::Warning(kTag, "Get Target Power failed. " + message);
+    return std::make_shared<TargetPowerResult>(power, code, message);
+}
+
+std::string FormatDouble(double value) {
+    char text[64];
+    std::snprintf(text, sizeof text, "%f", value);
+    return text;
+}
+
+// The settings readers shared by the flows; created on first use.
+SystemSettingXmlManager& SystemSettings() {
+    SystemSettingXmlManager::CreateInstance();
+    return *SystemSettingXmlManager::GetInstance();
+}
+
+DeviceSettingXmlManager& DeviceSettings() {
+    DeviceSettingXmlManager::CreateInstance();
+    return *DeviceSettingXmlManager::GetInstance();
+}
+
+// Whether the clock, read in the device's home time (UTC+9), has reached
+// the earliest date a schedule can be for.
+bool DateIsPlausible(const Poco::Timestamp& now) {
+    LoggerSettingManager* settings = LoggerSettingManager::GetInstance();
+    const bool testMode = settings != nullptr && settings->GetOutputControlTestMode() != 0;
+    std::shared_ptr<TimeStamp> minimum =
+        TimeStamp::Parse(kDateFormat, testMode ? kDate20160101 : kDate20200101);
+    TimeStamp shifted(now);
+    shifted.AddServerOffset();
+    return minimum != nullptr && shifted.Value() >= minimum->Value();
+}
+
+// Maps `rate` through the inverter's scale from Value0 (at 0 %) to Value100
+// (at 100 %), rounded in single precision as the inverters expect.
+int ScaleRate(int rate, const DeviceSettingXmlManager::Limit& limit) {
+    if (limit.value100 == 100 && limit.value0 == 0) return rate;
+    const float scaled = (static_cast<float>(rate) / 100.0f) *
+                             static_cast<float>(limit.value100 - limit.value0) +
+                         static_cast<float>(limit.value0);
+    return static_cast<int>(std::roundf(scaled));
+}
+
+} // namespace
+
+RateControl::RateControl() : clock_(SystemClock) {}
+
+RateControl::RateControl(const Clock& clock) : clock_(clock) {}
+
+RateControl::~RateControl() {}
+
+std::shared_ptr<TargetPowerResult> RateControl::GetTargetPower(double capacity, int requestType) {
+    SystemSettingXmlManager& systemSettings = SystemSettings();
+    systemSettings.Load();
+    if (systemSettings.GetOutputControlPlantId().empty()) {
+        return Failure(capacity, TargetPowerResult::kPlantIdNotFound, "Plantid not found.");
+    }
+    DeviceSettingXmlManager::Limit limit;
+    DeviceSettings().GetLimit(limit);
+    const double floor = static_cast<double>(limit.valueMin);
+
+    if (!DateIsPlausible(clock_())) {
+        return Failure(floor, TargetPowerResult::kDateError, "Current date error.");
+    }
+    const TimeStamp now(clock_());
+    ScheduleDatabase* database = ScheduleDatabase::GetInstance();
+    ScheduleRow slot;
+    if (database != nullptr) {
+        slot = database->SelectSchedule(now.EpochSeconds(), requestType == kCurrentTargetPower);
+    }
+    if (slot.time < 0) {
+        return Failure(floor, TargetPowerResult::kNoSchedule, "can not get.");
+    }
+    const int rate = ScaleRate(slot.controlRate, limit);
+    double target = static_cast<double>(rate) * capacity / 100.0;
+    if (floor > target) target = floor;
+
+    std::shared_ptr<TimeStamp> start = TimeStamp::FromEpochSeconds(slot.time);
+    const std::string display = start ? start->FormatDisplay() : std::string();
+    LoggerLog::Info(kTag, display + "(UTC) Output Rate [" + std::to_string(rate) + "]  target power[" +
+                              FormatDouble(target) + "]  capacity[" + FormatDouble(capacity) + "]");
+    return std::make_shared<TargetPowerResult>(target, start ? start->FormatCompact() : std::string());
+}
+
+} // namespace brvo

@@ -1,0 +1,214 @@
+#include "client/BrvfdAccessRequest.h"
+
+#include "client/BrvfdAccessRequestCallback.h"
+#include "client/BrvfdSendCommandRequest.h"
+#include "server/Channel.h"
+#include "settings/LoggerSettingManager.h"
+#include "support/TestFiles.h"
+#include "support/UnixPeer.h"
+#include "util/LoggerLog.h"
+
+#include <gtest/gtest.h>
+
+#include <Poco/Event.h>
+#include <Poco/Timestamp.h>
+
+#include <chrono>
+#include <cstring>
+#include <future>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace brvo {
+namespace {
+
+using test::UnixPeer;
+
+const std::string kLoggerSocket = "/mnt/system/brvlogger/brevanta.logger";
+const std::string kCommandBytes("\x08\x00\x00\x00\x01\x00\x00\x00", 8);
+
+// A 12-byte reply with `result` in the word at offset 8.
+std::string Reply(std::int32_t result) {
+    std::string reply(12, '\xaa');
+    std::memcpy(&reply[8], &result, sizeof result);
+    return reply;
+}
+
+// Records what the exchange reports.
+class Recorder : public BrvfdAccessRequestCallback {
+public:
+    void OnResult(int status, const unsigned char* reply) override {
+        calls++;
+        this->status = status;
+        if (reply != nullptr) this->reply.assign(reinterpret_cast<const char*>(reply), 12);
+        done.set();
+    }
+    int calls = 0;
+    int status = -1;
+    std::string reply;
+    Poco::Event done;
+};
+
+class BrvfdAccessRequestTest : public ::testing::Test {
+protected:
+    void SetUp() override { UseSettings(""); }
+
+    void TearDown() override {
+        channel_.reset();
+        LoggerLog::DeleteInstance();
+        LoggerSettingManager::DeleteInstance();
+    }
+
+    void UseSettings(const std::string& innerXml) {
+        LoggerLog::DeleteInstance();
+        LoggerSettingManager::DeleteInstance();
+        test::WriteLoggerSetting(
+            "<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>" + innerXml);
+        LoggerSettingManager::CreateInstance();
+        LoggerLog::CreateInstance();
+        test::WriteFile("/mnt/system/brvlogger/.keep", "");
+    }
+
+    // Runs one exchange on the pool, as the schedule update manager does,
+    // and returns what the caller gets.
+    int SendScheduleData(int command = 1) {
+        BrvfdSendCommandRequest callback(1);
+        std::future<int> result = callback.GetFuture();
+        BrvfdAccessRequest* request = new BrvfdAccessRequest(&callback);
+        if (command != 0) request->SetCommand(command);
+        channel_->Enqueue(request);
+        EXPECT_EQ(std::future_status::ready, result.wait_for(std::chrono::seconds(20)));
+        return result.get();
+    }
+
+    // Runs one exchange on the pool and returns the recorded report.
+    void Exchange(Recorder& recorder, int command = 1) {
+        BrvfdAccessRequest* request = new BrvfdAccessRequest(&recorder);
+        if (command != 0) request->SetCommand(command);
+        channel_->Enqueue(request);
+        ASSERT_TRUE(recorder.done.tryWait(20000));
+    }
+
+    static std::vector<std::string> LogLines() {
+        LoggerLog::DeleteInstance();
+        std::vector<std::string> lines = test::ReadLines(test::LogFilePath());
+        LoggerLog::CreateInstance();
+        return lines;
+    }
+
+    std::unique_ptr<Channel> channel_ = [] {
+        std::unique_ptr<Channel> channel(new Channel(3));
+        channel->StartWorkers();
+        return channel;
+    }();
+};
+
+TEST_F(BrvfdAccessRequestTest, SendsTheCommandAndHandsOnTheResultWord) {
+    UnixPeer peer(kLoggerSocket, UnixPeer::kReply, Reply(0), 8);
+    EXPECT_EQ(0, SendScheduleData());
+    ASSERT_EQ(1u, peer.Received().size());
+    EXPECT_EQ(kCommandBytes, peer.Received()[0]);
+    const std::vector<std::string> lines = LogLines();
+    EXPECT_TRUE(test::HasLogLine(lines, "D", "BrvfdAccessRequest", "Execute"));
+    EXPECT_TRUE(test::HasLogLine(lines, "D", "BrvfdAccessRequest", "read"));
+}
+
+TEST_F(BrvfdAccessRequestTest, ResultWordFiveReachesTheCaller) {
+    UnixPeer peer(kLoggerSocket, UnixPeer::kReply, Reply(5), 8);
+    EXPECT_EQ(5, SendScheduleData());
+}
+
+TEST_F(BrvfdAccessRequestTest, ReplyIsPassedWhole) {
+    UnixPeer peer(kLoggerSocket, UnixPeer::kReply, Reply(-7), 8);
+    Recorder recorder;
+    Exchange(recorder);
+    EXPECT_EQ(0, recorder.status);
+    EXPECT_EQ(Reply(-7), recorder.reply);
+    EXPECT_EQ(1, recorder.calls);
+}
+
+TEST_F(BrvfdAccessRequestTest, ShortReplyThenCloseGivesZero) {
+    UnixPeer peer(kLoggerSocket, UnixPeer::kReply, std::string("\x01\x02\x03\x04", 4), 8);
+    Recorder recorder;
+    Exchange(recorder);
+    EXPECT_EQ(0, recorder.status);
+    EXPECT_EQ(std::string("\x01\x02\x03\x04", 4) + std::string(8, '\0'), recorder.reply);
+    EXPECT_EQ(0, SendScheduleData());
+}
+
+TEST_F(BrvfdAccessRequestTest, CloseWithoutAnswerGivesZero) {
+    UnixPeer peer(kLoggerSocket, UnixPeer::kReply, "", 8);
+    EXPECT_EQ(0, SendScheduleData());
+}
+
+TEST_F(BrvfdAccessRequestTest, NoListenerIsAConnectFailure) {
+    Recorder recorder;
+    Exchange(recorder);
+    EXPECT_EQ(2, recorder.status);
+    EXPECT_TRUE(recorder.reply.empty());
+    EXPECT_EQ(1, SendScheduleData());
+    EXPECT_TRUE(test::HasLogLine(LogLines(), "E", "BrvfdSendCommandRequest", "sending error. error_code [2]"));
+}
+
+TEST_F(BrvfdAccessRequestTest, SilentPeerFailsTheReadAfterTheTimeOut) {
+    UseSettings("<OutputControlSocketTimeout>1</OutputControlSocketTimeout>");
+    UnixPeer peer(kLoggerSocket, UnixPeer::kSilent, "", 8);
+    const Poco::Timestamp started;
+    Recorder recorder;
+    Exchange(recorder);
+    EXPECT_EQ(5, recorder.status);
+    EXPECT_GE(started.elapsed(), 900 * 1000);
+    EXPECT_EQ(1, SendScheduleData());
+    EXPECT_TRUE(test::HasLogLine(LogLines(), "E", "BrvfdSendCommandRequest", "sending error. error_code [5]"));
+}
+
+TEST_F(BrvfdAccessRequestTest, WithoutCommandNothingIsSent) {
+    UnixPeer peer(kLoggerSocket, UnixPeer::kReply, Reply(0), 8);
+    Recorder recorder;
+    Exchange(recorder, 0);
+    EXPECT_EQ(3, recorder.status);
+    EXPECT_TRUE(test::WaitFor([&] { return peer.Received().size() == 1; }, 5000));
+    EXPECT_EQ("", peer.Received()[0]);
+    Recorder other;
+    Exchange(other, 2);
+    EXPECT_EQ(3, other.status);
+}
+
+TEST_F(BrvfdAccessRequestTest, IgnoredReplyIsNotReported) {
+    UnixPeer peer(kLoggerSocket, UnixPeer::kReply, Reply(0), 8);
+    Recorder recorder;
+    BrvfdAccessRequest* request = new BrvfdAccessRequest(&recorder);
+    request->SetCommand(1);
+    request->SetReplyIgnored(true);
+    channel_->Enqueue(request);
+    EXPECT_TRUE(test::WaitFor([&] { return peer.Received().size() == 1; }, 5000));
+    EXPECT_FALSE(recorder.done.tryWait(300));
+    EXPECT_EQ(0, recorder.calls);
+}
+
+TEST_F(BrvfdAccessRequestTest, PeerThatHangsUpAtOnceDoesNotKillTheDaemon) {
+    UnixPeer peer(kLoggerSocket, UnixPeer::kCloseAtOnce, "", 0);
+    for (int i = 0; i < 20; ++i) {
+        Recorder recorder;
+        Exchange(recorder);
+        EXPECT_TRUE(recorder.status == 0 || recorder.status == 4 || recorder.status == 5)
+            << recorder.status;
+    }
+}
+
+TEST_F(BrvfdAccessRequestTest, SocketPathFromTheSettings) {
+    UseSettings("<LoggerSocketPath>/tmp/other.sock</LoggerSocketPath>");
+    UnixPeer peer("/tmp/other.sock", UnixPeer::kReply, Reply(3), 8);
+    EXPECT_EQ(3, SendScheduleData());
+}
+
+TEST_F(BrvfdAccessRequestTest, OverlongSocketPathIsAConnectFailure) {
+    UseSettings("<LoggerSocketPath>/tmp/" + std::string(150, 'x') + "</LoggerSocketPath>");
+    Recorder recorder;
+    Exchange(recorder);
+    EXPECT_EQ(2, recorder.status);
+}
+
+} // namespace
+} // namespace brvo

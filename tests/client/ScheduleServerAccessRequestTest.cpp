@@ -1,0 +1,247 @@
+#include "client/ScheduleServerAccessRequest.h"
+
+#include "client/ScheduleServerAccessRequestCallback.h"
+#include "server/Channel.h"
+#include "settings/LoggerSettingManager.h"
+#include "support/HttpTestServer.h"
+#include "support/SchedulePayload.h"
+#include "support/TestFiles.h"
+#include "util/LoggerLog.h"
+
+#include <gtest/gtest.h>
+
+#include <Poco/Event.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace brvo {
+namespace {
+
+using test::HttpTestServer;
+
+const std::string kMacFile = "/sys/class/net/eth0/address";
+const std::string kTag = "ScheduleServerAccessRequest";
+
+// Records the report of an exchange, with a copy of the body.
+class Recorder : public ScheduleServerAccessRequestCallback {
+public:
+    void OnResult(int status, int httpStatus, const std::string& contentType, const char* data,
+                  std::int64_t dataLength, const std::string& message) override {
+        ++calls;
+        this->status = status;
+        this->httpStatus = httpStatus;
+        this->contentType = contentType;
+        this->dataLength = dataLength;
+        this->hasData = data != nullptr;
+        if (data != nullptr) body.assign(data, static_cast<std::size_t>(dataLength));
+        this->message = message;
+        done.set();
+    }
+    int calls = 0;
+    int status = -1;
+    int httpStatus = -1;
+    std::string contentType;
+    std::int64_t dataLength = -1;
+    bool hasData = false;
+    std::string body;
+    std::string message;
+    Poco::Event done;
+};
+
+class ScheduleServerAccessRequestTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>");
+        LoggerSettingManager::CreateInstance();
+        LoggerLog::CreateInstance();
+        test::WriteFile(kMacFile, "00:1a:2b:3c:4d:5e\n");
+        channel_.StartWorkers();
+    }
+
+    void TearDown() override {
+        LoggerLog::DeleteInstance();
+        LoggerSettingManager::DeleteInstance();
+    }
+
+    // Runs one exchange on the pool with the given parameters.
+    void Exchange(Recorder& recorder, const std::string& kbn, const std::string& plantId,
+                  const std::string& url) {
+        ScheduleServerAccessRequest* request = new ScheduleServerAccessRequest(&recorder);
+        request->SetParameters(kbn, plantId, url);
+        channel_.Enqueue(request);
+        ASSERT_TRUE(recorder.done.tryWait(30000));
+        EXPECT_EQ(1, recorder.calls);
+    }
+
+    static std::vector<std::string> LogLines() {
+        LoggerLog::DeleteInstance();
+        std::vector<std::string> lines = test::ReadLines(test::LogFilePath());
+        LoggerLog::CreateInstance();
+        return lines;
+    }
+
+    static bool HasHeader(const HttpTestServer::Received& request, const std::string& header) {
+        for (const std::string& line : request.headers) {
+            if (line == header) return true;
+        }
+        return false;
+    }
+
+    Channel channel_{3};
+};
+
+TEST_F(ScheduleServerAccessRequestTest, PostsTheFormAndReportsTheAnswer) {
+    const std::string body = test::BinaryPartBody("b1", std::string("\x01\xab\xff", 3));
+    HttpTestServer server(HttpTestServer::Answer(200, "multipart/mixed; boundary=\"b1\"", body));
+    Recorder recorder;
+    Exchange(recorder, "0000", "0123456789", server.Url("/schedule/get"));
+    EXPECT_EQ(0, recorder.status);
+    EXPECT_EQ(200, recorder.httpStatus);
+    EXPECT_EQ("multipart/mixed; boundary=\"b1\"", recorder.contentType);
+    EXPECT_EQ(static_cast<std::int64_t>(body.size()), recorder.dataLength);
+    EXPECT_EQ(body, recorder.body);
+    EXPECT_EQ("", recorder.message);
+
+    const std::vector<HttpTestServer::Received> requests = server.Requests();
+    ASSERT_EQ(1u, requests.size());
+    EXPECT_EQ("POST /schedule/get HTTP/1.1", requests[0].requestLine);
+    EXPECT_EQ("power_plant_id=0123456789&mac_address=001A2B3C4D5E&schedule_kbn=0000", requests[0].body);
+    EXPECT_TRUE(HasHeader(requests[0], "Content-Type: application/x-www-form-urlencoded"));
+    EXPECT_TRUE(HasHeader(requests[0], "Content-Length: " + std::to_string(requests[0].body.size())));
+    EXPECT_EQ(68u, requests[0].body.size());
+    EXPECT_TRUE(HasHeader(requests[0], "Connection: Close"));
+    EXPECT_TRUE(HasHeader(requests[0], "Host: 127.0.0.1:" + std::to_string(server.Port())));
+    EXPECT_TRUE(test::HasLogLine(LogLines(), "D", kTag, "Execute"));
+}
+
+TEST_F(ScheduleServerAccessRequestTest, QueryOfTheUrlIsNotSent) {
+    HttpTestServer server(HttpTestServer::Answer(200, "text/plain", "x"));
+    Recorder recorder;
+    Exchange(recorder, "8888", "P", server.Url("/check?plant=1&x=2#frag"));
+    ASSERT_EQ(1u, server.Requests().size());
+    EXPECT_EQ("POST /check HTTP/1.1", server.Requests()[0].requestLine);
+}
+
+TEST_F(ScheduleServerAccessRequestTest, ValuesAreSentWithoutEncoding) {
+    HttpTestServer server(HttpTestServer::Answer(200, "text/plain", "x"));
+    Recorder recorder;
+    Exchange(recorder, "9993", "a b&c=d", server.Url("/"));
+    EXPECT_EQ("power_plant_id=a b&c=d&mac_address=001A2B3C4D5E&schedule_kbn=9993",
+              server.Requests().at(0).body);
+}
+
+TEST_F(ScheduleServerAccessRequestTest, DashedMacAddressIsNormalised) {
+    test::WriteFile(kMacFile, "00-1a-2b-3c-4d-5e\n");
+    EXPECT_EQ("001A2B3C4D5E", ScheduleServerAccessRequest::GetMacAddress());
+    test::WriteFile(kMacFile, "  aa:bb:cc:dd:ee:ff trailing\n");
+    EXPECT_EQ("AABBCCDDEEFF", ScheduleServerAccessRequest::GetMacAddress());
+}
+
+TEST_F(ScheduleServerAccessRequestTest, MissingMacFileStillSendsTheRequest) {
+    test::RemoveAll(kMacFile);
+    EXPECT_EQ("", ScheduleServerAccessRequest::GetMacAddress());
+    HttpTestServer server(HttpTestServer::Answer(200, "text/plain", "x"));
+    Recorder recorder;
+    Exchange(recorder, "0000", "P", server.Url("/"));
+    EXPECT_EQ(0, recorder.status);
+    EXPECT_EQ("power_plant_id=P&mac_address=&schedule_kbn=0000", server.Requests().at(0).body);
+    EXPECT_TRUE(test::HasLogLine(LogLines(), "E", kTag, "failed to open /sys/class/net/eth0/address"));
+}
+
+TEST_F(ScheduleServerAccessRequestTest, OtherStatusIsReportedAsAnAnswer) {
+    for (int status : {404, 500, 401}) {
+        HttpTestServer server(HttpTestServer::Answer(status, "text/html", "<p>no</p>"));
+        Recorder recorder;
+        Exchange(recorder, "0000", "P", server.Url("/"));
+        EXPECT_EQ(0, recorder.status);
+        EXPECT_EQ(status, recorder.httpStatus);
+        EXPECT_EQ("<p>no</p>", recorder.body);
+    }
+}
+
+TEST_F(ScheduleServerAccessRequestTest, RefusedConnectionIsALibraryException) {
+    Recorder recorder;
+    Exchange(recorder, "0000", "P", "http://127.0.0.1:" + std::to_string(test::ClosedPort()) + "/s");
+    EXPECT_EQ(1, recorder.status);
+    EXPECT_EQ(0, recorder.httpStatus);
+    EXPECT_FALSE(recorder.hasData);
+    EXPECT_EQ(0, recorder.dataLength);
+    const std::string prefix = "schedule server access failed. EXCEPTION[Connection refused";
+    EXPECT_EQ(0u, recorder.message.find(prefix)) << recorder.message;
+    const std::string tail = "] request_body[power_plant_id=P&mac_address=001A2B3C4D5E&schedule_kbn=0000]";
+    ASSERT_GE(recorder.message.size(), tail.size());
+    EXPECT_EQ(tail, recorder.message.substr(recorder.message.size() - tail.size()));
+    EXPECT_TRUE(test::HasLogLine(LogLines(), "E", kTag, recorder.message));
+}
+
+TEST_F(ScheduleServerAccessRequestTest, MissingContentLengthIsAnOtherException) {
+    HttpTestServer server(HttpTestServer::Answer(200, "text/plain", "body", -1, false));
+    Recorder recorder;
+    Exchange(recorder, "0000", "P", server.Url("/"));
+    EXPECT_EQ(2, recorder.status);
+    EXPECT_EQ(0, recorder.httpStatus);
+    EXPECT_FALSE(recorder.hasData);
+    EXPECT_EQ("schedule server access failed. exception request_body[power_plant_id=P&mac_address="
+              "001A2B3C4D5E&schedule_kbn=0000]",
+              recorder.message);
+    EXPECT_EQ("text/plain", recorder.contentType);
+}
+
+TEST_F(ScheduleServerAccessRequestTest, ShorterBodyLeavesZeros) {
+    HttpTestServer server(HttpTestServer::Answer(200, "application/octet-stream", "abc", 8));
+    Recorder recorder;
+    Exchange(recorder, "0000", "P", server.Url("/"));
+    EXPECT_EQ(0, recorder.status);
+    EXPECT_EQ(8, recorder.dataLength);
+    EXPECT_EQ(std::string("abc") + std::string(5, '\0'), recorder.body);
+}
+
+TEST_F(ScheduleServerAccessRequestTest, LongerBodyIsCutAtTheAnnouncedLength) {
+    HttpTestServer server(HttpTestServer::Answer(200, "application/octet-stream", "abcdefgh", 3));
+    Recorder recorder;
+    Exchange(recorder, "0000", "P", server.Url("/"));
+    EXPECT_EQ(0, recorder.status);
+    EXPECT_EQ(3, recorder.dataLength);
+    EXPECT_EQ("abc", recorder.body);
+}
+
+TEST_F(ScheduleServerAccessRequestTest, AbsurdAnnouncedLengthIsRefused) {
+    HttpTestServer server(
+        HttpTestServer::Answer(200, "application/octet-stream", "abc", 40LL * 1024 * 1024 * 1024));
+    Recorder recorder;
+    Exchange(recorder, "0000", "P", server.Url("/"));
+    EXPECT_EQ(2, recorder.status);
+    EXPECT_FALSE(recorder.hasData);
+}
+
+TEST_F(ScheduleServerAccessRequestTest, GarbageAnswerIsALibraryException) {
+    HttpTestServer server("this is not http\r\n\r\n");
+    Recorder recorder;
+    Exchange(recorder, "0000", "P", server.Url("/"));
+    EXPECT_EQ(1, recorder.status);
+    EXPECT_EQ(0u, recorder.message.find("schedule server access failed. EXCEPTION[")) << recorder.message;
+}
+
+TEST_F(ScheduleServerAccessRequestTest, ParametersFromTheSystemSettings) {
+    HttpTestServer server(HttpTestServer::Answer(200, "text/plain", "x"));
+    test::WriteFile(test::SystemSettingPath(),
+                    "<logger><general><outputControlPlantId>PLANT7</outputControlPlantId>"
+                    "<outputScheduleInformationServerUrl>" + server.Url("/from/settings") +
+                        "</outputScheduleInformationServerUrl></general></logger>");
+    Recorder recorder;
+    ScheduleServerAccessRequest* request = new ScheduleServerAccessRequest(&recorder);
+    request->SetParameters("0000");
+    EXPECT_EQ("PLANT7", request->GetPowerPlantId());
+    EXPECT_EQ(server.Url("/from/settings"), request->GetUrl());
+    EXPECT_EQ("0000", request->GetScheduleKbn());
+    channel_.Enqueue(request);
+    ASSERT_TRUE(recorder.done.tryWait(30000));
+    EXPECT_EQ("POST /from/settings HTTP/1.1", server.Requests().at(0).requestLine);
+    EXPECT_EQ("power_plant_id=PLANT7&mac_address=001A2B3C4D5E&schedule_kbn=0000",
+              server.Requests().at(0).body);
+}
+
+} // namespace
+} // namespace brvo

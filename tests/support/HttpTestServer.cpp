@@ -1,0 +1,119 @@
+#include "support/HttpTestServer.h"
+
+#include <Poco/Net/SocketAddress.h>
+#include <Poco/Net/StreamSocket.h>
+#include <Poco/NumberParser.h>
+#include <Poco/String.h>
+#include <Poco/Thread.h>
+#include <Poco/Timespan.h>
+
+#include <sstream>
+
+namespace brvo {
+namespace test {
+
+namespace {
+
+// Reads from `socket` until `text` holds "\r\n\r\n" or the peer stops.
+bool ReadHeaders(Poco::Net::StreamSocket& socket, std::string& text) {
+    char buffer[1024];
+    while (text.find("\r\n\r\n") == std::string::npos) {
+        const int n = socket.receiveBytes(buffer, sizeof buffer);
+        if (n <= 0) return false;
+        text.append(buffer, static_cast<std::size_t>(n));
+    }
+    return true;
+}
+
+} // namespace
+
+HttpTestServer::HttpTestServer(const std::string& answer, int delayMs)
+    : answer_(answer), delayMs_(delayMs), socket_(Poco::Net::SocketAddress("127.0.0.1", 0)),
+      port_(socket_.address().port()), stop_(false) {
+    thread_.start(*this);
+}
+
+HttpTestServer::~HttpTestServer() {
+    stop_ = true;
+    thread_.join();
+    socket_.close();
+}
+
+std::string HttpTestServer::Url(const std::string& path) const {
+    return "http://127.0.0.1:" + std::to_string(port_) + path;
+}
+
+std::vector<HttpTestServer::Received> HttpTestServer::Requests() const {
+    Poco::FastMutex::ScopedLock lock(mutex_);
+    return requests_;
+}
+
+std::string HttpTestServer::Answer(int status, const std::string& contentType, const std::string& body,
+                                   long long announced, bool withLength) {
+    std::ostringstream text;
+    text << "HTTP/1.1 " << status << " Status\r\n";
+    if (!contentType.empty()) text << "Content-Type: " << contentType << "\r\n";
+    if (withLength) text << "Content-Length: " << (announced < 0 ? static_cast<long long>(body.size()) : announced) << "\r\n";
+    text << "Connection: close\r\n\r\n" << body;
+    return text.str();
+}
+
+void HttpTestServer::run() {
+    while (!stop_) {
+        if (!socket_.poll(Poco::Timespan(0, 50000), Poco::Net::Socket::SELECT_READ)) continue;
+        Poco::Net::StreamSocket client = socket_.acceptConnection();
+        try {
+            Serve(client);
+        } catch (const Poco::Exception&) {
+        }
+        client.close();
+    }
+}
+
+void HttpTestServer::Serve(Poco::Net::StreamSocket& socket) {
+    socket.setReceiveTimeout(Poco::Timespan(5, 0));
+    std::string text;
+    if (!ReadHeaders(socket, text)) return;
+    const std::size_t end = text.find("\r\n\r\n");
+    Received received;
+    std::istringstream lines(text.substr(0, end));
+    std::string line;
+    std::size_t length = 0;
+    bool first = true;
+    while (std::getline(lines, line)) {
+        if (!line.empty() && line.back() == '\r') line.pop_back();
+        if (first) {
+            received.requestLine = line;
+            first = false;
+            continue;
+        }
+        received.headers.push_back(line);
+        if (Poco::icompare(line.substr(0, 15), "Content-Length:") == 0) {
+            length = static_cast<std::size_t>(Poco::NumberParser::parseUnsigned64(Poco::trim(line.substr(15))));
+        }
+    }
+    received.body = text.substr(end + 4);
+    char buffer[1024];
+    while (received.body.size() < length) {
+        const int n = socket.receiveBytes(buffer, sizeof buffer);
+        if (n <= 0) break;
+        received.body.append(buffer, static_cast<std::size_t>(n));
+    }
+    {
+        Poco::FastMutex::ScopedLock lock(mutex_);
+        requests_.push_back(received);
+    }
+    if (delayMs_ > 0) Poco::Thread::sleep(delayMs_);
+    socket.sendBytes(answer_.data(), static_cast<int>(answer_.size()));
+    socket.shutdownSend();
+}
+
+int ClosedPort() {
+    Poco::Net::ServerSocket probe(Poco::Net::SocketAddress("127.0.0.1", 0));
+    const int port = probe.address().port();
+    probe.close();
+    return port;
+}
+
+} // namespace test
+} // namespace brvo

@@ -1,0 +1,70 @@
+// A small HTTP server on 127.0.0.1 for tests: accepts connections on its own
+// thread, records each request exactly as received (request line, headers,
+// body) and answers with scripted raw bytes, so that tests control every
+// byte of the answer, broken ones included.
+#ifndef BRVO_TESTS_SUPPORT_HTTPTESTSERVER_H
+#define BRVO_TESTS_SUPPORT_HTTPTESTSERVER_H
+
+#include <Poco/Mutex.h>
+#include <Poco/Net/ServerSocket.h>
+#include <Poco/Runnable.h>
+#include <Poco/Thread.h>
+
+#include <atomic>
+#include <string>
+#include <vector>
+
+namespace brvo {
+namespace test {
+
+class HttpTestServer : public Poco::Runnable {
+public:
+    // One received request.
+    struct Received {
+        std::string requestLine;
+        std::vector<std::string> headers;
+        std::string body;
+    };
+
+    // Listens on an ephemeral port of 127.0.0.1; answers every request with
+    // `answer` (raw bytes, status line included) after `delayMs`.
+    explicit HttpTestServer(const std::string& answer, int delayMs = 0);
+    // Stops and closes.
+    ~HttpTestServer() override;
+
+    void run() override;
+
+    // The port it listens on.
+    int Port() const { return port_; }
+    // "http://127.0.0.1:<port>" + `path`.
+    std::string Url(const std::string& path) const;
+    // The requests received so far.
+    std::vector<Received> Requests() const;
+
+    // A complete answer: status line, Content-Type (when not empty), a
+    // Content-Length of `announced` (the body's own length when negative;
+    // none at all when `withLength` is false), Connection: close, then the
+    // body.
+    static std::string Answer(int status, const std::string& contentType, const std::string& body,
+                              long long announced = -1, bool withLength = true);
+
+private:
+    void Serve(Poco::Net::StreamSocket& socket);
+
+    std::string answer_;
+    int delayMs_;
+    Poco::Net::ServerSocket socket_;
+    int port_;
+    std::atomic<bool> stop_;
+    mutable Poco::FastMutex mutex_;
+    std::vector<Received> requests_;
+    Poco::Thread thread_;
+};
+
+// A port of 127.0.0.1 on which nothing listens.
+int ClosedPort();
+
+} // namespace test
+} // namespace brvo
+
+#endif
