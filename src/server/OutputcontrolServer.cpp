@@ -20,16 +20,24 @@ namespace brvo {
 
 namespace {
 
-const std::string kTag = "OutputcontrolServer";
-const std::string kDefaultSocketPath = "/mnt/system/pvoctrl/brevanta.octrl";
+// The server thread is never joined: it still runs while the process exits
+// and static objects are destroyed. Its constants therefore have no
+// destructor, and its mutex is never destroyed.
+const char kTag[] = "OutputcontrolServer";
+const char kDefaultSocketPath[] = "/mnt/system/pvoctrl/brevanta.octrl";
 const int kDefaultTimeoutSeconds = 60;
 
-// Serialises accept and the hand-over to the pool.
-Poco::FastMutex connectionMutex;
+// The one process-wide mutex that serialises accept and the hand-over to the
+// pool.
+Poco::Mutex& ConnectionMutex() {
+    static Poco::Mutex* mutex = new Poco::Mutex();
+    return *mutex;
+}
 
 std::string SocketPath() {
     LoggerSettingManager* settings = LoggerSettingManager::GetInstance();
-    return settings != nullptr ? settings->GetOutputControlSocketPath() : kDefaultSocketPath;
+    return settings != nullptr ? settings->GetOutputControlSocketPath()
+                               : std::string(kDefaultSocketPath);
 }
 
 int SocketTimeoutSeconds() {
@@ -117,7 +125,7 @@ void OutputcontrolServer::AcceptLoop(int socket) {
             continue;
         }
         if (ready == 0 || !FD_ISSET(socket, &readSet)) continue;
-        Poco::FastMutex::ScopedLock lock(connectionMutex);
+        Poco::Mutex::ScopedLock lock(ConnectionMutex());
         sockaddr_un peer;
         socklen_t peerLength = sizeof peer;
         const int client = accept4(socket, reinterpret_cast<sockaddr*>(&peer), &peerLength, SOCK_CLOEXEC);

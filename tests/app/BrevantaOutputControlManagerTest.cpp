@@ -12,6 +12,11 @@
 #include <Poco/Thread.h>
 #include <Poco/Timestamp.h>
 
+#include <cstring>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
 namespace brvo {
 namespace {
 
@@ -115,6 +120,40 @@ TEST_F(BrevantaOutputControlManagerTest, StartOpensTheCommandSocket) {
     }, 5000));
     ASSERT_NE(nullptr, manager_->GetServer());
     EXPECT_GE(manager_->GetServer()->GetListenSocket(), 0);
+}
+
+// Whether a client can connect to the command socket at `path`.
+bool CanConnect(const std::string& path) {
+    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address;
+    std::memset(&address, 0, sizeof address);
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    const bool connected = connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    close(fd);
+    return connected;
+}
+
+// Kill leaves the command server serving; only deleting the manager ends
+// it. A second manager in the same process then serves the socket again.
+TEST_F(BrevantaOutputControlManagerTest, DeletedManagerEndsItsServerAndANewOneServesAgain) {
+    const std::string path = "/mnt/system/pvoctrl/brevanta.octrl";
+    for (int round = 0; round < 2; ++round) {
+        if (round > 0) {
+            BrevantaOutputControlManager::CreateInstance();
+            manager_ = BrevantaOutputControlManager::GetInstance();
+        }
+        StartInBackground();
+        ASSERT_TRUE(test::WaitFor([this] { return manager_->IsRunning(); }, 5000));
+        ASSERT_TRUE(test::WaitFor([&] { return CanConnect(path); }, 5000));
+        manager_->Kill();
+        ASSERT_TRUE(threads_.back()->tryJoin(2000));
+        EXPECT_TRUE(CanConnect(path));
+        const Poco::Timestamp deleting;
+        BrevantaOutputControlManager::DeleteInstance();
+        EXPECT_LT(deleting.elapsed(), 2000 * 1000);
+        EXPECT_FALSE(CanConnect(path));
+    }
 }
 
 TEST_F(BrevantaOutputControlManagerTest, KillTwiceIsHarmless) {

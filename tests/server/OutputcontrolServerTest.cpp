@@ -48,6 +48,22 @@ bool ClosedByServer(int fd, int timeoutMs) {
     return read(fd, &byte, 1) == 0;
 }
 
+// Leaves a socket file at `path` whose listener is gone, as a daemon that
+// died would: the file stays, connections to it are refused.
+bool LeaveStaleSocket(const std::string& path) {
+    test::WriteFile(path, "");
+    if (unlink(path.c_str()) != 0) return false;
+    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address;
+    std::memset(&address, 0, sizeof address);
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    const bool bound = bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+                       listen(fd, 1) == 0;
+    close(fd);
+    return bound;
+}
+
 bool IsSocket(const std::string& path) {
     struct stat info;
     return stat(path.c_str(), &info) == 0 && S_ISSOCK(info.st_mode);
@@ -56,6 +72,9 @@ bool IsSocket(const std::string& path) {
 class OutputcontrolServerTest : public ::testing::Test {
 protected:
     void TearDown() override {
+        // Frees any slow request still holding a worker, so that deleting the
+        // pool does not wait for it.
+        release_.set();
         StopServer();
         LoggerLog::DeleteInstance();
         LoggerSettingManager::DeleteInstance();
@@ -81,14 +100,27 @@ protected:
         server_.reset();
     }
 
-    // Waits until a client can connect to `path`; the connection is closed.
+    // Waits until a client can connect to `path` and its connection has
+    // been served (closed by the server), so that no probe is left queued.
     static bool Listening(const std::string& path) {
         return test::WaitFor([&] {
             const int fd = Connect(path);
             if (fd < 0) return false;
+            shutdown(fd, SHUT_WR);
+            const bool served = ClosedByServer(fd, 5000);
             close(fd);
-            return true;
+            return served;
         }, 5000);
+    }
+
+    // Waits until a client can connect to `path` and the server has served
+    // and closed that connection, so no probe is left in the queue.
+    static bool ServedProbe(const std::string& path) {
+        int fd = -1;
+        if (!test::WaitFor([&] { return (fd = Connect(path)) >= 0; }, 5000)) return false;
+        const bool closed = ClosedByServer(fd, 5000);
+        close(fd);
+        return closed;
     }
 
     static std::vector<std::string> LogLines() {
@@ -102,6 +134,11 @@ protected:
         return joined_;
     }
 
+    // Shared with the slow requests; declared before the server, so they
+    // outlive its workers.
+    Poco::Event release_{false};
+    std::atomic<int> started_{0};
+    std::atomic<int> finished_{0};
     std::unique_ptr<OutputcontrolServer> server_;
     Poco::Thread thread_;
     bool joined_ = false;
@@ -129,6 +166,17 @@ TEST_F(OutputcontrolServerTest, StaleSocketFileIsReplaced) {
     EXPECT_FALSE(test::HasLogLineStarting(LogLines(), "F", kTag, "bind failed."));
 }
 
+TEST_F(OutputcontrolServerTest, StaleSocketOfAnEarlierRunIsRemovedAndBoundAfresh) {
+    ASSERT_TRUE(LeaveStaleSocket(kDefaultPath));
+    ASSERT_TRUE(IsSocket(kDefaultPath));
+    // Nobody listens behind the old file.
+    EXPECT_EQ(-1, Connect(kDefaultPath));
+    StartServer();
+    ASSERT_TRUE(Listening(kDefaultPath));
+    StopServer();
+    EXPECT_FALSE(test::HasLogLineStarting(LogLines(), "F", kTag, "bind failed."));
+}
+
 TEST_F(OutputcontrolServerTest, MissingDirectoryIsCreatedBeforeBinding) {
     const std::string path = "/mnt/system/new/deeper/control.sock";
     ASSERT_FALSE(test::FileExists("/mnt/system/new"));
@@ -148,22 +196,20 @@ TEST_F(OutputcontrolServerTest, AcceptedConnectionIsServedAndClosed) {
 
 TEST_F(OutputcontrolServerTest, FourthConnectionWaitsWhileThreeWorkersAreBusy) {
     StartServer();
-    ASSERT_TRUE(Listening(kDefaultPath));
-    Poco::Event release(false);
-    std::atomic<int> started(0);
-    std::atomic<int> finished(0);
+    ASSERT_TRUE(ServedProbe(kDefaultPath));
     for (int i = 0; i < OutputcontrolServer::kWorkerCount; ++i) {
-        server_->GetChannel()->Enqueue(new test::SlowRequest(release, started, finished));
+        server_->GetChannel()->Enqueue(new test::SlowRequest(release_, started_, finished_));
     }
-    ASSERT_TRUE(test::WaitFor([&] { return started == 3; }, 5000));
+    ASSERT_TRUE(test::WaitFor([&] { return started_ == 3; }, 5000));
     const int client = Connect(kDefaultPath);
     ASSERT_GE(client, 0);
     // Accepted and queued, but no worker is free to serve it.
     ASSERT_TRUE(test::WaitFor([&] { return server_->GetChannel()->QueuedCount() == 1; }, 5000));
     EXPECT_FALSE(ClosedByServer(client, 300));
-    release.set();
+    release_.set();
     EXPECT_TRUE(ClosedByServer(client, 5000));
     EXPECT_TRUE(test::WaitFor([&] { return server_->GetChannel()->QueuedCount() == 0; }, 5000));
+    EXPECT_TRUE(test::WaitFor([&] { return finished_ == 3; }, 5000));
     close(client);
 }
 

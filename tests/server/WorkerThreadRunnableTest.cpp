@@ -28,8 +28,9 @@ TEST(WorkerThreadRunnableTest, NoticesAStopWithin500Ms) {
     worker.Stop();
     ASSERT_TRUE(thread.tryJoin(3000));
     const Poco::Timestamp::TimeDiff took = stopped.elapsed();
-    // 500 ms of waiting at most, plus generous scheduling slack.
-    EXPECT_LT(took, 1000 * 1000) << took;
+    // 500 ms of waiting at most, plus generous scheduling slack for a loaded
+    // machine.
+    EXPECT_LT(took, 1500 * 1000) << took;
     EXPECT_TRUE(worker.IsStopped());
 }
 
