@@ -17,7 +17,7 @@ class OutputcontrolServer;
 class BrevantaOutputControlManager {
 public:
     // First flush of the log by the flush timer, and its period.
-    static const long kFlushIntervalMs = 300000;
+    static constexpr long kFlushIntervalMs = 300000;
 
     // Creates the process-wide instance if absent.
     static void CreateInstance();

@@ -16,10 +16,10 @@ class BrvfdAccessRequestCallback;
 class BrvfdAccessRequest : public Request {
 public:
     // The only command this daemon sends: new schedule data is stored.
-    static const int kCommandScheduleUpdated = 1;
+    static constexpr int kCommandScheduleUpdated = 1;
     // Sizes of the command and of the reply on the wire.
-    static const std::size_t kCommandSize = 8;
-    static const std::size_t kReplySize = 12;
+    static constexpr std::size_t kCommandSize = 8;
+    static constexpr std::size_t kReplySize = 12;
 
     // Reports to `callback`, which must live until it has been called.
     explicit BrvfdAccessRequest(BrvfdAccessRequestCallback* callback);

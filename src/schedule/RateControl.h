@@ -16,8 +16,8 @@ namespace brvo {
 class RateControl {
 public:
     // Request types of the command protocol.
-    static const int kCurrentTargetPower = 6;
-    static const int kNextTargetPower = 7;
+    static constexpr int kCurrentTargetPower = 6;
+    static constexpr int kNextTargetPower = 7;
 
     // The source of the current time.
     typedef std::function<Poco::Timestamp()> Clock;

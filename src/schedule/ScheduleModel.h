@@ -21,7 +21,7 @@ class ScheduleModel {
 public:
     // Kind of an update schedule; its records carry the fixed schedule update
     // flag and the next update time. Any other kind is a fixed schedule.
-    static const int kUpdateScheduleKind = 1;
+    static constexpr int kUpdateScheduleKind = 1;
 
     // Decodes `hexData` at once. Never throws; see IsResult and GetMessage.
     ScheduleModel(const std::string& hexData, int kind);

@@ -11,10 +11,10 @@ namespace brvo {
 class TargetPowerResult {
 public:
     // Result codes.
-    static const std::int32_t kSuccess = 0;
-    static const std::int32_t kNoSchedule = 5;
-    static const std::int32_t kDateError = 10;
-    static const std::int32_t kPlantIdNotFound = 11;
+    static constexpr std::int32_t kSuccess = 0;
+    static constexpr std::int32_t kNoSchedule = 5;
+    static constexpr std::int32_t kDateError = 10;
+    static constexpr std::int32_t kPlantIdNotFound = 11;
 
     // Success: `targetPower` for the slot starting at `timeText`
     // ("%Y%m%d%H%M%S", UTC); code 0, empty message.

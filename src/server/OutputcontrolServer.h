@@ -14,9 +14,9 @@ class Channel;
 class OutputcontrolServer : public Poco::Runnable {
 public:
     // Number of workers that serve local clients.
-    static const int kWorkerCount = 3;
+    static constexpr int kWorkerCount = 3;
     // Backlog of the listening socket.
-    static const int kBacklog = 100;
+    static constexpr int kBacklog = 100;
 
     // Creates the worker pool and starts its workers, so connections are
     // served as soon as the socket listens.

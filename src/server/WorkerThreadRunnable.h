@@ -25,7 +25,7 @@ public:
 
 private:
     // Longest wait for a request before the stop flag is looked at again.
-    static const long kWaitMs = 500;
+    static constexpr long kWaitMs = 500;
 
     Poco::NotificationQueue* queue_;
     std::atomic<bool> stop_;

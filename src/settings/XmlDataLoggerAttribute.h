@@ -12,7 +12,7 @@ class XmlNode;
 class XmlDataLoggerAttribute {
 public:
     // Longest plant name kept; a longer one is emptied.
-    static const std::size_t kMaxPlaneNameLength = 256;
+    static constexpr std::size_t kMaxPlaneNameLength = 256;
 
     // Reads the attributes of `node` (the logger element); a missing
     // attribute gives an empty string.

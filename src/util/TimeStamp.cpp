@@ -31,7 +31,7 @@ bool ReadDigits(const std::string& text, std::size_t pos, std::size_t count, int
 // year (4 digits), month, day, hour, minute, second (2 digits each).
 std::shared_ptr<TimeStamp> ParseFixed(const std::string& text, const std::string& layout) {
     if (text.size() != layout.size()) return nullptr;
-    static const std::size_t kWidths[] = {4, 2, 2, 2, 2, 2};
+    static constexpr std::size_t kWidths[] = {4, 2, 2, 2, 2, 2};
     int fields[6] = {0, 0, 0, 0, 0, 0};
     std::size_t pos = 0;
     for (int field = 0; field < 6; ++field) {

@@ -19,7 +19,7 @@ public:
     // "%Y-%m-%d %H:%M:%S".
     static const std::string kDisplayFormat;
     // Offset of the schedule server's clock from UTC, in seconds.
-    static const std::int64_t kServerOffsetSeconds = 9 * 3600;
+    static constexpr std::int64_t kServerOffsetSeconds = 9 * 3600;
 
     // The current time.
     TimeStamp();

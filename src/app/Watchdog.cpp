@@ -1,0 +1,60 @@
+#include "app/Watchdog.h"
+
+#include "settings/LoggerSettingManager.h"
+#include "util/FileUtil.h"
+#include "util/LoggerLog.h"
+
+#include <cstdlib>
+
+namespace brvo {
+
+namespace {
+
+const std::string kTag = "Watchdog";
+const std::string kDefaultFile = "/mnt/system/check/brvo";
+const int kDefaultIntervalSeconds = 30;
+const long kFirstTouchMs = 100;
+
+std::string WatchdogFile() {
+    LoggerSettingManager* settings = LoggerSettingManager::GetInstance();
+    return settings != nullptr ? settings->GetPVOutputControlWatchdogFile() : kDefaultFile;
+}
+
+long IntervalMs() {
+    LoggerSettingManager* settings = LoggerSettingManager::GetInstance();
+    const int seconds = settings != nullptr ? settings->GetWatchdogFileUpdateInterval() : kDefaultIntervalSeconds;
+    return static_cast<long>(seconds) * 1000;
+}
+
+} // namespace
+
+Watchdog::Watchdog() : timer_(nullptr) {}
+
+Watchdog::~Watchdog() {
+    delete timer_;
+    timer_ = nullptr;
+}
+
+void Watchdog::Start() {
+    if (timer_ != nullptr) return;
+    const std::string path = WatchdogFile();
+    FileUtil::CreateDirectory(FileUtil::GetDirectory(path), true);
+    const long interval = IntervalMs();
+    timer_ = new Poco::Timer(kFirstTouchMs, interval);
+    timer_->start(Poco::TimerCallback<Watchdog>(*this, &Watchdog::OnTimer));
+    LoggerLog::Debug(kTag, "Set Watchdog interval [" + std::to_string(interval) + "] file path[" + path + "]");
+}
+
+void Watchdog::Stop() {}
+
+// The path stands in double quotes so that blanks pass; a double quote in
+// the path itself breaks the command, which the status line then shows.
+void Watchdog::OnTimer(Poco::Timer&) {
+    const std::string command = "/usr/bin/touch \"" + WatchdogFile() + "\"";
+    const int status = std::system(command.c_str());
+    if (status != 0) {
+        LoggerLog::Debug(kTag, "status [" + std::to_string(status) + "] [" + command + "]");
+    }
+}
+
+} // namespace brvo

@@ -1,0 +1,41 @@
+// Proves to the device's supervisor that the daemon is alive by touching the
+// watchdog file at a fixed interval, on a timer thread.
+#ifndef BRVO_APP_WATCHDOG_H
+#define BRVO_APP_WATCHDOG_H
+
+#include <Poco/Timer.h>
+
+#include <string>
+
+namespace brvo {
+
+class Watchdog {
+public:
+    Watchdog();
+    // Stops the timer (waiting for a running tick) and frees it.
+    virtual ~Watchdog();
+
+    // Creates the watchdog file's directory and starts touching the file:
+    // first after 100 ms, then every WatchdogFileUpdateInterval seconds. A
+    // second call does nothing.
+    void Start();
+    // Does nothing: the file is touched until the watchdog is deleted, so a
+    // daemon that is still running never looks dead to the supervisor.
+    void Stop();
+    // Timer callback: touches the file named by the settings at this tick;
+    // a failed touch is logged and tried again at the next tick.
+    void OnTimer(Poco::Timer& timer);
+
+    // The timer, or null before Start.
+    const Poco::Timer* GetTimer() const { return timer_; }
+
+private:
+    Watchdog(const Watchdog&) = delete;
+    Watchdog& operator=(const Watchdog&) = delete;
+
+    Poco::Timer* timer_;
+};
+
+} // namespace brvo
+
+#endif
