@@ -1,6 +1,7 @@
 #include "app/BrevantaOutputControlManager.h"
 
 #include "app/Constants.h"
+#include "app/Watchdog.h"
 #include "server/OutputcontrolServer.h"
 #include "util/LoggerLog.h"
 
@@ -67,9 +68,8 @@ void BrevantaOutputControlManager::RequestKill() {
 }
 
 BrevantaOutputControlManager::BrevantaOutputControlManager()
-    : serverThread_(nullptr), server_(nullptr), flushTimer_(nullptr), running_(false) {
-    // The watchdog is created here once it exists.
-}
+    : serverThread_(nullptr), server_(nullptr), watchdog_(new Watchdog()), flushTimer_(nullptr),
+      running_(false) {}
 
 BrevantaOutputControlManager::~BrevantaOutputControlManager() {
     Kill();
@@ -102,7 +102,7 @@ void BrevantaOutputControlManager::Start() {
 void BrevantaOutputControlManager::StartComponents() {
     if (serverThread_ != nullptr) return;
     LoggerLog::Info(kTag, "Start AppVer:" + kAppVersion);
-    // The watchdog starts here once it exists.
+    if (watchdog_ != nullptr) watchdog_->Start();
     server_ = new OutputcontrolServer();
     serverThread_ = new Poco::Thread();
     LoggerLog::Info(kTag, "Start Server");
@@ -149,7 +149,11 @@ void BrevantaOutputControlManager::Kill() {
     LoggerLog::Flush();
     // The schedule update manager is deleted here (which stops its timers).
     running_ = false;
-    // The watchdog is stopped and deleted here.
+    if (watchdog_ != nullptr) {
+        watchdog_->Stop();
+        delete watchdog_;
+        watchdog_ = nullptr;
+    }
     if (flushTimer_ != nullptr) {
         flushTimer_->stop();
         delete flushTimer_;

@@ -13,6 +13,7 @@
 namespace brvo {
 
 class OutputcontrolServer;
+class Watchdog;
 
 class BrevantaOutputControlManager {
 public:
@@ -47,6 +48,8 @@ public:
     // The command server and its thread, or null before Start.
     OutputcontrolServer* GetServer() const { return server_; }
     const Poco::Thread* GetServerThread() const { return serverThread_; }
+    // The watchdog; null after Kill.
+    const Watchdog* GetWatchdog() const { return watchdog_; }
 
     virtual ~BrevantaOutputControlManager();
 
@@ -58,10 +61,10 @@ private:
     void WaitForKill();
     void DeleteServer();
 
-    // The watchdog and the schedule update manager are wired in here as
-    // they are built.
+    // The schedule update manager is wired in here once it is built.
     Poco::Thread* serverThread_;
     OutputcontrolServer* server_;
+    Watchdog* watchdog_;
     Poco::FastMutex killMutex_;
     Poco::Timer* flushTimer_;
     std::atomic<bool> running_;

@@ -156,6 +156,15 @@ TEST_F(BrevantaOutputControlManagerTest, DeletedManagerEndsItsServerAndANewOneSe
     }
 }
 
+TEST_F(BrevantaOutputControlManagerTest, WatchdogRunsFromStartUntilKill) {
+    ASSERT_NE(nullptr, manager_->GetWatchdog());
+    StartInBackground();
+    EXPECT_TRUE(test::WaitFor([] { return test::FileExists("/mnt/system/check/brvo"); }, 5000));
+    BrevantaOutputControlManager::RequestKill();
+    ASSERT_TRUE(threads_[0]->tryJoin(2000));
+    EXPECT_EQ(nullptr, manager_->GetWatchdog());
+}
+
 TEST_F(BrevantaOutputControlManagerTest, KillTwiceIsHarmless) {
     manager_->Kill();
     manager_->Kill();
