@@ -2,6 +2,8 @@
 
 #include "app/Constants.h"
 #include "app/Watchdog.h"
+#include "database/ScheduleDatabase.h"
+#include "schedule/ScheduleUpdateManager.h"
 #include "server/OutputcontrolServer.h"
 #include "util/LoggerLog.h"
 
@@ -68,11 +70,18 @@ void BrevantaOutputControlManager::RequestKill() {
 }
 
 BrevantaOutputControlManager::BrevantaOutputControlManager()
-    : serverThread_(nullptr), server_(nullptr), watchdog_(new Watchdog()), flushTimer_(nullptr),
+    : serverThread_(nullptr), server_(nullptr), startupThread_(nullptr),
+      startupCheck_(*this, &BrevantaOutputControlManager::RunStartupCheck), watchdog_(new Watchdog()), flushTimer_(nullptr),
       running_(false) {}
 
 BrevantaOutputControlManager::~BrevantaOutputControlManager() {
     Kill();
+    // A check still waiting on the schedule server is left to the process
+    // exit rather than freed under its feet.
+    if (startupThread_ != nullptr && startupThread_->tryJoin(30000)) {
+        delete startupThread_;
+        startupThread_ = nullptr;
+    }
     DeleteServer();
     if (instance == this) instance = nullptr;
 }
@@ -95,7 +104,10 @@ void BrevantaOutputControlManager::Start() {
     StartComponents();
     StartFlushTimer();
     LoggerLog::Flush();
-    RunStartupCheck();
+    if (startupThread_ == nullptr && running_) {
+        startupThread_ = new Poco::Thread();
+        startupThread_->start(startupCheck_);
+    }
     WaitForKill();
 }
 
@@ -117,10 +129,15 @@ void BrevantaOutputControlManager::StartFlushTimer() {
         *this, &BrevantaOutputControlManager::OnTimer));
 }
 
+// Brings the stored schedule in step with the system settings; when that
+// fetched new data, tells the logger daemon and marks the rows sent.
 void BrevantaOutputControlManager::RunStartupCheck() {
-    // The start-up schedule check (in start-up mode) and, when it reports
-    // that updating started, the forwarding of unsent schedule rows join
-    // here when the schedule update manager and its database exist.
+    ScheduleUpdateManager* updates = ScheduleUpdateManager::GetInstance();
+    if (updates == nullptr) return;
+    bool started = false;
+    updates->CheckAndUpdateWithSystemSetting(started, true);
+    ScheduleDatabase* database = ScheduleDatabase::GetInstance();
+    if (started && database != nullptr) database->UpdateSentFlag();
 }
 
 // Sleeps in 500 ms steps while running; a stop request wakes it at once and
@@ -147,7 +164,7 @@ void BrevantaOutputControlManager::WaitForKill() {
 void BrevantaOutputControlManager::Kill() {
     Poco::FastMutex::ScopedLock lock(killMutex_);
     LoggerLog::Flush();
-    // The schedule update manager is deleted here (which stops its timers).
+    ScheduleUpdateManager::DeleteInstance();
     running_ = false;
     if (watchdog_ != nullptr) {
         watchdog_->Stop();

@@ -5,6 +5,7 @@
 #define BRVO_APP_BREVANTAOUTPUTCONTROLMANAGER_H
 
 #include <Poco/Mutex.h>
+#include <Poco/RunnableAdapter.h>
 #include <Poco/Thread.h>
 #include <Poco/Timer.h>
 
@@ -64,6 +65,10 @@ private:
     // The schedule update manager is wired in here once it is built.
     Poco::Thread* serverThread_;
     OutputcontrolServer* server_;
+    // Runs the start-up schedule check, so that a stop request is served
+    // while a slow schedule server keeps the check waiting.
+    Poco::Thread* startupThread_;
+    Poco::RunnableAdapter<BrevantaOutputControlManager> startupCheck_;
     Watchdog* watchdog_;
     Poco::FastMutex killMutex_;
     Poco::Timer* flushTimer_;

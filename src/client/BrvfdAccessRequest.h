@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 
 namespace brvo {
 
@@ -29,6 +30,10 @@ public:
     // While set, a successful exchange is not reported.
     void SetReplyIgnored(bool ignored);
 
+    // Keeps `owner` (normally the callback itself) alive until this request
+    // is released, so that the callback outlives its own report.
+    void Keep(const std::shared_ptr<BrvfdAccessRequestCallback>& owner) { owner_ = owner; }
+
     // Performs the exchange and reports once to the callback.
     void Execute() override;
 
@@ -40,6 +45,7 @@ private:
     void Report(int status, const unsigned char* reply);
 
     BrvfdAccessRequestCallback* callback_;
+    std::shared_ptr<BrvfdAccessRequestCallback> owner_;
     bool replyIgnored_;
     std::int32_t command_;
 };

@@ -7,6 +7,7 @@
 
 #include "server/Request.h"
 
+#include <memory>
 #include <string>
 
 namespace brvo {
@@ -24,6 +25,10 @@ public:
     // Sets all three parameters.
     void SetParameters(const std::string& scheduleKbn, const std::string& powerPlantId,
                        const std::string& url);
+
+    // Keeps `owner` (normally the callback itself) alive until this request
+    // is released, so that the callback outlives its own report.
+    void Keep(const std::shared_ptr<ScheduleServerAccessRequestCallback>& owner) { owner_ = owner; }
 
     // Performs the exchange and reports exactly once to the callback.
     void Execute() override;
@@ -46,6 +51,7 @@ private:
     void Exchange(const std::string& body, std::string& contentType);
 
     ScheduleServerAccessRequestCallback* callback_;
+    std::shared_ptr<ScheduleServerAccessRequestCallback> owner_;
     std::string scheduleKbn_;
     std::string powerPlantId_;
     std::string url_;
