@@ -366,6 +366,7 @@ std::shared_ptr<UpdateResult> ScheduleUpdateManager::UpdateWithFixedData(
             return Failure(5, 0, "Database update error.");
         }
         SystemSettingXmlManager& settings = SystemSettings();
+        if (!settings.HasGeneral()) settings.Load();
         const bool settingChanged = !settings.GetOutputControlStandAlone() || (force && differs);
         settings.SetOutputControlStandAlone(true);
         settings.SetOutputControlPlantId(received);

@@ -7,6 +7,7 @@
 #include <Poco/Thread.h>
 #include <Poco/Timespan.h>
 
+#include <algorithm>
 #include <sstream>
 
 namespace brvo {
@@ -28,7 +29,12 @@ bool ReadHeaders(Poco::Net::StreamSocket& socket, std::string& text) {
 } // namespace
 
 HttpTestServer::HttpTestServer(const std::string& answer, int delayMs)
-    : answer_(answer), delayMs_(delayMs), socket_(Poco::Net::SocketAddress("127.0.0.1", 0)),
+    : HttpTestServer(std::vector<std::string>{answer}) {
+    delayMs_ = delayMs;
+}
+
+HttpTestServer::HttpTestServer(const std::vector<std::string>& answers)
+    : answers_(answers), delayMs_(0), socket_(Poco::Net::SocketAddress("127.0.0.1", 0)),
       port_(socket_.address().port()), stop_(false) {
     thread_.start(*this);
 }
@@ -99,12 +105,14 @@ void HttpTestServer::Serve(Poco::Net::StreamSocket& socket) {
         if (n <= 0) break;
         received.body.append(buffer, static_cast<std::size_t>(n));
     }
+    std::string answer;
     {
         Poco::FastMutex::ScopedLock lock(mutex_);
         requests_.push_back(received);
+        answer = answers_.at(std::min(requests_.size(), answers_.size()) - 1);
     }
     if (delayMs_ > 0) Poco::Thread::sleep(delayMs_);
-    socket.sendBytes(answer_.data(), static_cast<int>(answer_.size()));
+    socket.sendBytes(answer.data(), static_cast<int>(answer.size()));
     socket.shutdownSend();
 }
 

@@ -29,6 +29,9 @@ public:
     // Listens on an ephemeral port of 127.0.0.1; answers every request with
     // `answer` (raw bytes, status line included) after `delayMs`.
     explicit HttpTestServer(const std::string& answer, int delayMs = 0);
+    // Answers the n-th request with `answers[n]`, and every later one with
+    // the last of them.
+    explicit HttpTestServer(const std::vector<std::string>& answers);
     // Stops and closes.
     ~HttpTestServer() override;
 
@@ -51,8 +54,8 @@ public:
 private:
     void Serve(Poco::Net::StreamSocket& socket);
 
-    std::string answer_;
-    int delayMs_;
+    std::vector<std::string> answers_;
+    std::atomic<int> delayMs_;
     Poco::Net::ServerSocket socket_;
     int port_;
     std::atomic<bool> stop_;

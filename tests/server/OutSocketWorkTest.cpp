@@ -1,0 +1,338 @@
+#include "server/OutSocketWork.h"
+
+#include "database/ScheduleDatabase.h"
+#include "schedule/ScheduleUpdateManager.h"
+#include "schedule/TargetPowerResult.h"
+#include "schedule/UpdateResult.h"
+#include "settings/LoggerSettingManager.h"
+#include "settings/SystemSettingXmlManager.h"
+#include "settings/DeviceSettingXmlManager.h"
+#include "support/HttpTestServer.h"
+#include "support/SchedulePayload.h"
+#include "support/SqliteFile.h"
+#include "support/TestFiles.h"
+#include "support/UnixPeer.h"
+#include "util/FileUtil.h"
+#include "util/LoggerLog.h"
+#include "util/TimeStamp.h"
+
+#include <gtest/gtest.h>
+
+#include <Poco/AutoPtr.h>
+
+#include <cstring>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace brvo {
+namespace {
+
+using test::HttpTestServer;
+
+const std::string kTag = "OutputcontrolServer";
+const std::string kDbFile =
+    "/media/sdcard/kestrovanyx/Database/OutputControl/output_control_schedule.db";
+
+std::string Bytes(const std::vector<unsigned char>& data) {
+    return std::string(data.begin(), data.end());
+}
+
+std::string Word(std::int32_t value) {
+    std::string text(4, '\0');
+    std::memcpy(&text[0], &value, 4);
+    return text;
+}
+
+std::string Request(std::int32_t type, const std::string& params = "") {
+    return Word(static_cast<std::int32_t>(8 + params.size())) + Word(type) + params;
+}
+
+std::int32_t WordAt(const std::string& data, std::size_t offset) {
+    std::int32_t value = 0;
+    std::memcpy(&value, data.data() + offset, 4);
+    return value;
+}
+
+// A NUL-padded text field of `size` bytes.
+std::string Field(const std::string& text, std::size_t size) {
+    std::string field = text.substr(0, size);
+    field.resize(size, '\0');
+    return field;
+}
+
+class OutSocketWorkTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>"
+                                 "<OutputControlSocketTimeout>2</OutputControlSocketTimeout>");
+        LoggerSettingManager::CreateInstance();
+        LoggerLog::CreateInstance();
+        FileUtil::ResetDataRoot();
+        test::WriteFile("/sys/class/net/eth0/address", "00:1a:2b:3c:4d:5e\n");
+    }
+
+    void TearDown() override {
+        ScheduleUpdateManager::DeleteInstance();
+        ScheduleDatabase::DeleteInstance();
+        DeviceSettingXmlManager::DeleteInstance();
+        SystemSettingXmlManager::DeleteInstance();
+        LoggerLog::DeleteInstance();
+        LoggerSettingManager::DeleteInstance();
+        FileUtil::ResetDataRoot();
+    }
+
+    // Sends `request` over a socket pair, runs the work item and returns
+    // everything it answered before closing.
+    static std::string Serve(const std::string& request) {
+        int pair[2];
+        EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, pair));
+        EXPECT_EQ(static_cast<ssize_t>(request.size()), write(pair[0], request.data(), request.size()));
+        shutdown(pair[0], SHUT_WR);
+        Poco::AutoPtr<OutSocketWork> work(new OutSocketWork(pair[1]));
+        work->Execute();
+        EXPECT_EQ(-1, work->GetSocket());
+        std::string answer;
+        char buffer[512];
+        for (;;) {
+            pollfd in = {pair[0], POLLIN, 0};
+            if (poll(&in, 1, 2000) <= 0) break;
+            const ssize_t n = read(pair[0], buffer, sizeof buffer);
+            if (n <= 0) break;
+            answer.append(buffer, static_cast<std::size_t>(n));
+        }
+        close(pair[0]);
+        return answer;
+    }
+
+    static void WriteSystemSetting(const std::string& plantId, const std::string& url, bool standAlone) {
+        test::WriteFile(test::SystemSettingPath(),
+                        "<logger><general><outputControlPlantId>" + plantId +
+                            "</outputControlPlantId><outputControlStandAlone>" + (standAlone ? "1" : "0") +
+                            "</outputControlStandAlone><outputScheduleInformationServerUrl>" + url +
+                            "</outputScheduleInformationServerUrl></general></logger>");
+    }
+
+    static std::vector<std::string> LogLines() {
+        LoggerLog::DeleteInstance();
+        std::vector<std::string> lines = test::ReadLines(test::LogFilePath());
+        LoggerLog::CreateInstance();
+        return lines;
+    }
+};
+
+TEST_F(OutSocketWorkTest, UpdateAnswerLayout) {
+    const std::string answer = Bytes(OutSocketWork::UpdateAnswer(3, UpdateResult(6, 200, "Plant ID is not registered")));
+    ASSERT_EQ(144u, answer.size());
+    EXPECT_EQ(Word(144) + Word(3) + Word(6) + Word(200) + Field("Plant ID is not registered", 128), answer);
+}
+
+TEST_F(OutSocketWorkTest, UpdateAnswerCutsTheMessageAt127Bytes) {
+    const std::string answer = Bytes(OutSocketWork::UpdateAnswer(2, UpdateResult(1, 0, std::string(300, 'm'))));
+    EXPECT_EQ(std::string(127, 'm') + '\0', answer.substr(16));
+}
+
+TEST_F(OutSocketWorkTest, FixedScheduleAnswerLayoutIsUnaligned) {
+    const std::string changed = Bytes(OutSocketWork::FixedScheduleAnswer(UpdateResult(true, "PLANT9")));
+    ASSERT_EQ(171u, changed.size());
+    EXPECT_EQ(Word(171) + Word(4) + Field("PLANT9", 27) + Word(0) + Word(0) + std::string(128, '\0'), changed);
+    const std::string unchanged = Bytes(OutSocketWork::FixedScheduleAnswer(UpdateResult(false, "PLANT9")));
+    EXPECT_EQ(std::string(27, '\0'), unchanged.substr(8, 27));
+    const std::string failed = Bytes(OutSocketWork::FixedScheduleAnswer(UpdateResult(7, 0, "[A] : [B]")));
+    EXPECT_EQ(7, WordAt(failed, 35));
+    EXPECT_EQ(0, WordAt(failed, 39));
+    EXPECT_EQ(Field("[A] : [B]", 128), failed.substr(43));
+}
+
+TEST_F(OutSocketWorkTest, TargetPowerAnswerLayout) {
+    const std::string answer = Bytes(OutSocketWork::TargetPowerAnswer(6, TargetPowerResult(2.75, "20220119030000")));
+    ASSERT_EQ(167u, answer.size());
+    const double power = 2.75;
+    std::string powerBytes(8, '\0');
+    std::memcpy(&powerBytes[0], &power, 8);
+    EXPECT_EQ(Word(167) + Word(6) + powerBytes + Field("20220119030000", 15) + Word(0) + Word(0) +
+                  std::string(128, '\0'),
+              answer);
+    const std::string failed =
+        Bytes(OutSocketWork::TargetPowerAnswer(7, TargetPowerResult(1.0, 5, "can not get.")));
+    EXPECT_EQ(5, WordAt(failed, 31));
+    EXPECT_EQ(Field("can not get.", 128), failed.substr(39));
+}
+
+TEST_F(OutSocketWorkTest, FlushAnswerIsLengthTypeAndZeros) {
+    const std::string answer = Serve(Request(8));
+    EXPECT_EQ(Word(144) + Word(8) + std::string(136, '\0'), answer);
+    EXPECT_TRUE(test::HasLogLineStarting(LogLines(), "D", kTag, "RequestDataType FlushLog ["));
+}
+
+TEST_F(OutSocketWorkTest, UnknownTypesGetNoAnswer) {
+    for (std::int32_t type : {0, 1, 9, 100, -1}) {
+        EXPECT_EQ("", Serve(Request(type))) << type;
+    }
+    EXPECT_EQ("", Serve(""));
+    EXPECT_TRUE(test::HasLogLine(LogLines(), "D", kTag, "unknown data..."));
+}
+
+TEST_F(OutSocketWorkTest, FixedScheduleFileMissing) {
+    const std::string answer = Serve(Request(4, Field("/tmp/none.hex", 256) + std::string(1, '\1')));
+    ASSERT_EQ(171u, answer.size());
+    EXPECT_EQ(9, WordAt(answer, 35));
+    EXPECT_EQ(0, WordAt(answer, 39));
+    EXPECT_EQ(Field("file not found.", 128), answer.substr(43));
+    EXPECT_TRUE(test::HasLogLine(LogLines(), "D", kTag,
+                                 "UpdateFixedSchedule Param file_path [/tmp/none.hex]  update_flg [1]"));
+}
+
+TEST_F(OutSocketWorkTest, EmptyFixedScheduleFileIsPassedOnAsEmptyText) {
+    ScheduleUpdateManager::CreateInstance();
+    test::WriteFile("/tmp/empty.hex", "");
+    const std::string answer = Serve(Request(4, Field("/tmp/empty.hex", 256) + std::string(1, '\2')));
+    ASSERT_EQ(171u, answer.size());
+    EXPECT_EQ(3, WordAt(answer, 35));
+    EXPECT_EQ(Field("data is missing.", 128), answer.substr(43));
+    // A flag of 2 is not 1: no force.
+    EXPECT_TRUE(test::HasLogLine(LogLines(), "D", kTag,
+                                 "UpdateFixedSchedule Param file_path [/tmp/empty.hex]  update_flg [0]"));
+}
+
+TEST_F(OutSocketWorkTest, FixedScheduleFileIsStoredAndSwitchesToStandAlone) {
+    WriteSystemSetting("", "", false);
+    ScheduleUpdateManager::CreateInstance();
+    test::ScheduleRecord record;
+    record.plantId = "12345";
+    const std::int64_t tomorrow = TimeStamp().EpochSeconds() / 86400 * 86400 + 86400;
+    record.start = TimeStamp::FromEpochSeconds(tomorrow + 9 * 3600)->Format("%Y%m%d%H%M");
+    record.rates = std::vector<int>(48, 70);
+    test::WriteFile("/tmp/fixed.hex", test::BuildSchedulePayload({record}, test::kFixedSchedule).hex);
+    const std::string answer = Serve(Request(4, Field("/tmp/fixed.hex", 256) + std::string(1, '\0')));
+    ASSERT_EQ(171u, answer.size());
+    EXPECT_EQ(0, WordAt(answer, 35)) << answer.substr(43);
+    EXPECT_EQ(Field("00000000000000000000012345", 27), answer.substr(8, 27));
+    EXPECT_EQ("48", test::QueryValue(kDbFile, "SELECT COUNT(*) FROM output_control_schedule"));
+    EXPECT_TRUE(SystemSettingXmlManager::GetInstance()->GetOutputControlStandAlone());
+}
+
+TEST_F(OutSocketWorkTest, PlantIdWithoutNulRunsOnIntoTheUrl) {
+    ScheduleUpdateManager::CreateInstance();
+    const std::string params = std::string(27, 'A') + Field("http://127.0.0.1:1/x", 256);
+    const std::string answer = Serve(Request(3, params));
+    ASSERT_EQ(144u, answer.size());
+    EXPECT_TRUE(test::HasLogLine(LogLines(), "D", kTag,
+                                 "CheckPlantId Param plant_id [" + std::string(27, 'A') +
+                                     "http://127.0.0.1:1/x]  plant_url [http://127.0.0.1:1/x]"));
+}
+
+TEST_F(OutSocketWorkTest, CheckPlantIdAsksTheServer) {
+    ScheduleUpdateManager::CreateInstance();
+    // Byte 32 of the answer is zero: registered.
+    HttpTestServer server(HttpTestServer::Answer(200, test::MultipartContentType("b"),
+                                                 test::BinaryPartBody("b", std::string(40, '\0'))));
+    const std::string answer = Serve(Request(3, Field("PLANT", 27) + Field(server.Url("/check"), 256)));
+    ASSERT_EQ(144u, answer.size());
+    EXPECT_EQ(3, WordAt(answer, 4));
+    EXPECT_EQ(0, WordAt(answer, 8));
+    EXPECT_EQ("power_plant_id=PLANT&mac_address=001A2B3C4D5E&schedule_kbn=8888", server.Requests().at(0).body);
+
+    HttpTestServer refusing(HttpTestServer::Answer(200, test::MultipartContentType("b"),
+                                                   test::BinaryPartBody("b", std::string(32, '\0') + "\1")));
+    const std::string other = Serve(Request(3, Field("PLANT", 27) + Field(refusing.Url("/check"), 256)));
+    EXPECT_EQ(6, WordAt(other, 8));
+    EXPECT_EQ(200, WordAt(other, 12));
+    EXPECT_EQ(Field("Plant ID is not registered", 128), other.substr(16));
+}
+
+TEST_F(OutSocketWorkTest, TruncatedCapacityReadsAsZero) {
+    WriteSystemSetting("P1", "", false);
+    ScheduleDatabase::CreateInstance();
+    const std::int64_t now = TimeStamp().EpochSeconds();
+    ScheduleRow row;
+    row.time = now - 60;
+    row.controlRate = 50;
+    ASSERT_TRUE(ScheduleDatabase::GetInstance()->InsertUpdateSchedule({row}));
+    const std::string answer = Serve(Request(6));
+    ASSERT_EQ(167u, answer.size());
+    double power = -1;
+    std::memcpy(&power, answer.data() + 8, 8);
+    EXPECT_EQ(0.0, power);
+    EXPECT_EQ(0, WordAt(answer, 31));
+    EXPECT_TRUE(test::HasLogLine(LogLines(), "D", kTag, "TargetPower Param capacity [0.000000]"));
+}
+
+TEST_F(OutSocketWorkTest, CurrentAndNextTargetPower) {
+    WriteSystemSetting("P1", "", false);
+    ScheduleDatabase::CreateInstance();
+    const std::int64_t now = TimeStamp().EpochSeconds();
+    ScheduleRow current;
+    current.time = now - 60;
+    current.controlRate = 40;
+    ScheduleRow next;
+    next.time = now + 1800;
+    next.controlRate = 90;
+    ASSERT_TRUE(ScheduleDatabase::GetInstance()->InsertUpdateSchedule({current, next}));
+    const double capacity = 10.0;
+    std::string capacityBytes(8, '\0');
+    std::memcpy(&capacityBytes[0], &capacity, 8);
+    const std::string first = Serve(Request(6, capacityBytes));
+    double power = 0;
+    std::memcpy(&power, first.data() + 8, 8);
+    EXPECT_DOUBLE_EQ(4.0, power);
+    EXPECT_EQ(Field(TimeStamp::FromEpochSeconds(now - 60)->FormatCompact(), 15), first.substr(16, 15));
+    const std::string second = Serve(Request(7, capacityBytes));
+    std::memcpy(&power, second.data() + 8, 8);
+    EXPECT_DOUBLE_EQ(9.0, power);
+    EXPECT_EQ(7, WordAt(second, 4));
+}
+
+TEST_F(OutSocketWorkTest, UpdateScheduleStoresAndForwardsAfterAnswering) {
+    const std::int64_t tomorrow = TimeStamp().EpochSeconds() / 86400 * 86400 + 86400;
+    test::ScheduleRecord update;
+    update.plantId = "777";
+    update.start = TimeStamp::FromEpochSeconds(tomorrow + 9 * 3600)->Format("%Y%m%d%H%M");
+    update.rates = std::vector<int>(48, 60);
+    update.fixedFlag = 3;
+    update.nextUpdate = TimeStamp::FromEpochSeconds(tomorrow + 9 * 3600)->FormatCompact();
+    test::ScheduleRecord fixed = update;
+    fixed.start = TimeStamp::FromEpochSeconds(tomorrow + 86400 + 9 * 3600)->Format("%Y%m%d%H%M");
+    fixed.rates = std::vector<int>(48, 30);
+    const auto answer = [](const test::ScheduleRecord& record, int kind) {
+        const std::string payload = test::BytesText(test::BuildSchedulePayload({record}, kind).bytes);
+        return HttpTestServer::Answer(200, test::MultipartContentType("b"), test::BinaryPartBody("b", payload));
+    };
+    HttpTestServer server({answer(update, test::kUpdateSchedule), answer(fixed, test::kFixedSchedule)});
+    WriteSystemSetting("00000000000000000000000777", server.Url("/s"), false);
+    test::WriteFile("/mnt/system/brvlogger/.keep", "");
+    test::UnixPeer logger("/mnt/system/brvlogger/brevanta.logger", test::UnixPeer::kReply,
+                          std::string(12, '\0'), 8);
+    // As after the daemon's start-up check: the system settings are loaded.
+    SystemSettingXmlManager::CreateInstance();
+    ASSERT_TRUE(SystemSettingXmlManager::GetInstance()->Load());
+    ScheduleUpdateManager::CreateInstance();
+
+    const std::string reply = Serve(Request(2));
+    ASSERT_EQ(144u, reply.size());
+    EXPECT_EQ(Word(144) + Word(2) + Word(0) + Word(0) + std::string(128, '\0'), reply);
+    const std::vector<HttpTestServer::Received> requests = server.Requests();
+    ASSERT_EQ(2u, requests.size());
+    EXPECT_EQ("power_plant_id=00000000000000000000000777&mac_address=001A2B3C4D5E&schedule_kbn=0000",
+              requests[0].body);
+    EXPECT_EQ("power_plant_id=00000000000000000000000777&mac_address=001A2B3C4D5E&schedule_kbn=9993",
+              requests[1].body);
+    EXPECT_EQ("48", test::QueryValue(kDbFile, "SELECT COUNT(*) FROM output_control_schedule WHERE controlRate = 60"));
+    EXPECT_EQ("48", test::QueryValue(kDbFile, "SELECT COUNT(*) FROM output_control_schedule WHERE controlRate = 30"));
+    // The client had its answer first; then the logger daemon is told and
+    // the rows are marked sent.
+    ASSERT_TRUE(test::WaitFor([&] { return logger.Received().size() == 1; }, 5000));
+    EXPECT_EQ(std::string("\x08\x00\x00\x00\x01\x00\x00\x00", 8), logger.Received()[0]);
+    EXPECT_EQ("0", test::QueryValue(kDbFile, "SELECT COUNT(*) FROM output_control_schedule WHERE sent = 0"));
+    const ScheduleUpdateInfo info = ScheduleUpdateManager::GetInstance()->GetUpdateInfo();
+    EXPECT_EQ("00000000000000000000000777", info.plantId);
+    EXPECT_EQ(3, info.fixedScheduleUpdateFlag);
+    EXPECT_FALSE(info.isNeedUpdateFixedSchedule);
+    EXPECT_EQ(TimeStamp::FromEpochSeconds(tomorrow)->FormatDisplay(), info.nextUpdateTime);
+    // The update alarm waits for the stored next update time.
+    ASSERT_NE(nullptr, ScheduleUpdateManager::GetInstance()->GetScheduleUpdateTime());
+    EXPECT_EQ(tomorrow, ScheduleUpdateManager::GetInstance()->GetScheduleUpdateTime()->EpochSeconds());
+}
+
+} // namespace
+} // namespace brvo
