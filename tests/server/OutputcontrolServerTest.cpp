@@ -118,6 +118,7 @@ protected:
     static bool ServedProbe(const std::string& path) {
         int fd = -1;
         if (!test::WaitFor([&] { return (fd = Connect(path)) >= 0; }, 5000)) return false;
+        shutdown(fd, SHUT_WR);
         const bool closed = ClosedByServer(fd, 5000);
         close(fd);
         return closed;
@@ -190,6 +191,8 @@ TEST_F(OutputcontrolServerTest, AcceptedConnectionIsServedAndClosed) {
     ASSERT_TRUE(Listening(kDefaultPath));
     const int client = Connect(kDefaultPath);
     ASSERT_GE(client, 0);
+    // The request is empty: the server reads the end at once.
+    shutdown(client, SHUT_WR);
     EXPECT_TRUE(ClosedByServer(client, 5000));
     close(client);
 }
@@ -203,6 +206,8 @@ TEST_F(OutputcontrolServerTest, FourthConnectionWaitsWhileThreeWorkersAreBusy) {
     ASSERT_TRUE(test::WaitFor([&] { return started_ == 3; }, 5000));
     const int client = Connect(kDefaultPath);
     ASSERT_GE(client, 0);
+    // The request is empty: the server reads the end at once.
+    shutdown(client, SHUT_WR);
     // Accepted and queued, but no worker is free to serve it.
     ASSERT_TRUE(test::WaitFor([&] { return server_->GetChannel()->QueuedCount() == 1; }, 5000));
     EXPECT_FALSE(ClosedByServer(client, 300));
