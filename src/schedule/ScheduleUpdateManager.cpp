@@ -114,24 +114,24 @@ ScheduleUpdateInfo ScheduleUpdateManager::GetUpdateInfo() {
 std::future<std::shared_ptr<ServerAccessResult>> ScheduleUpdateManager::ServerAccess_c(
     const std::string& scheduleKbn) {
     LoggerLog::Debug(kTag, "ServerAccess_c");
-    // The callback outlives the exchange: it is freed with the last holder
-    // of the future's shared state, after the result was handed over.
-    auto callback = std::make_shared<ScheduleServerSendRequest>();
-    std::future<std::shared_ptr<ServerAccessResult>> future = callback->GetFuture();
-    ScheduleServerAccessRequest* request = new ScheduleServerAccessRequest(callback.get());
-    request->SetParameters(scheduleKbn);
-    request->Keep(callback);
-    channel_->Enqueue(request);
-    return future;
+    return StartExchange([&](ScheduleServerAccessRequest& request) { request.SetParameters(scheduleKbn); });
 }
 
 std::future<std::shared_ptr<ServerAccessResult>> ScheduleUpdateManager::ServerAccess_i(
     const std::string& scheduleKbn, const std::string& plantId, const std::string& url) {
     LoggerLog::Debug(kTag, "ServerAccess_i");
+    return StartExchange(
+        [&](ScheduleServerAccessRequest& request) { request.SetParameters(scheduleKbn, plantId, url); });
+}
+
+// Queues one exchange whose parameters `setParameters` fills in. The
+// callback lives as long as the request, so it outlives its own report.
+std::future<std::shared_ptr<ServerAccessResult>> ScheduleUpdateManager::StartExchange(
+    const std::function<void(ScheduleServerAccessRequest&)>& setParameters) {
     auto callback = std::make_shared<ScheduleServerSendRequest>();
     std::future<std::shared_ptr<ServerAccessResult>> future = callback->GetFuture();
     ScheduleServerAccessRequest* request = new ScheduleServerAccessRequest(callback.get());
-    request->SetParameters(scheduleKbn, plantId, url);
+    setParameters(*request);
     request->Keep(callback);
     channel_->Enqueue(request);
     return future;

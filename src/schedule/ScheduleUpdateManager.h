@@ -23,6 +23,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <future>
 #include <memory>
 #include <string>
@@ -32,6 +33,7 @@ namespace brvo {
 
 class Channel;
 class ScheduleModel;
+class ScheduleServerAccessRequest;
 class ScheduleUpdateInfoDatabase;
 class ServerAccessResult;
 class TimeStamp;
@@ -115,6 +117,8 @@ private:
     ScheduleUpdateManager(const ScheduleUpdateManager&) = delete;
     ScheduleUpdateManager& operator=(const ScheduleUpdateManager&) = delete;
 
+    std::future<std::shared_ptr<ServerAccessResult>> StartExchange(
+        const std::function<void(ScheduleServerAccessRequest&)>& setParameters);
     std::shared_ptr<UpdateResult> AccessFailure(const std::string& failureText,
                                                 const std::shared_ptr<ServerAccessResult>& access);
     bool AlarmPreconditions(ScheduleUpdateInfo& info);

@@ -1,0 +1,330 @@
+// The real pvocd in the sandbox against a simulated schedule server (HTTP on
+// 127.0.0.1) and a simulated logger daemon (UNIX socket), driven only
+// through its command socket, its files and its signals.
+#include "support/ChildProcess.h"
+#include "support/HttpTestServer.h"
+#include "support/SchedulePayload.h"
+#include "support/SqliteFile.h"
+#include "support/TestFiles.h"
+#include "support/UnixPeer.h"
+#include "util/TimeStamp.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstring>
+#include <memory>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace brvo {
+namespace {
+
+using test::HttpTestServer;
+
+const std::string kSocket = "/mnt/system/pvoctrl/brevanta.octrl";
+const std::string kLoggerSocket = "/mnt/system/brvlogger/brevanta.logger";
+const std::string kOutput = "/tmp/pvocd.out";
+const std::string kDbFile = "/media/sdcard/kestrovanyx/Database/OutputControl/output_control_schedule.db";
+const std::string kInfoFile =
+    "/media/sdcard/kestrovanyx/Database/OutputControl/output_control_schedule_update_info.db";
+const std::string kPlant = "00000000000000000000000777";
+
+std::string Word(std::int32_t value) {
+    std::string text(4, '\0');
+    std::memcpy(&text[0], &value, 4);
+    return text;
+}
+
+std::int32_t WordAt(const std::string& data, std::size_t offset) {
+    std::int32_t value = 0;
+    if (data.size() >= offset + 4) std::memcpy(&value, data.data() + offset, 4);
+    return value;
+}
+
+std::string Field(const std::string& text, std::size_t size) {
+    std::string field = text.substr(0, size);
+    field.resize(size, '\0');
+    return field;
+}
+
+std::string Capacity(double value) {
+    std::string bytes(8, '\0');
+    std::memcpy(&bytes[0], &value, 8);
+    return bytes;
+}
+
+double PowerOf(const std::string& answer) {
+    double value = -1;
+    if (answer.size() >= 16) std::memcpy(&value, answer.data() + 8, 8);
+    return value;
+}
+
+// Sends one request to the daemon and returns its whole answer (empty when
+// it closed without one).
+std::string Ask(std::int32_t type, const std::string& params = "") {
+    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address;
+    std::memset(&address, 0, sizeof address);
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, kSocket.c_str(), sizeof address.sun_path - 1);
+    if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+        close(fd);
+        ADD_FAILURE() << "cannot connect to the daemon";
+        return std::string();
+    }
+    const std::string request = Word(static_cast<std::int32_t>(8 + params.size())) + Word(type) + params;
+    EXPECT_EQ(static_cast<ssize_t>(request.size()), write(fd, request.data(), request.size()));
+    std::string answer;
+    char buffer[512];
+    for (;;) {
+        pollfd in = {fd, POLLIN, 0};
+        if (poll(&in, 1, 30000) <= 0) break;
+        const ssize_t n = read(fd, buffer, sizeof buffer);
+        if (n <= 0) break;
+        answer.append(buffer, static_cast<std::size_t>(n));
+    }
+    close(fd);
+    return answer;
+}
+
+// A multipart answer carrying `record` as a payload of `kind`.
+std::string ScheduleAnswer(const test::ScheduleRecord& record, int kind) {
+    const std::string payload = test::BytesText(test::BuildSchedulePayload({record}, kind).bytes);
+    return HttpTestServer::Answer(200, test::MultipartContentType("b"), test::BinaryPartBody("b", payload));
+}
+
+class ScheduleFlowTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>"
+                                 "<OutputControlSocketTimeout>5</OutputControlSocketTimeout>");
+        test::WriteFile("/sys/class/net/eth0/address", "00:1a:2b:3c:4d:5e\n");
+        test::WriteFile(kLoggerSocket + ".keep", "");
+        tomorrow_ = TimeStamp().EpochSeconds() / 86400 * 86400 + 86400;
+        update_.plantId = "777";
+        update_.start = ServerTime(tomorrow_, "%Y%m%d%H%M");
+        update_.rates = std::vector<int>(48, 60);
+        update_.fixedFlag = 3;
+        update_.nextUpdate = ServerTime(tomorrow_, "%Y%m%d%H%M%S");
+        fixed_ = update_;
+        fixed_.start = ServerTime(tomorrow_ + 86400, "%Y%m%d%H%M");
+        fixed_.rates = std::vector<int>(48, 30);
+    }
+
+    void TearDown() override {
+        if (daemon_.Running()) {
+            daemon_.Signal(SIGTERM);
+            daemon_.WaitExit(5000);
+        }
+    }
+
+    static std::string ServerTime(std::int64_t utcSeconds, const std::string& pattern) {
+        return TimeStamp::FromEpochSeconds(utcSeconds + 9 * 3600)->Format(pattern);
+    }
+
+    static void WriteSystemSetting(const std::string& plantId, const std::string& url, bool standAlone) {
+        test::WriteFile(test::SystemSettingPath(),
+                        "<logger><general><outputControlPlantId>" + plantId +
+                            "</outputControlPlantId><outputControlStandAlone>" + (standAlone ? "1" : "0") +
+                            "</outputControlStandAlone><outputScheduleInformationServerUrl>" + url +
+                            "</outputScheduleInformationServerUrl></general></logger>");
+    }
+
+    // Starts the daemon and waits until its command socket serves.
+    void StartDaemon() {
+        ASSERT_TRUE(daemon_.Start(test::ChildProcess::DaemonCommand(), kOutput));
+        ASSERT_TRUE(test::WaitFor([] {
+            struct stat info;
+            return stat(kSocket.c_str(), &info) == 0 && S_ISSOCK(info.st_mode);
+        }, 10000)) << test::ReadFile(kOutput);
+    }
+
+    static std::string Count(const std::string& where = "") {
+        return test::QueryValue(kDbFile, "SELECT COUNT(*) FROM output_control_schedule" + where);
+    }
+
+    test::ChildProcess daemon_;
+    std::int64_t tomorrow_ = 0;
+    test::ScheduleRecord update_;
+    test::ScheduleRecord fixed_;
+};
+
+TEST_F(ScheduleFlowTest, StartUpFetchesBothSchedulesAndTellsTheLoggerDaemon) {
+    HttpTestServer server({ScheduleAnswer(update_, test::kUpdateSchedule), ScheduleAnswer(fixed_, test::kFixedSchedule)});
+    test::UnixPeer logger(kLoggerSocket, test::UnixPeer::kReply, std::string(12, '\0'), 8);
+    WriteSystemSetting(kPlant, server.Url("/schedule"), false);
+    StartDaemon();
+    ASSERT_TRUE(test::WaitFor([&] { return logger.Received().size() == 1; }, 15000)) << test::ReadFile(kOutput);
+    EXPECT_EQ(std::string("\x08\x00\x00\x00\x01\x00\x00\x00", 8), logger.Received()[0]);
+    const std::vector<HttpTestServer::Received> requests = server.Requests();
+    ASSERT_EQ(2u, requests.size());
+    EXPECT_EQ("POST /schedule HTTP/1.1", requests[0].requestLine);
+    EXPECT_EQ("power_plant_id=" + kPlant + "&mac_address=001A2B3C4D5E&schedule_kbn=0000", requests[0].body);
+    EXPECT_EQ("power_plant_id=" + kPlant + "&mac_address=001A2B3C4D5E&schedule_kbn=9993", requests[1].body);
+    ASSERT_TRUE(test::WaitFor([&] { return Count(" WHERE sent = 0") == "0"; }, 5000));
+    EXPECT_EQ("96", Count());
+    EXPECT_EQ(kPlant, test::QueryValue(kInfoFile, "SELECT plantId FROM output_control_schedule_update_info"));
+}
+
+TEST_F(ScheduleFlowTest, EveryRequestTypeIsAnswered) {
+    const std::string notRegistered = HttpTestServer::Answer(
+        200, test::MultipartContentType("b"), test::BinaryPartBody("b", std::string(32, '\0') + "\1"));
+    HttpTestServer server({ScheduleAnswer(update_, test::kUpdateSchedule), ScheduleAnswer(fixed_, test::kFixedSchedule),
+                           ScheduleAnswer(update_, test::kUpdateSchedule), ScheduleAnswer(fixed_, test::kFixedSchedule),
+                           notRegistered});
+    test::UnixPeer logger(kLoggerSocket, test::UnixPeer::kReply, std::string(12, '\0'), 8);
+    WriteSystemSetting(kPlant, server.Url("/schedule"), false);
+    StartDaemon();
+    ASSERT_TRUE(test::WaitFor([&] { return logger.Received().size() == 1; }, 15000));
+
+    // FlushLog.
+    EXPECT_EQ(Word(144) + Word(8) + std::string(136, '\0'), Ask(8));
+    // Unknown types: closed without an answer.
+    EXPECT_EQ("", Ask(1));
+    EXPECT_EQ("", Ask(9));
+    // Target powers: no slot now (the schedule starts tomorrow), the next
+    // one is tomorrow's first at 60 %.
+    const std::string current = Ask(6, Capacity(10.0));
+    ASSERT_EQ(167u, current.size());
+    EXPECT_EQ(5, WordAt(current, 31));
+    EXPECT_EQ(Field("can not get.", 128), current.substr(39));
+    const std::string next = Ask(7, Capacity(10.0));
+    ASSERT_EQ(167u, next.size());
+    EXPECT_EQ(0, WordAt(next, 31));
+    EXPECT_DOUBLE_EQ(6.0, PowerOf(next));
+    EXPECT_EQ(Field(TimeStamp::FromEpochSeconds(tomorrow_)->FormatCompact(), 15), next.substr(16, 15));
+    // UpdateSchedule: both fetches again, success.
+    const std::string updated = Ask(2);
+    EXPECT_EQ(Word(144) + Word(2) + Word(0) + Word(0) + std::string(128, '\0'), updated);
+    // ChangeSettingNotify with the same plant: nothing to do.
+    EXPECT_EQ(Word(144) + Word(5) + Word(0) + Word(0) + std::string(128, '\0'), Ask(5));
+    // CheckPlantId: the server's answer has a non-zero byte 32.
+    const std::string check = Ask(3, Field("P", 27) + Field(server.Url("/check"), 256));
+    ASSERT_EQ(144u, check.size());
+    EXPECT_EQ(6, WordAt(check, 8));
+    EXPECT_EQ(200, WordAt(check, 12));
+    EXPECT_EQ(Field("Plant ID is not registered", 128), check.substr(16));
+    // UpdateFixedSchedule with a missing file.
+    const std::string missing = Ask(4, Field("/tmp/none.hex", 256) + std::string(1, '\0'));
+    ASSERT_EQ(171u, missing.size());
+    EXPECT_EQ(9, WordAt(missing, 35));
+    EXPECT_EQ(Field("file not found.", 128), missing.substr(43));
+    // The daemon still serves.
+    EXPECT_EQ(144u, Ask(8).size());
+}
+
+TEST_F(ScheduleFlowTest, ChangedPlantIdWipesBothTables) {
+    HttpTestServer server({ScheduleAnswer(update_, test::kUpdateSchedule), ScheduleAnswer(fixed_, test::kFixedSchedule),
+                           HttpTestServer::Answer(500, "text/plain", "down")});
+    test::UnixPeer logger(kLoggerSocket, test::UnixPeer::kReply, std::string(12, '\0'), 8);
+    WriteSystemSetting(kPlant, server.Url("/schedule"), false);
+    StartDaemon();
+    ASSERT_TRUE(test::WaitFor([&] { return Count() == "96"; }, 15000));
+    WriteSystemSetting("00000000000000000000000888", server.Url("/schedule"), false);
+    const std::string answer = Ask(5);
+    ASSERT_EQ(144u, answer.size());
+    // The new plant's fetch meets the failing server: reason 1, status 500.
+    EXPECT_EQ(1, WordAt(answer, 8));
+    EXPECT_EQ(500, WordAt(answer, 12));
+    EXPECT_EQ(Field("Data is not found.", 128), answer.substr(16));
+    EXPECT_EQ("0", Count());
+    EXPECT_EQ("00000000000000000000000888",
+              test::QueryValue(kInfoFile, "SELECT plantId FROM output_control_schedule_update_info"));
+}
+
+TEST_F(ScheduleFlowTest, StandAloneFetchesNothing) {
+    HttpTestServer server(ScheduleAnswer(update_, test::kUpdateSchedule));
+    WriteSystemSetting(kPlant, server.Url("/schedule"), true);
+    StartDaemon();
+    ASSERT_TRUE(test::WaitFor([] {
+        return test::ReadFile(test::LogFilePath()).find("Plant ID changed but, Standalone setting...") !=
+               std::string::npos;
+    }, 10000));
+    EXPECT_TRUE(server.Requests().empty());
+}
+
+TEST_F(ScheduleFlowTest, FixedScheduleByFileWithAndWithoutForce) {
+    WriteSystemSetting("", "", false);
+    StartDaemon();
+    test::ScheduleRecord first = fixed_;
+    first.plantId = "111";
+    test::WriteFile("/tmp/first.hex", test::BuildSchedulePayload({first}, test::kFixedSchedule).hex);
+    const std::string stored = Ask(4, Field("/tmp/first.hex", 256) + std::string(1, '\0'));
+    ASSERT_EQ(171u, stored.size());
+    EXPECT_EQ(0, WordAt(stored, 35));
+    EXPECT_EQ(Field("00000000000000000000000111", 27), stored.substr(8, 27));
+    EXPECT_EQ("48", Count());
+
+    test::ScheduleRecord other = fixed_;
+    other.plantId = "222";
+    other.rates = std::vector<int>(48, 20);
+    other.start = ServerTime(tomorrow_ + 2 * 86400, "%Y%m%d%H%M");
+    test::WriteFile("/tmp/other.hex", test::BuildSchedulePayload({other}, test::kFixedSchedule).hex);
+    const std::string refused = Ask(4, Field("/tmp/other.hex", 256) + std::string(1, '\0'));
+    EXPECT_EQ(7, WordAt(refused, 35));
+    EXPECT_EQ(Field("[00000000000000000000000111] : [00000000000000000000000222]", 128), refused.substr(43));
+    EXPECT_EQ("48", Count());
+
+    const std::string forced = Ask(4, Field("/tmp/other.hex", 256) + std::string(1, '\1'));
+    EXPECT_EQ(0, WordAt(forced, 35));
+    EXPECT_EQ(Field("00000000000000000000000222", 27), forced.substr(8, 27));
+    EXPECT_EQ("48", Count());
+    EXPECT_EQ("48", Count(" WHERE controlRate = 20"));
+}
+
+TEST_F(ScheduleFlowTest, ServerFailuresGiveTheirReasons) {
+    WriteSystemSetting("", "", false);
+    StartDaemon();
+    HttpTestServer notFound(HttpTestServer::Answer(404, "text/plain", "no"));
+    std::string answer = Ask(3, Field("P", 27) + Field(notFound.Url("/c"), 256));
+    EXPECT_EQ(1, WordAt(answer, 8));
+    EXPECT_EQ(404, WordAt(answer, 12));
+    EXPECT_EQ(Field("Data is not found.", 128), answer.substr(16));
+    answer = Ask(3, Field("P", 27) + Field("http://127.0.0.1:" + std::to_string(test::ClosedPort()) + "/c", 256));
+    EXPECT_EQ(1, WordAt(answer, 8));
+    EXPECT_EQ(0, WordAt(answer, 12));
+    EXPECT_EQ(0u, answer.substr(16).find("schedule server access failed. EXCEPTION["));
+    HttpTestServer text(HttpTestServer::Answer(200, test::MultipartContentType("b"), test::TextPartBody("b", "701")));
+    answer = Ask(3, Field("P", 27) + Field(text.Url("/c"), 256));
+    EXPECT_EQ(2, WordAt(answer, 8));
+    EXPECT_EQ(200, WordAt(answer, 12));
+    EXPECT_EQ(Field("701", 128), answer.substr(16));
+    HttpTestServer registered(HttpTestServer::Answer(200, test::MultipartContentType("b"),
+                                                     test::BinaryPartBody("b", std::string(40, '\0'))));
+    EXPECT_EQ(Word(144) + Word(3) + Word(0) + Word(0) + std::string(128, '\0'),
+              Ask(3, Field("P", 27) + Field(registered.Url("/c"), 256)));
+}
+
+TEST_F(ScheduleFlowTest, ClientThatHangsUpDoesNotStopTheDaemon) {
+    WriteSystemSetting("", "", false);
+    StartDaemon();
+    for (int i = 0; i < 5; ++i) {
+        const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+        sockaddr_un address;
+        std::memset(&address, 0, sizeof address);
+        address.sun_family = AF_UNIX;
+        std::strncpy(address.sun_path, kSocket.c_str(), sizeof address.sun_path - 1);
+        ASSERT_EQ(0, connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address));
+        const std::string request = Word(8) + Word(8);
+        ASSERT_EQ(8, write(fd, request.data(), request.size()));
+        close(fd);
+    }
+    EXPECT_EQ(144u, Ask(8).size());
+    EXPECT_TRUE(daemon_.Running());
+}
+
+TEST_F(ScheduleFlowTest, WatchdogFileKeepsBeingTouched) {
+    test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>"
+                             "<WatchdogFileUpdateInterval>1</WatchdogFileUpdateInterval>");
+    StartDaemon();
+    ASSERT_TRUE(test::WaitFor([] { return test::FileExists("/mnt/system/check/brvo"); }, 5000));
+    test::RemoveAll("/mnt/system/check/brvo");
+    EXPECT_TRUE(test::WaitFor([] { return test::FileExists("/mnt/system/check/brvo"); }, 5000));
+}
+
+} // namespace
+} // namespace brvo
