@@ -1,0 +1,305 @@
+#include "schedule/ScheduleUpdateManager.h"
+
+#include "database/ScheduleDatabase.h"
+#include "schedule/ScheduleModel.h"
+#include "settings/DeviceSettingXmlManager.h"
+#include "settings/LoggerSettingManager.h"
+#include "settings/SystemSettingXmlManager.h"
+#include "support/HttpTestServer.h"
+#include "support/SchedulePayload.h"
+#include "support/SqliteFile.h"
+#include "support/TestFiles.h"
+#include "support/UnixPeer.h"
+#include "util/FileUtil.h"
+#include "util/LoggerLog.h"
+#include "util/TimeStamp.h"
+
+#include <gtest/gtest.h>
+
+#include <Poco/DateTime.h>
+
+namespace brvo {
+namespace {
+
+using test::HttpTestServer;
+
+const std::string kTag = "ScheduleUpdateManager";
+const std::string kDbFile = "/media/sdcard/kestrovanyx/Database/OutputControl/output_control_schedule.db";
+const std::string kPlant = "00000000000000000000000777";
+
+class ScheduleUpdateManagerTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        UseLoggerSettings("");
+        test::WriteFile("/sys/class/net/eth0/address", "00:1a:2b:3c:4d:5e\n");
+        tomorrow_ = TimeStamp().EpochSeconds() / 86400 * 86400 + 86400;
+        update_.plantId = "777";
+        update_.start = ServerTime(tomorrow_, "%Y%m%d%H%M");
+        update_.rates = std::vector<int>(48, 60);
+        update_.fixedFlag = 3;
+        update_.nextUpdate = ServerTime(tomorrow_, "%Y%m%d%H%M%S");
+        fixed_ = update_;
+        fixed_.start = ServerTime(tomorrow_ + 86400, "%Y%m%d%H%M");
+        fixed_.rates = std::vector<int>(48, 30);
+    }
+
+    void TearDown() override {
+        ScheduleUpdateManager::DeleteInstance();
+        ScheduleDatabase::DeleteInstance();
+        DeviceSettingXmlManager::DeleteInstance();
+        SystemSettingXmlManager::DeleteInstance();
+        LoggerLog::DeleteInstance();
+        LoggerSettingManager::DeleteInstance();
+        FileUtil::ResetDataRoot();
+    }
+
+    void UseLoggerSettings(const std::string& innerXml) {
+        LoggerLog::DeleteInstance();
+        LoggerSettingManager::DeleteInstance();
+        test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>" +
+                                 innerXml);
+        LoggerSettingManager::CreateInstance();
+        LoggerLog::CreateInstance();
+        FileUtil::ResetDataRoot();
+    }
+
+    static std::string ServerTime(std::int64_t utcSeconds, const std::string& pattern) {
+        return TimeStamp::FromEpochSeconds(utcSeconds + 9 * 3600)->Format(pattern);
+    }
+
+    static std::string ScheduleAnswer(const test::ScheduleRecord& record, int kind) {
+        const std::string payload = test::BytesText(test::BuildSchedulePayload({record}, kind).bytes);
+        return HttpTestServer::Answer(200, test::MultipartContentType("b"), test::BinaryPartBody("b", payload));
+    }
+
+    // Writes the system settings and loads them, as the daemon's start-up
+    // check does; then creates the manager.
+    ScheduleUpdateManager& Manager(const std::string& plantId, const std::string& url, bool standAlone = false) {
+        test::WriteFile(test::SystemSettingPath(),
+                        "<logger><general><outputControlPlantId>" + plantId +
+                            "</outputControlPlantId><outputControlStandAlone>" + (standAlone ? "1" : "0") +
+                            "</outputControlStandAlone><outputScheduleInformationServerUrl>" + url +
+                            "</outputScheduleInformationServerUrl></general></logger>");
+        SystemSettingXmlManager::CreateInstance();
+        SystemSettingXmlManager::GetInstance()->Load();
+        ScheduleUpdateManager::CreateInstance();
+        return *ScheduleUpdateManager::GetInstance();
+    }
+
+    static std::vector<std::string> LogLines() {
+        LoggerLog::DeleteInstance();
+        std::vector<std::string> lines = test::ReadLines(test::LogFilePath());
+        LoggerLog::CreateInstance();
+        return lines;
+    }
+
+    std::int64_t tomorrow_ = 0;
+    test::ScheduleRecord update_;
+    test::ScheduleRecord fixed_;
+};
+
+TEST_F(ScheduleUpdateManagerTest, RetryRule) {
+    EXPECT_FALSE(ScheduleUpdateManager::IsRetryable(UpdateResult()));
+    EXPECT_TRUE(ScheduleUpdateManager::IsRetryable(UpdateResult(2, 100, "")));
+    EXPECT_TRUE(ScheduleUpdateManager::IsRetryable(UpdateResult(2, 199, "")));
+    EXPECT_FALSE(ScheduleUpdateManager::IsRetryable(UpdateResult(3, 200, "")));
+    EXPECT_FALSE(ScheduleUpdateManager::IsRetryable(UpdateResult(1, 299, "")));
+    EXPECT_TRUE(ScheduleUpdateManager::IsRetryable(UpdateResult(5, 302, "")));
+    EXPECT_FALSE(ScheduleUpdateManager::IsRetryable(UpdateResult(1, 404, "")));
+    EXPECT_TRUE(ScheduleUpdateManager::IsRetryable(UpdateResult(5, 503, "")));
+    for (int reason : {1, 3, 4, 12}) {
+        EXPECT_TRUE(ScheduleUpdateManager::IsRetryable(UpdateResult(reason, 0, ""))) << reason;
+        EXPECT_TRUE(ScheduleUpdateManager::IsRetryable(UpdateResult(reason, -1, ""))) << reason;
+    }
+    for (int reason : {2, 5, 6, 7}) {
+        EXPECT_FALSE(ScheduleUpdateManager::IsRetryable(UpdateResult(reason, 0, ""))) << reason;
+    }
+}
+
+TEST_F(ScheduleUpdateManagerTest, FixedScheduleTimeByTheLastDigit) {
+    ScheduleUpdateManager& manager = Manager("", "");
+    const TimeStamp now;
+    const Poco::DateTime today(now.Value());
+    for (int digit = 0; digit <= 9; ++digit) {
+        const int minutes = 12 * 60 + 10 + 30 * digit;
+        const Poco::DateTime at(today.year(), today.month(), today.day(), minutes / 60, minutes % 60, 0);
+        std::int64_t expected = TimeStamp(at.timestamp()).EpochSeconds();
+        std::shared_ptr<TimeStamp> got = manager.FixedScheduleUpdateTime("PLANT" + std::to_string(digit));
+        const std::int64_t after = TimeStamp().EpochSeconds();
+        if (expected < after - 20 * 60) expected += 86400;
+        ASSERT_NE(nullptr, got);
+        EXPECT_EQ(expected, got->EpochSeconds()) << digit;
+    }
+    std::shared_ptr<TimeStamp> other = manager.FixedScheduleUpdateTime("PLANTX");
+    ASSERT_NE(nullptr, other);
+    EXPECT_NEAR(static_cast<double>(TimeStamp().EpochSeconds() + 1800), static_cast<double>(other->EpochSeconds()), 5.0);
+}
+
+TEST_F(ScheduleUpdateManagerTest, UpdateFixedScheduleNeedsUpdateInformation) {
+    ScheduleUpdateManager& manager = Manager(kPlant, "http://127.0.0.1:1/");
+    std::shared_ptr<UpdateResult> result = manager.UpdateFixedSchedule();
+    EXPECT_FALSE(result->IsResult());
+    EXPECT_EQ(1, result->GetFailureReason());
+    EXPECT_EQ(-1, result->GetStatusCode());
+    EXPECT_EQ("Update information of fixed schedule does not exist.", result->GetMessage());
+}
+
+TEST_F(ScheduleUpdateManagerTest, UpdateScheduleFailureReasons) {
+    HttpTestServer server({HttpTestServer::Answer(500, "text/plain", "down"),
+                           HttpTestServer::Answer(200, test::MultipartContentType("b"), test::TextPartBody("b", "702")),
+                           HttpTestServer::Answer(200, test::MultipartContentType("b"), test::BinaryPartBody("b", "\x01")),
+                           ScheduleAnswer([&] { test::ScheduleRecord empty = update_; empty.rates.clear(); return empty; }(),
+                                          test::kUpdateSchedule)});
+    ScheduleUpdateManager& manager = Manager(kPlant, server.Url("/s"));
+    std::shared_ptr<UpdateResult> result = manager.UpdateSchedule();
+    EXPECT_EQ(1, result->GetFailureReason());
+    EXPECT_EQ(500, result->GetStatusCode());
+    EXPECT_EQ("Data is not found.", result->GetMessage());
+    result = manager.UpdateSchedule();
+    EXPECT_EQ(2, result->GetFailureReason());
+    EXPECT_EQ("702", result->GetMessage());
+    result = manager.UpdateSchedule();
+    EXPECT_EQ(3, result->GetFailureReason());
+    EXPECT_EQ("data is missing.", result->GetMessage());
+    result = manager.UpdateSchedule();
+    EXPECT_EQ(4, result->GetFailureReason());
+    EXPECT_EQ("Schedule data is nothing.", result->GetMessage());
+    const std::vector<std::string> lines = LogLines();
+    EXPECT_TRUE(test::HasLogLineStarting(lines, "W", kTag, "Schedule update failed. [ServerAccessResult [false]"));
+    EXPECT_TRUE(test::HasLogLine(lines, "W", kTag, "Schedule update failed. [702]"));
+    EXPECT_TRUE(test::HasLogLine(lines, "W", kTag, "Schedule parse failed. [data is missing.]"));
+    EXPECT_TRUE(test::HasLogLine(lines, "W", kTag, "Schedule update failed. Schedule data is nothing."));
+}
+
+TEST_F(ScheduleUpdateManagerTest, DataOfAnotherPlantIsNotStored) {
+    HttpTestServer server({ScheduleAnswer(update_, test::kUpdateSchedule)});
+    ScheduleUpdateManager& manager = Manager(kPlant, server.Url("/s"));
+    ScheduleUpdateInfo stored;
+    stored.plantId = "00000000000000000000000999";
+    ScheduleUpdateInfo received;
+    received.plantId = kPlant;
+    ScheduleRow row;
+    row.time = tomorrow_;
+    row.controlRate = 5;
+    ASSERT_TRUE(manager.UpdateWithFixedSchedule({row}, stored.plantId));
+    std::shared_ptr<UpdateResult> result = manager.UpdateSchedule();
+    EXPECT_EQ(5, result->GetFailureReason());
+    EXPECT_EQ("Database update error.", result->GetMessage());
+    EXPECT_TRUE(test::HasLogLine(LogLines(), "E", kTag,
+                                 "It is data of a different power station ID. Expected[" + stored.plantId +
+                                     "], but [" + kPlant + "]"));
+    EXPECT_EQ("5", test::QueryValue(kDbFile, "SELECT controlRate FROM output_control_schedule"));
+}
+
+TEST_F(ScheduleUpdateManagerTest, PlantIdRemovedFromTheSettingsWipesEverything) {
+    HttpTestServer server({ScheduleAnswer(update_, test::kUpdateSchedule), ScheduleAnswer(fixed_, test::kFixedSchedule)});
+    ScheduleUpdateManager& manager = Manager(kPlant, server.Url("/s"));
+    bool started = false;
+    ASSERT_TRUE(manager.CheckAndUpdateWithSystemSetting(started, true)->IsResult());
+    EXPECT_TRUE(started);
+    EXPECT_EQ("96", test::QueryValue(kDbFile, "SELECT COUNT(*) FROM output_control_schedule"));
+    EXPECT_NE(nullptr, manager.GetScheduleUpdateTime());
+    test::WriteFile(test::SystemSettingPath(), "<logger><general><outputControlPlantId></outputControlPlantId>"
+                                               "</general></logger>");
+    started = false;
+    EXPECT_TRUE(manager.CheckAndUpdateWithSystemSetting(started, false)->IsResult());
+    EXPECT_FALSE(started);
+    EXPECT_EQ("0", test::QueryValue(kDbFile, "SELECT COUNT(*) FROM output_control_schedule"));
+    EXPECT_EQ("", manager.GetUpdateInfo().plantId);
+    EXPECT_EQ(nullptr, manager.GetScheduleUpdateTime());
+    EXPECT_TRUE(test::HasLogLine(LogLines(), "I", kTag, "Plant ID is not set. [" + kPlant + "]"));
+}
+
+TEST_F(ScheduleUpdateManagerTest, NewPlantStartsFromAFreshRecord) {
+    HttpTestServer server(HttpTestServer::Answer(503, "text/plain", "busy"));
+    ScheduleUpdateManager& manager = Manager(kPlant, server.Url("/s"));
+    bool started = false;
+    std::shared_ptr<UpdateResult> result = manager.CheckAndUpdateWithSystemSetting(started, true);
+    EXPECT_FALSE(result->IsResult());
+    EXPECT_EQ(503, result->GetStatusCode());
+    EXPECT_FALSE(started);
+    const ScheduleUpdateInfo info = manager.GetUpdateInfo();
+    EXPECT_EQ(kPlant, info.plantId);
+    EXPECT_EQ("", info.lastUpdateTime);
+    EXPECT_EQ(-1, info.fixedScheduleUpdateFlag);
+    EXPECT_FALSE(info.isNeedUpdateFixedSchedule);
+    EXPECT_TRUE(test::HasLogLine(LogLines(), "I", kTag, "Plant ID change. [] to [" + kPlant + "]"));
+    // The timers run all the same: the next update is due within half an hour.
+    ASSERT_NE(nullptr, manager.GetScheduleUpdateTime());
+    EXPECT_LE(manager.GetScheduleUpdateTime()->EpochSeconds(), TimeStamp().EpochSeconds() + 1800);
+}
+
+TEST_F(ScheduleUpdateManagerTest, UpdateTimerFiresAtTheStoredTime) {
+    UseLoggerSettings("<OutputScheduleMonitoringInterval>1</OutputScheduleMonitoringInterval>");
+    HttpTestServer server({HttpTestServer::Answer(503, "text/plain", "busy"), ScheduleAnswer(update_, test::kUpdateSchedule),
+                           ScheduleAnswer(fixed_, test::kFixedSchedule)});
+    test::WriteFile("/mnt/system/brvlogger/.keep", "");
+    test::UnixPeer logger("/mnt/system/brvlogger/brevanta.logger", test::UnixPeer::kReply, std::string(12, '\0'), 8);
+    ScheduleUpdateManager& manager = Manager(kPlant, server.Url("/s"));
+    bool started = false;
+    manager.CheckAndUpdateWithSystemSetting(started, true);
+    ASSERT_EQ(1u, server.Requests().size());
+    // Bring the stored next update time to two seconds from now.
+    ScheduleUpdateInfo info = manager.GetUpdateInfo();
+    const std::int64_t due = TimeStamp().EpochSeconds() + 2;
+    test::QueryFile("/media/sdcard/kestrovanyx/Database/OutputControl/output_control_schedule_update_info.db",
+                    "UPDATE output_control_schedule_update_info SET nextUpdateTime = '" +
+                        TimeStamp::FromEpochSeconds(due)->FormatDisplay() + "'");
+    manager.Start();
+    ASSERT_EQ(due, manager.GetScheduleUpdateTime()->EpochSeconds());
+    ASSERT_TRUE(test::WaitFor([&] { return server.Requests().size() >= 2; }, 10000));
+    EXPECT_EQ("power_plant_id=" + kPlant + "&mac_address=001A2B3C4D5E&schedule_kbn=0000",
+              server.Requests()[1].body);
+    ASSERT_TRUE(test::WaitFor([&] { return logger.Received().size() == 1; }, 10000));
+    EXPECT_EQ("48", test::QueryValue(kDbFile, "SELECT COUNT(*) FROM output_control_schedule"));
+    // The next update is the payload's time, tomorrow.
+    EXPECT_TRUE(test::WaitFor([&] {
+        std::shared_ptr<TimeStamp> next = manager.GetScheduleUpdateTime();
+        return next && next->EpochSeconds() == tomorrow_;
+    }, 5000));
+}
+
+TEST_F(ScheduleUpdateManagerTest, StopCancelsASleepingCallbackPromptly) {
+    UseLoggerSettings("<OutputScheduleMonitoringInterval>1</OutputScheduleMonitoringInterval>");
+    HttpTestServer server(HttpTestServer::Answer(503, "text/plain", "busy"));
+    ScheduleUpdateManager& manager = Manager(kPlant, server.Url("/s"));
+    bool started = false;
+    manager.CheckAndUpdateWithSystemSetting(started, true);
+    test::QueryFile("/media/sdcard/kestrovanyx/Database/OutputControl/output_control_schedule_update_info.db",
+                    "UPDATE output_control_schedule_update_info SET nextUpdateTime = '" +
+                        TimeStamp::FromEpochSeconds(TimeStamp().EpochSeconds() + 30)->FormatDisplay() + "'");
+    manager.Start();
+    Poco::Thread::sleep(1500);
+    const Poco::Timestamp stopping;
+    manager.Stop();
+    ScheduleUpdateManager::DeleteInstance();
+    EXPECT_LT(stopping.elapsed(), 3000 * 1000);
+    EXPECT_EQ(1u, server.Requests().size());
+}
+
+TEST_F(ScheduleUpdateManagerTest, FixedDataOfAnotherPlantNeedsForce) {
+    ScheduleUpdateManager& manager = Manager("", "");
+    test::ScheduleRecord first = fixed_;
+    first.plantId = "111";
+    auto model = std::make_shared<ScheduleModel>(test::BuildSchedulePayload({first}, 0).hex, 0);
+    std::shared_ptr<UpdateResult> result = manager.UpdateWithFixedData(model, false);
+    ASSERT_TRUE(result->IsResult());
+    EXPECT_TRUE(result->IsSettingChanged());
+    test::ScheduleRecord second = fixed_;
+    second.plantId = "222";
+    auto other = std::make_shared<ScheduleModel>(test::BuildSchedulePayload({second}, 0).hex, 0);
+    result = manager.UpdateWithFixedData(other, false);
+    EXPECT_EQ(7, result->GetFailureReason());
+    EXPECT_EQ("[00000000000000000000000111] : [00000000000000000000000222]", result->GetMessage());
+    result = manager.UpdateWithFixedData(other, true);
+    ASSERT_TRUE(result->IsResult());
+    EXPECT_TRUE(result->IsSettingChanged());
+    EXPECT_EQ("00000000000000000000000222", result->GetPlantId());
+    // Same plant again: already stand-alone, nothing changed.
+    result = manager.UpdateWithFixedData(other, false);
+    ASSERT_TRUE(result->IsResult());
+    EXPECT_FALSE(result->IsSettingChanged());
+}
+
+} // namespace
+} // namespace brvo
