@@ -259,6 +259,48 @@ TEST_F(ScheduleUpdateManagerTest, UpdateTimerFiresAtTheStoredTime) {
     }, 5000));
 }
 
+// Lets the update timer run one fetch against `server` and returns the log
+// afterwards.
+std::vector<std::string> TimerRunAgainst(ScheduleUpdateManager& manager, HttpTestServer& server) {
+    bool started = false;
+    manager.CheckAndUpdateWithSystemSetting(started, true);
+    test::QueryFile("/media/sdcard/kestrovanyx/Database/OutputControl/output_control_schedule_update_info.db",
+                    "UPDATE output_control_schedule_update_info SET nextUpdateTime = '" +
+                        TimeStamp::FromEpochSeconds(TimeStamp().EpochSeconds() + 1)->FormatDisplay() + "'");
+    manager.Start();
+    EXPECT_TRUE(test::WaitFor([&] { return server.Requests().size() >= 2; }, 10000));
+    Poco::Thread::sleep(300);
+    LoggerLog::DeleteInstance();
+    std::vector<std::string> lines = test::ReadLines(test::LogFilePath());
+    LoggerLog::CreateInstance();
+    return lines;
+}
+
+TEST_F(ScheduleUpdateManagerTest, ClientErrorStopsTheUpdateAlarm) {
+    UseLoggerSettings("<OutputScheduleMonitoringInterval>1</OutputScheduleMonitoringInterval>");
+    HttpTestServer server(HttpTestServer::Answer(404, "text/plain", "gone"));
+    ScheduleUpdateManager& manager = Manager(kPlant, server.Url("/s"));
+    const std::vector<std::string> lines = TimerRunAgainst(manager, server);
+    EXPECT_TRUE(test::HasLogLineStarting(lines, "E", kTag,
+                                         "Update schedule failed. Stop retry. UpdateResult [false]  FailureReason:1 "
+                                         "StatusCode:404"));
+    EXPECT_EQ(nullptr, manager.GetScheduleUpdateTime());
+}
+
+TEST_F(ScheduleUpdateManagerTest, ServerErrorRetriesAtTheNextHalfHour) {
+    UseLoggerSettings("<OutputScheduleMonitoringInterval>1</OutputScheduleMonitoringInterval>");
+    HttpTestServer server(HttpTestServer::Answer(503, "text/plain", "busy"));
+    ScheduleUpdateManager& manager = Manager(kPlant, server.Url("/s"));
+    const std::int64_t before = TimeStamp().EpochSeconds();
+    const std::vector<std::string> lines = TimerRunAgainst(manager, server);
+    EXPECT_TRUE(test::HasLogLineStarting(lines, "D", kTag, "retry. schedule_update_time_ ["));
+    EXPECT_FALSE(test::HasLogLineStarting(lines, "E", kTag, "Update schedule failed. Stop retry."));
+    std::shared_ptr<TimeStamp> next = manager.GetScheduleUpdateTime();
+    ASSERT_NE(nullptr, next);
+    EXPECT_GT(next->EpochSeconds(), before + 1700);
+    EXPECT_LE(next->EpochSeconds(), before + 1900);
+}
+
 TEST_F(ScheduleUpdateManagerTest, StopCancelsASleepingCallbackPromptly) {
     UseLoggerSettings("<OutputScheduleMonitoringInterval>1</OutputScheduleMonitoringInterval>");
     HttpTestServer server(HttpTestServer::Answer(503, "text/plain", "busy"));
