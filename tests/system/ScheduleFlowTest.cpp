@@ -317,6 +317,42 @@ TEST_F(ScheduleFlowTest, ClientThatHangsUpDoesNotStopTheDaemon) {
     EXPECT_TRUE(daemon_.Running());
 }
 
+// Starts the daemon with the clock faked to `now` and returns the fixed
+// schedule time it arms for a plant ending in 7 whose fixed fetch failed.
+std::string FixedTimeAt(test::ChildProcess& daemon, const std::string& now, const test::ScheduleRecord& update) {
+    HttpTestServer server({ScheduleAnswer(update, test::kUpdateSchedule), HttpTestServer::Answer(500, "text/plain", "x")});
+    test::WriteFile(test::SystemSettingPath(),
+                    "<logger><general><outputControlPlantId>" + kPlant +
+                        "</outputControlPlantId><outputScheduleInformationServerUrl>" + server.Url("/s") +
+                        "</outputScheduleInformationServerUrl></general></logger>");
+    EXPECT_TRUE(daemon.Start(test::ChildProcess::DaemonCommand(), kOutput,
+                             test::ChildProcess::FakeTimeEnv("@" + now)));
+    const std::string marker = "ScheduleUpdateManager fixed_schedule_update_time_ [";
+    std::string log;
+    test::WaitFor([&] {
+        log = test::ReadFile(test::LogFilePath());
+        return log.find(marker) != std::string::npos;
+    }, 20000);
+    daemon.Signal(SIGTERM);
+    daemon.WaitExit(5000);
+    const std::size_t at = log.find(marker);
+    if (at == std::string::npos) return std::string();
+    return log.substr(at + marker.size(), 19);
+}
+
+TEST_F(ScheduleFlowTest, FixedScheduleTimeFollowsTheLastDigitOfThePlantId) {
+    // Plant ...7 fetches at 15:40 UTC.
+    EXPECT_EQ("2030-01-15 15:40:00", FixedTimeAt(daemon_, "2030-01-15 12:00:00", update_));
+}
+
+TEST_F(ScheduleFlowTest, FixedScheduleTimePassedLongAgoMovesToTomorrow) {
+    EXPECT_EQ("2030-01-16 15:40:00", FixedTimeAt(daemon_, "2030-01-15 16:05:00", update_));
+}
+
+TEST_F(ScheduleFlowTest, FixedScheduleTimeJustPassedStaysToday) {
+    EXPECT_EQ("2030-01-15 15:40:00", FixedTimeAt(daemon_, "2030-01-15 15:50:00", update_));
+}
+
 TEST_F(ScheduleFlowTest, WatchdogFileKeepsBeingTouched) {
     test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>"
                              "<WatchdogFileUpdateInterval>1</WatchdogFileUpdateInterval>");
