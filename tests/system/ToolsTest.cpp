@@ -1,0 +1,118 @@
+// The operators' tools against the real daemon: pvoctl's answers and exit
+// codes, and the two simulators standing in for the schedule server and
+// the logger daemon.
+#include "support/ChildProcess.h"
+#include "support/HttpTestServer.h"
+#include "support/TestFiles.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <sys/stat.h>
+
+namespace brvo {
+namespace {
+
+const std::string kSocket = "/mnt/system/pvoctrl/brevanta.octrl";
+
+// Runs a tool to its end; returns its exit code (-1 when it did not end)
+// and leaves its output in `output`.
+int RunTool(const std::vector<std::string>& argv, std::string& output) {
+    test::ChildProcess tool;
+    if (!tool.Start(argv, "/tmp/tool.out")) return -1;
+    if (!tool.WaitExit(60000)) return -1;
+    output = test::ReadFile("/tmp/tool.out");
+    return tool.ExitCode();
+}
+
+class ToolsTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>");
+        test::WriteFile("/sys/class/net/eth0/address", "00:1a:2b:3c:4d:5e\n");
+    }
+
+    void TearDown() override {
+        for (test::ChildProcess* process : {&daemon_, &server_, &logger_}) {
+            if (process->Running()) {
+                process->Signal(SIGTERM);
+                process->WaitExit(5000);
+            }
+        }
+    }
+
+    void StartAll(const std::vector<std::string>& serverArgs) {
+        // Tests run side by side on one loopback: each takes a free port.
+        port_ = std::to_string(test::ClosedPort());
+        std::vector<std::string> server = {SCHEDULE_SERVER_SIM_BINARY, "--port", port_, "--plant-id", "777",
+                                           "--rates", "48x40", "--fixed-rates", "48x20"};
+        server.insert(server.end(), serverArgs.begin(), serverArgs.end());
+        ASSERT_TRUE(server_.Start(server, "/tmp/server.out"));
+        ASSERT_TRUE(logger_.Start({LOGGER_DAEMON_SIM_BINARY, "--result", "0"}, "/tmp/logger.out"));
+        ASSERT_TRUE(test::WaitFor([] { return test::ReadFile("/tmp/server.out").find("listening") != std::string::npos; }, 5000));
+        ASSERT_TRUE(test::WaitFor([] { return test::FileExists("/mnt/system/brvlogger/brevanta.logger"); }, 5000));
+        test::WriteFile(test::SystemSettingPath(),
+                        "<logger><general><outputControlPlantId>00000000000000000000000777</outputControlPlantId>"
+                        "<outputScheduleInformationServerUrl>http://127.0.0.1:" + port_ + "/s"
+                        "</outputScheduleInformationServerUrl></general></logger>");
+        ASSERT_TRUE(daemon_.Start(test::ChildProcess::DaemonCommand(), "/tmp/pvocd.out"));
+        ASSERT_TRUE(test::WaitFor([] { return test::FileExists(kSocket); }, 10000));
+    }
+
+    std::string port_;
+    test::ChildProcess daemon_;
+    test::ChildProcess server_;
+    test::ChildProcess logger_;
+};
+
+TEST_F(ToolsTest, StartUpFetchFromTheSimulatorAndTargetPowerThroughPvoctl) {
+    StartAll({});
+    ASSERT_TRUE(test::WaitFor([] {
+        return test::ReadFile("/tmp/logger.out").find("command received: 8 bytes, length 8, command 1") !=
+               std::string::npos;
+    }, 15000)) << test::ReadFile("/tmp/server.out");
+    const std::string requests = test::ReadFile("/tmp/server.out");
+    EXPECT_NE(std::string::npos, requests.find("schedule_kbn=0000"));
+    EXPECT_NE(std::string::npos, requests.find("schedule_kbn=9993"));
+    std::string output;
+    EXPECT_EQ(0, RunTool({PVOCTL_BINARY, "current", "10"}, output)) << output;
+    EXPECT_NE(std::string::npos, output.find("target power 4 for the slot starting ")) << output;
+    EXPECT_EQ(0, RunTool({PVOCTL_BINARY, "--json", "next", "10"}, output)) << output;
+    EXPECT_EQ(0u, output.find("{\"ok\":true,\"code\":0,\"power\":4,\"slot\":\"")) << output;
+    EXPECT_EQ(0, RunTool({PVOCTL_BINARY, "flush-log"}, output)) << output;
+    EXPECT_EQ(0, RunTool({PVOCTL_BINARY, "show-schedule"}, output)) << output;
+    EXPECT_NE(std::string::npos, output.find("  40%  yes  ########")) << output;
+    EXPECT_EQ(0, RunTool({PVOCTL_BINARY, "update"}, output)) << output;
+    EXPECT_EQ("ok\n", output);
+}
+
+TEST_F(ToolsTest, FailuresGiveExitCodeOneWithTheReason) {
+    StartAll({"--status", "500"});
+    std::string output;
+    EXPECT_EQ(1, RunTool({PVOCTL_BINARY, "update"}, output));
+    EXPECT_EQ("failed: Data is not found. (reason 1, HTTP status 500)\n", output);
+    EXPECT_EQ(1, RunTool({PVOCTL_BINARY, "--json", "check-plant-id", "P", "http://127.0.0.1:" + port_ + "/c"}, output));
+    EXPECT_EQ("{\"ok\":false,\"reason\":1,\"status\":500,\"message\":\"Data is not found.\"}\n", output);
+    EXPECT_EQ(1, RunTool({PVOCTL_BINARY, "fixed-schedule", "/tmp/none.hex"}, output));
+    EXPECT_EQ("failed: file not found. (reason 9, HTTP status 0)\n", output);
+}
+
+TEST_F(ToolsTest, NoDaemonIsAClearMessageNotAHang) {
+    std::string output;
+    EXPECT_EQ(2, RunTool({PVOCTL_BINARY, "current"}, output));
+    EXPECT_NE(std::string::npos, output.find("pvoctl: cannot connect to pvocd at " + kSocket)) << output;
+    EXPECT_NE(std::string::npos, output.find("(is the daemon running?)")) << output;
+}
+
+TEST_F(ToolsTest, HelpExplainsTheCommands) {
+    std::string output;
+    EXPECT_EQ(0, RunTool({PVOCTL_BINARY, "--help"}, output));
+    for (const char* text : {"current [CAPACITY]", "check-plant-id ID URL", "fixed-schedule FILE [--force]",
+                             "show-schedule", "--json", "Exit code"}) {
+        EXPECT_NE(std::string::npos, output.find(text)) << text;
+    }
+    EXPECT_EQ(2, RunTool({PVOCTL_BINARY, "bogus"}, output));
+}
+
+} // namespace
+} // namespace brvo
