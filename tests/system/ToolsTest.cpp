@@ -97,6 +97,28 @@ TEST_F(ToolsTest, FailuresGiveExitCodeOneWithTheReason) {
     EXPECT_EQ("failed: file not found. (reason 9, HTTP status 0)\n", output);
 }
 
+TEST_F(ToolsTest, SimulatorFailureSwitches) {
+    StartAll({"--bad-checksum"});
+    std::string output;
+    EXPECT_EQ(1, RunTool({PVOCTL_BINARY, "update"}, output));
+    EXPECT_EQ("failed: Output rate data Checksum error. (reason 3, HTTP status 200)\n", output);
+}
+
+TEST_F(ToolsTest, SimulatorTextAnswer) {
+    StartAll({"--text", "702"});
+    std::string output;
+    EXPECT_EQ(1, RunTool({PVOCTL_BINARY, "--json", "update"}, output));
+    EXPECT_EQ("{\"ok\":false,\"reason\":2,\"status\":200,\"message\":\"702\"}\n", output);
+}
+
+TEST_F(ToolsTest, SimulatorClosingEarly) {
+    StartAll({"--close-early"});
+    std::string output;
+    EXPECT_EQ(1, RunTool({PVOCTL_BINARY, "update"}, output));
+    EXPECT_EQ(0u, output.find("failed: ")) << output;
+    EXPECT_EQ(0, RunTool({PVOCTL_BINARY, "flush-log"}, output));
+}
+
 TEST_F(ToolsTest, NoDaemonIsAClearMessageNotAHang) {
     std::string output;
     EXPECT_EQ(2, RunTool({PVOCTL_BINARY, "current"}, output));
