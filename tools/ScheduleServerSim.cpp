@@ -19,6 +19,7 @@
 #include <Poco/Thread.h>
 
 #include <csignal>
+#include <stdexcept>
 #include <cstdlib>
 #include <iostream>
 #include <string>
@@ -62,17 +63,40 @@ struct Settings {
 
 Settings settings;
 
+// A whole decimal number in [low, high]; throws std::invalid_argument
+// naming `what` otherwise.
+int Number(const std::string& text, int low, int high, const std::string& what) {
+    char* end = nullptr;
+    const long value = std::strtol(text.c_str(), &end, 10);
+    if (text.empty() || *end != '\0' || value < low || value > high) {
+        throw std::invalid_argument(what + " must be a number from " + std::to_string(low) + " to " +
+                                    std::to_string(high) + ", not \"" + text + "\"");
+    }
+    return static_cast<int>(value);
+}
+
+// "60,60,30" or "48x60"; every rate one byte (0 to 255).
 std::vector<int> ParseRates(const std::string& text) {
     std::vector<int> rates;
     const std::size_t times = text.find('x');
-    if (times != std::string::npos) {
-        rates.assign(static_cast<std::size_t>(std::atoi(text.substr(0, times).c_str())),
-                     std::atoi(text.substr(times + 1).c_str()));
+    if (times != std::string::npos && text.find(',') == std::string::npos) {
+        rates.assign(static_cast<std::size_t>(Number(text.substr(0, times), 1, 99999, "slot count")),
+                     Number(text.substr(times + 1), 0, 255, "rate"));
         return rates;
     }
-    Poco::StringTokenizer parts(text, ",", Poco::StringTokenizer::TOK_TRIM | Poco::StringTokenizer::TOK_IGNORE_EMPTY);
-    for (const std::string& part : parts) rates.push_back(std::atoi(part.c_str()));
+    Poco::StringTokenizer parts(text, ",", Poco::StringTokenizer::TOK_TRIM);
+    for (const std::string& part : parts) rates.push_back(Number(part, 0, 255, "rate"));
+    if (rates.empty()) throw std::invalid_argument("no rates given");
     return rates;
+}
+
+void RequireDigits(const std::string& text, std::size_t low, std::size_t high, const std::string& what) {
+    const bool digits = !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
+    if (!digits || text.size() < low || text.size() > high) {
+        throw std::invalid_argument(what + " must be " + std::to_string(low) +
+                                    (low == high ? "" : " to " + std::to_string(high)) + " digits, not \"" +
+                                    text + "\"");
+    }
 }
 
 std::string Payload(const std::string& kbn) {
@@ -136,20 +160,26 @@ bool Parse(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         const bool hasValue = i + 1 < argc;
-        if (arg == "--port" && hasValue) settings.port = std::atoi(argv[++i]);
-        else if (arg == "--plant-id" && hasValue) settings.plantId = argv[++i];
-        else if (arg == "--start" && hasValue) settings.start = argv[++i];
-        else if (arg == "--rates" && hasValue) settings.rates = ParseRates(argv[++i]);
-        else if (arg == "--fixed-rates" && hasValue) settings.fixedRates = ParseRates(argv[++i]);
-        else if (arg == "--next-update" && hasValue) settings.nextUpdate = argv[++i];
-        else if (arg == "--fixed-flag" && hasValue) settings.fixedFlag = std::atoi(argv[++i]);
-        else if (arg == "--unregistered") settings.registered = false;
-        else if (arg == "--status" && hasValue) settings.status = std::atoi(argv[++i]);
-        else if (arg == "--bad-checksum") settings.badChecksum = true;
-        else if (arg == "--text" && hasValue) settings.text = argv[++i];
-        else if (arg == "--delay-ms" && hasValue) settings.delayMs = std::atoi(argv[++i]);
-        else if (arg == "--close-early") settings.closeEarly = true;
-        else return false;
+        const std::string value = hasValue ? argv[i + 1] : std::string();
+        if (arg == "--unregistered") { settings.registered = false; continue; }
+        if (arg == "--bad-checksum") { settings.badChecksum = true; continue; }
+        if (arg == "--close-early") { settings.closeEarly = true; continue; }
+        if (!hasValue) throw std::invalid_argument("unknown option or missing value: " + arg);
+        ++i;
+        if (arg == "--port") settings.port = Number(value, 0, 65535, "--port");
+        else if (arg == "--plant-id") { RequireDigits(value, 1, 26, "--plant-id"); settings.plantId = value; }
+        else if (arg == "--start") { RequireDigits(value, 12, 12, "--start (YYYYMMDDhhmm)"); settings.start = value; }
+        else if (arg == "--rates") settings.rates = ParseRates(value);
+        else if (arg == "--fixed-rates") settings.fixedRates = ParseRates(value);
+        else if (arg == "--next-update") {
+            RequireDigits(value, 14, 14, "--next-update (YYYYMMDDhhmmss)");
+            settings.nextUpdate = value;
+        }
+        else if (arg == "--fixed-flag") settings.fixedFlag = Number(value, 0, 9, "--fixed-flag");
+        else if (arg == "--status") settings.status = Number(value, 100, 599, "--status");
+        else if (arg == "--text") settings.text = value;
+        else if (arg == "--delay-ms") settings.delayMs = Number(value, 0, 3600000, "--delay-ms");
+        else throw std::invalid_argument("unknown option: " + arg);
     }
     return true;
 }
@@ -157,8 +187,16 @@ bool Parse(int argc, char** argv) {
 } // namespace
 
 int main(int argc, char** argv) {
-    if (!Parse(argc, argv)) {
-        std::cerr << kUsage;
+    for (int i = 1; i < argc; ++i) {
+        if (std::string(argv[i]) == "--help") {
+            std::cout << kUsage;
+            return 0;
+        }
+    }
+    try {
+        Parse(argc, argv);
+    } catch (const std::invalid_argument& e) {
+        std::cerr << "schedule-server-sim: " << e.what() << "\n" << kUsage;
         return 2;
     }
     // Default start: today 00:00 in server time (UTC+9).

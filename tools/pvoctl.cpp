@@ -128,7 +128,9 @@ std::string Exchange(const Options& options, const std::string& request, std::st
         return std::string();
     }
     if (send(fd, request.data(), request.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(request.size())) {
-        error = std::string("cannot send the request: ") + std::strerror(errno);
+        error = errno == EPIPE || errno == ECONNRESET
+                    ? std::string("pvocd closed the connection without an answer")
+                    : std::string("cannot send the request: ") + std::strerror(errno);
         close(fd);
         return std::string();
     }
@@ -288,8 +290,14 @@ bool ParseOptions(int argc, char** argv, Options& options) {
     return !options.args.empty();
 }
 
-double CapacityArg(const std::vector<std::string>& args) {
-    return args.size() > 1 ? std::strtod(args[1].c_str(), nullptr) : 100.0;
+// The capacity argument; false when it is not a finite number.
+bool CapacityArg(const std::vector<std::string>& args, double& capacity) {
+    capacity = 100.0;
+    if (args.size() < 2) return true;
+    if (args.size() > 2) return false;
+    char* end = nullptr;
+    capacity = std::strtod(args[1].c_str(), &end);
+    return end != args[1].c_str() && *end == '\0' && std::isfinite(capacity);
 }
 
 } // namespace
@@ -312,7 +320,10 @@ int main(int argc, char** argv) {
     std::int32_t type = 0;
     if (command == "current" || command == "next") {
         type = command == "current" ? 6 : 7;
-        const double capacity = CapacityArg(options.args);
+        double capacity = 0;
+        if (!CapacityArg(options.args, capacity)) {
+            return Fail("CAPACITY must be a number, not \"" + options.args.back() + "\"");
+        }
         std::string bytes(8, '\0');
         std::memcpy(&bytes[0], &capacity, 8);
         request = Request(type, bytes);

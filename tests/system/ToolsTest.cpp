@@ -4,6 +4,7 @@
 #include "support/ChildProcess.h"
 #include "support/HttpTestServer.h"
 #include "support/TestFiles.h"
+#include "support/UnixPeer.h"
 
 #include <gtest/gtest.h>
 
@@ -124,6 +125,42 @@ TEST_F(ToolsTest, NoDaemonIsAClearMessageNotAHang) {
     EXPECT_EQ(2, RunTool({PVOCTL_BINARY, "current"}, output));
     EXPECT_NE(std::string::npos, output.find("pvoctl: cannot connect to pvocd at " + kSocket)) << output;
     EXPECT_NE(std::string::npos, output.find("(is the daemon running?)")) << output;
+}
+
+TEST_F(ToolsTest, CapacityMustBeANumber) {
+    std::string output;
+    EXPECT_EQ(2, RunTool({PVOCTL_BINARY, "current", "abc"}, output));
+    EXPECT_NE(std::string::npos, output.find("CAPACITY must be a number, not \"abc\"")) << output;
+    EXPECT_EQ(2, RunTool({PVOCTL_BINARY, "next", "5kW"}, output));
+    EXPECT_EQ(2, RunTool({PVOCTL_BINARY, "check-plant-id", "only-one"}, output));
+    EXPECT_NE(std::string::npos, output.find("usage: pvoctl")) << output;
+}
+
+TEST_F(ToolsTest, DaemonClosingWithoutAnswerIsReported) {
+    test::UnixPeer peer("/tmp/closing.sock", test::UnixPeer::kCloseAtOnce, "", 0);
+    std::string output;
+    EXPECT_EQ(2, RunTool({PVOCTL_BINARY, "--socket", "/tmp/closing.sock", "flush-log"}, output));
+    EXPECT_NE(std::string::npos, output.find("pvocd closed the connection without an answer")) << output;
+}
+
+TEST_F(ToolsTest, DaemonNotAnsweringInTimeIsReported) {
+    test::UnixPeer peer("/tmp/silent.sock", test::UnixPeer::kSilent, "", 16);
+    std::string output;
+    EXPECT_EQ(2, RunTool({PVOCTL_BINARY, "--socket", "/tmp/silent.sock", "--timeout", "1", "current"}, output));
+    EXPECT_NE(std::string::npos, output.find("pvocd did not answer within 1 s")) << output;
+}
+
+TEST_F(ToolsTest, SimulatorRefusesAMalformedDescription) {
+    std::string output;
+    EXPECT_EQ(2, RunTool({SCHEDULE_SERVER_SIM_BINARY, "--plant-id", "A77"}, output));
+    EXPECT_NE(std::string::npos, output.find("--plant-id must be 1 to 26 digits, not \"A77\"")) << output;
+    EXPECT_EQ(2, RunTool({SCHEDULE_SERVER_SIM_BINARY, "--rates", "60,x,30"}, output));
+    EXPECT_NE(std::string::npos, output.find("rate must be a number from 0 to 255, not \"x\"")) << output;
+    EXPECT_EQ(2, RunTool({SCHEDULE_SERVER_SIM_BINARY, "--start", "2022-01-19"}, output));
+    EXPECT_NE(std::string::npos, output.find("--start (YYYYMMDDhhmm) must be 12 digits")) << output;
+    EXPECT_EQ(2, RunTool({LOGGER_DAEMON_SIM_BINARY, "--bogus"}, output));
+    EXPECT_EQ(0, RunTool({SCHEDULE_SERVER_SIM_BINARY, "--help"}, output));
+    EXPECT_NE(std::string::npos, output.find("--bad-checksum")) << output;
 }
 
 TEST_F(ToolsTest, HelpExplainsTheCommands) {
