@@ -4,8 +4,15 @@
 #include "settings/SystemSettingXmlManager.h"
 #include "util/LoggerLog.h"
 
+#include "util/FileUtil.h"
+
+#include <Poco/Crypto/X509Certificate.h>
+#include <Poco/DirectoryIterator.h>
 #include <Poco/Exception.h>
+#include <Poco/File.h>
+#include <Poco/Net/Context.h>
 #include <Poco/Net/HTTPClientSession.h>
+#include <Poco/Net/HTTPSClientSession.h>
 #include <Poco/Net/HTTPRequest.h>
 #include <Poco/Net/HTTPResponse.h>
 #include <Poco/StreamCopier.h>
@@ -16,6 +23,7 @@
 #include <cctype>
 #include <fstream>
 #include <iostream>
+#include <memory>
 #include <vector>
 
 namespace brvo {
@@ -30,6 +38,38 @@ const std::size_t kChunkSize = 1024;
 // 18 KB; an announced length beyond this is refused instead of reserving
 // memory the device does not have.
 const Poco::Int64 kMaxAnswerBytes = 64LL * 1024 * 1024;
+
+// The TLS client context of an https server address: the peer's
+// certificate must chain to the system's CA store or to a certificate in
+// the certificates directory, and must name the host.
+Poco::Net::Context::Ptr TlsContext() {
+    Poco::Net::Context::Ptr context = new Poco::Net::Context(
+        Poco::Net::Context::TLS_CLIENT_USE, "", "", "", Poco::Net::Context::VERIFY_STRICT, 9, true);
+    const std::string directory = FileUtil::GetCertificatesDirectory();
+    if (!FileUtil::Exists(directory)) return context;
+    for (Poco::DirectoryIterator it(directory), end; it != end; ++it) {
+        const std::string name = it.name();
+        const bool certificate = name.size() > 4 && (name.compare(name.size() - 4, 4, ".pem") == 0 ||
+                                                     name.compare(name.size() - 4, 4, ".crt") == 0);
+        if (!certificate || !it->isFile()) continue;
+        try {
+            context->addCertificateAuthority(Poco::Crypto::X509Certificate(it->path()));
+        } catch (const Poco::Exception& e) {
+            LoggerLog::Warning(kTag, "certificate not usable. [" + it->path() + "] [" + e.displayText() + "]");
+        }
+    }
+    return context;
+}
+
+// The session for `uri`: TLS for https, plain HTTP otherwise.
+std::unique_ptr<Poco::Net::HTTPClientSession> OpenSession(const Poco::URI& uri) {
+    if (uri.getScheme() == "https") {
+        return std::unique_ptr<Poco::Net::HTTPClientSession>(
+            new Poco::Net::HTTPSClientSession(uri.getHost(), uri.getPort(), TlsContext()));
+    }
+    return std::unique_ptr<Poco::Net::HTTPClientSession>(
+        new Poco::Net::HTTPClientSession(uri.getHost(), uri.getPort()));
+}
 
 // An answer whose length is unknown or beyond reason; reported as an
 // exchange that failed with an exception that is not the library's.
@@ -102,7 +142,8 @@ void ScheduleServerAccessRequest::Execute() {
 // as does one that announces more than the device can hold.
 void ScheduleServerAccessRequest::Exchange(const std::string& body, std::string& contentType) {
     const Poco::URI uri(url_);
-    Poco::Net::HTTPClientSession session(uri.getHost(), uri.getPort());
+    std::unique_ptr<Poco::Net::HTTPClientSession> opened = OpenSession(uri);
+    Poco::Net::HTTPClientSession& session = *opened;
     Poco::Net::HTTPRequest request(Poco::Net::HTTPRequest::HTTP_POST, uri.getPath(),
                                    Poco::Net::HTTPMessage::HTTP_1_1);
     session.setTimeout(Poco::Timespan(kSessionTimeoutSeconds, 0));

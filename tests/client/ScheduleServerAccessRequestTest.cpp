@@ -224,6 +224,37 @@ TEST_F(ScheduleServerAccessRequestTest, GarbageAnswerIsALibraryException) {
     EXPECT_EQ(0u, recorder.message.find("schedule server access failed. EXCEPTION[")) << recorder.message;
 }
 
+TEST_F(ScheduleServerAccessRequestTest, HttpsServerTrustedThroughTheCertificatesDirectory) {
+    ASSERT_TRUE(test::MakeCertificate("/tmp/server.pem", "/tmp/server.key"));
+    // The certificates directory lies under the data root on the card.
+    test::WriteFile("/media/sdcard/kestrovanyx/Certificates/server.pem", test::ReadFile("/tmp/server.pem"));
+    const std::string body = test::BinaryPartBody("b1", std::string("\x05\x06", 2));
+    HttpTestServer server(HttpTestServer::Answer(200, test::MultipartContentType("b1"), body),
+                          HttpTestServer::Tls{"/tmp/server.pem", "/tmp/server.key"});
+    ASSERT_EQ(0u, server.Url("/s").find("https://127.0.0.1:"));
+    Recorder recorder;
+    Exchange(recorder, "0000", "P", server.Url("/tls/schedule?x=1"));
+    EXPECT_EQ(0, recorder.status) << recorder.message;
+    EXPECT_EQ(200, recorder.httpStatus);
+    EXPECT_EQ(body, recorder.body);
+    ASSERT_EQ(1u, server.Requests().size());
+    EXPECT_EQ("POST /tls/schedule HTTP/1.1", server.Requests()[0].requestLine);
+    EXPECT_EQ("power_plant_id=P&mac_address=001A2B3C4D5E&schedule_kbn=0000", server.Requests()[0].body);
+}
+
+TEST_F(ScheduleServerAccessRequestTest, HttpsServerWithAnUnknownCertificateFails) {
+    ASSERT_TRUE(test::MakeCertificate("/tmp/server.pem", "/tmp/server.key"));
+    HttpTestServer server(HttpTestServer::Answer(200, "text/plain", "x"),
+                          HttpTestServer::Tls{"/tmp/server.pem", "/tmp/server.key"});
+    Recorder recorder;
+    Exchange(recorder, "0000", "P", server.Url("/s"));
+    EXPECT_EQ(1, recorder.status);
+    EXPECT_EQ(0, recorder.httpStatus);
+    EXPECT_EQ(0u, recorder.message.find("schedule server access failed. EXCEPTION[")) << recorder.message;
+    EXPECT_NE(std::string::npos, recorder.message.find("certificate verify failed")) << recorder.message;
+    EXPECT_TRUE(server.Requests().empty());
+}
+
 TEST_F(ScheduleServerAccessRequestTest, ParametersFromTheSystemSettings) {
     HttpTestServer server(HttpTestServer::Answer(200, "text/plain", "x"));
     test::WriteFile(test::SystemSettingPath(),

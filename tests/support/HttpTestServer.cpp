@@ -1,5 +1,7 @@
 #include "support/HttpTestServer.h"
 
+#include <Poco/Net/Context.h>
+#include <Poco/Net/SecureServerSocket.h>
 #include <Poco/Net/SocketAddress.h>
 #include <Poco/Net/StreamSocket.h>
 #include <Poco/NumberParser.h>
@@ -8,6 +10,7 @@
 #include <Poco/Timespan.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <sstream>
 
 namespace brvo {
@@ -33,8 +36,18 @@ HttpTestServer::HttpTestServer(const std::string& answer, int delayMs)
     delayMs_ = delayMs;
 }
 
+HttpTestServer::HttpTestServer(const std::string& answer, const Tls& tls)
+    : answers_{answer}, delayMs_(0), scheme_("https"),
+      socket_(Poco::Net::SecureServerSocket(
+          Poco::Net::SocketAddress("127.0.0.1", 0), 64,
+          new Poco::Net::Context(Poco::Net::Context::TLS_SERVER_USE, tls.keyFile, tls.certificateFile, "",
+                                 Poco::Net::Context::VERIFY_NONE))),
+      port_(socket_.address().port()), stop_(false) {
+    thread_.start(*this);
+}
+
 HttpTestServer::HttpTestServer(const std::vector<std::string>& answers)
-    : answers_(answers), delayMs_(0), socket_(Poco::Net::SocketAddress("127.0.0.1", 0)),
+    : answers_(answers), delayMs_(0), scheme_("http"), socket_(Poco::Net::SocketAddress("127.0.0.1", 0)),
       port_(socket_.address().port()), stop_(false) {
     thread_.start(*this);
 }
@@ -46,7 +59,7 @@ HttpTestServer::~HttpTestServer() {
 }
 
 std::string HttpTestServer::Url(const std::string& path) const {
-    return "http://127.0.0.1:" + std::to_string(port_) + path;
+    return scheme_ + "://127.0.0.1:" + std::to_string(port_) + path;
 }
 
 std::vector<HttpTestServer::Received> HttpTestServer::Requests() const {
@@ -114,6 +127,13 @@ void HttpTestServer::Serve(Poco::Net::StreamSocket& socket) {
     if (delayMs_ > 0) Poco::Thread::sleep(delayMs_);
     socket.sendBytes(answer.data(), static_cast<int>(answer.size()));
     socket.shutdownSend();
+}
+
+bool MakeCertificate(const std::string& certificateFile, const std::string& keyFile) {
+    const std::string command = "openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=127.0.0.1"
+                                " -addext subjectAltName=IP:127.0.0.1 -keyout '" + keyFile + "' -out '" +
+                                certificateFile + "' >/dev/null 2>&1";
+    return std::system(command.c_str()) == 0;
 }
 
 int ClosedPort() {

@@ -32,6 +32,13 @@ public:
     // Answers the n-th request with `answers[n]`, and every later one with
     // the last of them.
     explicit HttpTestServer(const std::vector<std::string>& answers);
+    // PEM files of a TLS server's certificate and key.
+    struct Tls {
+        std::string certificateFile;
+        std::string keyFile;
+    };
+    // Answers every request with `answer`, over TLS.
+    HttpTestServer(const std::string& answer, const Tls& tls);
     // Stops and closes.
     ~HttpTestServer() override;
 
@@ -39,7 +46,7 @@ public:
 
     // The port it listens on.
     int Port() const { return port_; }
-    // "http://127.0.0.1:<port>" + `path`.
+    // "http://127.0.0.1:<port>" + `path` ("https://" for a TLS server).
     std::string Url(const std::string& path) const;
     // The requests received so far.
     std::vector<Received> Requests() const;
@@ -56,6 +63,7 @@ private:
 
     std::vector<std::string> answers_;
     std::atomic<int> delayMs_;
+    std::string scheme_;
     Poco::Net::ServerSocket socket_;
     int port_;
     std::atomic<bool> stop_;
@@ -63,6 +71,10 @@ private:
     std::vector<Received> requests_;
     Poco::Thread thread_;
 };
+
+// Makes a self-signed certificate for 127.0.0.1 (PEM files); false when
+// the openssl command fails.
+bool MakeCertificate(const std::string& certificateFile, const std::string& keyFile);
 
 // A port of 127.0.0.1 on which nothing listens.
 int ClosedPort();
