@@ -187,7 +187,7 @@ TEST_F(BrevantaOutputControlManagerTest, FlushTimerWritesBufferedLinesEveryFiveM
     // The probe runs the manager under a fake clock thirty times faster than
     // real time, so five minutes pass in ten seconds.
     test::ChildProcess probe;
-    ASSERT_TRUE(probe.Start({FLUSH_PROBE_BINARY}, "/tmp/probe.out",
+    ASSERT_TRUE(probe.Start(test::ChildProcess::Command(FLUSH_PROBE_BINARY), "/tmp/probe.out",
                             test::ChildProcess::FakeTimeEnv("+0 x30")));
     ASSERT_TRUE(probe.WaitExit(90000)) << test::ReadFile("/tmp/probe.out");
     EXPECT_EQ(0, probe.ExitCode()) << test::ReadFile("/tmp/probe.out");

@@ -13,15 +13,22 @@
 namespace brvo {
 namespace test {
 
-std::vector<std::string> ChildProcess::DaemonCommand() {
+std::vector<std::string> ChildProcess::Command(const std::string& binary) {
     std::vector<std::string> command;
     const char* launcher = std::getenv("PVOCD_LAUNCHER");
+#ifdef PVOCD_CROSS_LAUNCHER
+    if (launcher == nullptr) launcher = PVOCD_CROSS_LAUNCHER;
+#endif
     if (launcher != nullptr) {
         Poco::StringTokenizer words(launcher, " ", Poco::StringTokenizer::TOK_IGNORE_EMPTY);
         command.assign(words.begin(), words.end());
     }
-    command.push_back(PVOCD_BINARY);
+    command.push_back(binary);
     return command;
+}
+
+std::vector<std::string> ChildProcess::DaemonCommand() {
+    return Command(PVOCD_BINARY);
 }
 
 std::map<std::string, std::string> ChildProcess::FakeTimeEnv(const std::string& spec) {

@@ -17,6 +17,9 @@ public:
     // Path of the daemon under test. PVOCD_LAUNCHER (for example an
     // emulator command line) is put in front of it when set.
     static std::vector<std::string> DaemonCommand();
+    // The command that runs `binary` of this build: behind the launcher
+    // (PVOCD_LAUNCHER, or the emulator of a cross build) when there is one.
+    static std::vector<std::string> Command(const std::string& binary);
     // Environment that runs a child under libfaketime with FAKETIME=`spec`
     // (the library is preloaded into the child itself, so signals reach it).
     // PVOC_FAKETIME_LIB names the library when it is not the host's.

@@ -20,7 +20,9 @@ const std::string kSocket = "/mnt/system/pvoctrl/brevanta.octrl";
 // and leaves its output in `output`.
 int RunTool(const std::vector<std::string>& argv, std::string& output) {
     test::ChildProcess tool;
-    if (!tool.Start(argv, "/tmp/tool.out")) return -1;
+    std::vector<std::string> command = test::ChildProcess::Command(argv[0]);
+    command.insert(command.end(), argv.begin() + 1, argv.end());
+    if (!tool.Start(command, "/tmp/tool.out")) return -1;
     if (!tool.WaitExit(60000)) return -1;
     output = test::ReadFile("/tmp/tool.out");
     return tool.ExitCode();
@@ -45,11 +47,18 @@ protected:
     void StartAll(const std::vector<std::string>& serverArgs) {
         // Tests run side by side on one loopback: each takes a free port.
         port_ = std::to_string(test::ClosedPort());
-        std::vector<std::string> server = {SCHEDULE_SERVER_SIM_BINARY, "--port", port_, "--plant-id", "777",
-                                           "--rates", "48x40", "--fixed-rates", "48x20"};
+        std::vector<std::string> server = test::ChildProcess::Command(SCHEDULE_SERVER_SIM_BINARY);
+        for (const std::string& arg : {std::string("--port"), port_, std::string("--plant-id"), std::string("777"),
+                                       std::string("--rates"), std::string("48x40"), std::string("--fixed-rates"),
+                                       std::string("48x20")}) {
+            server.push_back(arg);
+        }
         server.insert(server.end(), serverArgs.begin(), serverArgs.end());
         ASSERT_TRUE(server_.Start(server, "/tmp/server.out"));
-        ASSERT_TRUE(logger_.Start({LOGGER_DAEMON_SIM_BINARY, "--result", "0"}, "/tmp/logger.out"));
+        std::vector<std::string> logger = test::ChildProcess::Command(LOGGER_DAEMON_SIM_BINARY);
+        logger.push_back("--result");
+        logger.push_back("0");
+        ASSERT_TRUE(logger_.Start(logger, "/tmp/logger.out"));
         ASSERT_TRUE(test::WaitFor([] { return test::ReadFile("/tmp/server.out").find("listening") != std::string::npos; }, 5000));
         ASSERT_TRUE(test::WaitFor([] { return test::FileExists("/mnt/system/brvlogger/brevanta.logger"); }, 5000));
         test::WriteFile(test::SystemSettingPath(),
