@@ -195,6 +195,16 @@ TEST_F(OutSocketWorkTest, EmptyFixedScheduleFileIsPassedOnAsEmptyText) {
                                  "UpdateFixedSchedule Param file_path [/tmp/empty.hex]  update_flg [0]"));
 }
 
+TEST_F(OutSocketWorkTest, FixedSchedulePathThatIsADirectoryReadsAsEmpty) {
+    ScheduleUpdateManager::CreateInstance();
+    test::WriteFile("/tmp/adir/.keep", "");
+    const std::string answer = Serve(Request(4, Field("/tmp/adir", 256) + std::string(1, '\0')));
+    ASSERT_EQ(171u, answer.size());
+    EXPECT_EQ(3, WordAt(answer, 35));
+    EXPECT_EQ(Field("data is missing.", 128), answer.substr(43));
+    EXPECT_EQ(Word(144) + Word(8) + std::string(136, '\0'), Serve(Request(8)));
+}
+
 TEST_F(OutSocketWorkTest, FixedScheduleFileIsStoredAndSwitchesToStandAlone) {
     WriteSystemSetting("", "", false);
     ScheduleUpdateManager::CreateInstance();
