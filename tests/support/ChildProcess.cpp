@@ -34,6 +34,11 @@ std::vector<std::string> ChildProcess::DaemonCommand() {
 std::map<std::string, std::string> ChildProcess::FakeTimeEnv(const std::string& spec) {
     const char* library = std::getenv("PVOC_FAKETIME_LIB");
     std::string path = library != nullptr ? library : "";
+#ifdef PVOCD_CROSS_FAKETIME_LIB
+    // The emulated child loads the target's library (found in the sysroot
+    // by the emulator), whatever the host has.
+    if (path.empty()) path = PVOCD_CROSS_FAKETIME_LIB;
+#endif
     if (path.empty()) {
         for (const char* candidate : {"/usr/lib/x86_64-linux-gnu/faketime/libfaketimeMT.so.1",
                                       "/usr/lib/aarch64-linux-gnu/faketime/libfaketimeMT.so.1",
