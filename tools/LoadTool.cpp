@@ -1,0 +1,185 @@
+// pvoc-load: drives pvocd's command socket with CurrentTargetPower requests
+// from 1, 4 and 16 concurrent clients and prints requests per second and
+// the p50, p99 and max latency. In the same run it measures the floor: a
+// minimal server inside this tool that accepts, reads 16 bytes, answers 167
+// bytes and closes, driven the same way; it prints both and their ratio.
+#include <Poco/Thread.h>
+#include <Poco/Timestamp.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <memory>
+#include <poll.h>
+#include <string>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+struct Result {
+    double perSecond = 0;
+    double p50 = 0;
+    double p99 = 0;
+    double max = 0;
+    int failures = 0;
+};
+
+bool Address(const std::string& path, sockaddr_un& address) {
+    std::memset(&address, 0, sizeof address);
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof address.sun_path) return false;
+    std::memcpy(address.sun_path, path.data(), path.size());
+    return true;
+}
+
+// One CurrentTargetPower exchange; false when no full answer came.
+bool Ask(const sockaddr_un& address) {
+    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    if (fd < 0) return false;
+    if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        close(fd);
+        return false;
+    }
+    unsigned char request[16] = {0};
+    const std::int32_t length = 16;
+    const std::int32_t type = 6;
+    const double capacity = 100.0;
+    std::memcpy(request, &length, 4);
+    std::memcpy(request + 4, &type, 4);
+    std::memcpy(request + 8, &capacity, 8);
+    bool ok = send(fd, request, sizeof request, MSG_NOSIGNAL) == static_cast<ssize_t>(sizeof request);
+    std::size_t got = 0;
+    char answer[256];
+    while (ok) {
+        const ssize_t n = read(fd, answer, sizeof answer);
+        if (n <= 0) break;
+        got += static_cast<std::size_t>(n);
+    }
+    close(fd);
+    return ok && got == 167;
+}
+
+Result Drive(const std::string& path, int clients, int count) {
+    sockaddr_un address;
+    Result result;
+    if (!Address(path, address)) {
+        result.failures = count;
+        return result;
+    }
+    std::vector<std::vector<double>> latencies(static_cast<std::size_t>(clients));
+    std::atomic<int> next(0);
+    std::atomic<int> failures(0);
+    const Poco::Timestamp started;
+    std::vector<std::thread> threads;
+    for (int c = 0; c < clients; ++c) {
+        threads.emplace_back([&, c] {
+            while (next++ < count) {
+                const Poco::Timestamp one;
+                if (!Ask(address)) ++failures;
+                latencies[static_cast<std::size_t>(c)].push_back(static_cast<double>(one.elapsed()) / 1000.0);
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    const double seconds = static_cast<double>(started.elapsed()) / 1e6;
+    std::vector<double> all;
+    for (const std::vector<double>& part : latencies) all.insert(all.end(), part.begin(), part.end());
+    std::sort(all.begin(), all.end());
+    if (!all.empty()) {
+        result.p50 = all[all.size() / 2];
+        result.p99 = all[std::min(all.size() - 1, all.size() * 99 / 100)];
+        result.max = all.back();
+    }
+    result.perSecond = seconds > 0 ? static_cast<double>(all.size()) / seconds : 0;
+    result.failures = failures;
+    return result;
+}
+
+// The floor: the least a server must do for this exchange.
+class FloorServer {
+public:
+    explicit FloorServer(const std::string& path) : path_(path), stop_(false) {
+        sockaddr_un address;
+        Address(path, address);
+        unlink(path.c_str());
+        fd_ = socket(AF_UNIX, SOCK_STREAM, 0);
+        if (bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || listen(fd_, 100) != 0) {
+            std::cerr << "pvoc-load: floor server cannot listen on " << path << std::endl;
+        }
+        for (int i = 0; i < 3; ++i) workers_.emplace_back([this] { Serve(); });
+    }
+
+    ~FloorServer() {
+        stop_ = true;
+        for (std::thread& worker : workers_) worker.join();
+        close(fd_);
+        unlink(path_.c_str());
+    }
+
+private:
+    void Serve() {
+        while (!stop_) {
+            pollfd wait = {fd_, POLLIN, 0};
+            if (poll(&wait, 1, 50) <= 0) continue;
+            const int client = accept(fd_, nullptr, nullptr);
+            if (client < 0) continue;
+            char request[16];
+            ssize_t ignored = read(client, request, sizeof request);
+            unsigned char answer[167] = {0};
+            ignored = send(client, answer, sizeof answer, MSG_NOSIGNAL);
+            (void)ignored;
+            close(client);
+        }
+    }
+
+    std::string path_;
+    int fd_;
+    std::atomic<bool> stop_;
+    std::vector<std::thread> workers_;
+};
+
+void Print(const char* name, int clients, const Result& r) {
+    std::printf("%-6s %2d clients: %9.0f req/s  p50 %7.3f ms  p99 %7.3f ms  max %7.3f ms%s\n", name, clients,
+                r.perSecond, r.p50, r.p99, r.max, r.failures > 0 ? "  (failures!)" : "");
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    std::string socketPath = "/mnt/system/pvoctrl/brevanta.octrl";
+    int count = 2000;
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg == "--socket" && i + 1 < argc) {
+            socketPath = argv[++i];
+        } else if (arg == "--count" && i + 1 < argc) {
+            count = std::max(1, std::atoi(argv[++i]));
+        } else {
+            std::cerr << "usage: pvoc-load [--socket PATH] [--count N]\n"
+                         "Sends N CurrentTargetPower requests from 1, 4 and 16 clients to pvocd and to\n"
+                         "a minimal floor server, and prints both and their ratio.\n";
+            return 2;
+        }
+    }
+    FloorServer floor("/tmp/pvoc-load-floor.sock");
+    int failures = 0;
+    for (int clients : {1, 4, 16}) {
+        const Result daemon = Drive(socketPath, clients, count);
+        const Result minimal = Drive("/tmp/pvoc-load-floor.sock", clients, count);
+        Print("pvocd", clients, daemon);
+        Print("floor", clients, minimal);
+        std::printf("ratio  %2d clients: median latency %.1fx the floor, throughput %.2f of the floor\n\n",
+                    clients, minimal.p50 > 0 ? daemon.p50 / minimal.p50 : 0.0,
+                    minimal.perSecond > 0 ? daemon.perSecond / minimal.perSecond : 0.0);
+        failures += daemon.failures;
+    }
+    return failures == 0 ? 0 : 1;
+}
