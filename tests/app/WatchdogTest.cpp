@@ -36,12 +36,7 @@ protected:
         LoggerLog::CreateInstance();
     }
 
-    static std::vector<std::string> LogLines() {
-        LoggerLog::DeleteInstance();
-        std::vector<std::string> lines = test::ReadLines(test::LogFilePath());
-        LoggerLog::CreateInstance();
-        return lines;
-    }
+    static std::vector<std::string> LogLines() { return test::FlushedLogLines(); }
 
     std::unique_ptr<Watchdog> watchdog_{new Watchdog()};
 };

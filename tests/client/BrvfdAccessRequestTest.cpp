@@ -90,12 +90,7 @@ protected:
         ASSERT_TRUE(recorder.done.tryWait(20000));
     }
 
-    static std::vector<std::string> LogLines() {
-        LoggerLog::DeleteInstance();
-        std::vector<std::string> lines = test::ReadLines(test::LogFilePath());
-        LoggerLog::CreateInstance();
-        return lines;
-    }
+    static std::vector<std::string> LogLines() { return test::FlushedLogLines(); }
 
     std::unique_ptr<Channel> channel_ = [] {
         std::unique_ptr<Channel> channel(new Channel(3));

@@ -75,12 +75,7 @@ protected:
         EXPECT_EQ(1, recorder.calls);
     }
 
-    static std::vector<std::string> LogLines() {
-        LoggerLog::DeleteInstance();
-        std::vector<std::string> lines = test::ReadLines(test::LogFilePath());
-        LoggerLog::CreateInstance();
-        return lines;
-    }
+    static std::vector<std::string> LogLines() { return test::FlushedLogLines(); }
 
     static bool HasHeader(const HttpTestServer::Received& request, const std::string& header) {
         for (const std::string& line : request.headers) {

@@ -69,12 +69,7 @@ protected:
         return Database();
     }
 
-    static std::vector<std::string> LogLines() {
-        LoggerLog::DeleteInstance();
-        std::vector<std::string> lines = test::ReadLines(test::LogFilePath());
-        LoggerLog::CreateInstance();
-        return lines;
-    }
+    static std::vector<std::string> LogLines() { return test::FlushedLogLines(); }
 
     static std::string Count() {
         return test::QueryValue(kDbFile, "SELECT COUNT(*) FROM output_control_schedule");

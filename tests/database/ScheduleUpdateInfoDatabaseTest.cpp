@@ -46,12 +46,7 @@ protected:
         FileUtil::ResetDataRoot();
     }
 
-    static std::vector<std::string> LogLines() {
-        LoggerLog::DeleteInstance();
-        std::vector<std::string> lines = test::ReadLines(test::LogFilePath());
-        LoggerLog::CreateInstance();
-        return lines;
-    }
+    static std::vector<std::string> LogLines() { return test::FlushedLogLines(); }
 
     static std::vector<std::vector<std::string>> Rows() {
         return test::QueryFile(kDbFile,

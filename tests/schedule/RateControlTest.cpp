@@ -88,12 +88,7 @@ protected:
         return control.GetTargetPower(capacity, type);
     }
 
-    static std::vector<std::string> LogLines() {
-        LoggerLog::DeleteInstance();
-        std::vector<std::string> lines = test::ReadLines(test::LogFilePath());
-        LoggerLog::CreateInstance();
-        return lines;
-    }
+    static std::vector<std::string> LogLines() { return test::FlushedLogLines(); }
 };
 
 TEST_F(RateControlTest, HalfOfFivePointFiveIsTwoPointSevenFive) {

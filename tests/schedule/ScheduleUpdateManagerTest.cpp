@@ -86,12 +86,7 @@ protected:
         return *ScheduleUpdateManager::GetInstance();
     }
 
-    static std::vector<std::string> LogLines() {
-        LoggerLog::DeleteInstance();
-        std::vector<std::string> lines = test::ReadLines(test::LogFilePath());
-        LoggerLog::CreateInstance();
-        return lines;
-    }
+    static std::vector<std::string> LogLines() { return test::FlushedLogLines(); }
 
     std::int64_t tomorrow_ = 0;
     test::ScheduleRecord update_;

@@ -113,12 +113,7 @@ protected:
                             "</outputScheduleInformationServerUrl></general></logger>");
     }
 
-    static std::vector<std::string> LogLines() {
-        LoggerLog::DeleteInstance();
-        std::vector<std::string> lines = test::ReadLines(test::LogFilePath());
-        LoggerLog::CreateInstance();
-        return lines;
-    }
+    static std::vector<std::string> LogLines() { return test::FlushedLogLines(); }
 };
 
 TEST_F(OutSocketWorkTest, UpdateAnswerLayout) {

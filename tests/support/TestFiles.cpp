@@ -1,5 +1,7 @@
 #include "support/TestFiles.h"
 
+#include "util/LoggerLog.h"
+
 #include <gtest/gtest.h>
 
 #include <Poco/File.h>
@@ -68,6 +70,13 @@ void WriteLoggerSetting(const std::string& innerXml) {
     WriteFile(LoggerSettingPath(),
               "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<LoggerSetting>\n" +
                   innerXml + "\n</LoggerSetting>\n");
+}
+
+std::vector<std::string> FlushedLogLines() {
+    LoggerLog::DeleteInstance();
+    std::vector<std::string> lines = ReadLines(LogFilePath());
+    LoggerLog::CreateInstance();
+    return lines;
 }
 
 std::string LogFilePath() {

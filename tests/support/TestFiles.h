@@ -29,6 +29,9 @@ std::string LoggerSettingPath();
 // Path of SystemSetting.xml.
 std::string SystemSettingPath();
 
+// The lines of the log so far: the writer is deleted (which writes out all
+// it holds), the file read and a new writer created.
+std::vector<std::string> FlushedLogLines();
 // The daemon's log file with the default settings.
 std::string LogFilePath();
 // Whether one of `lines` is a log line of level `mark` (for example "E")
