@@ -1,5 +1,7 @@
 #include "app/BrevantaOutputControlManager.h"
 
+#include <atomic>
+
 #include "app/Constants.h"
 #include "app/Watchdog.h"
 #include "database/ScheduleDatabase.h"
@@ -22,18 +24,21 @@ namespace {
 const std::string kTag = "BrevantaOutputControlManager";
 const int kSleepStepMs = 500;
 
-BrevantaOutputControlManager* instance = nullptr;
+// Read from every thread; created and deleted on the main thread.
+std::atomic<BrevantaOutputControlManager*> instance(nullptr);
 
 // Stop requests arrive in a signal handler, where almost nothing may be
 // called. The handler only sets this flag and writes one byte to a pipe that
 // the main loop waits on; Kill itself then runs on the main thread.
-volatile std::sig_atomic_t killRequested = 0;
+std::atomic<int> killRequested(0);
 std::atomic<int> wakeWriteFd(-1);
-int wakeReadFd = -1;
+std::atomic<int> wakeReadFd(-1);
+Poco::FastMutex wakePipeMutex;
 
-static_assert(std::atomic<int>::is_always_lock_free, "signal handler needs a lock-free fd");
+static_assert(std::atomic<int>::is_always_lock_free, "the signal handler needs lock-free atomics");
 
 void OpenWakePipe() {
+    Poco::FastMutex::ScopedLock lock(wakePipeMutex);
     if (wakeReadFd >= 0) return;
     int fds[2];
     if (pipe2(fds, O_CLOEXEC | O_NONBLOCK) != 0) return;
@@ -52,8 +57,7 @@ BrevantaOutputControlManager* BrevantaOutputControlManager::GetInstance() {
 }
 
 void BrevantaOutputControlManager::DeleteInstance() {
-    BrevantaOutputControlManager* doomed = instance;
-    instance = nullptr;
+    BrevantaOutputControlManager* doomed = instance.exchange(nullptr);
     delete doomed;
 }
 
@@ -83,7 +87,8 @@ BrevantaOutputControlManager::~BrevantaOutputControlManager() {
         startupThread_ = nullptr;
     }
     DeleteServer();
-    if (instance == this) instance = nullptr;
+    BrevantaOutputControlManager* self = this;
+    instance.compare_exchange_strong(self, nullptr);
 }
 
 // The daemon itself never gets here with a live server (the process exits
@@ -101,14 +106,40 @@ void BrevantaOutputControlManager::DeleteServer() {
 
 void BrevantaOutputControlManager::Start() {
     OpenWakePipe();
-    StartComponents();
-    StartFlushTimer();
+    {
+        Poco::FastMutex::ScopedLock lock(killMutex_);
+        StartComponents();
+        StartFlushTimer();
+    }
     LoggerLog::Flush();
-    if (startupThread_ == nullptr && running_) {
-        startupThread_ = new Poco::Thread();
-        startupThread_->start(startupCheck_);
+    {
+        Poco::FastMutex::ScopedLock lock(killMutex_);
+        if (startupThread_ == nullptr && running_) {
+            startupThread_ = new Poco::Thread();
+            startupThread_->start(startupCheck_);
+        }
     }
     WaitForKill();
+}
+
+const Poco::Timer* BrevantaOutputControlManager::GetFlushTimer() const {
+    Poco::FastMutex::ScopedLock lock(killMutex_);
+    return flushTimer_;
+}
+
+OutputcontrolServer* BrevantaOutputControlManager::GetServer() const {
+    Poco::FastMutex::ScopedLock lock(killMutex_);
+    return server_;
+}
+
+const Poco::Thread* BrevantaOutputControlManager::GetServerThread() const {
+    Poco::FastMutex::ScopedLock lock(killMutex_);
+    return serverThread_;
+}
+
+const Watchdog* BrevantaOutputControlManager::GetWatchdog() const {
+    Poco::FastMutex::ScopedLock lock(killMutex_);
+    return watchdog_;
 }
 
 void BrevantaOutputControlManager::StartComponents() {

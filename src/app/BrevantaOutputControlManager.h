@@ -45,12 +45,12 @@ public:
     // Whether Start has started the components and Kill has not run.
     bool IsRunning() const { return running_; }
     // The flush timer, or null before Start and after Kill.
-    const Poco::Timer* GetFlushTimer() const { return flushTimer_; }
+    const Poco::Timer* GetFlushTimer() const;
     // The command server and its thread, or null before Start.
-    OutputcontrolServer* GetServer() const { return server_; }
-    const Poco::Thread* GetServerThread() const { return serverThread_; }
+    OutputcontrolServer* GetServer() const;
+    const Poco::Thread* GetServerThread() const;
     // The watchdog; null after Kill.
-    const Watchdog* GetWatchdog() const { return watchdog_; }
+    const Watchdog* GetWatchdog() const;
 
     virtual ~BrevantaOutputControlManager();
 
@@ -70,7 +70,9 @@ private:
     Poco::Thread* startupThread_;
     Poco::RunnableAdapter<BrevantaOutputControlManager> startupCheck_;
     Watchdog* watchdog_;
-    Poco::FastMutex killMutex_;
+    // Guards the components against a Kill or a second Start on another
+    // thread.
+    mutable Poco::FastMutex killMutex_;
     Poco::Timer* flushTimer_;
     std::atomic<bool> running_;
 };

@@ -1,5 +1,7 @@
 #include "database/ScheduleDatabase.h"
 
+#include <atomic>
+
 #include "app/Constants.h"
 #include "settings/LoggerSettingManager.h"
 #include "util/LoggerLog.h"
@@ -19,7 +21,8 @@ const std::int64_t kSecondsPerDay = 86400;
 const std::int64_t kFixedScheduleGraceSeconds = 30 * 60;
 const int kDefaultRetentionDays = 90;
 
-ScheduleDatabase* instance = nullptr;
+// Read from every thread; created and deleted on the main thread.
+std::atomic<ScheduleDatabase*> instance(nullptr);
 
 int RetentionDays() {
     LoggerSettingManager* settings = LoggerSettingManager::GetInstance();
@@ -41,8 +44,7 @@ ScheduleDatabase* ScheduleDatabase::GetInstance() {
 }
 
 void ScheduleDatabase::DeleteInstance() {
-    delete instance;
-    instance = nullptr;
+    delete instance.exchange(nullptr);
 }
 
 ScheduleDatabase::ScheduleDatabase() : DatabaseManager(kTag, kTableSchedule) {

@@ -1,5 +1,7 @@
 #include "schedule/ScheduleUpdateManager.h"
 
+#include <atomic>
+
 #include "client/BrvfdAccessRequest.h"
 #include "client/BrvfdSendCommandRequest.h"
 #include "client/ScheduleServerAccessRequest.h"
@@ -39,7 +41,8 @@ const std::int64_t kFixedRetryMs = 300000;
 // Longest stretch a timer callback sleeps before it looks for a stop.
 const std::int64_t kSleepStepMs = 200;
 
-ScheduleUpdateManager* instance = nullptr;
+// Read from every thread; created and deleted on the main thread.
+std::atomic<ScheduleUpdateManager*> instance(nullptr);
 
 SystemSettingXmlManager& SystemSettings() {
     SystemSettingXmlManager::CreateInstance();
@@ -76,8 +79,7 @@ ScheduleUpdateManager* ScheduleUpdateManager::GetInstance() {
 }
 
 void ScheduleUpdateManager::DeleteInstance() {
-    ScheduleUpdateManager* doomed = instance;
-    instance = nullptr;
+    ScheduleUpdateManager* doomed = instance.exchange(nullptr);
     if (doomed == nullptr) return;
     doomed->Stop();
     if (!doomed->flowMutex_.tryLock(1000)) return;

@@ -1,5 +1,7 @@
 #include "settings/DeviceSettingXmlManager.h"
 
+#include <atomic>
+
 #include "app/Constants.h"
 #include "settings/SystemSettingXmlManager.h"
 #include "settings/XmlNode.h"
@@ -38,7 +40,8 @@ void ConvertInto(const std::string& text, int& value) {
     value = static_cast<int>(parsed);
 }
 
-DeviceSettingXmlManager* instance = nullptr;
+// Read from every thread; created and deleted on the main thread.
+std::atomic<DeviceSettingXmlManager*> instance(nullptr);
 
 } // namespace
 
@@ -53,8 +56,7 @@ DeviceSettingXmlManager* DeviceSettingXmlManager::GetInstance() {
 }
 
 void DeviceSettingXmlManager::DeleteInstance() {
-    delete instance;
-    instance = nullptr;
+    delete instance.exchange(nullptr);
 }
 
 DeviceSettingXmlManager::DeviceSettingXmlManager(SystemSettingXmlManager& systemSettings)

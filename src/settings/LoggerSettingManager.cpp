@@ -1,5 +1,7 @@
 #include "settings/LoggerSettingManager.h"
 
+#include <atomic>
+
 #include "settings/XmlNode.h"
 #include "util/FileUtil.h"
 #include "util/LoggerLog.h"
@@ -22,24 +24,27 @@ const std::string kRootPath = "/LoggerSetting";
 const std::string kLogDirectorySuffix = "/kestrovanyx/Log/OutputScheduleLog";
 const std::string kRule = "---------------------------";
 
-const std::string kLoggerSocketPath = "LoggerSocketPath";
-const std::string kOutputControlSocketPath = "OutputControlSocketPath";
-const std::string kWatchdogFile = "PVOutputControlWatchdogFile";
-const std::string kWatchdogInterval = "WatchdogFileUpdateInterval";
-const std::string kSdcardPath = "SdcardPath";
-const std::string kMaxRollIndex = "OutputScheduleLogMaxRollIndex";
-const std::string kEnableBufferedIO = "OutputScheduleEnableLogBufferedIO";
-const std::string kLogLevel = "LogLevel";
-const std::string kMaxBufferedSize = "OutputScheduleLogMaxBufferedSize";
-const std::string kMaxFileSize = "OutputScheduleLogMaxFileSize";
-const std::string kRetentionCycle = "OutputControlScheduleRetensionCycle";
-const std::string kTestMode = "OutputControlTestMode";
-const std::string kMonitoringInterval = "OutputScheduleMonitoringInterval";
-const std::string kSocketTimeout = "OutputControlSocketTimeout";
+// Keys are plain character arrays: the command-server thread still reads
+// settings while the process exits and static objects are destroyed.
+const char kLoggerSocketPath[] = "LoggerSocketPath";
+const char kOutputControlSocketPath[] = "OutputControlSocketPath";
+const char kWatchdogFile[] = "PVOutputControlWatchdogFile";
+const char kWatchdogInterval[] = "WatchdogFileUpdateInterval";
+const char kSdcardPath[] = "SdcardPath";
+const char kMaxRollIndex[] = "OutputScheduleLogMaxRollIndex";
+const char kEnableBufferedIO[] = "OutputScheduleEnableLogBufferedIO";
+const char kLogLevel[] = "LogLevel";
+const char kMaxBufferedSize[] = "OutputScheduleLogMaxBufferedSize";
+const char kMaxFileSize[] = "OutputScheduleLogMaxFileSize";
+const char kRetentionCycle[] = "OutputControlScheduleRetensionCycle";
+const char kTestMode[] = "OutputControlTestMode";
+const char kMonitoringInterval[] = "OutputScheduleMonitoringInterval";
+const char kSocketTimeout[] = "OutputControlSocketTimeout";
 
 const int kBufferedSizeDefault = 4096;
 
-LoggerSettingManager* instance = nullptr;
+// Read from every thread; created and deleted on the main thread.
+std::atomic<LoggerSettingManager*> instance(nullptr);
 
 // Decimal text to a 32-bit int the way the settings have always been read:
 // leading white space and a sign are accepted and reading stops at the first
@@ -71,8 +76,7 @@ LoggerSettingManager* LoggerSettingManager::GetInstance() {
 }
 
 void LoggerSettingManager::DeleteInstance() {
-    delete instance;
-    instance = nullptr;
+    delete instance.exchange(nullptr);
 }
 
 LoggerSettingManager::LoggerSettingManager()

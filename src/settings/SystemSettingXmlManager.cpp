@@ -1,5 +1,7 @@
 #include "settings/SystemSettingXmlManager.h"
 
+#include <atomic>
+
 #include "app/Constants.h"
 #include "util/FileUtil.h"
 #include "util/LoggerLog.h"
@@ -17,7 +19,8 @@ const std::string kTag = "SystemSettingXmlManager";
 const std::string kRootPath = "/logger";
 const std::string kRootName = "logger";
 
-SystemSettingXmlManager* instance = nullptr;
+// Read from every thread; created and deleted on the main thread.
+std::atomic<SystemSettingXmlManager*> instance(nullptr);
 
 // Thrown inside Load when the document has no logger root, so that the
 // caller can log the message the file's readers have always written.
@@ -34,8 +37,7 @@ SystemSettingXmlManager* SystemSettingXmlManager::GetInstance() {
 }
 
 void SystemSettingXmlManager::DeleteInstance() {
-    delete instance;
-    instance = nullptr;
+    delete instance.exchange(nullptr);
 }
 
 SystemSettingXmlManager::SystemSettingXmlManager() {}

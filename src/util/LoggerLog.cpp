@@ -1,5 +1,7 @@
 #include "util/LoggerLog.h"
 
+#include <atomic>
+
 #include "settings/LoggerSettingManager.h"
 #include "util/FileUtil.h"
 #include "util/LogFileOutput.h"
@@ -17,7 +19,8 @@ const std::string kLogFileName = "/OutputSchedule_pvocd.log";
 // One-letter marks of the six levels, indexed by level.
 const std::string kMarks[] = {"V", "D", "I", "W", "E", "F"};
 
-LoggerLog* instance = nullptr;
+// Read from every thread; created and deleted on the main thread.
+std::atomic<LoggerLog*> instance(nullptr);
 
 // The process-wide output. Readers take a shared reference atomically, so a
 // line logged while the output is being replaced or finalised never touches
@@ -43,8 +46,7 @@ LoggerLog* LoggerLog::GetInstance() {
 }
 
 void LoggerLog::DeleteInstance() {
-    delete instance;
-    instance = nullptr;
+    delete instance.exchange(nullptr);
 }
 
 LoggerLog::~LoggerLog() {
