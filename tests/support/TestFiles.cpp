@@ -9,6 +9,7 @@
 #include <Poco/Thread.h>
 #include <Poco/Timestamp.h>
 
+#include <cstdlib>
 #include <fstream>
 #include <sstream>
 
@@ -77,6 +78,12 @@ std::vector<std::string> FlushedLogLines() {
     std::vector<std::string> lines = ReadLines(LogFilePath());
     LoggerLog::CreateInstance();
     return lines;
+}
+
+long long TimeScale() {
+    const char* text = std::getenv("PVOC_TIME_SCALE");
+    const long long scale = text != nullptr ? std::atoll(text) : 1;
+    return scale > 0 ? scale : 1;
 }
 
 std::string LogFilePath() {

@@ -32,6 +32,9 @@ std::string SystemSettingPath();
 // The lines of the log so far: the writer is deleted (which writes out all
 // it holds), the file read and a new writer created.
 std::vector<std::string> FlushedLogLines();
+// How many times longer than normal timed checks may take: the value of
+// PVOC_TIME_SCALE (sanitizer and emulator runs are slower), else 1.
+long long TimeScale();
 // The daemon's log file with the default settings.
 std::string LogFilePath();
 // Whether one of `lines` is a log line of level `mark` (for example "E")
