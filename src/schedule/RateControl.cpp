@@ -6,6 +6,7 @@
 #include "settings/LoggerSettingManager.h"
 #include "settings/SystemSettingXmlManager.h"
 #include "util/LoggerLog.h"
+#include "util/SystemClock.h"
 #include "util/TimeStamp.h"
 
 #include <cmath>
@@ -18,8 +19,8 @@ namespace {
 const std::string kTag = "RateControl";
 const std::string kDateFormat = "%Y%m%d";
 
-Poco::Timestamp SystemClock() {
-    return Poco::Timestamp();
+Poco::Timestamp WallClock() {
+    return Poco::Timestamp(SystemClock::NowMicroseconds());
 }
 
 std::shared_ptr<TargetPowerResult> Failure(double power, std::int32_t code, const std::string& message) {
@@ -68,7 +69,7 @@ int ScaleRate(int rate, const DeviceSettingXmlManager::Limit& limit) {
 
 } // namespace
 
-RateControl::RateControl() : clock_(SystemClock) {}
+RateControl::RateControl() : clock_(WallClock) {}
 
 RateControl::RateControl(const Clock& clock) : clock_(clock) {}
 

@@ -15,8 +15,10 @@
 #include "settings/LoggerSettingManager.h"
 #include "settings/SystemSettingXmlManager.h"
 #include "util/LoggerLog.h"
+#include "util/SystemClock.h"
 #include "util/TimeStamp.h"
 
+#include <Poco/Clock.h>
 #include <Poco/DateTime.h>
 #include <Poco/Exception.h>
 #include <Poco/Thread.h>
@@ -583,7 +585,9 @@ std::shared_ptr<TimeStamp> ScheduleUpdateManager::FixedScheduleUpdateTime(const 
 // count moved on from `seen`).
 bool ScheduleUpdateManager::SleepUnlessCancelled(std::int64_t ms, const std::atomic<unsigned>& generation,
                                                  unsigned seen) {
-    const Poco::Timestamp start;
+    // Measured on the monotonic clock: setting the wall clock (a logger
+    // without a battery-backed clock gets its time late) moves no sleep.
+    const Poco::Clock start;
     for (;;) {
         if (generation != seen) return false;
         const std::int64_t left = ms - start.elapsed() / 1000;
@@ -630,7 +634,7 @@ void ScheduleUpdateManager::CallbackUpdateSchedule(Poco::Timer&) {
         LoggerLog::Debug(kTag, "Cancel 1");
         return;
     }
-    const Poco::Timestamp now;
+    const Poco::Timestamp now(SystemClock::NowMicroseconds());
     if (due->Value() > now + static_cast<Poco::Timestamp::TimeDiff>(MonitoringIntervalMs()) * 1000) {
         LoggerLog::Debug(kTag, "Waiting for next update time");
         return;
@@ -667,7 +671,7 @@ void ScheduleUpdateManager::CallbackFixedSchedule(Poco::Timer&) {
         LoggerLog::Debug(kTag, "Cancel 1");
         return;
     }
-    if (due->Value() > Poco::Timestamp()) {
+    if (due->Value() > Poco::Timestamp(SystemClock::NowMicroseconds())) {
         LoggerLog::Debug(kTag, "Waiting for next update time");
         return;
     }

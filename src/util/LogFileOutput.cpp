@@ -1,6 +1,7 @@
 #include "util/LogFileOutput.h"
 
 #include "util/FileUtil.h"
+#include "util/SystemClock.h"
 
 #include <Poco/DateTimeFormatter.h>
 #include <Poco/Exception.h>
@@ -108,7 +109,7 @@ void LogFileOutput::SetFilePath(const std::string& path) {
 }
 
 std::string LogFileOutput::FormatNow() const {
-    return Poco::DateTimeFormatter::format(Poco::Timestamp(), timeFormat_);
+    return Poco::DateTimeFormatter::format(Poco::Timestamp(SystemClock::NowMicroseconds()), timeFormat_);
 }
 
 void LogFileOutput::Output(int level, const std::string& mark, const std::string& prefix,

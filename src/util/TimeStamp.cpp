@@ -1,5 +1,7 @@
 #include "util/TimeStamp.h"
 
+#include "util/SystemClock.h"
+
 #include <Poco/DateTime.h>
 #include <Poco/DateTimeFormatter.h>
 #include <Poco/DateTimeParser.h>
@@ -54,7 +56,7 @@ std::shared_ptr<TimeStamp> ParseFixed(const std::string& text, const std::string
 const std::string TimeStamp::kCompactFormat = "%Y%m%d%H%M%S";
 const std::string TimeStamp::kDisplayFormat = "%Y-%m-%d %H:%M:%S";
 
-TimeStamp::TimeStamp() : timestamp_(new Poco::Timestamp()) {}
+TimeStamp::TimeStamp() : timestamp_(new Poco::Timestamp(SystemClock::NowMicroseconds())) {}
 
 TimeStamp::TimeStamp(const Poco::Timestamp& timestamp) : timestamp_(new Poco::Timestamp(timestamp)) {}
 

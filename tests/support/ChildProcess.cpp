@@ -49,6 +49,9 @@ std::map<std::string, std::string> ChildProcess::FakeTimeEnv(const std::string& 
             }
         }
     }
+#ifdef PVOCD_CLOCK64_PRELOAD
+    path += std::string(":") + PVOCD_CLOCK64_PRELOAD;
+#endif
     // A sanitizer build checks that its runtime is loaded first; the
     // preloaded clock library comes first on purpose.
     return {{"LD_PRELOAD", path},

@@ -22,7 +22,8 @@ public:
     static std::vector<std::string> Command(const std::string& binary);
     // Environment that runs a child under libfaketime with FAKETIME=`spec`
     // (the library is preloaded into the child itself, so signals reach it).
-    // PVOC_FAKETIME_LIB names the library when it is not the host's.
+    // PVOC_FAKETIME_LIB names the library when it is not the host's. On
+    // 32-bit targets a library that fakes the 64-bit clock call is added.
     static std::map<std::string, std::string> FakeTimeEnv(const std::string& spec);
 
     ChildProcess();

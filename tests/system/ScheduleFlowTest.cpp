@@ -276,6 +276,50 @@ TEST_F(ScheduleFlowTest, FixedScheduleByFileWithAndWithoutForce) {
     EXPECT_EQ("48", Count(" WHERE controlRate = 20"));
 }
 
+TEST_F(ScheduleFlowTest, TargetPowerIsComputedWithTheClockPast2038) {
+    // The clock runs from 2040-03-01 00:40 UTC, past the last second a
+    // 32-bit time can hold; a fixed schedule for that day is stored, and the
+    // current and next slots are answered from it.
+    WriteSystemSetting(kPlant, "", true);
+    std::map<std::string, std::string> env = test::ChildProcess::FakeTimeEnv("@2040-03-01 00:40:00");
+    env["TZ"] = "UTC";
+    ASSERT_TRUE(daemon_.Start(test::ChildProcess::DaemonCommand(), kOutput, env));
+    ASSERT_TRUE(test::WaitFor([] {
+        struct stat info;
+        return stat(kSocket.c_str(), &info) == 0 && S_ISSOCK(info.st_mode);
+    }, 10000)) << test::ReadFile(kOutput);
+    ASSERT_TRUE(test::WaitFor([] {
+        return test::ReadFile(test::LogFilePath()).find("Plant ID changed but, Standalone setting...") !=
+               std::string::npos;
+    }, 10000));
+    const std::int64_t day = 2214172800;  // 2040-03-01 00:00:00 UTC
+    test::ScheduleRecord fixed = fixed_;
+    fixed.start = ServerTime(day, "%Y%m%d%H%M");
+    fixed.rates = std::vector<int>(48, 90);
+    fixed.rates[1] = 40;  // 00:30
+    fixed.rates[2] = 70;  // 01:00
+    test::WriteFile("/tmp/2040.hex", test::BuildSchedulePayload({fixed}, test::kFixedSchedule).hex);
+    const std::string stored = Ask(4, Field("/tmp/2040.hex", 256) + std::string(1, '\0'));
+    ASSERT_EQ(171u, stored.size());
+    ASSERT_EQ(0, WordAt(stored, 35)) << stored.substr(43);
+    // Only slots later than the clock minus 30 minutes are kept: not 00:00.
+    EXPECT_EQ("47", Count());
+    EXPECT_EQ("40", test::QueryValue(kDbFile, "SELECT controlRate FROM output_control_schedule WHERE time = " +
+                                                  std::to_string(day + 1800)));
+
+    const std::string current = Ask(6, Capacity(10.0));
+    ASSERT_EQ(167u, current.size());
+    EXPECT_EQ(0, WordAt(current, 31)) << current.substr(39);
+    EXPECT_DOUBLE_EQ(4.0, PowerOf(current));
+    EXPECT_EQ(Field("20400301003000", 15), current.substr(16, 15));
+    const std::string next = Ask(7, Capacity(10.0));
+    ASSERT_EQ(167u, next.size());
+    EXPECT_EQ(0, WordAt(next, 31)) << next.substr(39);
+    EXPECT_DOUBLE_EQ(7.0, PowerOf(next));
+    EXPECT_EQ(Field("20400301010000", 15), next.substr(16, 15));
+    EXPECT_NE(std::string::npos, test::ReadFile(test::LogFilePath()).find("[2040-03-01 00:4"));
+}
+
 TEST_F(ScheduleFlowTest, ServerFailuresGiveTheirReasons) {
     WriteSystemSetting("", "", false);
     StartDaemon();
