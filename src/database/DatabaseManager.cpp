@@ -110,4 +110,22 @@ void DatabaseManager::CheckSingleStatement(const std::string& sql) {
     }
 }
 
+bool DatabaseManager::ReadChangeCounter(std::uint32_t& counter) {
+    if (!session_) return false;
+    sqlite3* db = Poco::Data::SQLite::Utility::dbHandle(*session_);
+    sqlite3_file* file = nullptr;
+    if (sqlite3_file_control(db, "main", SQLITE_FCNTL_FILE_POINTER, &file) != SQLITE_OK || file == nullptr ||
+        file->pMethods == nullptr) {
+        return false;
+    }
+    // Bytes 18 and 19 are the write and read versions (1: rollback journal,
+    // 2: WAL); bytes 24 to 27 the change counter, big-endian.
+    unsigned char header[28];
+    if (file->pMethods->xRead(file, header, sizeof header, 0) != SQLITE_OK) return false;
+    if (header[18] != 1 || header[19] != 1) return false;
+    counter = (static_cast<std::uint32_t>(header[24]) << 24) | (static_cast<std::uint32_t>(header[25]) << 16) |
+              (static_cast<std::uint32_t>(header[26]) << 8) | static_cast<std::uint32_t>(header[27]);
+    return true;
+}
+
 } // namespace brvo

@@ -8,6 +8,7 @@
 #include <Poco/Mutex.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -48,6 +49,12 @@ protected:
 
     // Throws when `sql` holds anything but one statement.
     void CheckSingleStatement(const std::string& sql);
+
+    // Reads the file change counter from the open table file's header:
+    // every committed change of the file, by any connection, moves it on.
+    // False when there is no session, the header cannot be read, or the
+    // file is not in rollback-journal mode (in WAL mode the counter stays).
+    bool ReadChangeCounter(std::uint32_t& counter);
 
     Poco::Data::Session& GetSession() { return *session_; }
     const std::string& GetTag() const { return tag_; }

@@ -96,11 +96,44 @@ void ScheduleDatabase::DeleteOldData() {
     }
 }
 
+// Clients ask for the target power many times per slot, and a statement
+// costs a file lock and a header read each time; the slots found are kept
+// for as long as they are the answer and the file has not changed (its
+// change counter moves with every commit, the daemon's own or another
+// process's).
 ScheduleRow ScheduleDatabase::SelectSchedule(std::int64_t time, bool current) {
     Poco::Mutex::ScopedLock lock(mutex_);
     ScheduleRow row;
     row.time = -1;
     if (!Open()) return row;
+    std::uint32_t counter = 0;
+    const bool counted = ReadChangeCounter(counter);
+    if (counted && CacheCovers(time, counter)) return current ? slots_.current : slots_.next;
+    slots_.valid = false;
+    bool ok = false;
+    row = RunSelect(time, current, true, ok);
+    if (!ok || !counted) return row;
+    const ScheduleRow other = RunSelect(time, !current, false, ok);
+    if (!ok) return row;
+    slots_.valid = true;
+    slots_.counter = counter;
+    slots_.from = time;
+    slots_.current = current ? row : other;
+    slots_.next = current ? other : row;
+    return row;
+}
+
+bool ScheduleDatabase::CacheCovers(std::int64_t time, std::uint32_t counter) const {
+    return slots_.valid && slots_.counter == counter && time >= slots_.from &&
+           (slots_.next.time < 0 || time < slots_.next.time);
+}
+
+// Runs the select statement; `ok` tells whether it ran. Errors are logged
+// only when `logErrors` is set.
+ScheduleRow ScheduleDatabase::RunSelect(std::int64_t time, bool current, bool logErrors, bool& ok) {
+    ScheduleRow row;
+    row.time = -1;
+    ok = false;
     try {
         std::ostringstream sql;
         sql << "SELECT " << " " << kColumnTime << " " << ", " << kColumnControlRate << " " << ", "
@@ -124,12 +157,13 @@ ScheduleRow ScheduleDatabase::SelectSchedule(std::int64_t time, bool current) {
             row.controlRate = rate;
             row.sent = sent;
         }
+        ok = true;
     } catch (const Poco::Exception& e) {
         row.time = -1;
-        LoggerLog::Error(kTag, "Select error. [" + e.displayText() + "]");
+        if (logErrors) LoggerLog::Error(kTag, "Select error. [" + e.displayText() + "]");
     } catch (...) {
         row.time = -1;
-        LoggerLog::Error(kTag, "Select error. exception");
+        if (logErrors) LoggerLog::Error(kTag, "Select error. exception");
     }
     return row;
 }

@@ -63,9 +63,24 @@ protected:
     std::string CreateTableStatement() const override;
 
 private:
+    // The current and next slots found at `from` while the file's change
+    // counter was `counter`: both stay the answers for every time from
+    // `from` up to (not including) the next slot's start, until the file
+    // changes.
+    struct SlotCache {
+        bool valid = false;
+        std::uint32_t counter = 0;
+        std::int64_t from = 0;
+        ScheduleRow current;
+        ScheduleRow next;
+    };
+
+    ScheduleRow RunSelect(std::int64_t time, bool current, bool logErrors, bool& ok);
+    bool CacheCovers(std::int64_t time, std::uint32_t counter) const;
     std::string ValuesGroup(const ScheduleRow& row) const;
 
     Forwarder forwarder_;
+    SlotCache slots_;
 };
 
 } // namespace brvo

@@ -12,17 +12,21 @@
 #include <Poco/DOM/DOMParser.h>
 #include <Poco/DOM/Document.h>
 #include <Poco/Exception.h>
+#include <Poco/SAX/InputSource.h>
 #include <Poco/SAX/XMLReader.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <limits>
+#include <sstream>
 
 namespace brvo {
 
 namespace {
 
 const std::string kTag = "DeviceSettingXmlManager";
+// Larger description files are not kept in memory, only parsed.
+const std::size_t kMaxCachedFileBytes = 4 * 1024 * 1024;
 const std::string kAddressPath = "channelList/channel/addressList/address";
 const std::string kLimitPath =
     "lggrdev:Device/lggrdev:Properties/lggrdev:Property/lggrdev:Variables/"
@@ -68,6 +72,11 @@ std::string DeviceSettingXmlManager::GetDeviceSettingFile(const std::string& dev
     systemSettings_.Load();
     std::shared_ptr<XmlNode> tree = systemSettings_.LoadSystemSettingXmlNode();
     if (!tree) return std::string();
+    {
+        Poco::FastMutex::ScopedLock lock(cacheMutex_);
+        if (tree == deviceTree_ && deviceType == deviceType_) return deviceFile_;
+    }
+    std::string found;
     std::shared_ptr<XmlNode::NodeList> addresses = tree->FindNodes(kAddressPath);
     for (const XmlNode* address : *addresses) {
         std::string type;
@@ -76,9 +85,16 @@ std::string DeviceSettingXmlManager::GetDeviceSettingFile(const std::string& dev
             if (child->GetName() == kDeviceType) type = child->GetValue();
             if (child->GetName() == kDeviceSettingFile) file = child->GetValue();
         }
-        if (type == deviceType) return file;
+        if (type == deviceType) {
+            found = file;
+            break;
+        }
     }
-    return std::string();
+    Poco::FastMutex::ScopedLock lock(cacheMutex_);
+    deviceTree_ = tree;
+    deviceType_ = deviceType;
+    deviceFile_ = found;
+    return found;
 }
 
 bool DeviceSettingXmlManager::GetLimit(Limit& limit) {
@@ -103,28 +119,71 @@ bool DeviceSettingXmlManager::GetLimit(Limit& limit) {
     return false;
 }
 
-// Element names keep their "lggrdev:" prefix: namespace processing is off.
 bool DeviceSettingXmlManager::ReadLimitFile(const std::string& path, Limit& limit) {
+    std::string text;
+    if (!FileUtil::ReadWholeFile(path, text, kMaxCachedFileBytes)) {
+        return ApplyLimitFile(ParseLimitFile(path, nullptr), limit);
+    }
+    {
+        Poco::FastMutex::ScopedLock lock(cacheMutex_);
+        if (limitCached_ && path == limitPath_ && text == limitText_) return ApplyLimitFile(limitFile_, limit);
+    }
+    const LimitFile file = ParseLimitFile(path, &text);
+    {
+        Poco::FastMutex::ScopedLock lock(cacheMutex_);
+        limitPath_ = path;
+        limitText_.swap(text);
+        limitFile_ = file;
+        limitCached_ = true;
+    }
+    return ApplyLimitFile(file, limit);
+}
+
+// Parses `text` (read from `path`), or the file itself when `text` is null.
+// Element names keep their "lggrdev:" prefix: namespace processing is off.
+// Throws what the parser throws.
+DeviceSettingXmlManager::LimitFile DeviceSettingXmlManager::ParseLimitFile(const std::string& path,
+                                                                           const std::string* text) {
     Poco::XML::DOMParser parser;
     parser.setEncoding("UTF-8");
     parser.setFeature(Poco::XML::XMLReader::FEATURE_NAMESPACES, false);
     parser.setFeature(Poco::XML::XMLReader::FEATURE_NAMESPACE_PREFIXES, false);
-    Poco::AutoPtr<Poco::XML::Document> document = parser.parse(path);
+    Poco::AutoPtr<Poco::XML::Document> document;
+    if (text == nullptr) {
+        document = parser.parse(path);
+    } else {
+        std::istringstream stream(*text);
+        Poco::XML::InputSource source(stream);
+        source.setSystemId(path);
+        document = parser.parse(&source);
+    }
+    LimitFile file;
     const Poco::XML::Node* root = document->getNodeByPath(kEchonetLiteDevicesPath);
-    if (root == nullptr) {
+    if (root == nullptr) return file;
+    file.hasRoot = true;
+    const XmlNode tree(nullptr, root);
+    std::shared_ptr<XmlNode::NodeList> found = tree.FindNodes(kLimitPath);
+    if (found->empty()) return file;
+    const XmlNode* variable = found->front();
+    file.hasLimit = true;
+    file.value0 = XmlNode::GetAttribute(variable, kEchonetValue0);
+    file.value100 = XmlNode::GetAttribute(variable, kEchonetValue100);
+    file.valueMin = XmlNode::GetAttribute(variable, kEchonetValueMin);
+    return file;
+}
+
+bool DeviceSettingXmlManager::ApplyLimitFile(const LimitFile& file, Limit& limit) {
+    if (!file.hasRoot) {
         LoggerLog::Debug(kTag, " EchonetLiteDevices root not found. ");
         return false;
     }
-    const XmlNode tree(nullptr, root);
-    std::shared_ptr<XmlNode::NodeList> found = tree.FindNodes(kLimitPath);
-    if (found->empty()) {
+    if (!file.hasLimit) {
         LoggerLog::Debug(kTag, " Set initial value to Limit. ");
         return true;
     }
-    const XmlNode* variable = found->front();
-    ConvertInto(XmlNode::GetAttribute(variable, kEchonetValue0), limit.value0);
-    ConvertInto(XmlNode::GetAttribute(variable, kEchonetValue100), limit.value100);
-    ConvertInto(XmlNode::GetAttribute(variable, kEchonetValueMin), limit.valueMin);
+    ConvertInto(file.value0, limit.value0);
+    ConvertInto(file.value100, limit.value100);
+    ConvertInto(file.valueMin, limit.valueMin);
     return true;
 }
 

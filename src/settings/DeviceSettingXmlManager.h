@@ -5,11 +5,15 @@
 #ifndef BRVO_SETTINGS_DEVICESETTINGXMLMANAGER_H
 #define BRVO_SETTINGS_DEVICESETTINGXMLMANAGER_H
 
+#include <Poco/Mutex.h>
+
+#include <memory>
 #include <string>
 
 namespace brvo {
 
 class SystemSettingXmlManager;
+class XmlNode;
 
 class DeviceSettingXmlManager {
 public:
@@ -47,9 +51,33 @@ public:
     bool GetLimit(Limit& limit);
 
 private:
+    // What a description file says about the Limit variable.
+    struct LimitFile {
+        bool hasRoot = false;
+        bool hasLimit = false;
+        std::string value0;
+        std::string value100;
+        std::string valueMin;
+    };
+
     bool ReadLimitFile(const std::string& path, Limit& limit);
+    static LimitFile ParseLimitFile(const std::string& path, const std::string* text);
+    static bool ApplyLimitFile(const LimitFile& file, Limit& limit);
 
     SystemSettingXmlManager& systemSettings_;
+
+    // Both files are read for every target-power request; what was found in
+    // the bytes last read is kept and used again while the bytes are the
+    // same (the settings tree is kept by the system settings while its file
+    // is unchanged, so the same tree means the same answer).
+    Poco::FastMutex cacheMutex_;
+    std::shared_ptr<XmlNode> deviceTree_;
+    std::string deviceType_;
+    std::string deviceFile_;
+    std::string limitPath_;
+    std::string limitText_;
+    LimitFile limitFile_;
+    bool limitCached_ = false;
 };
 
 } // namespace brvo

@@ -10,6 +10,9 @@
 #include <Poco/DOM/DOMParser.h>
 #include <Poco/DOM/Document.h>
 #include <Poco/Exception.h>
+#include <Poco/SAX/InputSource.h>
+
+#include <sstream>
 
 namespace brvo {
 
@@ -18,6 +21,8 @@ namespace {
 const std::string kTag = "SystemSettingXmlManager";
 const std::string kRootPath = "/logger";
 const std::string kRootName = "logger";
+// Larger settings files are not kept in memory, only parsed.
+const std::size_t kMaxCachedFileBytes = 4 * 1024 * 1024;
 
 // Read from every thread; created and deleted on the main thread.
 std::atomic<SystemSettingXmlManager*> instance(nullptr);
@@ -44,10 +49,39 @@ SystemSettingXmlManager::SystemSettingXmlManager() {}
 
 SystemSettingXmlManager::~SystemSettingXmlManager() {}
 
+// The file is reloaded for every target-power request, so the tree of the
+// bytes last parsed is kept and handed out again while the file holds the
+// same bytes; any other content is parsed anew. A file that cannot be read
+// here is left to the parser, which reports why as it always has.
 std::shared_ptr<XmlNode> SystemSettingXmlManager::ParseFile() {
+    const std::string path = FileUtil::GetSystemSettingFile();
+    std::string text;
+    if (!FileUtil::ReadWholeFile(path, text, kMaxCachedFileBytes)) return ParseDocument(path, nullptr);
+    {
+        Poco::FastMutex::ScopedLock lock(cacheMutex_);
+        if (cachedTree_ && text == cachedText_) return cachedTree_;
+    }
+    std::shared_ptr<XmlNode> tree = ParseDocument(path, &text);
+    Poco::FastMutex::ScopedLock lock(cacheMutex_);
+    cachedText_.swap(text);
+    cachedTree_ = tree;
+    return tree;
+}
+
+// Parses `text` (read from `path`), or the file itself when `text` is null.
+// Throws what the parser throws, or MissingRoot.
+std::shared_ptr<XmlNode> SystemSettingXmlManager::ParseDocument(const std::string& path, const std::string* text) {
     Poco::XML::DOMParser parser;
     parser.setEncoding("UTF-8");
-    Poco::AutoPtr<Poco::XML::Document> document = parser.parse(FileUtil::GetSystemSettingFile());
+    Poco::AutoPtr<Poco::XML::Document> document;
+    if (text == nullptr) {
+        document = parser.parse(path);
+    } else {
+        std::istringstream stream(*text);
+        Poco::XML::InputSource source(stream);
+        source.setSystemId(path);
+        document = parser.parse(&source);
+    }
     Poco::XML::Node* root = document->getNodeByPath(kRootPath);
     if (root == nullptr) throw MissingRoot();
     return std::make_shared<XmlNode>(nullptr, root);

@@ -61,7 +61,8 @@ public:
     void SetOutputControlStandAlone(bool standAlone);
 
 private:
-    static std::shared_ptr<XmlNode> ParseFile();
+    std::shared_ptr<XmlNode> ParseFile();
+    static std::shared_ptr<XmlNode> ParseDocument(const std::string& path, const std::string* text);
     void Fill(const std::shared_ptr<XmlNode>& tree);
 
     // The manager is shared between the request workers and the timer
@@ -70,6 +71,12 @@ private:
     std::shared_ptr<XmlNode> tree_;
     std::unique_ptr<XmlDataLoggerAttribute> loggerAttribute_;
     std::unique_ptr<XmlDataGeneral> general_;
+
+    // The bytes of the file as last parsed and their tree (never changed
+    // after parsing, so it is handed out to every reader).
+    Poco::FastMutex cacheMutex_;
+    std::string cachedText_;
+    std::shared_ptr<XmlNode> cachedTree_;
 };
 
 } // namespace brvo

@@ -8,6 +8,10 @@
 #include <Poco/Mutex.h>
 #include <Poco/Path.h>
 
+#include <cerrno>
+#include <fcntl.h>
+#include <unistd.h>
+
 namespace brvo {
 
 namespace {
@@ -164,6 +168,29 @@ bool FileUtil::IsWritableDirectory(const std::string& dir) {
     } catch (const Poco::Exception&) {
         return false;
     }
+}
+
+bool FileUtil::ReadWholeFile(const std::string& path, std::string& text, std::size_t maxBytes) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    text.clear();
+    char buffer[8192];
+    bool ok = true;
+    for (;;) {
+        const ssize_t n = ::read(fd, buffer, sizeof buffer);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            ok = n == 0;
+            break;
+        }
+        if (text.size() + static_cast<std::size_t>(n) > maxBytes) {
+            ok = false;
+            break;
+        }
+        text.append(buffer, static_cast<std::size_t>(n));
+    }
+    ::close(fd);
+    return ok;
 }
 
 } // namespace brvo

@@ -5,6 +5,7 @@
 
 #include <Poco/Types.h>
 
+#include <cstddef>
 #include <string>
 
 namespace brvo {
@@ -56,6 +57,10 @@ public:
     static bool CanWrite(const std::string& path);
     // Size of the file in bytes; 0 on failure.
     static Poco::UInt64 GetSize(const std::string& path);
+    // Reads the whole regular file `path` (at most `maxBytes`) into `text`.
+    // False, with `text` unspecified, when it cannot be opened or read, or
+    // is larger; logs nothing.
+    static bool ReadWholeFile(const std::string& path, std::string& text, std::size_t maxBytes);
     // Creates `dir` with its parents and proves it writable by creating and
     // removing `dir` + "/write_test".
     static bool IsWritableDirectory(const std::string& dir);

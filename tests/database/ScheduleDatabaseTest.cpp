@@ -130,6 +130,64 @@ TEST_F(ScheduleDatabaseTest, CurrentAndNextSlots) {
     EXPECT_EQ(first + 3600, Database().SelectSchedule(first + 99999, true).time);
 }
 
+// The slots found are kept between requests; every kind of change of the
+// table, by the daemon or by another process, must show at the next select.
+TEST_F(ScheduleDatabaseTest, RepeatedSelectsSeeEveryChangeOfTheTable) {
+    const std::int64_t first = Now() + kDay;
+    ASSERT_TRUE(Database().InsertUpdateSchedule({Row(first, 10), Row(first + 3600, 30)}));
+    EXPECT_EQ(10, Database().SelectSchedule(first + 60, true).controlRate);
+    EXPECT_EQ(first + 3600, Database().SelectSchedule(first + 60, false).time);
+
+    // The daemon's own replacement of the current slot.
+    ASSERT_TRUE(Database().InsertUpdateSchedule({Row(first, 11)}));
+    EXPECT_EQ(11, Database().SelectSchedule(first + 60, true).controlRate);
+    // Another process changes the rate in place, same size of file.
+    test::QueryFile(kDbFile, "UPDATE output_control_schedule SET controlRate = 12 WHERE time = " +
+                                 std::to_string(first));
+    EXPECT_EQ(12, Database().SelectSchedule(first + 61, true).controlRate);
+    // Another process inserts a slot between the current and the next one.
+    test::QueryFile(kDbFile, "INSERT INTO output_control_schedule VALUES (" + std::to_string(first + 1800) +
+                                 ", 20, 0)");
+    EXPECT_EQ(first + 1800, Database().SelectSchedule(first + 62, false).time);
+    EXPECT_EQ(12, Database().SelectSchedule(first + 62, true).controlRate);
+    // The daemon's own fixed insert before the current slot's time changes
+    // nothing after it, but a slot that starts later than the asked time does.
+    EXPECT_EQ(20, Database().SelectSchedule(first + 1800, true).controlRate);
+    // Another process deletes every row.
+    test::QueryFile(kDbFile, "DELETE FROM output_control_schedule");
+    EXPECT_EQ(-1, Database().SelectSchedule(first + 1800, true).time);
+    EXPECT_EQ(-1, Database().SelectSchedule(first + 1800, false).time);
+    // The daemon's own inserts into the empty table.
+    ASSERT_TRUE(Database().InsertUpdateSchedule({Row(first + 1000, 44)}));
+    EXPECT_EQ(44, Database().SelectSchedule(first + 1800, true).controlRate);
+    // The sent flag is part of the answer too.
+    Database().SetForwarder([] { return 0; });
+    Database().UpdateSentFlag();
+    EXPECT_TRUE(Database().SelectSchedule(first + 1800, true).sent);
+    ASSERT_TRUE(Database().DeleteAll());
+    EXPECT_EQ(-1, Database().SelectSchedule(first + 1800, true).time);
+}
+
+// Kept slots answer only for the times they are the answer for: when the
+// clock moves into the next slot or back before the time asked first.
+TEST_F(ScheduleDatabaseTest, RepeatedSelectsFollowTheClock) {
+    const std::int64_t first = Now() + kDay;
+    ASSERT_TRUE(Database().InsertUpdateSchedule({Row(first, 10), Row(first + 1800, 20), Row(first + 3600, 30)}));
+    EXPECT_EQ(first, Database().SelectSchedule(first + 900, true).time);
+    EXPECT_EQ(first, Database().SelectSchedule(first + 1799, true).time);
+    EXPECT_EQ(first + 1800, Database().SelectSchedule(first + 1799, false).time);
+    EXPECT_EQ(first + 1800, Database().SelectSchedule(first + 1800, true).time);
+    EXPECT_EQ(first + 3600, Database().SelectSchedule(first + 1800, false).time);
+    // Back in time: before the first slot, then inside it again.
+    EXPECT_EQ(-1, Database().SelectSchedule(first - 1, true).time);
+    EXPECT_EQ(first, Database().SelectSchedule(first - 1, false).time);
+    EXPECT_EQ(first, Database().SelectSchedule(first, true).time);
+    // After the last slot the current one stays, whatever the time.
+    EXPECT_EQ(first + 3600, Database().SelectSchedule(first + 4000, true).time);
+    EXPECT_EQ(first + 3600, Database().SelectSchedule(first + 400000, true).time);
+    EXPECT_EQ(-1, Database().SelectSchedule(first + 400000, false).time);
+}
+
 TEST_F(ScheduleDatabaseTest, EmptyUpdateInsertTouchesNothing) {
     Database();
     // Were any statement run, it would fail on the missing table.

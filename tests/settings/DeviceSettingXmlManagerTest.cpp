@@ -159,6 +159,39 @@ TEST_F(DeviceSettingXmlManagerTest, UnreadableValueMinLeavesTheValue) {
     }
 }
 
+// Both files are read for every request: each change of either, however
+// quick and whatever its size, shows at the next read.
+TEST_F(DeviceSettingXmlManagerTest, EveryChangeOfEitherFileIsSeen) {
+    WriteDevices({Address("HouseHoldSolarPowerGeneration", "pv")});
+    for (int i = 10; i < 60; ++i) {
+        const std::string value = std::to_string(i % 5 == 0 ? i - 1 : i);
+        test::WriteFile(kDeviceDir + "pv.xml",
+                        Description({"Name=\"Limit\" Value0=\"1\" Value100=\"99\" ValueMin=\"" + value + "\""}));
+        DeviceSettingXmlManager::Limit limit;
+        ASSERT_TRUE(devices_.GetLimit(limit));
+        EXPECT_EQ(std::stoi(value), limit.valueMin) << "edit " << i;
+    }
+    // Another description file named in the settings, same length of name.
+    test::WriteFile(kDeviceDir + "pw.xml", Description({"Name=\"Limit\" ValueMin=\"77\""}));
+    WriteDevices({Address("HouseHoldSolarPowerGeneration", "pw")});
+    DeviceSettingXmlManager::Limit limit;
+    ASSERT_TRUE(devices_.GetLimit(limit));
+    EXPECT_EQ(77, limit.valueMin);
+    EXPECT_EQ("pw", devices_.GetDeviceSettingFile("HouseHoldSolarPowerGeneration"));
+    // The unit's type changes: no unit any more.
+    WriteDevices({Address("HouseHoldSolarPowerGeneratioX", "pw")});
+    EXPECT_EQ("", devices_.GetDeviceSettingFile("HouseHoldSolarPowerGeneration"));
+    // Back, then the description goes: reported as missing.
+    WriteDevices({Address("HouseHoldSolarPowerGeneration", "pw")});
+    EXPECT_TRUE(devices_.GetLimit(limit));
+    test::RemoveAll(kDeviceDir + "pw.xml");
+    EXPECT_FALSE(devices_.GetLimit(limit));
+    EXPECT_TRUE(Logged("W", " missing device xml file. [/usr/local/etc/kestrovanyx/DeviceXML/pw.xml]"));
+    // A description without its root after a good one.
+    test::WriteFile(kDeviceDir + "pw.xml", "<Devices/>");
+    EXPECT_FALSE(devices_.GetLimit(limit));
+}
+
 TEST_F(DeviceSettingXmlManagerTest, MissingDescriptionFileIsReported) {
     WriteDevices({Address("HouseHoldSolarPowerGeneration", "absent")});
     DeviceSettingXmlManager::Limit limit;

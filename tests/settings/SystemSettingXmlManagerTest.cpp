@@ -1,10 +1,18 @@
 #include "settings/SystemSettingXmlManager.h"
 
 #include "settings/LoggerSettingManager.h"
+#include "settings/XmlNode.h"
 #include "support/TestFiles.h"
 #include "util/LoggerLog.h"
 
 #include <gtest/gtest.h>
+
+#include <Poco/AutoPtr.h>
+#include <Poco/DOM/DOMParser.h>
+#include <Poco/DOM/Document.h>
+#include <Poco/Exception.h>
+
+#include <cstdio>
 
 #include <string>
 
@@ -197,6 +205,56 @@ TEST_F(SystemSettingXmlManagerTest, MissingFileFailsWithLoadFromFileMessage) {
     EXPECT_NE(std::string::npos,
               log.find("] SystemSettingXmlManager SystemSettingXml Load error(Load from file) ["))
         << log;
+}
+
+// The file is reloaded for every request; what a load gives must always be
+// the file's content at that moment, even when edits follow each other
+// faster than the file system's time stamps move and keep the file's size.
+TEST_F(SystemSettingXmlManagerTest, EveryChangeOfTheFileIsSeenAtTheNextLoad) {
+    // Every seventh edit writes the same bytes again.
+    std::string last;
+    for (int i = 0; i < 200; ++i) {
+        char plant[8];
+        std::snprintf(plant, sizeof plant, "P%03d", i % 7 == 3 ? i - 1 : i);
+        last = plant;
+        LoadGeneral(std::string("<outputControlPlantId>") + plant + "</outputControlPlantId>");
+        EXPECT_EQ(plant, manager_.GetOutputControlPlantId()) << "edit " << i;
+        EXPECT_EQ(plant, manager_.LoadSystemSettingXmlNode()->FindNode("general/outputControlPlantId")->GetValue());
+    }
+    // A file broken after a good load fails and keeps the values; mended
+    // again, it loads.
+    test::WriteFile(test::SystemSettingPath(), "<logger><general>");
+    EXPECT_FALSE(manager_.Load());
+    EXPECT_EQ(nullptr, manager_.LoadSystemSettingXmlNode());
+    EXPECT_EQ(last, manager_.GetOutputControlPlantId());
+    LoadGeneral("<outputControlPlantId>P200</outputControlPlantId>");
+    EXPECT_EQ("P200", manager_.GetOutputControlPlantId());
+    // A removed file fails the way a missing file always has.
+    test::RemoveAll(test::SystemSettingPath());
+    EXPECT_FALSE(manager_.Load());
+    EXPECT_EQ("P200", manager_.GetOutputControlPlantId());
+    EXPECT_NE(std::string::npos,
+              FlushedLog().find("] SystemSettingXmlManager SystemSettingXml Load error(Load from file) ["));
+}
+
+// A parse error is reported with the parser's own text for the file, the
+// same whether the daemon has read the file before or not.
+TEST_F(SystemSettingXmlManagerTest, ParseErrorIsReportedAsTheParserReportsIt) {
+    LoadGeneral("<outputControlPlantId>P1</outputControlPlantId>");
+    test::WriteFile(test::SystemSettingPath(), "<logger>\n<general></logger>");
+    std::string expected;
+    try {
+        Poco::XML::DOMParser parser;
+        parser.setEncoding("UTF-8");
+        Poco::AutoPtr<Poco::XML::Document> document = parser.parse(test::SystemSettingPath());
+    } catch (const Poco::Exception& e) {
+        expected = e.displayText();
+    }
+    ASSERT_FALSE(expected.empty());
+    EXPECT_FALSE(manager_.Load());
+    EXPECT_TRUE(LogHas(FlushedLog(), "E", "SystemSettingXmlManager",
+                       "SystemSettingXml Load error(Load from file) [" + expected + "]"))
+        << expected;
 }
 
 TEST_F(SystemSettingXmlManagerTest, LaterDuplicateElementWins) {
