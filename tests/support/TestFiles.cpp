@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <Poco/Clock.h>
 #include <Poco/File.h>
 #include <Poco/Path.h>
 #include <Poco/Thread.h>
@@ -49,10 +50,13 @@ void RemoveAll(const std::string& path) {
 }
 
 bool WaitFor(const std::function<bool()>& condition, int timeoutMs) {
-    Poco::Timestamp start;
+    // Measured on the monotonic clock, so a child's faked wall clock or a
+    // stepped system clock cannot cut the wait short or stretch it.
+    const Poco::Clock start;
+    const Poco::Clock::ClockDiff limit = static_cast<Poco::Clock::ClockDiff>(timeoutMs) * 1000 * TimeScale();
     for (;;) {
         if (condition()) return true;
-        if (start.elapsed() > static_cast<Poco::Timestamp::TimeDiff>(timeoutMs) * 1000) {
+        if (start.elapsed() > limit) {
             return condition();
         }
         Poco::Thread::sleep(10);

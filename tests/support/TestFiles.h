@@ -20,7 +20,8 @@ std::vector<std::string> ReadLines(const std::string& path);
 bool FileExists(const std::string& path);
 // Removes a file or a directory tree; silent when absent.
 void RemoveAll(const std::string& path);
-// Polls `condition` every 10 ms until it holds or `timeoutMs` passed.
+// Polls `condition` every 10 ms until it holds or `timeoutMs` (times
+// TimeScale()) passed.
 bool WaitFor(const std::function<bool()>& condition, int timeoutMs);
 // Writes LoggerSetting.xml with the given child elements (raw XML text).
 void WriteLoggerSetting(const std::string& innerXml);
