@@ -82,6 +82,31 @@ std::string ServerTime(std::int64_t utcSeconds, const std::string& pattern) {
     return TimeStamp::FromEpochSeconds(utcSeconds + 9 * 3600)->Format(pattern);
 }
 
+namespace {
+
+std::int64_t TodayUtc() {
+    return TimeStamp().EpochSeconds() / 86400 * 86400;
+}
+
+} // namespace
+
+ScheduleRecord CurrentUpdateRecord(int rate, std::size_t slots) {
+    const std::int64_t today = TodayUtc();
+    ScheduleRecord record;
+    record.plantId = "777";
+    record.start = ServerTime(today - 86400, "%Y%m%d%H%M");
+    record.rates = std::vector<int>(slots, rate);
+    record.fixedFlag = 3;
+    record.nextUpdate = ServerTime(today + 86400, "%Y%m%d%H%M%S");
+    return record;
+}
+
+ScheduleRecord FixedRecordAhead(int rate, int daysAhead) {
+    ScheduleRecord record = CurrentUpdateRecord(rate, 48);
+    record.start = ServerTime(TodayUtc() + daysAhead * 86400LL, "%Y%m%d%H%M");
+    return record;
+}
+
 void WriteSystemSetting(const std::string& plantId, const std::string& url, bool standAlone) {
     WriteFile(SystemSettingPath(),
               "<logger><general><outputControlPlantId>" + plantId +

@@ -60,6 +60,13 @@ std::string Ask(std::int32_t type, const std::string& params = "", int silenceMs
 std::string ScheduleAnswer(const ScheduleRecord& record, int kind);
 // `utcSeconds` in server time (UTC+9) formatted with `pattern`.
 std::string ServerTime(std::int64_t utcSeconds, const std::string& pattern);
+// An update schedule for plant "777" from yesterday 00:00 UTC on: `slots`
+// slots of `rate` percent (so that a slot is current whenever a test
+// runs), fixed flag 3, the next update due tomorrow 00:00 UTC.
+ScheduleRecord CurrentUpdateRecord(int rate, std::size_t slots = 3 * 48);
+// A fixed schedule for the same plant: one day of `rate` percent starting
+// `daysAhead` days after today 00:00 UTC.
+ScheduleRecord FixedRecordAhead(int rate, int daysAhead);
 // Writes SystemSetting.xml with the plant ID, stand-alone flag and schedule
 // server address.
 void WriteSystemSetting(const std::string& plantId, const std::string& url, bool standAlone);

@@ -9,7 +9,6 @@
 #include "support/SqliteFile.h"
 #include "support/TestFiles.h"
 #include "support/UnixPeer.h"
-#include "util/TimeStamp.h"
 
 #include <gtest/gtest.h>
 
@@ -72,15 +71,8 @@ protected:
                                  "</OutputControlSocketTimeout>");
         test::WriteFile("/sys/class/net/eth0/address", "00:1a:2b:3c:4d:5e\n");
         test::WriteFile(test::kLoggerSocket + ".keep", "");
-        const std::int64_t today = TimeStamp().EpochSeconds() / 86400 * 86400;
-        update_.plantId = "777";
-        update_.start = test::ServerTime(today - 86400, "%Y%m%d%H%M");
-        update_.rates = std::vector<int>(3 * 48, kRate);
-        update_.fixedFlag = 3;
-        update_.nextUpdate = test::ServerTime(today + 86400, "%Y%m%d%H%M%S");
-        fixed_ = update_;
-        fixed_.start = test::ServerTime(today + 3 * 86400, "%Y%m%d%H%M");
-        fixed_.rates = std::vector<int>(48, 30);
+        update_ = test::CurrentUpdateRecord(kRate);
+        fixed_ = test::FixedRecordAhead(30, 3);
     }
 
     void TearDown() override {

@@ -11,7 +11,6 @@
 #include "support/SqliteFile.h"
 #include "support/TestFiles.h"
 #include "support/UnixPeer.h"
-#include "util/TimeStamp.h"
 
 #include <gtest/gtest.h>
 
@@ -45,23 +44,12 @@ const std::size_t kBytesBeforeRates = 6 + 10 + 26 + 12 + 5;
 // A schedule from yesterday to the end of tomorrow (UTC), so that a slot is
 // current whenever the test runs.
 test::ScheduleRecord CoveringRecord() {
-    const std::int64_t today = TimeStamp().EpochSeconds() / 86400 * 86400;
-    test::ScheduleRecord record;
-    record.plantId = "777";
-    record.start = test::ServerTime(today - 86400, "%Y%m%d%H%M");
-    record.rates = std::vector<int>(kSlots, kRate);
-    record.fixedFlag = 3;
-    record.nextUpdate = test::ServerTime(today + 86400, "%Y%m%d%H%M%S");
-    return record;
+    return test::CurrentUpdateRecord(kRate, kSlots);
 }
 
 // A fixed schedule after the update schedule's end.
 test::ScheduleRecord LaterFixedRecord() {
-    const std::int64_t today = TimeStamp().EpochSeconds() / 86400 * 86400;
-    test::ScheduleRecord record = CoveringRecord();
-    record.start = test::ServerTime(today + 3 * 86400, "%Y%m%d%H%M");
-    record.rates = std::vector<int>(48, 30);
-    return record;
+    return test::FixedRecordAhead(30, 3);
 }
 
 // The payload bytes of `record` as an update schedule.
