@@ -47,7 +47,7 @@ double PowerOf(const std::string& answer) {
     return value;
 }
 
-std::string Ask(std::int32_t type, const std::string& params, int silenceMs) {
+int SendRequest(std::int32_t type, const std::string& params) {
     const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
     sockaddr_un address;
     std::memset(&address, 0, sizeof address);
@@ -56,10 +56,15 @@ std::string Ask(std::int32_t type, const std::string& params, int silenceMs) {
     if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
         close(fd);
         ADD_FAILURE() << "cannot connect to the daemon";
-        return std::string();
+        return -1;
     }
     const std::string request = Word(static_cast<std::int32_t>(8 + params.size())) + Word(type) + params;
     EXPECT_EQ(static_cast<ssize_t>(request.size()), write(fd, request.data(), request.size()));
+    return fd;
+}
+
+std::string ReadAnswer(int fd, int silenceMs) {
+    if (fd < 0) return std::string();
     std::string answer;
     char buffer[512];
     for (;;) {
@@ -71,6 +76,10 @@ std::string Ask(std::int32_t type, const std::string& params, int silenceMs) {
     }
     close(fd);
     return answer;
+}
+
+std::string Ask(std::int32_t type, const std::string& params, int silenceMs) {
+    return ReadAnswer(SendRequest(type, params), silenceMs);
 }
 
 std::string ScheduleAnswer(const ScheduleRecord& record, int kind) {
@@ -123,15 +132,35 @@ std::vector<std::vector<std::string>> StoredUpdateInfo(const std::string& file) 
     return QueryFile(file, "SELECT * FROM output_control_schedule_update_info ORDER BY plantId");
 }
 
-bool StartDaemon(ChildProcess& daemon, const std::string& outputPath) {
+namespace {
+
+// Whether a connection to the command socket is accepted. The daemon binds
+// the socket before it listens; only a listening socket takes clients. The
+// probe sends nothing, which the daemon takes as a request of no known type
+// and closes.
+bool Listening() {
+    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address;
+    std::memset(&address, 0, sizeof address);
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, kCommandSocket.c_str(), sizeof address.sun_path - 1);
+    const bool accepted = connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    close(fd);
+    return accepted;
+}
+
+} // namespace
+
+bool StartDaemon(ChildProcess& daemon, const std::string& outputPath,
+                 const std::map<std::string, std::string>& env) {
     ::unlink(kCommandSocket.c_str());
-    if (!daemon.Start(ChildProcess::DaemonCommand(), outputPath)) {
+    if (!daemon.Start(ChildProcess::DaemonCommand(), outputPath, env)) {
         ADD_FAILURE() << "cannot start the daemon";
         return false;
     }
     const bool serving = WaitFor([] {
         struct stat info;
-        return stat(kCommandSocket.c_str(), &info) == 0 && S_ISSOCK(info.st_mode);
+        return stat(kCommandSocket.c_str(), &info) == 0 && S_ISSOCK(info.st_mode) && Listening();
     }, static_cast<int>(10000 * TimeScale()));
     if (!serving) ADD_FAILURE() << "the daemon's command socket did not appear\n" << ReadFile(outputPath);
     return serving;

@@ -9,6 +9,7 @@
 #include "support/SchedulePayload.h"
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -50,6 +51,13 @@ std::string Capacity(double value);
 // The target power of a target-power answer; -1 when it is too short.
 double PowerOf(const std::string& answer);
 
+// Connects to the daemon's command socket and sends one request of `type`
+// with `params`; returns the connection, or -1 (with a test failure) when
+// it cannot connect.
+int SendRequest(std::int32_t type, const std::string& params = "");
+// Reads the whole answer from `connection` (until the daemon closes it, or
+// nothing arrives for `silenceMs`) and closes it. Empty for -1.
+std::string ReadAnswer(int connection, int silenceMs = 30000);
 // Sends one request of `type` with `params` to the daemon's command socket
 // and returns its whole answer: empty when it closed without one, or when
 // nothing arrived for `silenceMs`. Fails the test when it cannot connect.
@@ -77,11 +85,13 @@ std::vector<std::vector<std::string>> StoredSchedule(const std::string& file = k
 // Every row of the update-information table in `file`, all columns.
 std::vector<std::vector<std::string>> StoredUpdateInfo(const std::string& file = kUpdateInfoDbFile);
 
-// Starts the daemon with its output in `outputPath` and waits until its
-// command socket serves. A stale socket file of an earlier run is removed
-// first, so that it is not taken for the new one. False (with a test
-// failure naming the output) when it does not come up.
-bool StartDaemon(ChildProcess& daemon, const std::string& outputPath);
+// Starts the daemon with its output in `outputPath` and the environment
+// of the test plus `env`, and waits until its command socket accepts
+// clients. A stale socket file of an earlier run is removed first, so that
+// it is not taken for the new one. False (with a test failure naming the
+// output) when it does not come up.
+bool StartDaemon(ChildProcess& daemon, const std::string& outputPath,
+                 const std::map<std::string, std::string>& env = {});
 
 } // namespace test
 } // namespace brvo
