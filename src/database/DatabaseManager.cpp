@@ -8,6 +8,7 @@
 #include <Poco/Data/SQLite/Utility.h>
 #include <Poco/Data/Statement.h>
 #include <Poco/Exception.h>
+#include <Poco/String.h>
 
 #include <sqlite3.h>
 
@@ -18,6 +19,8 @@ namespace brvo {
 namespace {
 
 const std::size_t kLoginTimeoutSeconds = 60;
+const std::string kJournalMode = "DELETE";
+const std::string kSynchronous = "FULL";
 
 // Whether `text` is only blanks and SQL comments.
 bool OnlyBlanksAndComments(const char* text) {
@@ -66,6 +69,7 @@ bool DatabaseManager::InitDataBaseFile(const std::string& path) {
     if (session_) return true;
     try {
         session_.reset(new Poco::Data::Session("SQLite", path, kLoginTimeoutSeconds));
+        ApplyDurabilitySettings();
         Execute(CreateTableStatement());
         return true;
     } catch (const Poco::Exception& e) {
@@ -74,6 +78,30 @@ bool DatabaseManager::InitDataBaseFile(const std::string& path) {
         LoggerLog::Error(tag_, "InitDataBaseFile error. [" + std::string(e.what()) + "]");
     }
     return false;
+}
+
+// The device loses power without warning and keeps its tables on flash. A
+// rollback journal that is deleted at commit, with every commit synced to
+// the medium before it counts, leaves after any cut either the old or the
+// new table. It also keeps each table in exactly one file, which read-only
+// tools can open (a write-ahead log needs a second file and write access
+// even to read). Settings that do not take only cost durability, not
+// service: they are noted at debug level and the table is opened anyway.
+void DatabaseManager::ApplyDurabilitySettings() {
+    try {
+        std::string mode;
+        Poco::Data::Statement journal(*session_);
+        journal << "PRAGMA journal_mode=" << kJournalMode, Poco::Data::Keywords::into(mode);
+        journal.execute();
+        if (Poco::toLower(mode) != Poco::toLower(kJournalMode)) {
+            LoggerLog::Debug(tag_, "Journal mode not set. [" + mode + "]");
+        }
+        Execute("PRAGMA synchronous=" + kSynchronous);
+    } catch (const Poco::Exception& e) {
+        LoggerLog::Debug(tag_, "Durability settings not applied. [" + e.displayText() + "]");
+    } catch (const std::exception& e) {
+        LoggerLog::Debug(tag_, "Durability settings not applied. [" + std::string(e.what()) + "]");
+    }
 }
 
 bool DatabaseManager::Open() {

@@ -22,9 +22,10 @@ public:
     // Closes the session and unregisters the connector.
     virtual ~DatabaseManager();
 
-    // Opens the session on `path` (60 s busy time-out) and creates the table
-    // if needed. True when a session exists afterwards; false with the log
-    // line "InitDataBaseFile error. [...]" when opening failed. A session
+    // Opens the session on `path` (60 s busy time-out), sets the rollback
+    // journal and fully synced commits, and creates the table if needed.
+    // True when a session exists afterwards; false with the log line
+    // "InitDataBaseFile error. [...]" when opening failed. A session
     // opened before a failed CREATE TABLE is kept, so later calls return
     // true without trying again.
     bool InitDataBaseFile(const std::string& path);
@@ -66,6 +67,11 @@ protected:
 private:
     DatabaseManager(const DatabaseManager&) = delete;
     DatabaseManager& operator=(const DatabaseManager&) = delete;
+
+    // Sets the rollback journal (deleted at commit) and fully synced
+    // commits on the new session. A setting that fails is logged at debug
+    // level and changes nothing else; nothing is returned.
+    void ApplyDurabilitySettings();
 
     std::string tag_;
     std::string table_;

@@ -2,6 +2,7 @@
 // 127.0.0.1) and a simulated logger daemon (UNIX socket), driven only
 // through its command socket, its files and its signals.
 #include "support/ChildProcess.h"
+#include "support/DaemonClient.h"
 #include "support/HttpTestServer.h"
 #include "support/SchedulePayload.h"
 #include "support/SqliteFile.h"
@@ -23,79 +24,20 @@
 namespace brvo {
 namespace {
 
+using test::Ask;
+using test::Capacity;
+using test::Field;
 using test::HttpTestServer;
+using test::PowerOf;
+using test::ScheduleAnswer;
+using test::Word;
+using test::WordAt;
 
-const std::string kSocket = "/mnt/system/pvoctrl/brevanta.octrl";
-const std::string kLoggerSocket = "/mnt/system/brvlogger/brevanta.logger";
 const std::string kOutput = "/tmp/pvocd.out";
 const std::string kDbFile = "/media/sdcard/kestrovanyx/Database/OutputControl/output_control_schedule.db";
 const std::string kInfoFile =
     "/media/sdcard/kestrovanyx/Database/OutputControl/output_control_schedule_update_info.db";
 const std::string kPlant = "00000000000000000000000777";
-
-std::string Word(std::int32_t value) {
-    std::string text(4, '\0');
-    std::memcpy(&text[0], &value, 4);
-    return text;
-}
-
-std::int32_t WordAt(const std::string& data, std::size_t offset) {
-    std::int32_t value = 0;
-    if (data.size() >= offset + 4) std::memcpy(&value, data.data() + offset, 4);
-    return value;
-}
-
-std::string Field(const std::string& text, std::size_t size) {
-    std::string field = text.substr(0, size);
-    field.resize(size, '\0');
-    return field;
-}
-
-std::string Capacity(double value) {
-    std::string bytes(8, '\0');
-    std::memcpy(&bytes[0], &value, 8);
-    return bytes;
-}
-
-double PowerOf(const std::string& answer) {
-    double value = -1;
-    if (answer.size() >= 16) std::memcpy(&value, answer.data() + 8, 8);
-    return value;
-}
-
-// Sends one request to the daemon and returns its whole answer (empty when
-// it closed without one).
-std::string Ask(std::int32_t type, const std::string& params = "") {
-    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address;
-    std::memset(&address, 0, sizeof address);
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, kSocket.c_str(), sizeof address.sun_path - 1);
-    if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-        close(fd);
-        ADD_FAILURE() << "cannot connect to the daemon";
-        return std::string();
-    }
-    const std::string request = Word(static_cast<std::int32_t>(8 + params.size())) + Word(type) + params;
-    EXPECT_EQ(static_cast<ssize_t>(request.size()), write(fd, request.data(), request.size()));
-    std::string answer;
-    char buffer[512];
-    for (;;) {
-        pollfd in = {fd, POLLIN, 0};
-        if (poll(&in, 1, 30000) <= 0) break;
-        const ssize_t n = read(fd, buffer, sizeof buffer);
-        if (n <= 0) break;
-        answer.append(buffer, static_cast<std::size_t>(n));
-    }
-    close(fd);
-    return answer;
-}
-
-// A multipart answer carrying `record` as a payload of `kind`.
-std::string ScheduleAnswer(const test::ScheduleRecord& record, int kind) {
-    const std::string payload = test::BytesText(test::BuildSchedulePayload({record}, kind).bytes);
-    return HttpTestServer::Answer(200, test::MultipartContentType("b"), test::BinaryPartBody("b", payload));
-}
 
 class ScheduleFlowTest : public ::testing::Test {
 protected:
@@ -103,7 +45,7 @@ protected:
         test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>"
                                  "<OutputControlSocketTimeout>5</OutputControlSocketTimeout>");
         test::WriteFile("/sys/class/net/eth0/address", "00:1a:2b:3c:4d:5e\n");
-        test::WriteFile(kLoggerSocket + ".keep", "");
+        test::WriteFile(test::kLoggerSocket + ".keep", "");
         tomorrow_ = TimeStamp().EpochSeconds() / 86400 * 86400 + 86400;
         update_.plantId = "777";
         update_.start = ServerTime(tomorrow_, "%Y%m%d%H%M");
@@ -123,25 +65,15 @@ protected:
     }
 
     static std::string ServerTime(std::int64_t utcSeconds, const std::string& pattern) {
-        return TimeStamp::FromEpochSeconds(utcSeconds + 9 * 3600)->Format(pattern);
+        return test::ServerTime(utcSeconds, pattern);
     }
 
     static void WriteSystemSetting(const std::string& plantId, const std::string& url, bool standAlone) {
-        test::WriteFile(test::SystemSettingPath(),
-                        "<logger><general><outputControlPlantId>" + plantId +
-                            "</outputControlPlantId><outputControlStandAlone>" + (standAlone ? "1" : "0") +
-                            "</outputControlStandAlone><outputScheduleInformationServerUrl>" + url +
-                            "</outputScheduleInformationServerUrl></general></logger>");
+        test::WriteSystemSetting(plantId, url, standAlone);
     }
 
     // Starts the daemon and waits until its command socket serves.
-    void StartDaemon() {
-        ASSERT_TRUE(daemon_.Start(test::ChildProcess::DaemonCommand(), kOutput));
-        ASSERT_TRUE(test::WaitFor([] {
-            struct stat info;
-            return stat(kSocket.c_str(), &info) == 0 && S_ISSOCK(info.st_mode);
-        }, 10000)) << test::ReadFile(kOutput);
-    }
+    void StartDaemon() { ASSERT_TRUE(test::StartDaemon(daemon_, kOutput)); }
 
     static std::string Count(const std::string& where = "") {
         return test::QueryValue(kDbFile, "SELECT COUNT(*) FROM output_control_schedule" + where);
@@ -155,7 +87,7 @@ protected:
 
 TEST_F(ScheduleFlowTest, StartUpFetchesBothSchedulesAndTellsTheLoggerDaemon) {
     HttpTestServer server({ScheduleAnswer(update_, test::kUpdateSchedule), ScheduleAnswer(fixed_, test::kFixedSchedule)});
-    test::UnixPeer logger(kLoggerSocket, test::UnixPeer::kReply, std::string(12, '\0'), 8);
+    test::UnixPeer logger(test::kLoggerSocket, test::UnixPeer::kReply, std::string(12, '\0'), 8);
     WriteSystemSetting(kPlant, server.Url("/schedule"), false);
     StartDaemon();
     ASSERT_TRUE(test::WaitFor([&] { return logger.Received().size() == 1; }, 15000)) << test::ReadFile(kOutput);
@@ -176,7 +108,7 @@ TEST_F(ScheduleFlowTest, EveryRequestTypeIsAnswered) {
     HttpTestServer server({ScheduleAnswer(update_, test::kUpdateSchedule), ScheduleAnswer(fixed_, test::kFixedSchedule),
                            ScheduleAnswer(update_, test::kUpdateSchedule), ScheduleAnswer(fixed_, test::kFixedSchedule),
                            notRegistered});
-    test::UnixPeer logger(kLoggerSocket, test::UnixPeer::kReply, std::string(12, '\0'), 8);
+    test::UnixPeer logger(test::kLoggerSocket, test::UnixPeer::kReply, std::string(12, '\0'), 8);
     WriteSystemSetting(kPlant, server.Url("/schedule"), false);
     StartDaemon();
     ASSERT_TRUE(test::WaitFor([&] { return logger.Received().size() == 1; }, 15000));
@@ -220,7 +152,7 @@ TEST_F(ScheduleFlowTest, EveryRequestTypeIsAnswered) {
 TEST_F(ScheduleFlowTest, ChangedPlantIdWipesBothTables) {
     HttpTestServer server({ScheduleAnswer(update_, test::kUpdateSchedule), ScheduleAnswer(fixed_, test::kFixedSchedule),
                            HttpTestServer::Answer(500, "text/plain", "down")});
-    test::UnixPeer logger(kLoggerSocket, test::UnixPeer::kReply, std::string(12, '\0'), 8);
+    test::UnixPeer logger(test::kLoggerSocket, test::UnixPeer::kReply, std::string(12, '\0'), 8);
     WriteSystemSetting(kPlant, server.Url("/schedule"), false);
     StartDaemon();
     ASSERT_TRUE(test::WaitFor([&] { return Count() == "96"; }, 15000));
@@ -351,7 +283,7 @@ TEST_F(ScheduleFlowTest, ClientThatHangsUpDoesNotStopTheDaemon) {
         sockaddr_un address;
         std::memset(&address, 0, sizeof address);
         address.sun_family = AF_UNIX;
-        std::strncpy(address.sun_path, kSocket.c_str(), sizeof address.sun_path - 1);
+        std::strncpy(address.sun_path, test::kCommandSocket.c_str(), sizeof address.sun_path - 1);
         ASSERT_EQ(0, connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address));
         const std::string request = Word(8) + Word(8);
         ASSERT_EQ(8, write(fd, request.data(), request.size()));
