@@ -215,11 +215,7 @@ TEST_F(ScheduleFlowTest, TargetPowerIsComputedWithTheClockPast2038) {
     WriteSystemSetting(kPlant, "", true);
     std::map<std::string, std::string> env = test::ChildProcess::FakeTimeEnv("@2040-03-01 00:40:00");
     env["TZ"] = "UTC";
-    ASSERT_TRUE(daemon_.Start(test::ChildProcess::DaemonCommand(), kOutput, env));
-    ASSERT_TRUE(test::WaitFor([] {
-        struct stat info;
-        return stat(kSocket.c_str(), &info) == 0 && S_ISSOCK(info.st_mode);
-    }, 10000)) << test::ReadFile(kOutput);
+    ASSERT_TRUE(test::StartDaemon(daemon_, kOutput, env));
     ASSERT_TRUE(test::WaitFor([] {
         return test::ReadFile(test::LogFilePath()).find("Plant ID changed but, Standalone setting...") !=
                std::string::npos;
