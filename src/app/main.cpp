@@ -7,8 +7,11 @@
 
 #include <clocale>
 #include <csignal>
+#include <sys/stat.h>
 
 namespace {
+
+const mode_t kCreationMask = 022;
 
 void OnStopSignal(int) {
     brvo::BrevantaOutputControlManager::RequestKill();
@@ -23,6 +26,10 @@ int main() {
     // A client or the logger daemon hanging up mid-write must cost a log
     // line, not the daemon.
     std::signal(SIGPIPE, SIG_IGN);
+    // Whatever the starting environment's mask, what pvocd creates (log,
+    // database and socket directories 0755, log and database files 0644)
+    // is readable for diagnosis and writable only by pvocd itself.
+    ::umask(kCreationMask);
 
     brvo::LoggerSettingManager::CreateInstance();
     brvo::LoggerLog::CreateInstance();

@@ -13,6 +13,7 @@
 #include <string>
 #include <sys/select.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -26,6 +27,7 @@ namespace {
 const char kTag[] = "OutputcontrolServer";
 const char kDefaultSocketPath[] = "/mnt/system/pvoctrl/brevanta.octrl";
 const int kDefaultTimeoutSeconds = 60;
+const mode_t kSocketMode = 0660;
 
 // The one process-wide mutex that serialises accept and the hand-over to the
 // pool.
@@ -97,6 +99,9 @@ bool OutputcontrolServer::BindAndListen(int socket) {
     const int bound =
         fits ? bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) : -1;
     if (bound != 0) LoggerLog::Fatal(kTag, "bind failed. [" + std::to_string(bound) + "]");
+    // Commands can start schedule fetches and, on a plant change, wipe the
+    // stored schedule: only pvocd's user and group may connect.
+    if (bound == 0) chmod(address.sun_path, kSocketMode);
     errno = 0;
     const int listening = listen(socket, kBacklog);
     if (listening != 0) {

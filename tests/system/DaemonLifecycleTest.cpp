@@ -11,6 +11,7 @@
 
 #include <csignal>
 #include <regex>
+#include <sys/stat.h>
 
 namespace brvo {
 namespace {
@@ -192,6 +193,36 @@ TEST_F(DaemonLifecycleTest, UnwritableLogDirectoryIsNotedOnce) {
         << entries[0];
     // The lines still reach standard output.
     EXPECT_TRUE(LogHas(kOutput, "Kill complete."));
+}
+
+// What the daemon creates gets the same modes whatever mask it was started
+// with: directories 0755, files 0644, the command socket 0660.
+TEST_F(DaemonLifecycleTest, CreatedFilesGetDeliberateModes) {
+    const mode_t previous = ::umask(0);
+    const bool started = StartDaemon();
+    ::umask(previous);
+    ASSERT_TRUE(started);
+    const std::string socket = "/mnt/system/pvoctrl/brevanta.octrl";
+    const std::string database = "/media/sdcard/kestrovanyx/Database/OutputControl";
+    ASSERT_TRUE(test::WaitFor([&] {
+        return test::FileExists(socket) && test::FileExists(database + "/output_control_schedule.db") &&
+               test::FileExists("/mnt/system/check/brvo");
+    }, 10000)) << test::ReadFile(kOutput);
+    ASSERT_TRUE(WaitForStart());
+    StopWith(SIGTERM);
+    const auto mode = [](const std::string& path) {
+        struct stat info;
+        if (::stat(path.c_str(), &info) != 0) return -1;
+        return static_cast<int>(info.st_mode & 07777);
+    };
+    EXPECT_EQ(0660, mode(socket));
+    EXPECT_EQ(0755, mode("/mnt/system/pvoctrl"));
+    EXPECT_EQ(0755, mode(kLogDir));
+    EXPECT_EQ(0644, mode(kLogFile));
+    EXPECT_EQ(0755, mode(database));
+    EXPECT_EQ(0644, mode(database + "/output_control_schedule.db"));
+    EXPECT_EQ(0755, mode("/mnt/system/check"));
+    EXPECT_EQ(0644, mode("/mnt/system/check/brvo"));
 }
 
 TEST_F(DaemonLifecycleTest, LogTimesAreUtcOfTheClockAfter2038) {
