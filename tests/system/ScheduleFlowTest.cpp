@@ -2,6 +2,7 @@
 // 127.0.0.1) and a simulated logger daemon (UNIX socket), driven only
 // through its command socket, its files and its signals.
 #include "support/ChildProcess.h"
+#include "support/CommandClient.h"
 #include "support/HttpTestServer.h"
 #include "support/SchedulePayload.h"
 #include "support/SqliteFile.h"
@@ -25,7 +26,7 @@ namespace {
 
 using test::HttpTestServer;
 
-const std::string kSocket = "/mnt/system/pvoctrl/brevanta.octrl";
+const std::string kSocket = test::kCommandSocket;
 const std::string kLoggerSocket = "/mnt/system/brvlogger/brevanta.logger";
 const std::string kOutput = "/tmp/pvocd.out";
 const std::string kDbFile = "/media/sdcard/kestrovanyx/Database/OutputControl/output_control_schedule.db";
@@ -33,62 +34,16 @@ const std::string kInfoFile =
     "/media/sdcard/kestrovanyx/Database/OutputControl/output_control_schedule_update_info.db";
 const std::string kPlant = "00000000000000000000000777";
 
-std::string Word(std::int32_t value) {
-    std::string text(4, '\0');
-    std::memcpy(&text[0], &value, 4);
-    return text;
-}
-
-std::int32_t WordAt(const std::string& data, std::size_t offset) {
-    std::int32_t value = 0;
-    if (data.size() >= offset + 4) std::memcpy(&value, data.data() + offset, 4);
-    return value;
-}
-
-std::string Field(const std::string& text, std::size_t size) {
-    std::string field = text.substr(0, size);
-    field.resize(size, '\0');
-    return field;
-}
-
-std::string Capacity(double value) {
-    std::string bytes(8, '\0');
-    std::memcpy(&bytes[0], &value, 8);
-    return bytes;
-}
-
-double PowerOf(const std::string& answer) {
-    double value = -1;
-    if (answer.size() >= 16) std::memcpy(&value, answer.data() + 8, 8);
-    return value;
-}
+using test::Capacity;
+using test::Field;
+using test::PowerOf;
+using test::Word;
+using test::WordAt;
 
 // Sends one request to the daemon and returns its whole answer (empty when
 // it closed without one).
 std::string Ask(std::int32_t type, const std::string& params = "") {
-    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address;
-    std::memset(&address, 0, sizeof address);
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, kSocket.c_str(), sizeof address.sun_path - 1);
-    if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-        close(fd);
-        ADD_FAILURE() << "cannot connect to the daemon";
-        return std::string();
-    }
-    const std::string request = Word(static_cast<std::int32_t>(8 + params.size())) + Word(type) + params;
-    EXPECT_EQ(static_cast<ssize_t>(request.size()), write(fd, request.data(), request.size()));
-    std::string answer;
-    char buffer[512];
-    for (;;) {
-        pollfd in = {fd, POLLIN, 0};
-        if (poll(&in, 1, 30000) <= 0) break;
-        const ssize_t n = read(fd, buffer, sizeof buffer);
-        if (n <= 0) break;
-        answer.append(buffer, static_cast<std::size_t>(n));
-    }
-    close(fd);
-    return answer;
+    return test::Ask(kSocket, type, params);
 }
 
 // A multipart answer carrying `record` as a payload of `kind`.
@@ -127,20 +82,13 @@ protected:
     }
 
     static void WriteSystemSetting(const std::string& plantId, const std::string& url, bool standAlone) {
-        test::WriteFile(test::SystemSettingPath(),
-                        "<logger><general><outputControlPlantId>" + plantId +
-                            "</outputControlPlantId><outputControlStandAlone>" + (standAlone ? "1" : "0") +
-                            "</outputControlStandAlone><outputScheduleInformationServerUrl>" + url +
-                            "</outputScheduleInformationServerUrl></general></logger>");
+        test::WriteSystemSetting(plantId, url, standAlone);
     }
 
     // Starts the daemon and waits until its command socket serves.
     void StartDaemon() {
         ASSERT_TRUE(daemon_.Start(test::ChildProcess::DaemonCommand(), kOutput));
-        ASSERT_TRUE(test::WaitFor([] {
-            struct stat info;
-            return stat(kSocket.c_str(), &info) == 0 && S_ISSOCK(info.st_mode);
-        }, 10000)) << test::ReadFile(kOutput);
+        ASSERT_TRUE(test::WaitForSocket(kSocket, 10000)) << test::ReadFile(kOutput);
     }
 
     static std::string Count(const std::string& where = "") {
