@@ -110,4 +110,11 @@ void DatabaseManager::CheckSingleStatement(const std::string& sql) {
     }
 }
 
+std::string DatabaseManager::Quoted(const std::string& value) {
+    if (value.find('\'') != std::string::npos) {
+        throw Poco::Data::ExecutionException("quote in a value", value.substr(0, 200));
+    }
+    return "'" + value + "'";
+}
+
 } // namespace brvo

@@ -49,6 +49,12 @@ protected:
     // Throws when `sql` holds anything but one statement.
     void CheckSingleStatement(const std::string& sql);
 
+    // `value` between single quotes, as the statements carry their texts.
+    // Throws a Poco::Data exception when the value holds a quote itself:
+    // that quote would end the text early and make the rest of the value
+    // part of the statement, which may still be one valid statement.
+    static std::string Quoted(const std::string& value);
+
     Poco::Data::Session& GetSession() { return *session_; }
     const std::string& GetTag() const { return tag_; }
     const std::string& GetTable() const { return table_; }
