@@ -47,6 +47,11 @@ std::string Request(std::int32_t type, const std::string& params) {
     return Word(static_cast<std::int32_t>(8 + params.size())) + Word(type) + params;
 }
 
+std::string TargetPowerAnswer(std::int32_t type, double power, const std::string& timeText) {
+    return Word(167) + Word(type) + Capacity(power) + Field(timeText, 15) + Word(0) + Word(0) +
+           std::string(128, '\0');
+}
+
 namespace {
 
 // A connected client socket, or -1.

@@ -27,6 +27,10 @@ double PowerOf(const std::string& answer);
 // A whole request: total length, `type`, then `params`.
 std::string Request(std::int32_t type, const std::string& params = "");
 
+// The answer to a target-power request of `type` (6 or 7) that succeeded
+// with `power` for the slot starting at `timeText` ("%Y%m%d%H%M%S").
+std::string TargetPowerAnswer(std::int32_t type, double power, const std::string& timeText);
+
 // Connects to `socketPath`, writes `request` and reads until the daemon
 // closes the connection. False (with what came so far in `answer`) when
 // the connection or the write failed, or when no byte came for

@@ -88,9 +88,7 @@ protected:
         if (type == 7) slot += kSlotSeconds;
         const int rate = RateOf(static_cast<int>((slot - slot0_) / kSlotSeconds));
         const double power = static_cast<double>(rate) * capacity / 100.0;
-        return test::Word(167) + test::Word(type) + test::Capacity(power) +
-               test::Field(TimeStamp::FromEpochSeconds(slot)->FormatCompact(), 15) + test::Word(0) +
-               test::Word(0) + std::string(128, '\0');
+        return test::TargetPowerAnswer(type, power, TimeStamp::FromEpochSeconds(slot)->FormatCompact());
     }
 
     // Request `index` of a run: five of eight ask for the current target

@@ -48,8 +48,7 @@ std::string Ask(std::int32_t type, const std::string& params = "") {
 
 // A multipart answer carrying `record` as a payload of `kind`.
 std::string ScheduleAnswer(const test::ScheduleRecord& record, int kind) {
-    const std::string payload = test::BytesText(test::BuildSchedulePayload({record}, kind).bytes);
-    return HttpTestServer::Answer(200, test::MultipartContentType("b"), test::BinaryPartBody("b", payload));
+    return test::ScheduleServerAnswer(record, kind);
 }
 
 class ScheduleFlowTest : public ::testing::Test {
