@@ -156,4 +156,11 @@ bool DatabaseManager::ReadChangeCounter(std::uint32_t& counter) {
     return true;
 }
 
+std::string DatabaseManager::Quoted(const std::string& value) {
+    if (value.find('\'') != std::string::npos) {
+        throw Poco::Data::ExecutionException("quote in a value", value.substr(0, 200));
+    }
+    return "'" + value + "'";
+}
+
 } // namespace brvo

@@ -56,6 +56,11 @@ protected:
     // False when there is no session, the header cannot be read, or the
     // file is not in rollback-journal mode (in WAL mode the counter stays).
     bool ReadChangeCounter(std::uint32_t& counter);
+    // `value` between single quotes, as the statements carry their texts.
+    // Throws a Poco::Data exception when the value holds a quote itself:
+    // that quote would end the text early and make the rest of the value
+    // part of the statement, which may still be one valid statement.
+    static std::string Quoted(const std::string& value);
 
     Poco::Data::Session& GetSession() { return *session_; }
     const std::string& GetTag() const { return tag_; }

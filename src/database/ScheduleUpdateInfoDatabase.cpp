@@ -29,8 +29,9 @@ std::string ScheduleUpdateInfoDatabase::CreateTableStatement() const {
     return sql.str();
 }
 
-// The values go in between single quotes as they are: a quote inside one
-// makes the statement fail, and the failure is logged.
+// The values go in between single quotes as they are, without escaping: a
+// value with a quote inside is refused before anything runs, and the
+// failure is logged.
 bool ScheduleUpdateInfoDatabase::InsertUpdateInfo(const ScheduleUpdateInfo& info) {
     Poco::Mutex::ScopedLock lock(mutex_);
     if (!Open()) return false;
@@ -40,8 +41,8 @@ bool ScheduleUpdateInfoDatabase::InsertUpdateInfo(const ScheduleUpdateInfo& info
             << " " << ", " << kColumnLastUpdateTime << " " << ", " << kColumnNextUpdateTime << " " << ", "
             << kColumnFixedScheduleUpdateFlag << " " << ", " << kColumnIsNeedUpdateFixedSchedule << " "
             << " )";
-        sql << " VALUES ( " << " '" << info.plantId << "'" << ",'" << info.lastUpdateTime << "'" << ",'"
-            << info.nextUpdateTime << "'" << ",'" << info.fixedScheduleUpdateFlag << "'" << ",'"
+        sql << " VALUES ( " << " " << Quoted(info.plantId) << "," << Quoted(info.lastUpdateTime) << ","
+            << Quoted(info.nextUpdateTime) << ",'" << info.fixedScheduleUpdateFlag << "'" << ",'"
             << (info.isNeedUpdateFixedSchedule ? 1 : 0) << "'" << " )";
         return Execute(sql.str()) > 0;
     } catch (const Poco::Exception& e) {

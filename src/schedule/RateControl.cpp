@@ -58,13 +58,16 @@ bool DateIsPlausible(const Poco::Timestamp& now) {
 }
 
 // Maps `rate` through the inverter's scale from Value0 (at 0 %) to Value100
-// (at 100 %), rounded in single precision as the inverters expect.
-int ScaleRate(int rate, const DeviceSettingXmlManager::Limit& limit) {
+// (at 100 %), rounded in single precision as the inverters expect. The
+// span and the result are wider than an int: a device file may hold any
+// two ints, and a stored rate above 100 stretches the scale further. With
+// 32-bit inputs the result stays below 2^57, far inside 64 bits.
+std::int64_t ScaleRate(std::int32_t rate, const DeviceSettingXmlManager::Limit& limit) {
     if (limit.value100 == 100 && limit.value0 == 0) return rate;
-    const float scaled = (static_cast<float>(rate) / 100.0f) *
-                             static_cast<float>(limit.value100 - limit.value0) +
+    const std::int64_t span = static_cast<std::int64_t>(limit.value100) - limit.value0;
+    const float scaled = (static_cast<float>(rate) / 100.0f) * static_cast<float>(span) +
                          static_cast<float>(limit.value0);
-    return static_cast<int>(std::roundf(scaled));
+    return static_cast<std::int64_t>(std::roundf(scaled));
 }
 
 } // namespace
@@ -97,7 +100,7 @@ std::shared_ptr<TargetPowerResult> RateControl::GetTargetPower(double capacity, 
     if (slot.time < 0) {
         return Failure(floor, TargetPowerResult::kNoSchedule, "can not get.");
     }
-    const int rate = ScaleRate(slot.controlRate, limit);
+    const std::int64_t rate = ScaleRate(slot.controlRate, limit);
     double target = static_cast<double>(rate) * capacity / 100.0;
     if (floor > target) target = floor;
 

@@ -134,6 +134,42 @@ TEST_F(ScheduleUpdateInfoDatabaseTest, SmuggledSecondStatementNeverRuns) {
     EXPECT_TRUE(test::HasLogLineStarting(LogLines(), "E", kTag, "Insert Update error. ["));
 }
 
+// A value that closes its own quote and stays one statement: without the
+// refusal it would write rows and values of its own choosing.
+TEST_F(ScheduleUpdateInfoDatabaseTest, ValueThatRewritesTheStatementIsRefused) {
+    ASSERT_TRUE(database_->InsertUpdateInfo(Info("A")));
+    const auto stored = Rows();
+    const std::string hostile = "x','2000-01-01 00:00:00','2000-01-01 00:00:00',9,1),('evil','','',0,0) --";
+    EXPECT_FALSE(database_->InsertUpdateInfo(Info(hostile)));
+    EXPECT_EQ(stored, Rows());
+    EXPECT_TRUE(test::HasLogLineStarting(LogLines(), "E", kTag, "Insert Update error. ["));
+}
+
+TEST_F(ScheduleUpdateInfoDatabaseTest, EveryTextValueIsGuarded) {
+    ASSERT_TRUE(database_->InsertUpdateInfo(Info("A")));
+    const auto stored = Rows();
+    ScheduleUpdateInfo last = Info("A");
+    last.lastUpdateTime = "x','y',7,0) --";
+    EXPECT_FALSE(database_->InsertUpdateInfo(last));
+    ScheduleUpdateInfo next = Info("A", "x',9,1) --");
+    EXPECT_FALSE(database_->InsertUpdateInfo(next));
+    ScheduleUpdateInfo dropping = Info("'; DROP TABLE output_control_schedule_update_info; --");
+    EXPECT_FALSE(database_->InsertUpdateInfo(dropping));
+    EXPECT_EQ(stored, Rows());
+    EXPECT_EQ(std::vector<std::vector<std::string>>{{"output_control_schedule_update_info"}},
+              test::QueryFile(kDbFile, "SELECT name FROM sqlite_master WHERE type = 'table'"));
+}
+
+// Semicolons and SQL words without a quote stay inside the value.
+TEST_F(ScheduleUpdateInfoDatabaseTest, SemicolonsWithoutQuotesAreStoredAsText) {
+    const std::string id = "x; DELETE FROM output_control_schedule_update_info; --";
+    ASSERT_TRUE(database_->InsertUpdateInfo(Info(id)));
+    const auto rows = Rows();
+    ASSERT_EQ(1u, rows.size());
+    EXPECT_EQ(id, rows[0][0]);
+    EXPECT_EQ(id, database_->SelectUpdateInfo().plantId);
+}
+
 TEST_F(ScheduleUpdateInfoDatabaseTest, CorruptFileIsReported) {
     test::WriteFile(kDbFile, std::string(4096, 'x'));
     EXPECT_EQ("", database_->SelectUpdateInfo().plantId);

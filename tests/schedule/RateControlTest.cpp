@@ -144,6 +144,37 @@ TEST_F(RateControlTest, NoUpperClampForRatesAboveHundred) {
     EXPECT_DOUBLE_EQ(15.0, Target(10.0, RateControl::kCurrentTargetPower)->GetTargetPower());
 }
 
+TEST_F(RateControlTest, LargestStoredRateWithALargeCapacity) {
+    Store({Row(kSlot, 255)});
+    std::shared_ptr<TargetPowerResult> result = Target(1e300, RateControl::kCurrentTargetPower);
+    ASSERT_TRUE(result->IsSuccess());
+    EXPECT_DOUBLE_EQ(2.55e300, result->GetTargetPower());
+}
+
+// Value100 - Value0 is beyond the range of an int here; the scale still
+// maps 100 % to Value100 (all values are exact in single precision).
+TEST_F(RateControlTest, InverterScaleWiderThanAnInt) {
+    WriteDevice("Value0=\"-1000000000\" Value100=\"2000000000\" ValueMin=\"0\"");
+    Store({Row(kSlot, 100), Row(kSlot + 1800, 0)});
+    std::shared_ptr<TargetPowerResult> current = Target(1.0, RateControl::kCurrentTargetPower);
+    ASSERT_TRUE(current->IsSuccess());
+    EXPECT_DOUBLE_EQ(2e7, current->GetTargetPower());
+    EXPECT_TRUE(test::HasLogLineStarting(LogLines(), "I", kTag, "2022-01-19 03:00:00(UTC) Output Rate [2000000000]"));
+    // 0 % maps to Value0, below the floor of 0.
+    EXPECT_DOUBLE_EQ(0.0, Target(1.0, RateControl::kNextTargetPower)->GetTargetPower());
+}
+
+// A rate above 100 scaled onto a wide inverter scale gives a rate beyond
+// the range of an int: it is used as it is, with no upper clamp.
+TEST_F(RateControlTest, RateAboveHundredScaledBeyondAnInt) {
+    WriteDevice("Value0=\"0\" Value100=\"2000000000\" ValueMin=\"0\"");
+    Store({Row(kSlot, 200)});
+    std::shared_ptr<TargetPowerResult> result = Target(1.0, RateControl::kCurrentTargetPower);
+    ASSERT_TRUE(result->IsSuccess());
+    EXPECT_DOUBLE_EQ(4e7, result->GetTargetPower());
+    EXPECT_TRUE(test::HasLogLineStarting(LogLines(), "I", kTag, "2022-01-19 03:00:00(UTC) Output Rate [4000000000]"));
+}
+
 TEST_F(RateControlTest, NoPlantIdIsCodeElevenWithTheCapacity) {
     WriteSystemSetting("");
     Store({Row(kSlot, 50)});

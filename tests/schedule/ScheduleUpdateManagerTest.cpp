@@ -67,11 +67,6 @@ protected:
         return TimeStamp::FromEpochSeconds(utcSeconds + 9 * 3600)->Format(pattern);
     }
 
-    static std::string ScheduleAnswer(const test::ScheduleRecord& record, int kind) {
-        const std::string payload = test::BytesText(test::BuildSchedulePayload({record}, kind).bytes);
-        return HttpTestServer::Answer(200, test::MultipartContentType("b"), test::BinaryPartBody("b", payload));
-    }
-
     // Writes the system settings and loads them, as the daemon's start-up
     // check does; then creates the manager.
     ScheduleUpdateManager& Manager(const std::string& plantId, const std::string& url, bool standAlone = false) {
@@ -143,7 +138,7 @@ TEST_F(ScheduleUpdateManagerTest, UpdateScheduleFailureReasons) {
     HttpTestServer server({HttpTestServer::Answer(500, "text/plain", "down"),
                            HttpTestServer::Answer(200, test::MultipartContentType("b"), test::TextPartBody("b", "702")),
                            HttpTestServer::Answer(200, test::MultipartContentType("b"), test::BinaryPartBody("b", "\x01")),
-                           ScheduleAnswer([&] { test::ScheduleRecord empty = update_; empty.rates.clear(); return empty; }(),
+                           test::ScheduleServerAnswer([&] { test::ScheduleRecord empty = update_; empty.rates.clear(); return empty; }(),
                                           test::kUpdateSchedule)});
     ScheduleUpdateManager& manager = Manager(kPlant, server.Url("/s"));
     std::shared_ptr<UpdateResult> result = manager.UpdateSchedule();
@@ -167,7 +162,7 @@ TEST_F(ScheduleUpdateManagerTest, UpdateScheduleFailureReasons) {
 }
 
 TEST_F(ScheduleUpdateManagerTest, DataOfAnotherPlantIsNotStored) {
-    HttpTestServer server({ScheduleAnswer(update_, test::kUpdateSchedule)});
+    HttpTestServer server({test::ScheduleServerAnswer(update_, test::kUpdateSchedule)});
     ScheduleUpdateManager& manager = Manager(kPlant, server.Url("/s"));
     ScheduleUpdateInfo stored;
     stored.plantId = "00000000000000000000000999";
@@ -187,7 +182,7 @@ TEST_F(ScheduleUpdateManagerTest, DataOfAnotherPlantIsNotStored) {
 }
 
 TEST_F(ScheduleUpdateManagerTest, PlantIdRemovedFromTheSettingsWipesEverything) {
-    HttpTestServer server({ScheduleAnswer(update_, test::kUpdateSchedule), ScheduleAnswer(fixed_, test::kFixedSchedule)});
+    HttpTestServer server({test::ScheduleServerAnswer(update_, test::kUpdateSchedule), test::ScheduleServerAnswer(fixed_, test::kFixedSchedule)});
     ScheduleUpdateManager& manager = Manager(kPlant, server.Url("/s"));
     bool started = false;
     ASSERT_TRUE(manager.CheckAndUpdateWithSystemSetting(started, true)->IsResult());
@@ -226,8 +221,8 @@ TEST_F(ScheduleUpdateManagerTest, NewPlantStartsFromAFreshRecord) {
 
 TEST_F(ScheduleUpdateManagerTest, UpdateTimerFiresAtTheStoredTime) {
     UseLoggerSettings("<OutputScheduleMonitoringInterval>1</OutputScheduleMonitoringInterval>");
-    HttpTestServer server({HttpTestServer::Answer(503, "text/plain", "busy"), ScheduleAnswer(update_, test::kUpdateSchedule),
-                           ScheduleAnswer(fixed_, test::kFixedSchedule)});
+    HttpTestServer server({HttpTestServer::Answer(503, "text/plain", "busy"), test::ScheduleServerAnswer(update_, test::kUpdateSchedule),
+                           test::ScheduleServerAnswer(fixed_, test::kFixedSchedule)});
     test::WriteFile("/mnt/system/brvlogger/.keep", "");
     test::UnixPeer logger("/mnt/system/brvlogger/brevanta.logger", test::UnixPeer::kReply, std::string(12, '\0'), 8);
     ScheduleUpdateManager& manager = Manager(kPlant, server.Url("/s"));

@@ -106,11 +106,7 @@ protected:
     }
 
     static void WriteSystemSetting(const std::string& plantId, const std::string& url, bool standAlone) {
-        test::WriteFile(test::SystemSettingPath(),
-                        "<logger><general><outputControlPlantId>" + plantId +
-                            "</outputControlPlantId><outputControlStandAlone>" + (standAlone ? "1" : "0") +
-                            "</outputControlStandAlone><outputScheduleInformationServerUrl>" + url +
-                            "</outputScheduleInformationServerUrl></general></logger>");
+        test::WriteSystemSetting(plantId, url, standAlone);
     }
 
     static std::vector<std::string> LogLines() { return test::FlushedLogLines(); }

@@ -6,7 +6,9 @@
 #define BRVO_TESTS_SUPPORT_DAEMONCLIENT_H
 
 #include "support/ChildProcess.h"
+#include "support/CommandClient.h"
 #include "support/SchedulePayload.h"
+#include "support/StoredSchedule.h"
 
 #include <cstdint>
 #include <map>
@@ -16,16 +18,9 @@
 namespace brvo {
 namespace test {
 
-// The daemon's command socket and the logger daemon's socket with the
-// default settings (one copy per unit, so usable in its static objects).
-const std::string kCommandSocket = "/mnt/system/pvoctrl/brevanta.octrl";
+// The logger daemon's socket with the default settings (one copy per unit,
+// so usable in its static objects).
 const std::string kLoggerSocket = "/mnt/system/brvlogger/brevanta.logger";
-
-// The daemon's two tables with the default settings.
-const std::string kScheduleDbFile =
-    "/media/sdcard/kestrovanyx/Database/OutputControl/output_control_schedule.db";
-const std::string kUpdateInfoDbFile =
-    "/media/sdcard/kestrovanyx/Database/OutputControl/output_control_schedule_update_info.db";
 
 // Request types of the command socket.
 const std::int32_t kUpdateScheduleRequest = 2;
@@ -40,17 +35,6 @@ const std::int32_t kFlushLogRequest = 8;
 const std::size_t kUpdateAnswerSize = 144;
 const std::size_t kTargetPowerAnswerSize = 167;
 
-// `value` as four bytes of the native byte order.
-std::string Word(std::int32_t value);
-// The 32-bit word at `offset` of `data`; 0 when `data` is too short.
-std::int32_t WordAt(const std::string& data, std::size_t offset);
-// `text` cut or NUL-padded to `size` bytes.
-std::string Field(const std::string& text, std::size_t size);
-// `value` as the 8 bytes of a double.
-std::string Capacity(double value);
-// The target power of a target-power answer; -1 when it is too short.
-double PowerOf(const std::string& answer);
-
 // Connects to the daemon's command socket and sends one request of `type`
 // with `params`; returns the connection, or -1 (with a test failure) when
 // it cannot connect.
@@ -63,9 +47,6 @@ std::string ReadAnswer(int connection, int silenceMs = 30000);
 // nothing arrived for `silenceMs`. Fails the test when it cannot connect.
 std::string Ask(std::int32_t type, const std::string& params = "", int silenceMs = 30000);
 
-// A multipart answer of the schedule server carrying `record` as a payload
-// of `kind`.
-std::string ScheduleAnswer(const ScheduleRecord& record, int kind);
 // `utcSeconds` in server time (UTC+9) formatted with `pattern`.
 std::string ServerTime(std::int64_t utcSeconds, const std::string& pattern);
 // An update schedule for plant "777" from yesterday 00:00 UTC on: `slots`
@@ -75,15 +56,7 @@ ScheduleRecord CurrentUpdateRecord(int rate, std::size_t slots = 3 * 48);
 // A fixed schedule for the same plant: one day of `rate` percent starting
 // `daysAhead` days after today 00:00 UTC.
 ScheduleRecord FixedRecordAhead(int rate, int daysAhead);
-// Writes SystemSetting.xml with the plant ID, stand-alone flag and schedule
-// server address.
-void WriteSystemSetting(const std::string& plantId, const std::string& url, bool standAlone);
 
-// Every row of the schedule table in `file` (time, controlRate, sent),
-// ordered by time.
-std::vector<std::vector<std::string>> StoredSchedule(const std::string& file = kScheduleDbFile);
-// Every row of the update-information table in `file`, all columns.
-std::vector<std::vector<std::string>> StoredUpdateInfo(const std::string& file = kUpdateInfoDbFile);
 
 // Starts the daemon with its output in `outputPath` and the environment
 // of the test plus `env`, and waits until its command socket accepts

@@ -143,5 +143,10 @@ int ClosedPort() {
     return port;
 }
 
+std::string ScheduleServerAnswer(const ScheduleRecord& record, int kind) {
+    const std::string payload = BytesText(BuildSchedulePayload({record}, kind).bytes);
+    return HttpTestServer::Answer(200, MultipartContentType("b"), BinaryPartBody("b", payload));
+}
+
 } // namespace test
 } // namespace brvo

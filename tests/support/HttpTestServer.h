@@ -5,6 +5,8 @@
 #ifndef BRVO_TESTS_SUPPORT_HTTPTESTSERVER_H
 #define BRVO_TESTS_SUPPORT_HTTPTESTSERVER_H
 
+#include "support/SchedulePayload.h"
+
 #include <Poco/Mutex.h>
 #include <Poco/Net/ServerSocket.h>
 #include <Poco/Runnable.h>
@@ -78,6 +80,10 @@ bool MakeCertificate(const std::string& certificateFile, const std::string& keyF
 
 // A port of 127.0.0.1 on which nothing listens.
 int ClosedPort();
+
+// A complete answer of the schedule server: status 200 and a multipart body
+// carrying the payload of `record` of `kind` as binary content.
+std::string ScheduleServerAnswer(const ScheduleRecord& record, int kind);
 
 } // namespace test
 } // namespace brvo

@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <Poco/File.h>
+#include <Poco/Path.h>
+
 #include <sqlite3.h>
 
 namespace brvo {
@@ -34,6 +37,22 @@ std::vector<std::vector<std::string>> QueryFile(const std::string& path, const s
     sqlite3_free(error);
     sqlite3_close(db);
     return rows;
+}
+
+void CreateDatabase(const std::string& path, const std::string& sql) {
+    Poco::File(Poco::Path(path).parent()).createDirectories();
+    sqlite3* db = nullptr;
+    if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr) != SQLITE_OK) {
+        ADD_FAILURE() << "cannot create " << path;
+        sqlite3_close(db);
+        return;
+    }
+    char* error = nullptr;
+    if (sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &error) != SQLITE_OK) {
+        ADD_FAILURE() << sql << ": " << (error != nullptr ? error : "?");
+    }
+    sqlite3_free(error);
+    sqlite3_close(db);
 }
 
 std::string QueryValue(const std::string& path, const std::string& sql) {

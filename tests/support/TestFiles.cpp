@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
+#include <sys/stat.h>
 
 namespace brvo {
 namespace test {
@@ -75,6 +76,41 @@ void WriteLoggerSetting(const std::string& innerXml) {
     WriteFile(LoggerSettingPath(),
               "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<LoggerSetting>\n" +
                   innerXml + "\n</LoggerSetting>\n");
+}
+
+namespace {
+
+std::string XmlText(const std::string& text) {
+    std::string escaped;
+    for (const char ch : text) {
+        if (ch == '&') {
+            escaped += "&amp;";
+        } else if (ch == '<') {
+            escaped += "&lt;";
+        } else if (ch == '>') {
+            escaped += "&gt;";
+        } else {
+            escaped += ch;
+        }
+    }
+    return escaped;
+}
+
+} // namespace
+
+void WriteSystemSetting(const std::string& plantId, const std::string& url, bool standAlone) {
+    WriteFile(SystemSettingPath(),
+              "<logger><general><outputControlPlantId>" + XmlText(plantId) +
+                  "</outputControlPlantId><outputControlStandAlone>" + (standAlone ? "1" : "0") +
+                  "</outputControlStandAlone><outputScheduleInformationServerUrl>" + XmlText(url) +
+                  "</outputScheduleInformationServerUrl></general></logger>");
+}
+
+bool WaitForSocket(const std::string& path, int timeoutMs) {
+    return WaitFor([&] {
+        struct stat info;
+        return stat(path.c_str(), &info) == 0 && S_ISSOCK(info.st_mode);
+    }, timeoutMs);
 }
 
 std::vector<std::string> FlushedLogLines() {

@@ -29,6 +29,11 @@ void WriteLoggerSetting(const std::string& innerXml);
 std::string LoggerSettingPath();
 // Path of SystemSetting.xml.
 std::string SystemSettingPath();
+// Writes SystemSetting.xml with the output-control plant ID, the stand-alone
+// flag and the schedule server's URL (texts escaped for XML).
+void WriteSystemSetting(const std::string& plantId, const std::string& url, bool standAlone);
+// Waits up to `timeoutMs` for a UNIX socket file at `path`.
+bool WaitForSocket(const std::string& path, int timeoutMs);
 
 // The lines of the log so far: the writer is deleted (which writes out all
 // it holds), the file read and a new writer created.

@@ -29,7 +29,7 @@ using test::Ask;
 using test::Capacity;
 using test::HttpTestServer;
 using test::PowerOf;
-using test::ScheduleAnswer;
+using test::ScheduleServerAnswer;
 using test::Word;
 using test::WordAt;
 
@@ -84,7 +84,7 @@ protected:
 
     std::unique_ptr<HttpTestServer> Server() const {
         return std::unique_ptr<HttpTestServer>(new HttpTestServer(
-            {ScheduleAnswer(update_, test::kUpdateSchedule), ScheduleAnswer(fixed_, test::kFixedSchedule)}));
+            {ScheduleServerAnswer(update_, test::kUpdateSchedule), ScheduleServerAnswer(fixed_, test::kFixedSchedule)}));
     }
 
     static std::string Unsent() {

@@ -29,7 +29,7 @@ using test::Capacity;
 using test::Field;
 using test::HttpTestServer;
 using test::PowerOf;
-using test::ScheduleAnswer;
+using test::ScheduleServerAnswer;
 using test::Word;
 using test::WordAt;
 
@@ -86,7 +86,7 @@ protected:
 };
 
 TEST_F(ScheduleFlowTest, StartUpFetchesBothSchedulesAndTellsTheLoggerDaemon) {
-    HttpTestServer server({ScheduleAnswer(update_, test::kUpdateSchedule), ScheduleAnswer(fixed_, test::kFixedSchedule)});
+    HttpTestServer server({ScheduleServerAnswer(update_, test::kUpdateSchedule), ScheduleServerAnswer(fixed_, test::kFixedSchedule)});
     test::UnixPeer logger(test::kLoggerSocket, test::UnixPeer::kReply, std::string(12, '\0'), 8);
     WriteSystemSetting(kPlant, server.Url("/schedule"), false);
     StartDaemon();
@@ -105,8 +105,8 @@ TEST_F(ScheduleFlowTest, StartUpFetchesBothSchedulesAndTellsTheLoggerDaemon) {
 TEST_F(ScheduleFlowTest, EveryRequestTypeIsAnswered) {
     const std::string notRegistered = HttpTestServer::Answer(
         200, test::MultipartContentType("b"), test::BinaryPartBody("b", std::string(32, '\0') + "\1"));
-    HttpTestServer server({ScheduleAnswer(update_, test::kUpdateSchedule), ScheduleAnswer(fixed_, test::kFixedSchedule),
-                           ScheduleAnswer(update_, test::kUpdateSchedule), ScheduleAnswer(fixed_, test::kFixedSchedule),
+    HttpTestServer server({ScheduleServerAnswer(update_, test::kUpdateSchedule), ScheduleServerAnswer(fixed_, test::kFixedSchedule),
+                           ScheduleServerAnswer(update_, test::kUpdateSchedule), ScheduleServerAnswer(fixed_, test::kFixedSchedule),
                            notRegistered});
     test::UnixPeer logger(test::kLoggerSocket, test::UnixPeer::kReply, std::string(12, '\0'), 8);
     WriteSystemSetting(kPlant, server.Url("/schedule"), false);
@@ -150,7 +150,7 @@ TEST_F(ScheduleFlowTest, EveryRequestTypeIsAnswered) {
 }
 
 TEST_F(ScheduleFlowTest, ChangedPlantIdWipesBothTables) {
-    HttpTestServer server({ScheduleAnswer(update_, test::kUpdateSchedule), ScheduleAnswer(fixed_, test::kFixedSchedule),
+    HttpTestServer server({ScheduleServerAnswer(update_, test::kUpdateSchedule), ScheduleServerAnswer(fixed_, test::kFixedSchedule),
                            HttpTestServer::Answer(500, "text/plain", "down")});
     test::UnixPeer logger(test::kLoggerSocket, test::UnixPeer::kReply, std::string(12, '\0'), 8);
     WriteSystemSetting(kPlant, server.Url("/schedule"), false);
@@ -169,7 +169,7 @@ TEST_F(ScheduleFlowTest, ChangedPlantIdWipesBothTables) {
 }
 
 TEST_F(ScheduleFlowTest, StandAloneFetchesNothing) {
-    HttpTestServer server(ScheduleAnswer(update_, test::kUpdateSchedule));
+    HttpTestServer server(ScheduleServerAnswer(update_, test::kUpdateSchedule));
     WriteSystemSetting(kPlant, server.Url("/schedule"), true);
     StartDaemon();
     ASSERT_TRUE(test::WaitFor([] {
@@ -279,7 +279,7 @@ TEST_F(ScheduleFlowTest, ClientThatHangsUpDoesNotStopTheDaemon) {
         sockaddr_un address;
         std::memset(&address, 0, sizeof address);
         address.sun_family = AF_UNIX;
-        std::strncpy(address.sun_path, test::kCommandSocket.c_str(), sizeof address.sun_path - 1);
+        std::strncpy(address.sun_path, test::kCommandSocket, sizeof address.sun_path - 1);
         ASSERT_EQ(0, connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address));
         const std::string request = Word(8) + Word(8);
         ASSERT_EQ(8, write(fd, request.data(), request.size()));
@@ -292,7 +292,7 @@ TEST_F(ScheduleFlowTest, ClientThatHangsUpDoesNotStopTheDaemon) {
 // Starts the daemon with the clock faked to `now` and returns the fixed
 // schedule time it arms for a plant ending in 7 whose fixed fetch failed.
 std::string FixedTimeAt(test::ChildProcess& daemon, const std::string& now, const test::ScheduleRecord& update) {
-    HttpTestServer server({ScheduleAnswer(update, test::kUpdateSchedule), HttpTestServer::Answer(500, "text/plain", "x")});
+    HttpTestServer server({ScheduleServerAnswer(update, test::kUpdateSchedule), HttpTestServer::Answer(500, "text/plain", "x")});
     test::WriteFile(test::SystemSettingPath(),
                     "<logger><general><outputControlPlantId>" + kPlant +
                         "</outputControlPlantId><outputScheduleInformationServerUrl>" + server.Url("/s") +

@@ -28,7 +28,7 @@ using test::Capacity;
 using test::Field;
 using test::HttpTestServer;
 using test::PowerOf;
-using test::ScheduleAnswer;
+using test::ScheduleServerAnswer;
 using test::Word;
 using test::WordAt;
 
@@ -62,7 +62,7 @@ std::string PayloadText(const test::ScheduleRecord& record) {
 std::string OtherRateAnswer() {
     test::ScheduleRecord record = CoveringRecord();
     record.rates = std::vector<int>(kSlots, 25);
-    return ScheduleAnswer(record, test::kUpdateSchedule);
+    return ScheduleServerAnswer(record, test::kUpdateSchedule);
 }
 
 // `answer` cut after `keep` bytes of its body, whatever its header
@@ -109,8 +109,8 @@ protected:
     // Starts the daemon against a good server and waits until it stored
     // both schedules and forwarded them.
     void StartWithStoredSchedule() {
-        good_.reset(new HttpTestServer({ScheduleAnswer(CoveringRecord(), test::kUpdateSchedule),
-                                        ScheduleAnswer(LaterFixedRecord(), test::kFixedSchedule)}));
+        good_.reset(new HttpTestServer({ScheduleServerAnswer(CoveringRecord(), test::kUpdateSchedule),
+                                        ScheduleServerAnswer(LaterFixedRecord(), test::kFixedSchedule)}));
         test::WriteSystemSetting(kPlant, good_->Url("/schedule"), false);
         ASSERT_TRUE(test::StartDaemon(daemon_, kOutput));
         const std::string all = std::to_string(kSlots + 48);
@@ -118,16 +118,16 @@ protected:
             return test::QueryValue(test::kScheduleDbFile,
                                     "SELECT COUNT(*) FROM output_control_schedule WHERE sent = 1") == all;
         }, static_cast<int>(15000 * test::TimeScale()))) << test::ReadFile(kOutput);
-        schedule_ = test::StoredSchedule();
-        info_ = test::StoredUpdateInfo();
+        schedule_ = test::ScheduleRows();
+        info_ = test::UpdateInfoRows();
         ASSERT_EQ(1u, info_.size());
     }
 
     // The stored schedule and update information are those stored at
     // start.
     void ExpectNothingStored() {
-        EXPECT_EQ(schedule_, test::StoredSchedule());
-        EXPECT_EQ(info_, test::StoredUpdateInfo());
+        EXPECT_EQ(schedule_, test::ScheduleRows());
+        EXPECT_EQ(info_, test::UpdateInfoRows());
     }
 
     // The current target power is the stored slot's, at once.
@@ -140,8 +140,8 @@ protected:
 
     // An update request against the good server succeeds again.
     void ExpectUpdateWorksAgain() {
-        HttpTestServer server({ScheduleAnswer(CoveringRecord(), test::kUpdateSchedule),
-                               ScheduleAnswer(LaterFixedRecord(), test::kFixedSchedule)});
+        HttpTestServer server({ScheduleServerAnswer(CoveringRecord(), test::kUpdateSchedule),
+                               ScheduleServerAnswer(LaterFixedRecord(), test::kFixedSchedule)});
         test::WriteSystemSetting(kPlant, server.Url("/schedule"), false);
         EXPECT_EQ(Word(144) + Word(2) + Word(0) + Word(0) + std::string(128, '\0'),
                   Ask(test::kUpdateScheduleRequest));
@@ -246,7 +246,7 @@ INSTANTIATE_TEST_SUITE_P(
                         test::ScheduleRecord record = CoveringRecord();
                         record.rates = std::vector<int>(kSlots, 0);
                         record.corruptChecksum = true;
-                        return ScheduleAnswer(record, test::kUpdateSchedule);
+                        return ScheduleServerAnswer(record, test::kUpdateSchedule);
                     },
                     3, 200, "Output rate data Checksum error.", false,
                     "Schedule parse failed. [Output rate data Checksum error.]"},
@@ -268,7 +268,7 @@ TEST_F(ScheduleServerFaultTest, HangUpInsideTheRatesStoresNothing) {
     if (HasFatalFailure()) return;
     test::ScheduleRecord record = CoveringRecord();
     record.rates = std::vector<int>(kSlots, 25);
-    const std::string full = ScheduleAnswer(record, test::kUpdateSchedule);
+    const std::string full = ScheduleServerAnswer(record, test::kUpdateSchedule);
     const std::string payload = PayloadText(record);
     const std::size_t payloadAt = full.find(payload);
     ASSERT_NE(std::string::npos, payloadAt);
@@ -330,8 +330,8 @@ TEST_F(ScheduleServerFaultTest, SlowServerIsWaitedForWithoutBlockingOthers) {
     const int slowMs = static_cast<int>(2000 * test::TimeScale());
     test::ScheduleRecord record = CoveringRecord();
     record.rates = std::vector<int>(kSlots, 25);
-    HttpTestServer fixed(ScheduleAnswer(LaterFixedRecord(), test::kFixedSchedule));
-    HttpTestServer slow(ScheduleAnswer(record, test::kUpdateSchedule), slowMs);
+    HttpTestServer fixed(ScheduleServerAnswer(LaterFixedRecord(), test::kFixedSchedule));
+    HttpTestServer slow(ScheduleServerAnswer(record, test::kUpdateSchedule), slowMs);
     test::WriteSystemSetting(kPlant, slow.Url("/schedule"), false);
 
     std::future<std::string> update =

@@ -36,7 +36,7 @@ using test::Capacity;
 using test::Field;
 using test::HttpTestServer;
 using test::PowerOf;
-using test::ScheduleAnswer;
+using test::ScheduleServerAnswer;
 using test::Word;
 using test::WordAt;
 
@@ -120,8 +120,8 @@ protected:
     // schedule; the system settings point at it.
     std::unique_ptr<HttpTestServer> Server(int rate = kRate) {
         std::unique_ptr<HttpTestServer> server(
-            new HttpTestServer({ScheduleAnswer(test::CurrentUpdateRecord(rate, kSlots), test::kUpdateSchedule),
-                                ScheduleAnswer(test::FixedRecordAhead(30, 3), test::kFixedSchedule)}));
+            new HttpTestServer({ScheduleServerAnswer(test::CurrentUpdateRecord(rate, kSlots), test::kUpdateSchedule),
+                                ScheduleServerAnswer(test::FixedRecordAhead(30, 3), test::kFixedSchedule)}));
         test::WriteSystemSetting(kPlant, server->Url("/schedule"), false);
         return server;
     }
@@ -213,8 +213,8 @@ TEST_F(StorageFaultTest, ReadOnlyTablesAreReadButNeverWritten) {
     StartWithStoredSchedule();
     if (HasFatalFailure()) return;
     StopDaemon();
-    const auto schedule = test::StoredSchedule();
-    const auto info = test::StoredUpdateInfo();
+    const auto schedule = test::ScheduleRows();
+    const auto info = test::UpdateInfoRows();
     ASSERT_TRUE(test::MakeReadOnly(kDbDirectory));
     ASSERT_TRUE(test::StartDaemon(daemon_, kOutput));
 
@@ -223,8 +223,8 @@ TEST_F(StorageFaultTest, ReadOnlyTablesAreReadButNeverWritten) {
     ExpectDatabaseUpdateError();
     EXPECT_TRUE(Logged("E", "ScheduleDatabase", "Insert Update Schedule error. ["));
     EXPECT_TRUE(Logged("W", "ScheduleUpdateManager", "Schedule update failed. Database update error."));
-    EXPECT_EQ(schedule, test::StoredSchedule());
-    EXPECT_EQ(info, test::StoredUpdateInfo());
+    EXPECT_EQ(schedule, test::ScheduleRows());
+    EXPECT_EQ(info, test::UpdateInfoRows());
     ExpectCurrentTargetPower();
     EXPECT_TRUE(daemon_.Running());
 }
@@ -332,12 +332,12 @@ TEST_F(StorageFaultTest, KillWhileStoringAYearLeavesOldOrNewRows) {
     const int kFixedRate = 1;
     auto serverFor = [&](int rate) {
         std::unique_ptr<HttpTestServer> server(
-            new HttpTestServer({ScheduleAnswer(test::CurrentUpdateRecord(rate, kYear), test::kUpdateSchedule),
-                                ScheduleAnswer(test::FixedRecordAhead(kFixedRate, 2), test::kFixedSchedule)}));
+            new HttpTestServer({ScheduleServerAnswer(test::CurrentUpdateRecord(rate, kYear), test::kUpdateSchedule),
+                                ScheduleServerAnswer(test::FixedRecordAhead(kFixedRate, 2), test::kFixedSchedule)}));
         test::WriteSystemSetting(kPlant, server->Url("/schedule"), false);
         return server;
     };
-    const std::string journal = test::kScheduleDbFile + "-journal";
+    const std::string journal = std::string(test::kScheduleDbFile) + "-journal";
     const std::string year = std::to_string(kYear);
 
     std::unique_ptr<HttpTestServer> server = serverFor(10);

@@ -1,0 +1,47 @@
+// A client of the daemon's command socket for tests: builds requests in the
+// device's byte order, sends one per connection and reads the whole answer,
+// and takes answers apart again.
+#ifndef BRVO_TESTS_SUPPORT_COMMANDCLIENT_H
+#define BRVO_TESTS_SUPPORT_COMMANDCLIENT_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace brvo {
+namespace test {
+
+// The daemon's command socket with the default settings.
+const char kCommandSocket[] = "/mnt/system/pvoctrl/brevanta.octrl";
+
+// `value` as 4 bytes in native byte order.
+std::string Word(std::int32_t value);
+// The 32-bit word at `offset`, or 0 when `data` is too short.
+std::int32_t WordAt(const std::string& data, std::size_t offset);
+// `text` cut or NUL-padded to `size` bytes.
+std::string Field(const std::string& text, std::size_t size);
+// `value` as the 8 bytes of a double.
+std::string Capacity(double value);
+// The target power of a target-power answer, or -1 when it is too short.
+double PowerOf(const std::string& answer);
+// A whole request: total length, `type`, then `params`.
+std::string Request(std::int32_t type, const std::string& params = "");
+
+// The answer to a target-power request of `type` (6 or 7) that succeeded
+// with `power` for the slot starting at `timeText` ("%Y%m%d%H%M%S").
+std::string TargetPowerAnswer(std::int32_t type, double power, const std::string& timeText);
+
+// Connects to `socketPath`, writes `request` and reads until the daemon
+// closes the connection. False (with what came so far in `answer`) when
+// the connection or the write failed, or when no byte came for
+// `timeoutMs`.
+bool Exchange(const std::string& socketPath, const std::string& request, std::string& answer,
+              int timeoutMs = 30000);
+// Sends one request of `type` and returns the whole answer (empty when the
+// daemon closed without one). Fails the test when it cannot connect.
+std::string Ask(const std::string& socketPath, std::int32_t type, const std::string& params = "");
+
+} // namespace test
+} // namespace brvo
+
+#endif
