@@ -79,7 +79,10 @@ void LogFileOutput::SetBufferedIO(bool buffered) {
 }
 
 void LogFileOutput::SetTimeFormat(const std::string& format) {
-    if (!format.empty()) timeFormat_ = format;
+    if (format.empty()) return;
+    Poco::FastMutex::ScopedLock lock(timeMutex_);
+    timeFormat_ = format;
+    formattedTime_.clear();
 }
 
 void LogFileOutput::SetFilePath(const std::string& path) {
@@ -108,8 +111,30 @@ void LogFileOutput::SetFilePath(const std::string& path) {
     }
 }
 
-std::string LogFileOutput::FormatNow() const {
-    return Poco::DateTimeFormatter::format(Poco::Timestamp(SystemClock::NowMicroseconds()), timeFormat_);
+// Every line carries the time; a format without fractions of a second
+// gives the same text for a whole second, which is formatted only once.
+std::string LogFileOutput::FormatNow() {
+    const std::int64_t micros = SystemClock::NowMicroseconds();
+    const Poco::Timestamp now(micros);
+    const std::int64_t second = micros / 1000000 - (micros % 1000000 < 0 ? 1 : 0);
+    Poco::FastMutex::ScopedLock lock(timeMutex_);
+    if (!WholeSecondsOnly(timeFormat_)) return Poco::DateTimeFormatter::format(now, timeFormat_);
+    if (second != formattedSecond_ || formattedTime_.empty()) {
+        formattedTime_ = Poco::DateTimeFormatter::format(now, timeFormat_);
+        formattedSecond_ = second;
+    }
+    return formattedTime_;
+}
+
+// Whether `format` shows nothing finer than seconds (no %i, %c, %F).
+bool LogFileOutput::WholeSecondsOnly(const std::string& format) {
+    for (std::size_t i = 0; i + 1 < format.size(); ++i) {
+        if (format[i] != '%') continue;
+        const char spec = format[i + 1];
+        if (spec == 'i' || spec == 'c' || spec == 'F') return false;
+        ++i;
+    }
+    return true;
 }
 
 void LogFileOutput::Output(int level, const std::string& mark, const std::string& prefix,

@@ -11,6 +11,7 @@
 #include <Poco/Types.h>
 
 #include <atomic>
+#include <cstdint>
 #include <vector>
 #include <string>
 
@@ -75,13 +76,17 @@ private:
     bool WriteToFile(const std::string& text);
     void RollFiles();
     void ReportFileError();
-    std::string FormatNow() const;
+    std::string FormatNow();
+    static bool WholeSecondsOnly(const std::string& format);
 
     Poco::Mutex mutex_;
     LineBuffer* active_;
     int activeIndex_;
     LineBuffer buffers_[2];
     std::string timeFormat_;
+    Poco::FastMutex timeMutex_;
+    std::int64_t formattedSecond_ = -1;
+    std::string formattedTime_;
     std::string directory_;
     std::string filePath_;
     std::string fileName_;

@@ -75,6 +75,27 @@ TEST_F(LogFileOutputTest, LineFormat) {
     EXPECT_EQ('\n', test::ReadFile(kFile).back());
 }
 
+// The time text is formatted once per second; each line must still carry
+// its own second, and a format with fractions of a second its own fraction.
+TEST_F(LogFileOutputTest, EveryLineCarriesItsOwnTime) {
+    Make(false).SetFilePath(kFile);
+    Log("first");
+    Poco::Thread::sleep(1100);
+    Log("second");
+    output_->SetTimeFormat("%Y-%m-%d %H:%M:%S.%i");
+    Log("third");
+    Poco::Thread::sleep(20);
+    Log("fourth");
+    ASSERT_TRUE(test::WaitFor([] { return FileHas(kFile, "fourth"); }, 5000));
+    const std::vector<std::string> lines = test::ReadLines(kFile);
+    ASSERT_EQ(4u, lines.size());
+    const auto time = [](const std::string& line) { return line.substr(1, line.find(" UTC]") - 1); };
+    EXPECT_EQ(19u, time(lines[0]).size());
+    EXPECT_NE(time(lines[0]), time(lines[1]));
+    EXPECT_EQ(23u, time(lines[2]).size()) << lines[2];
+    EXPECT_NE(time(lines[2]), time(lines[3]));
+}
+
 TEST_F(LogFileOutputTest, EmptyMarkAndPrefixAreLeftOut) {
     Make(false).SetFilePath(kFile);
     output_->Output(2, "", "", "bare");
