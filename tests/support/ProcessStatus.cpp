@@ -48,11 +48,11 @@ int ThreadCount(pid_t pid) {
     return CountEntries("/proc/" + std::to_string(pid) + "/task");
 }
 
-long ResidentKiB(pid_t pid) {
+std::int64_t ResidentKiB(pid_t pid) {
     std::ifstream in("/proc/" + std::to_string(pid) + "/status");
     std::string line;
     while (std::getline(in, line)) {
-        if (line.compare(0, 6, "VmRSS:") == 0) return std::strtol(line.c_str() + 6, nullptr, 10);
+        if (line.compare(0, 6, "VmRSS:") == 0) return std::strtoll(line.c_str() + 6, nullptr, 10);
     }
     return -1;
 }

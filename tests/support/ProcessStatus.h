@@ -4,6 +4,7 @@
 #ifndef BRVO_TESTS_SUPPORT_PROCESSSTATUS_H
 #define BRVO_TESTS_SUPPORT_PROCESSSTATUS_H
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -17,7 +18,7 @@ int OpenDescriptorCount(pid_t pid);
 // Number of entries of /proc/<pid>/task; -1 when it cannot be read.
 int ThreadCount(pid_t pid);
 // VmRSS of /proc/<pid>/status in KiB; -1 when it cannot be read.
-long ResidentKiB(pid_t pid);
+std::int64_t ResidentKiB(pid_t pid);
 // The processes whose parent is `pid`, with their state letter from
 // /proc/<child>/stat ("Z" for a zombie), as "<pid>:<state>:<name>".
 std::vector<std::string> Children(pid_t pid);

@@ -42,7 +42,7 @@ const int kAtOnce = 64;
 // leak that matters shows more: 2,048 requests losing one 4 KiB page each
 // come to 8 MiB, and a leaked answer, statement or parsed settings tree per
 // request grows without bound.
-const long kRssToleranceKiB = 8 * 1024;
+const std::int64_t kRssToleranceKiB = 8 * 1024;
 
 // The rate stored for the slot `k` slots away from the current one.
 int RateOf(int k) {
@@ -77,7 +77,7 @@ protected:
         std::string asan = inherited != nullptr ? std::string(inherited) + ":" : std::string();
         asan += "quarantine_size_mb=1";
         ASSERT_TRUE(daemon_.Start(test::ChildProcess::DaemonCommand(), kOutput, {{"ASAN_OPTIONS", asan}}));
-        ASSERT_TRUE(test::WaitForSocket(test::kCommandSocket, 10000 * static_cast<int>(test::TimeScale())))
+        ASSERT_TRUE(test::WaitForSocket(test::kCommandSocket, 10000))
             << test::ReadFile(kOutput);
     }
 
@@ -151,13 +151,13 @@ protected:
     struct Usage {
         int descriptors;
         int threads;
-        long residentKiB;
+        std::int64_t residentKiB;
     };
 
     // The lowest of five readings 100 ms apart: a descriptor the log writer
     // holds open for a moment does not count.
     Usage Quiet() const {
-        Usage usage = {1 << 30, 1 << 30, 1L << 40};
+        Usage usage = {1 << 30, 1 << 30, std::int64_t(1) << 40};
         for (int i = 0; i < 5; ++i) {
             usage.descriptors = std::min(usage.descriptors, test::OpenDescriptorCount(daemon_.Pid()));
             usage.threads = std::min(usage.threads, test::ThreadCount(daemon_.Pid()));
@@ -196,9 +196,10 @@ TEST_F(LoadTest, ThousandsOfClientsGetTheirOwnAnswersAndLeaveNothingBehind) {
     test::WaitFor([&] {
         after = Quiet();
         return after.descriptors <= before.descriptors && after.threads <= before.threads;
-    }, 5000 * static_cast<int>(test::TimeScale()));
-    std::printf("descriptors %d -> %d, threads %d -> %d, resident %ld -> %ld KiB\n", before.descriptors,
-                after.descriptors, before.threads, after.threads, before.residentKiB, after.residentKiB);
+    }, 5000);
+    std::printf("descriptors %d -> %d, threads %d -> %d, resident %lld -> %lld KiB\n", before.descriptors,
+                after.descriptors, before.threads, after.threads, static_cast<long long>(before.residentKiB),
+                static_cast<long long>(after.residentKiB));
     EXPECT_LE(after.descriptors, before.descriptors);
     EXPECT_LE(after.threads, before.threads);
     EXPECT_LE(after.residentKiB, before.residentKiB + kRssToleranceKiB)

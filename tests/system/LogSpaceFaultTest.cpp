@@ -53,7 +53,7 @@ protected:
 
     static bool LogShows(const std::string& text) {
         return test::WaitFor([&] { return test::ReadFile(test::LogFilePath()).find(text) != std::string::npos; },
-                             static_cast<int>(3000 * test::TimeScale()));
+                             3000);
     }
 
     static std::string MarkerLine(const std::string& path) {

@@ -117,7 +117,7 @@ protected:
         ASSERT_TRUE(test::WaitFor([&] {
             return test::QueryValue(test::kScheduleDbFile,
                                     "SELECT COUNT(*) FROM output_control_schedule WHERE sent = 1") == all;
-        }, static_cast<int>(15000 * test::TimeScale()))) << test::ReadFile(kOutput);
+        }, 15000)) << test::ReadFile(kOutput);
         schedule_ = test::ScheduleRows();
         info_ = test::UpdateInfoRows();
         ASSERT_EQ(1u, info_.size());
@@ -151,7 +151,7 @@ protected:
     static bool LogHasWarning(const std::string& prefix) {
         return test::WaitFor([&] {
             return test::HasLogLineStarting(test::ReadLines(test::LogFilePath()), "W", kTag, prefix);
-        }, static_cast<int>(3000 * test::TimeScale()));
+        }, 3000);
     }
 
     test::ChildProcess daemon_;

@@ -135,7 +135,7 @@ protected:
         ASSERT_TRUE(test::WaitFor([&] {
             return test::FileExists(dbFile) &&
                    test::QueryValue(dbFile, "SELECT COUNT(*) FROM output_control_schedule WHERE sent = 1") == kStored;
-        }, static_cast<int>(15000 * test::TimeScale()))) << test::ReadFile(kOutput);
+        }, 15000)) << test::ReadFile(kOutput);
     }
 
     // The current target power for a capacity of 10 is the stored rate's.
@@ -177,7 +177,7 @@ protected:
                 }
             }
             return test::HasLogLineStarting(lines, mark, tag, prefix);
-        }, static_cast<int>(timeoutMs * test::TimeScale()));
+        }, timeoutMs);
     }
 
     // A clock that starts now and runs 100 times faster: the 60 s time-outs
@@ -345,7 +345,7 @@ TEST_F(StorageFaultTest, KillWhileStoringAYearLeavesOldOrNewRows) {
     ASSERT_TRUE(test::WaitFor([&] {
         return test::QueryValue(test::kScheduleDbFile,
                                 "SELECT COUNT(*) FROM output_control_schedule WHERE sent = 1") == year;
-    }, static_cast<int>(30000 * test::TimeScale()))) << test::ReadFile(kOutput);
+    }, 30000)) << test::ReadFile(kOutput);
     const std::int64_t first =
         std::stoll(test::QueryValue(test::kScheduleDbFile, "SELECT MIN(time) FROM output_control_schedule"));
 
@@ -357,7 +357,7 @@ TEST_F(StorageFaultTest, KillWhileStoringAYearLeavesOldOrNewRows) {
     ASSERT_TRUE(test::WaitFor([&] {
         return test::QueryValue(test::kScheduleDbFile,
                                 "SELECT COUNT(*) FROM output_control_schedule WHERE sent = 1 AND controlRate = 20") == year;
-    }, static_cast<int>(30000 * test::TimeScale())));
+    }, 30000));
     const Poco::Timestamp::TimeDiff requestUs = started.elapsed();
     int stored = 20;
 
