@@ -2,7 +2,10 @@
 // local client writes. It goes into one end of a socket pair whose writing
 // side is then shut down, so the handler's reads see the end of the data
 // instead of waiting; the handler runs on the other end and its answer is
-// read and checked for its fixed layout.
+// read and checked for its fixed layout. What follows the longest request
+// (a fixed-schedule request, 265 bytes) is never read from the socket; it
+// becomes the content of the fixed-schedule file input.hex, so a request
+// naming that file hands in a schedule of the fuzzer's making.
 //
 // The requests reach the schedule update manager, the schedule server, the
 // logger daemon and the databases. The set-up makes every outside exchange
@@ -29,6 +32,9 @@
 #include "util/LoggerLog.h"
 
 #include <Poco/AutoPtr.h>
+#include <Poco/DateTimeFormatter.h>
+#include <Poco/Timespan.h>
+#include <Poco/Timestamp.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -46,14 +52,27 @@ namespace {
 // so the whole input is written before the handler runs.
 const std::size_t kMaxRequestBytes = 65536;
 const std::string kFixedDirectory = "/tmp/pvocd-fuzz";
+const std::string kInputFile = kFixedDirectory + "/input.hex";
+// Header and parameter block of a fixed-schedule request.
+const std::size_t kFixedRequestBytes = brvo::OutSocketWork::kHeaderSize + brvo::OutSocketWork::kFixedScheduleSize;
 
-// Fixed-schedule files that seeds name: a valid one for the configured
-// plant, one of another plant, an update schedule handed in as fixed, one
-// with a wrong checksum and an empty one.
+// Today's start in the server's time (UTC+9), YYYYMMDD0000: a schedule from
+// there is not too old to be kept and has a slot for now and the next one.
+std::string TodayInServerTime() {
+    const Poco::Timestamp serverNow = Poco::Timestamp() + Poco::Timespan(9 * Poco::Timespan::HOURS);
+    return Poco::DateTimeFormatter::format(serverNow, "%Y%m%d") + "0000";
+}
+
+// Fixed-schedule files that seeds name: a valid one of today for the
+// configured plant, one of another plant, an update schedule handed in as
+// fixed, one with a wrong checksum and an empty one.
 void WriteFixedScheduleFiles() {
     using namespace brvo::test;
     ScheduleRecord record;
     record.plantId = FuzzEnvironment::kPlantId;
+    record.start = TodayInServerTime();
+    record.rates.clear();
+    for (int slot = 0; slot < 48; ++slot) record.rates.push_back(slot * 2);
     FuzzEnvironment::WriteFile(kFixedDirectory + "/valid.hex", BuildSchedulePayload({record}, kFixedSchedule).hex);
     FuzzEnvironment::WriteFile(kFixedDirectory + "/update-kind.hex",
                                BuildSchedulePayload({record}, kUpdateSchedule).hex);
@@ -130,6 +149,10 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    FuzzEnvironment::WriteFile(kInputFile, size > kFixedRequestBytes
+                                               ? FuzzEnvironment::Text(data + kFixedRequestBytes,
+                                                                       size - kFixedRequestBytes)
+                                               : std::string());
     int pair[2];
     FuzzEnvironment::Check(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) == 0, "socketpair");
     FuzzEnvironment::Check(WriteAll(pair[0], data, std::min(size, kMaxRequestBytes)), "request written");

@@ -173,6 +173,17 @@ void WriteOutSocketWorkSeeds() {
     Write(target, "fixed-bad-checksum", Request(4, Field("/tmp/pvocd-fuzz/bad-checksum.hex", 256) + Byte(2)));
     Write(target, "fixed-empty", Request(4, Field("/tmp/pvocd-fuzz/empty.hex", 256) + Byte(0)));
     Write(target, "fixed-missing", Request(4, Field("/tmp/pvocd-fuzz/none.hex", 256) + Byte(0)));
+    // What follows a fixed-schedule request is the content of input.hex.
+    ScheduleRecord own = Record();
+    own.start = "202201200900";
+    own.rates = {100, 80, 60, 40, 20, 0};
+    Write(target, "fixed-input-valid", Request(4, Field("/tmp/pvocd-fuzz/input.hex", 256) + Byte(0)) +
+                                           BuildSchedulePayload({own}, kFixedSchedule).hex);
+    ScheduleRecord other = own;
+    other.plantId = "55555555555555555555555555";
+    Write(target, "fixed-input-other-plant-forced",
+          Request(4, Field("/tmp/pvocd-fuzz/input.hex", 256) + Byte(1)) +
+              BuildSchedulePayload({other}, kFixedSchedule).hex);
     Write(target, "change-setting-notify", Request(5));
     Write(target, "current-target-power", Request(6, Capacity(5.5)));
     Write(target, "next-target-power", Request(7, Capacity(49.5)));
