@@ -20,10 +20,12 @@ const std::string kDefaultTimeFormat = "%Y-%m-%d %H:%M:%S";
 const long kTimerIntervalMs = 500;
 
 // Serialises writing of the fall-back file and the clearing of written
-// buffers across every output of the process.
+// buffers across every output of the process. Never destroyed: an output
+// still open when the process exits writes its last lines during static
+// destruction, after a function-local static would already be gone.
 Poco::Mutex& FileMutex() {
-    static Poco::Mutex mutex;
-    return mutex;
+    static Poco::Mutex* mutex = new Poco::Mutex();
+    return *mutex;
 }
 
 void PrintLine(const std::string& text) {

@@ -1,12 +1,15 @@
 #include "util/LogFileOutput.h"
 
+#include "settings/LoggerSettingManager.h"
 #include "support/TestFiles.h"
+#include "util/LoggerLog.h"
 
 #include <gtest/gtest.h>
 
 #include <Poco/File.h>
 #include <Poco/Thread.h>
 
+#include <cstdlib>
 #include <memory>
 #include <regex>
 
@@ -320,6 +323,33 @@ TEST_F(LogFileOutputTest, LinesFromManyThreadsAreAllWritten) {
     for (auto& thread : threads) thread->join();
     output_.reset();
     EXPECT_EQ(800u, test::ReadLines(kFile).size());
+}
+
+// The process-wide output of the log, left open when the process exits, is
+// destroyed by the exit's static destruction and writes out its last lines
+// then, after the file mutex it takes has been used by earlier writes.
+TEST_F(LogFileOutputTest, OutputStillOpenAtExitWritesItsLastLines) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const long long waitMs = 5000 * test::TimeScale();
+    EXPECT_EXIT(
+        {
+            test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>1</OutputScheduleEnableLogBufferedIO>");
+            LoggerSettingManager::CreateInstance();
+            LoggerLog::CreateInstance();
+            // Two written buffers: the first one's clearing has surely
+            // taken the file mutex once the second one is in the file.
+            for (const char* line : {"first write", "second write"}) {
+                LoggerLog::Error("ExitTest", line);
+                LoggerLog::Flush();
+                if (!test::WaitFor([&] { return FileHas(test::LogFilePath(), line); }, static_cast<int>(waitMs))) {
+                    std::_Exit(3);
+                }
+            }
+            LoggerLog::Error("ExitTest", "written at exit");
+            std::exit(0);
+        },
+        ::testing::ExitedWithCode(0), "");
+    EXPECT_TRUE(FileHas(test::LogFilePath(), "written at exit"));
 }
 
 } // namespace

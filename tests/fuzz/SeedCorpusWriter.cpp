@@ -1,0 +1,253 @@
+// Writes the seed corpora of the fuzz targets (corpus/<target>/ in this
+// directory): schedule payloads of both kinds as the schedule server builds
+// them, the multipart answers that carry them, one request of every type
+// on the command socket, and the example settings files. Run it after a
+// change of a format and commit what it wrote:
+//
+//   build/tests/fuzz/pvocd-fuzz-seeds tests/fuzz/corpus
+//
+// Seeds are small on purpose: the fuzzer grows its own corpus from them.
+#include "support/SchedulePayload.h"
+
+#include <Poco/File.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+using namespace brvo::test;
+
+namespace {
+
+std::string g_root;
+
+void Write(const std::string& target, const std::string& name, const std::string& content) {
+    const std::string directory = g_root + "/" + target;
+    Poco::File(directory).createDirectories();
+    std::ofstream out(directory + "/" + name, std::ios::binary | std::ios::trunc);
+    out.write(content.data(), static_cast<std::streamsize>(content.size()));
+    if (!out.good()) {
+        std::fprintf(stderr, "cannot write %s/%s\n", directory.c_str(), name.c_str());
+        std::exit(1);
+    }
+}
+
+std::string Example(const std::string& relative) {
+    std::ifstream in(std::string(PVOCD_SOURCE_DIR) + "/examples/" + relative, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    if (text.str().empty()) {
+        std::fprintf(stderr, "cannot read examples/%s\n", relative.c_str());
+        std::exit(1);
+    }
+    return text.str();
+}
+
+std::string Byte(int value) {
+    return std::string(1, static_cast<char>(static_cast<unsigned char>(value)));
+}
+
+// --- schedule payloads -----------------------------------------------------
+
+ScheduleRecord Record() {
+    ScheduleRecord record;
+    record.plantId = "01234567890123456789012345";
+    return record;
+}
+
+void WriteScheduleModelSeeds() {
+    const std::string target = "ScheduleModelFuzz";
+    const ScheduleRecord record = Record();
+    // First byte: kind in the low three bits (0 fixed, 1 update, 3 the
+    // kind -1); high bit: the rest is payload bytes instead of hex text.
+    Write(target, "fixed-valid", Byte(0) + BuildSchedulePayload({record}, kFixedSchedule).hex);
+    Write(target, "update-valid", Byte(1) + BuildSchedulePayload({record}, kUpdateSchedule).hex);
+    Write(target, "fixed-valid-bytes", Byte(0x80) + BytesText(BuildSchedulePayload({record}, kFixedSchedule).bytes));
+    Write(target, "update-valid-bytes",
+          Byte(0x81) + BytesText(BuildSchedulePayload({record}, kUpdateSchedule).bytes));
+    Write(target, "kind-minus-one", Byte(3) + BuildSchedulePayload({record}, kFixedSchedule).hex);
+
+    ScheduleRecord second = record;
+    second.start = "202201200900";
+    second.rates = {0, 10, 20, 30, 40, 50, 60, 70, 80, 90, 100, 255};
+    second.fixedFlag = 3;
+    Write(target, "update-two-records", Byte(1) + BuildSchedulePayload({record, second}, kUpdateSchedule).hex);
+
+    ScheduleRecord quarter = record;
+    quarter.start = "202201191215";
+    Write(target, "start-minute-15", Byte(0) + BuildSchedulePayload({quarter}, kFixedSchedule).hex);
+
+    ScheduleRecord broken = record;
+    broken.corruptChecksum = true;
+    Write(target, "checksum-wrong", Byte(1) + BuildSchedulePayload({broken}, kUpdateSchedule).hex);
+
+    ScheduleRecord zeroSum = record;
+    zeroSum.rates = std::vector<int>(4, 0);
+    Write(target, "checksum-zero", Byte(0) + BuildSchedulePayload({zeroSum}, kFixedSchedule).hex);
+
+    ScheduleRecord badNext = record;
+    badNext.nextUpdate = "20221399999999";
+    Write(target, "next-update-invalid", Byte(1) + BuildSchedulePayload({badNext}, kUpdateSchedule).hex);
+
+    ScheduleRecord badStart = record;
+    badStart.start = "202213450900";
+    Write(target, "start-invalid", Byte(0) + BuildSchedulePayload({badStart}, kFixedSchedule).hex);
+
+    ScheduleRecord longCount = record;
+    longCount.slotCountOverride = 99999;
+    Write(target, "slot-count-beyond-text", Byte(0) + BuildSchedulePayload({longCount}, kFixedSchedule).hex);
+
+    Write(target, "no-records", Byte(1) + BuildSchedulePayload({}, kUpdateSchedule).hex);
+    Write(target, "count-without-records", Byte(1) + BuildSchedulePayload({}, kUpdateSchedule, 1).hex);
+    Write(target, "too-short", Byte(0) + "00000000000");
+}
+
+// --- schedule server answers -----------------------------------------------
+
+void WriteServerResponseSeeds() {
+    const std::string target = "ServerResponseParserFuzz";
+    // First line: the Content-Type value; the rest: the body.
+    const std::string type = MultipartContentType("pvocsim") + "\n";
+    const ScheduleRecord record = Record();
+    Write(target, "update-schedule",
+          type + BinaryPartBody("pvocsim", BytesText(BuildSchedulePayload({record}, kUpdateSchedule).bytes)));
+    std::string registered(40, '\0');
+    registered[0] = '\1';
+    Write(target, "plant-id-registered", type + BinaryPartBody("pvocsim", registered));
+    Write(target, "plant-id-unknown", type + BinaryPartBody("pvocsim", std::string(32, '\0') + "\x01\x02"));
+    Write(target, "text-message", type + TextPartBody("pvocsim", "Plant ID is not registered"));
+    Write(target, "no-content-length",
+          type + MultipartBody("pvocsim", {"Content-Type: application/octet-stream"}, "\x01\x02"));
+    Write(target, "no-content-type", type + MultipartBody("pvocsim", {"Content-Length: 2"}, "OK"));
+    Write(target, "length-beyond-body",
+          type + MultipartBody("pvocsim", {"Content-Type: application/octet-stream", "Content-Length: 4000"},
+                               "\x01\xab\xff", false));
+    Write(target, "preamble-and-two-parts",
+          type + "preamble\r\n" + TextPartBody("pvocsim", "first") + BinaryPartBody("pvocsim", "\x05"));
+    Write(target, "unquoted-boundary",
+          "multipart/form-data; boundary=pvocsim\n" + BinaryPartBody("pvocsim", "\x01"));
+    Write(target, "closing-delimiter-only", type + "--pvocsim\r\n--pvocsim--\r\n");
+}
+
+// --- command socket requests -----------------------------------------------
+
+std::string Word(std::int32_t value) {
+    std::string text(4, '\0');
+    std::memcpy(&text[0], &value, 4);
+    return text;
+}
+
+std::string Request(std::int32_t type, const std::string& params = "") {
+    return Word(static_cast<std::int32_t>(8 + params.size())) + Word(type) + params;
+}
+
+std::string Field(const std::string& text, std::size_t size) {
+    std::string field = text.substr(0, size);
+    field.resize(size, '\0');
+    return field;
+}
+
+std::string Capacity(double value) {
+    std::string text(8, '\0');
+    std::memcpy(&text[0], &value, 8);
+    return text;
+}
+
+void WriteOutSocketWorkSeeds() {
+    const std::string target = "OutSocketWorkFuzz";
+    // The fixed-schedule files under /tmp/pvocd-fuzz are made by the target.
+    // No https address: every one loads the system's CA store, which takes
+    // the fuzzer's time without reaching more of the daemon's code.
+    Write(target, "update-schedule", Request(2));
+    Write(target, "check-plant-id",
+          Request(3, Field("01234567890123456789012345", 27) + Field("http://127.0.0.1:1/check", 256)));
+    Write(target, "fixed-valid", Request(4, Field("/tmp/pvocd-fuzz/valid.hex", 256) + Byte(0)));
+    Write(target, "fixed-other-plant-forced", Request(4, Field("/tmp/pvocd-fuzz/other-plant.hex", 256) + Byte(1)));
+    Write(target, "fixed-other-plant", Request(4, Field("/tmp/pvocd-fuzz/other-plant.hex", 256) + Byte(0)));
+    Write(target, "fixed-update-kind", Request(4, Field("/tmp/pvocd-fuzz/update-kind.hex", 256) + Byte(0)));
+    Write(target, "fixed-bad-checksum", Request(4, Field("/tmp/pvocd-fuzz/bad-checksum.hex", 256) + Byte(2)));
+    Write(target, "fixed-empty", Request(4, Field("/tmp/pvocd-fuzz/empty.hex", 256) + Byte(0)));
+    Write(target, "fixed-missing", Request(4, Field("/tmp/pvocd-fuzz/none.hex", 256) + Byte(0)));
+    // What follows a fixed-schedule request is the content of input.hex.
+    ScheduleRecord own = Record();
+    own.start = "202201200900";
+    own.rates = {100, 80, 60, 40, 20, 0};
+    Write(target, "fixed-input-valid", Request(4, Field("/tmp/pvocd-fuzz/input.hex", 256) + Byte(0)) +
+                                           BuildSchedulePayload({own}, kFixedSchedule).hex);
+    ScheduleRecord other = own;
+    other.plantId = "55555555555555555555555555";
+    Write(target, "fixed-input-other-plant-forced",
+          Request(4, Field("/tmp/pvocd-fuzz/input.hex", 256) + Byte(1)) +
+              BuildSchedulePayload({other}, kFixedSchedule).hex);
+    Write(target, "change-setting-notify", Request(5));
+    Write(target, "current-target-power", Request(6, Capacity(5.5)));
+    Write(target, "next-target-power", Request(7, Capacity(49.5)));
+    Write(target, "flush-log", Request(8));
+    Write(target, "unknown-type", Request(9));
+    Write(target, "short-header", Word(8) + "\x06");
+}
+
+// --- settings files --------------------------------------------------------
+
+void WriteSettingsSeeds() {
+    const std::string logger = "LoggerSettingFuzz";
+    Write(logger, "example", Example("LoggerSetting.xml"));
+    Write(logger, "odd-values",
+          "<LoggerSetting><WatchdogFileUpdateInterval>15 seconds</WatchdogFileUpdateInterval>"
+          "<OutputScheduleEnableLogBufferedIO></OutputScheduleEnableLogBufferedIO>"
+          "<OutputControlScheduleRetensionCycle>-5</OutputControlScheduleRetensionCycle>"
+          "<OutputControlSocketTimeout>99999999999</OutputControlSocketTimeout>"
+          "<SdcardPath>/media/sdcard/</SdcardPath><LogLevel>abc</LogLevel></LoggerSetting>");
+    Write(logger, "other-root", "<Settings><SdcardPath>/x</SdcardPath></Settings>");
+
+    const std::string system = "SystemSettingFuzz";
+    Write(system, "example", Example("SystemSetting.xml"));
+    Write(system, "odd-values",
+          "<logger planeName=\"p\"><general><cloudCooperation>false</cloudCooperation>"
+          "<outputControlStandAlone>true</outputControlStandAlone>"
+          "<system><communicationErrorRetry>0x10</communicationErrorRetry></system></general>"
+          "<general><system><communicationErrorRetry>65536</communicationErrorRetry></system></general>"
+          "</logger>");
+    Write(system, "default-namespace",
+          "<logger xmlns=\"urn:example:logger\" loggerId=\"L\"><general><outputControlPlantId>7"
+          "</outputControlPlantId></general></logger>");
+    Write(system, "other-root", "<general><outputControlPlantId>7</outputControlPlantId></general>");
+
+    const std::string device = "DeviceSettingFuzz";
+    // First byte even: the rest is the device description; odd: the
+    // system settings.
+    Write(device, "description-example", Byte(0) + Example("DeviceXML/pv_inverter.xml"));
+    Write(device, "system-example", Byte(1) + Example("SystemSetting.xml"));
+    Write(device, "description-two-limits",
+          Byte(0) + "<lggrdev:EchonetLiteDevices><lggrdev:Device><lggrdev:Properties><lggrdev:Property>"
+                    "<lggrdev:Variables><lggrdev:VariableInfo Name=\"Limit\" Value0=\"010\" "
+                    "Value100=\"0x5A\" ValueMin=\"abc\"/><lggrdev:VariableInfo Name=\"Limit\" ValueMin=\"7\"/>"
+                    "</lggrdev:Variables></lggrdev:Property></lggrdev:Properties></lggrdev:Device>"
+                    "</lggrdev:EchonetLiteDevices>");
+    Write(device, "system-two-devices",
+          Byte(1) + "<logger><channelList><channel><addressList>"
+                    "<address><type>Battery</type><deviceSettingFile>battery</deviceSettingFile></address>"
+                    "<address><type>HouseHoldSolarPowerGeneration</type>"
+                    "<deviceSettingFile>pv_inverter</deviceSettingFile></address>"
+                    "</addressList></channel></channelList></logger>");
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 2) {
+        std::fprintf(stderr, "usage: %s CORPUS_DIRECTORY\n", argv[0]);
+        return 2;
+    }
+    g_root = argv[1];
+    WriteScheduleModelSeeds();
+    WriteServerResponseSeeds();
+    WriteOutSocketWorkSeeds();
+    WriteSettingsSeeds();
+    return 0;
+}
