@@ -12,13 +12,11 @@
 #include <Poco/DOM/DOMParser.h>
 #include <Poco/DOM/Document.h>
 #include <Poco/Exception.h>
-#include <Poco/SAX/InputSource.h>
 #include <Poco/SAX/XMLReader.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <limits>
-#include <sstream>
 
 namespace brvo {
 
@@ -148,15 +146,7 @@ DeviceSettingXmlManager::LimitFile DeviceSettingXmlManager::ParseLimitFile(const
     parser.setEncoding("UTF-8");
     parser.setFeature(Poco::XML::XMLReader::FEATURE_NAMESPACES, false);
     parser.setFeature(Poco::XML::XMLReader::FEATURE_NAMESPACE_PREFIXES, false);
-    Poco::AutoPtr<Poco::XML::Document> document;
-    if (text == nullptr) {
-        document = parser.parse(path);
-    } else {
-        std::istringstream stream(*text);
-        Poco::XML::InputSource source(stream);
-        source.setSystemId(path);
-        document = parser.parse(&source);
-    }
+    Poco::AutoPtr<Poco::XML::Document> document = XmlNode::ParseDocument(parser, path, text);
     LimitFile file;
     const Poco::XML::Node* root = document->getNodeByPath(kEchonetLiteDevicesPath);
     if (root == nullptr) return file;

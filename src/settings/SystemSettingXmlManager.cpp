@@ -3,6 +3,7 @@
 #include <atomic>
 
 #include "app/Constants.h"
+#include "settings/XmlNode.h"
 #include "util/FileUtil.h"
 #include "util/LoggerLog.h"
 
@@ -10,9 +11,7 @@
 #include <Poco/DOM/DOMParser.h>
 #include <Poco/DOM/Document.h>
 #include <Poco/Exception.h>
-#include <Poco/SAX/InputSource.h>
 
-#include <sstream>
 
 namespace brvo {
 
@@ -73,15 +72,7 @@ std::shared_ptr<XmlNode> SystemSettingXmlManager::ParseFile() {
 std::shared_ptr<XmlNode> SystemSettingXmlManager::ParseDocument(const std::string& path, const std::string* text) {
     Poco::XML::DOMParser parser;
     parser.setEncoding("UTF-8");
-    Poco::AutoPtr<Poco::XML::Document> document;
-    if (text == nullptr) {
-        document = parser.parse(path);
-    } else {
-        std::istringstream stream(*text);
-        Poco::XML::InputSource source(stream);
-        source.setSystemId(path);
-        document = parser.parse(&source);
-    }
+    Poco::AutoPtr<Poco::XML::Document> document = XmlNode::ParseDocument(parser, path, text);
     Poco::XML::Node* root = document->getNodeByPath(kRootPath);
     if (root == nullptr) throw MissingRoot();
     return std::make_shared<XmlNode>(nullptr, root);

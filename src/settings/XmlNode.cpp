@@ -3,6 +3,7 @@
 #include "util/LoggerLog.h"
 
 #include <Poco/AutoPtr.h>
+#include <Poco/DOM/DOMParser.h>
 #include <Poco/DOM/Document.h>
 #include <Poco/DOM/DOMWriter.h>
 #include <Poco/DOM/Element.h>
@@ -12,10 +13,12 @@
 #include <Poco/DOM/Text.h>
 #include <Poco/Exception.h>
 #include <Poco/FileStream.h>
+#include <Poco/SAX/InputSource.h>
 #include <Poco/StringTokenizer.h>
 #include <Poco/XML/XMLWriter.h>
 
 #include <regex>
+#include <sstream>
 
 namespace brvo {
 
@@ -210,6 +213,15 @@ bool XmlNode::Write(const std::string& path) const {
                                    e.displayText() + "]");
         return false;
     }
+}
+
+Poco::AutoPtr<Poco::XML::Document> XmlNode::ParseDocument(Poco::XML::DOMParser& parser, const std::string& path,
+                                                         const std::string* text) {
+    if (text == nullptr) return parser.parse(path);
+    std::istringstream stream(*text);
+    Poco::XML::InputSource source(stream);
+    source.setSystemId(path);
+    return parser.parse(&source);
 }
 
 } // namespace brvo

@@ -8,7 +8,10 @@
 #include <unordered_map>
 #include <vector>
 
-namespace Poco { namespace XML { class Node; class Element; class Document; } }
+namespace Poco {
+template <class C> class AutoPtr;
+namespace XML { class Node; class Element; class Document; class DOMParser; }
+}
 
 namespace brvo {
 
@@ -46,6 +49,12 @@ public:
     // Every node that `path` reaches below this node, in document order.
     // Never null; empty when nothing matches.
     std::shared_ptr<NodeList> FindNodes(const std::string& path) const;
+
+    // Parses `text`, the content of the file `path`, with `parser`, reporting
+    // errors as parsing the file would; parses the file itself when `text`
+    // is null. Throws what the parser throws.
+    static Poco::AutoPtr<Poco::XML::Document> ParseDocument(Poco::XML::DOMParser& parser, const std::string& path,
+                                                            const std::string* text);
 
     // The subtree as the class's fixed XML-like text form.
     std::string ToString() const;
