@@ -41,8 +41,15 @@ const int kAtOnce = 64;
 // sanitizer builds (the address sanitizer's quarantine made small below). A
 // leak that matters shows more: 2,048 requests losing one 4 KiB page each
 // come to 8 MiB, and a leaked answer, statement or parsed settings tree per
-// request grows without bound.
+// request grows without bound. Under ThreadSanitizer the runtime's own
+// shadow and history memory, which is not the daemon's, grows with the
+// number of threads and accesses (about 10 MiB over this load), so the
+// bound there is wider; the native and address-sanitizer runs keep 8 MiB.
+#if defined(__SANITIZE_THREAD__)
+const std::int64_t kRssToleranceKiB = 24 * 1024;
+#else
 const std::int64_t kRssToleranceKiB = 8 * 1024;
+#endif
 
 // The rate stored for the slot `k` slots away from the current one.
 int RateOf(int k) {
