@@ -52,6 +52,10 @@ std::map<std::string, std::string> ChildProcess::FakeTimeEnv(const std::string& 
 #ifdef PVOCD_CLOCK64_PRELOAD
     path += std::string(":") + PVOCD_CLOCK64_PRELOAD;
 #endif
+#ifdef PVOCD_TSAN_CONDWAIT_PRELOAD
+    // In front of libfaketime, so that ThreadSanitizer sees its timed waits.
+    path = std::string(PVOCD_TSAN_CONDWAIT_PRELOAD) + ":" + path;
+#endif
     // A sanitizer build checks that its runtime is loaded first; the
     // preloaded clock library comes first on purpose.
     return {{"LD_PRELOAD", path},
