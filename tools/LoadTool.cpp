@@ -3,8 +3,13 @@
 // the p50, p99 and max latency. In the same run it measures the floor: a
 // minimal server inside this tool that accepts, reads 16 bytes, answers 167
 // bytes and closes, driven the same way; it prints both and their ratio.
+// Given the daemon's process ID, it also prints the daemon's start-up time
+// (exec to the command socket accepting), its resident memory after start
+// and after the requests, and its CPU use while idle.
 #include <Poco/Thread.h>
 #include <Poco/Timestamp.h>
+
+#include <sys/time.h>
 
 #include <algorithm>
 #include <atomic>
@@ -12,7 +17,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <iostream>
+#include <iterator>
 #include <memory>
 #include <poll.h>
 #include <string>
@@ -40,8 +47,9 @@ bool Address(const std::string& path, sockaddr_un& address) {
     return true;
 }
 
-// One CurrentTargetPower exchange; false when no full answer came.
-bool Ask(const sockaddr_un& address) {
+// One CurrentTargetPower exchange; false when no full answer came. The
+// answer's result code goes to `code` when given.
+bool Ask(const sockaddr_un& address, std::int32_t* code = nullptr) {
     const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
     if (fd < 0) return false;
     if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
@@ -58,12 +66,13 @@ bool Ask(const sockaddr_un& address) {
     bool ok = send(fd, request, sizeof request, MSG_NOSIGNAL) == static_cast<ssize_t>(sizeof request);
     std::size_t got = 0;
     char answer[256];
-    while (ok) {
-        const ssize_t n = read(fd, answer, sizeof answer);
+    while (ok && got < sizeof answer) {
+        const ssize_t n = read(fd, answer + got, sizeof answer - got);
         if (n <= 0) break;
         got += static_cast<std::size_t>(n);
     }
     close(fd);
+    if (code != nullptr && got == 167) std::memcpy(code, answer + 31, sizeof *code);
     return ok && got == 167;
 }
 
@@ -146,6 +155,87 @@ private:
     std::vector<std::thread> workers_;
 };
 
+// Whether a connection to `path` is accepted.
+bool Accepting(const std::string& path) {
+    sockaddr_un address;
+    if (!Address(path, address)) return false;
+    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    if (fd < 0) return false;
+    const bool accepted = connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+    close(fd);
+    return accepted;
+}
+
+// Waits up to 30 s until `path` answers with a target power (result code
+// 0), so that the measured requests take the full path.
+bool WaitForSchedule(const std::string& path) {
+    sockaddr_un address;
+    if (!Address(path, address)) return false;
+    for (int i = 0; i < 300; ++i) {
+        std::int32_t code = -1;
+        if (Ask(address, &code) && code == 0) return true;
+        usleep(100000);
+    }
+    return false;
+}
+
+// Wall-clock seconds since the epoch, as the shell's EPOCHREALTIME.
+double EpochSeconds() {
+    timeval now;
+    gettimeofday(&now, nullptr);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_usec) / 1e6;
+}
+
+// Polls `path` every 0.2 ms for up to 30 s; the seconds from `since` (an
+// EpochSeconds value) to the first accepted connection, or -1.
+double WaitAccepting(const std::string& path, double since) {
+    for (int i = 0; i < 150000; ++i) {
+        if (Accepting(path)) return EpochSeconds() - since;
+        usleep(200);
+    }
+    return -1;
+}
+
+// The resident memory of process `pid` in KiB, or -1.
+long long ResidentKiB(int pid) {
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    std::string line;
+    while (std::getline(status, line)) {
+        if (line.compare(0, 6, "VmRSS:") == 0) return std::atoll(line.c_str() + 6);
+    }
+    return -1;
+}
+
+// User plus system CPU time of process `pid` in clock ticks, or -1.
+long long CpuTicks(int pid) {
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+    const std::size_t end = text.rfind(')');
+    if (end == std::string::npos) return -1;
+    // After the command name: state is field 3; utime and stime are 14, 15.
+    std::vector<std::string> fields;
+    std::size_t at = end + 2;
+    while (at < text.size() && fields.size() < 13) {
+        const std::size_t space = text.find(' ', at);
+        fields.push_back(text.substr(at, space - at));
+        if (space == std::string::npos) break;
+        at = space + 1;
+    }
+    if (fields.size() < 13) return -1;
+    return std::atoll(fields[11].c_str()) + std::atoll(fields[12].c_str());
+}
+
+// CPU use of process `pid` over `seconds`, in percent of one core.
+double IdleCpuPercent(int pid, int seconds) {
+    const long long before = CpuTicks(pid);
+    const Poco::Timestamp started;
+    sleep(static_cast<unsigned>(seconds));
+    const long long after = CpuTicks(pid);
+    const double elapsed = static_cast<double>(started.elapsed()) / 1e6;
+    if (before < 0 || after < 0 || elapsed <= 0) return -1;
+    return 100.0 * static_cast<double>(after - before) / static_cast<double>(sysconf(_SC_CLK_TCK)) / elapsed;
+}
+
 void Print(const char* name, int clients, const Result& r) {
     std::printf("%-6s %2d clients: %9.0f req/s  p50 %7.3f ms  p99 %7.3f ms  max %7.3f ms%s\n", name, clients,
                 r.perSecond, r.p50, r.p99, r.max, r.failures > 0 ? "  (failures!)" : "");
@@ -156,18 +246,47 @@ void Print(const char* name, int clients, const Result& r) {
 int main(int argc, char** argv) {
     std::string socketPath = "/mnt/system/pvoctrl/brevanta.octrl";
     int count = 2000;
+    int pid = 0;
+    int idleSeconds = 60;
+    double readySince = 0;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         if (arg == "--socket" && i + 1 < argc) {
             socketPath = argv[++i];
         } else if (arg == "--count" && i + 1 < argc) {
             count = std::max(1, std::atoi(argv[++i]));
+        } else if (arg == "--pid" && i + 1 < argc) {
+            pid = std::atoi(argv[++i]);
+        } else if (arg == "--idle" && i + 1 < argc) {
+            idleSeconds = std::max(0, std::atoi(argv[++i]));
+        } else if (arg == "--started-at" && i + 1 < argc) {
+            readySince = std::atof(argv[++i]);
         } else {
-            std::cerr << "usage: pvoc-load [--socket PATH] [--count N]\n"
+            std::cerr << "usage: pvoc-load [--socket PATH] [--count N] [--pid PID [--started-at T] [--idle S]]\n"
                          "Sends N CurrentTargetPower requests from 1, 4 and 16 clients to pvocd and to\n"
-                         "a minimal floor server, and prints both and their ratio.\n";
+                         "a minimal floor server, and prints both and their ratio. With the daemon's\n"
+                         "PID it also prints its start-up time (from T, the EPOCHREALTIME of its exec,\n"
+                         "to the socket accepting), its resident memory after start and after the\n"
+                         "requests, and its CPU use over S idle seconds (default 60; 0 skips it).\n";
             return 2;
         }
+    }
+    if (readySince > 0) {
+        const double startup = WaitAccepting(socketPath, readySince);
+        if (startup < 0) {
+            std::cerr << "pvoc-load: " << socketPath << " never accepted" << std::endl;
+            return 1;
+        }
+        std::printf("start-up: %.1f ms from exec to the command socket accepting\n", startup * 1000.0);
+    }
+    if (pid > 0) std::printf("resident memory after start: %lld KiB\n", ResidentKiB(pid));
+    if (pid > 0 && idleSeconds > 0) {
+        std::printf("idle CPU over %d s: %.3f %% of one core\n", idleSeconds, IdleCpuPercent(pid, idleSeconds));
+    }
+    std::fflush(stdout);
+    if (!WaitForSchedule(socketPath)) {
+        std::cerr << "pvoc-load: " << socketPath << " gives no target power" << std::endl;
+        return 1;
     }
     FloorServer floor("/tmp/pvoc-load-floor.sock");
     int failures = 0;
@@ -180,6 +299,9 @@ int main(int argc, char** argv) {
                     clients, minimal.p50 > 0 ? daemon.p50 / minimal.p50 : 0.0,
                     minimal.perSecond > 0 ? daemon.perSecond / minimal.perSecond : 0.0);
         failures += daemon.failures;
+    }
+    if (pid > 0) {
+        std::printf("resident memory after %d requests: %lld KiB\n", 3 * count, ResidentKiB(pid));
     }
     return failures == 0 ? 0 : 1;
 }
