@@ -67,8 +67,12 @@ DeviceSettingXmlManager::DeviceSettingXmlManager(SystemSettingXmlManager& system
 DeviceSettingXmlManager::~DeviceSettingXmlManager() {}
 
 std::string DeviceSettingXmlManager::GetDeviceSettingFile(const std::string& deviceType) {
-    systemSettings_.Load();
-    std::shared_ptr<XmlNode> tree = systemSettings_.LoadSystemSettingXmlNode();
+    // The settings are loaded and their raw tree taken. A successful load
+    // already holds the tree of the file's bytes, which a second parse of
+    // the same bytes would give again; only a failed load reads again, so
+    // that the failure is reported as the raw read reports it.
+    std::shared_ptr<XmlNode> tree = systemSettings_.LoadAndGetTree();
+    if (!tree) tree = systemSettings_.LoadSystemSettingXmlNode();
     if (!tree) return std::string();
     {
         Poco::FastMutex::ScopedLock lock(cacheMutex_);

@@ -79,11 +79,15 @@ std::shared_ptr<XmlNode> SystemSettingXmlManager::ParseDocument(const std::strin
 }
 
 bool SystemSettingXmlManager::Load() {
+    return LoadAndGetTree() != nullptr;
+}
+
+std::shared_ptr<XmlNode> SystemSettingXmlManager::LoadAndGetTree() {
     try {
         std::shared_ptr<XmlNode> tree = ParseFile();
         Poco::FastMutex::ScopedLock lock(mutex_);
         Fill(tree);
-        return true;
+        return tree;
     } catch (const MissingRoot&) {
         LoggerLog::Error(kTag, "SystemSettingXml Load error(logger tag not found.) ");
     } catch (const Poco::Exception& e) {
@@ -91,7 +95,7 @@ bool SystemSettingXmlManager::Load() {
     } catch (const std::exception&) {
         LoggerLog::Error(kTag, "SystemSettingXml Load error(Load from file) exception");
     }
-    return false;
+    return nullptr;
 }
 
 bool SystemSettingXmlManager::Load(const std::shared_ptr<XmlNode>& tree) {

@@ -32,6 +32,10 @@ public:
     // (with a log line) when the file cannot be parsed or has no logger
     // root; the previous values then stay.
     bool Load();
+    // Load(), returning the tree the values were filled from: the tree
+    // LoadSystemSettingXmlNode would give for the same file. Null (with
+    // Load's log line) when Load fails.
+    std::shared_ptr<XmlNode> LoadAndGetTree();
     // Replaces the records from an already built tree of such a file.
     // False when `tree` is null or reading it fails.
     bool Load(const std::shared_ptr<XmlNode>& tree);

@@ -27,10 +27,15 @@ std::atomic<LoggerLog*> instance(nullptr);
 // a deleted writer.
 std::shared_ptr<LogFileOutput> output;
 
-std::string ThreadText() {
-    std::ostringstream text;
-    text << std::this_thread::get_id();
-    return text.str();
+// The calling thread's ID as the log shows it; formatted once per thread,
+// since every log line carries it.
+const std::string& ThreadText() {
+    thread_local const std::string text = [] {
+        std::ostringstream stream;
+        stream << std::this_thread::get_id();
+        return stream.str();
+    }();
+    return text;
 }
 
 } // namespace

@@ -300,6 +300,24 @@ TEST_F(SystemSettingXmlManagerTest, RawTreeLeavesTheLoadedValuesAlone) {
     EXPECT_FALSE(manager_.Load(std::shared_ptr<XmlNode>()));
 }
 
+// A load that returns its tree gives the values and the raw tree of the
+// same bytes; a failed one gives no tree, keeps the values and reports as
+// Load does.
+TEST_F(SystemSettingXmlManagerTest, LoadAndGetTreeGivesTheTreeTheValuesCameFrom) {
+    WriteSystemSetting("loggerId=\"L2\"", "<outputControlPlantId>P3</outputControlPlantId>");
+    std::shared_ptr<XmlNode> tree = manager_.LoadAndGetTree();
+    ASSERT_NE(nullptr, tree);
+    EXPECT_EQ("P3", manager_.GetOutputControlPlantId());
+    EXPECT_EQ("P3", tree->FindNode("general/outputControlPlantId")->GetValue());
+    EXPECT_EQ("L2", XmlNode::GetAttribute(tree.get(), "loggerId"));
+
+    test::WriteFile(test::SystemSettingPath(), "<logger><general>");
+    EXPECT_EQ(nullptr, manager_.LoadAndGetTree());
+    EXPECT_EQ("P3", manager_.GetOutputControlPlantId());
+    EXPECT_NE(std::string::npos,
+              FlushedLog().find("] SystemSettingXmlManager SystemSettingXml Load error(Load from file) ["));
+}
+
 TEST_F(SystemSettingXmlManagerTest, RawTreeOfBrokenFileIsNullWithMessage) {
     test::WriteFile(test::SystemSettingPath(), "not xml");
     EXPECT_EQ(nullptr, manager_.LoadSystemSettingXmlNode());
