@@ -118,19 +118,26 @@ Result Drive(const std::string& path, int clients, int count) {
     return result;
 }
 
+// A listening socket of type SOCK_STREAM | `flags` at `path` (replacing a
+// stale file there); a message on standard error when it cannot listen.
+int Listen(const std::string& path, int flags) {
+    sockaddr_un address;
+    Address(path, address);
+    unlink(path.c_str());
+    const int fd = socket(AF_UNIX, SOCK_STREAM | flags, 0);
+    if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || listen(fd, 100) != 0) {
+        std::cerr << "pvoc-load: cannot listen on " << path << std::endl;
+    }
+    return fd;
+}
+
 // The floor: the least a server must do for this exchange.
 class FloorServer {
 public:
     explicit FloorServer(const std::string& path) : path_(path), stop_(false) {
-        sockaddr_un address;
-        Address(path, address);
-        unlink(path.c_str());
         // Non-blocking: when two workers wake for one connection, the one
         // that loses the race must not block in accept for ever.
-        fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
-        if (bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || listen(fd_, 100) != 0) {
-            std::cerr << "pvoc-load: floor server cannot listen on " << path << std::endl;
-        }
+        fd_ = Listen(path, SOCK_NONBLOCK);
         for (int i = 0; i < 3; ++i) workers_.emplace_back([this] { Serve(); });
     }
 
@@ -170,13 +177,7 @@ private:
 class HandOffServer {
 public:
     explicit HandOffServer(const std::string& path) : path_(path), stop_(false) {
-        sockaddr_un address;
-        Address(path, address);
-        unlink(path.c_str());
-        fd_ = socket(AF_UNIX, SOCK_STREAM, 0);
-        if (bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || listen(fd_, 100) != 0) {
-            std::cerr << "pvoc-load: hand-off server cannot listen on " << path << std::endl;
-        }
+        fd_ = Listen(path, 0);
         threads_.emplace_back([this] { Accept(); });
         for (int i = 0; i < 3; ++i) threads_.emplace_back([this] { Work(); });
     }
