@@ -43,6 +43,8 @@ std::vector<std::string> FlushedLogLines();
 long long TimeScale();
 // The daemon's log file with the default settings.
 std::string LogFilePath();
+// Where the system tests put a started daemon's standard output and error.
+const std::string kDaemonOutput = "/tmp/pvocd.out";
 // Whether one of `lines` is a log line of level `mark` (for example "E")
 // whose text after the thread id is exactly `tag` + " " + `message`.
 bool HasLogLine(const std::vector<std::string>& lines, const std::string& mark,

@@ -18,12 +18,11 @@ namespace {
 
 const std::string kLogDir = "/media/sdcard/kestrovanyx/Log/OutputScheduleLog";
 const std::string kLogFile = kLogDir + "/OutputSchedule_pvocd.log";
-const std::string kOutput = "/tmp/pvocd.out";
 
 class DaemonLifecycleTest : public ::testing::Test {
 protected:
     bool StartDaemon(const std::map<std::string, std::string>& env = {}) {
-        return daemon_.Start(test::ChildProcess::DaemonCommand(), kOutput, env);
+        return daemon_.Start(test::ChildProcess::DaemonCommand(), test::kDaemonOutput, env);
     }
 
     static bool LogHas(const std::string& path, const std::string& text) {
@@ -52,7 +51,7 @@ protected:
 TEST_F(DaemonLifecycleTest, StartsWithoutSettingsAndStopsOnSigterm) {
     ASSERT_FALSE(test::FileExists(test::LoggerSettingPath()));
     ASSERT_TRUE(StartDaemon());
-    ASSERT_TRUE(WaitForStart()) << test::ReadFile(kOutput);
+    ASSERT_TRUE(WaitForStart()) << test::ReadFile(test::kDaemonOutput);
     StopWith(SIGTERM);
 
     const std::vector<std::string> lines = test::ReadLines(kLogFile);
@@ -66,7 +65,7 @@ TEST_F(DaemonLifecycleTest, StartsWithoutSettingsAndStopsOnSigterm) {
               text.find("LoggerSettingManager [GetLogDirectory] = [" + kLogDir + "]\n"));
     EXPECT_NE(std::string::npos, text.find("] [I] ["));
     // Every line is echoed to standard output behind the file name.
-    EXPECT_TRUE(LogHas(kOutput, "OutputSchedule_pvocd.log [")) << test::ReadFile(kOutput);
+    EXPECT_TRUE(LogHas(test::kDaemonOutput, "OutputSchedule_pvocd.log [")) << test::ReadFile(test::kDaemonOutput);
 }
 
 TEST_F(DaemonLifecycleTest, StopsOnSigusr1) {
@@ -95,7 +94,7 @@ TEST_F(DaemonLifecycleTest, CustomLoggerSettingsAreUsedAndDumped) {
         "<OutputControlSocketTimeout>abc</OutputControlSocketTimeout>");
     const std::string log = "/media/sdcard/card/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd.log";
     ASSERT_TRUE(StartDaemon());
-    ASSERT_TRUE(WaitForStart(log)) << test::ReadFile(kOutput);
+    ASSERT_TRUE(WaitForStart(log)) << test::ReadFile(test::kDaemonOutput);
     StopWith(SIGTERM, log);
     const std::string text = test::ReadFile(log);
     for (const std::string& expected : {
@@ -117,7 +116,7 @@ TEST_F(DaemonLifecycleTest, LogLevelHidesLowerLines) {
     ASSERT_TRUE(WaitForStart());
     StopWith(SIGTERM);
     EXPECT_FALSE(LogHas(kLogFile, "] [D] ["));
-    EXPECT_FALSE(LogHas(kOutput, "] [D] ["));
+    EXPECT_FALSE(LogHas(test::kDaemonOutput, "] [D] ["));
 }
 
 TEST_F(DaemonLifecycleTest, UnbufferedLogReachesFileWithinATick) {
@@ -147,7 +146,7 @@ TEST_F(DaemonLifecycleTest, LogRollsIntoNumberedFilesWithoutLosingLines) {
         "<OutputScheduleLogMaxFileSize>400b</OutputScheduleLogMaxFileSize>"
         "<OutputScheduleLogMaxRollIndex>30</OutputScheduleLogMaxRollIndex>");
     test::ChildProcess daemon;
-    ASSERT_TRUE(daemon.Start(test::ChildProcess::DaemonCommand(), kOutput));
+    ASSERT_TRUE(daemon.Start(test::ChildProcess::DaemonCommand(), test::kDaemonOutput));
     ASSERT_TRUE(test::WaitFor([] { return test::FileExists(kLogFile + ".2"); }, 10000));
     ASSERT_TRUE(daemon.Signal(SIGTERM));
     ASSERT_TRUE(daemon.WaitExit(5000));
@@ -163,7 +162,7 @@ TEST_F(DaemonLifecycleTest, LogRollsIntoNumberedFilesWithoutLosingLines) {
     for (const std::string& line : test::ReadLines(kLogFile)) written.push_back(line);
     const std::string prefix = "OutputSchedule_pvocd.log ";
     std::vector<std::string> echoed;
-    for (const std::string& line : test::ReadLines(kOutput)) {
+    for (const std::string& line : test::ReadLines(test::kDaemonOutput)) {
         if (line.compare(0, prefix.size(), prefix) == 0) echoed.push_back(line.substr(prefix.size()));
     }
     ASSERT_GT(echoed.size(), 10u);
@@ -181,7 +180,7 @@ TEST_F(DaemonLifecycleTest, UnwritableLogDirectoryIsNotedOnce) {
     test::WriteLoggerSetting("<SdcardPath>/media/sdcard/full</SdcardPath>"
                              "<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>");
     ASSERT_TRUE(StartDaemon());
-    ASSERT_TRUE(test::WaitFor([] { return LogHas(kOutput, "Start AppVer:"); }, 10000));
+    ASSERT_TRUE(test::WaitFor([] { return LogHas(test::kDaemonOutput, "Start AppVer:"); }, 10000));
     ASSERT_TRUE(daemon_.Signal(SIGTERM));
     ASSERT_TRUE(daemon_.WaitExit(5000));
     EXPECT_EQ(0, daemon_.ExitCode());
@@ -192,7 +191,7 @@ TEST_F(DaemonLifecycleTest, UnwritableLogDirectoryIsNotedOnce) {
         std::regex(R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d UTC\] /media/sdcard/full/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd\.log)")))
         << entries[0];
     // The lines still reach standard output.
-    EXPECT_TRUE(LogHas(kOutput, "Kill complete."));
+    EXPECT_TRUE(LogHas(test::kDaemonOutput, "Kill complete."));
 }
 
 // What the daemon creates gets the same modes whatever mask it was started
@@ -207,7 +206,7 @@ TEST_F(DaemonLifecycleTest, CreatedFilesGetDeliberateModes) {
     ASSERT_TRUE(test::WaitFor([&] {
         return test::FileExists(socket) && test::FileExists(database + "/output_control_schedule.db") &&
                test::FileExists("/mnt/system/check/brvo");
-    }, 10000)) << test::ReadFile(kOutput);
+    }, 10000)) << test::ReadFile(test::kDaemonOutput);
     ASSERT_TRUE(WaitForStart());
     StopWith(SIGTERM);
     const auto mode = [](const std::string& path) {
@@ -231,7 +230,7 @@ TEST_F(DaemonLifecycleTest, LogTimesAreUtcOfTheClockAfter2038) {
     std::map<std::string, std::string> env = test::ChildProcess::FakeTimeEnv("@2040-03-01 08:59:50");
     env["TZ"] = "Asia/Tokyo";
     ASSERT_TRUE(StartDaemon(env));
-    ASSERT_TRUE(WaitForStart()) << test::ReadFile(kOutput);
+    ASSERT_TRUE(WaitForStart()) << test::ReadFile(test::kDaemonOutput);
     StopWith(SIGTERM);
     EXPECT_TRUE(LogHas(kLogFile, "[2040-02-29 23:59:5")) << test::ReadFile(kLogFile);
 }

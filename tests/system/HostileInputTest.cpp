@@ -29,7 +29,6 @@ using test::HttpTestServer;
 using test::Word;
 using test::WordAt;
 
-const std::string kOutput = "/tmp/pvocd.out";
 const std::string kPlant = "00000000000000000000000444";
 const std::int64_t kSlotSeconds = 1800;
 const std::string kWatchdogFile = "/mnt/system/check/brvo";
@@ -88,14 +87,14 @@ protected:
     // the log.
     void StartDaemon(std::vector<std::string> command = {}) {
         if (command.empty()) command = test::ChildProcess::DaemonCommand();
-        ASSERT_TRUE(daemon_.Start(command, kOutput));
+        ASSERT_TRUE(daemon_.Start(command, test::kDaemonOutput));
         ASSERT_TRUE(test::WaitFor([] { return LogHas("BrevantaOutputControlManager Start Server"); }, Scaled(10000)))
-            << test::ReadFile(kOutput);
+            << test::ReadFile(test::kDaemonOutput);
     }
 
     void StartServing() {
         StartDaemon();
-        ASSERT_TRUE(test::WaitForSocket(test::kCommandSocket, Scaled(10000))) << test::ReadFile(kOutput);
+        ASSERT_TRUE(test::WaitForSocket(test::kCommandSocket, Scaled(10000))) << test::ReadFile(test::kDaemonOutput);
     }
 
     static std::string Ask(std::int32_t type, const std::string& params = "") {
@@ -337,7 +336,7 @@ TEST_F(HostileInputTest, MissingTouchCommandLeavesTheDaemonServingWithoutZombies
     StoreFourSlots();
     test::WriteSystemSetting(kPlant, "", true);
     StartDaemon(WithoutTouch(test::ChildProcess::DaemonCommand()));
-    ASSERT_TRUE(test::WaitForSocket(test::kCommandSocket, Scaled(10000))) << test::ReadFile(kOutput);
+    ASSERT_TRUE(test::WaitForSocket(test::kCommandSocket, Scaled(10000))) << test::ReadFile(test::kDaemonOutput);
     const std::string failed = "status [32512] [/usr/bin/touch \"" + kWatchdogFile + "\"]";
     // Several watchdog periods, looking for zombies of the daemon's
     // children in between. A tick's shell may be caught between its end

@@ -23,7 +23,6 @@
 namespace brvo {
 namespace {
 
-const std::string kOutput = "/tmp/pvocd.out";
 const std::string kPlant = "00000000000000000000000555";
 const std::int64_t kSlotSeconds = 1800;
 // Slots stored on either side of the current one: the test stays well
@@ -83,9 +82,9 @@ protected:
         const char* inherited = std::getenv("ASAN_OPTIONS");
         std::string asan = inherited != nullptr ? std::string(inherited) + ":" : std::string();
         asan += "quarantine_size_mb=1";
-        ASSERT_TRUE(daemon_.Start(test::ChildProcess::DaemonCommand(), kOutput, {{"ASAN_OPTIONS", asan}}));
+        ASSERT_TRUE(daemon_.Start(test::ChildProcess::DaemonCommand(), test::kDaemonOutput, {{"ASAN_OPTIONS", asan}}));
         ASSERT_TRUE(test::WaitForSocket(test::kCommandSocket, 10000))
-            << test::ReadFile(kOutput);
+            << test::ReadFile(test::kDaemonOutput);
     }
 
     // The answer a lone request of `type` (6, 7 or 8) with `capacity` gets
@@ -196,7 +195,7 @@ TEST_F(LoadTest, ThousandsOfClientsGetTheirOwnAnswersAndLeaveNothingBehind) {
     problems = RunClients(0, kClients, failures);
     EXPECT_EQ(0, failures) << (problems.empty() ? std::string() : problems.front());
     for (const std::string& problem : problems) ADD_FAILURE() << problem;
-    ASSERT_TRUE(daemon_.Running()) << test::ReadFile(kOutput).substr(0, 2000);
+    ASSERT_TRUE(daemon_.Running()) << test::ReadFile(test::kDaemonOutput).substr(0, 2000);
 
     // Whatever a request held is given back within a short settle.
     Usage after = Quiet();

@@ -21,7 +21,6 @@ using test::Ask;
 using test::Field;
 using test::WordAt;
 
-const std::string kOutput = "/tmp/pvocd.out";
 const std::string kLogDirectory = "/media/sdcard/kestrovanyx/Log/OutputScheduleLog";
 const std::string kErrorFile = "/tmp/logger_io_file_error";
 
@@ -31,7 +30,7 @@ protected:
         test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>");
         test::WriteSystemSetting("", "", false);
         ASSERT_TRUE(test::MountTmpfs(kLogDirectory, "size=256k"));
-        ASSERT_TRUE(test::StartDaemon(daemon_, kOutput));
+        ASSERT_TRUE(test::StartDaemon(daemon_, test::kDaemonOutput));
         ASSERT_TRUE(LogShows("Start AppVer:20220119_qtx"));
     }
 

@@ -33,7 +33,6 @@ using test::ScheduleServerAnswer;
 using test::Word;
 using test::WordAt;
 
-const std::string kOutput = "/tmp/pvocd.out";
 const std::string kPlant = "00000000000000000000000777";
 const int kTimeoutSeconds = 2;
 const int kRate = 60;
@@ -111,7 +110,7 @@ TEST_P(LoggerDaemonFaultTest, RowsStayUnsentAndClientsAreServed) {
     }
     std::unique_ptr<HttpTestServer> server = Server();
     test::WriteSystemSetting(kPlant, server->Url("/schedule"), false);
-    ASSERT_TRUE(test::StartDaemon(daemon_, kOutput));
+    ASSERT_TRUE(test::StartDaemon(daemon_, test::kDaemonOutput));
 
     // The schedules are stored at start; forwarding them is what fails.
     const int boundMs = static_cast<int>((kTimeoutSeconds + 5) * 1000 * test::TimeScale());

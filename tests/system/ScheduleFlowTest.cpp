@@ -33,7 +33,6 @@ using test::ScheduleServerAnswer;
 using test::Word;
 using test::WordAt;
 
-const std::string kOutput = "/tmp/pvocd.out";
 const std::string kDbFile = "/media/sdcard/kestrovanyx/Database/OutputControl/output_control_schedule.db";
 const std::string kInfoFile =
     "/media/sdcard/kestrovanyx/Database/OutputControl/output_control_schedule_update_info.db";
@@ -73,7 +72,7 @@ protected:
     }
 
     // Starts the daemon and waits until its command socket serves.
-    void StartDaemon() { ASSERT_TRUE(test::StartDaemon(daemon_, kOutput)); }
+    void StartDaemon() { ASSERT_TRUE(test::StartDaemon(daemon_, test::kDaemonOutput)); }
 
     static std::string Count(const std::string& where = "") {
         return test::QueryValue(kDbFile, "SELECT COUNT(*) FROM output_control_schedule" + where);
@@ -90,7 +89,7 @@ TEST_F(ScheduleFlowTest, StartUpFetchesBothSchedulesAndTellsTheLoggerDaemon) {
     test::UnixPeer logger(test::kLoggerSocket, test::UnixPeer::kReply, std::string(12, '\0'), 8);
     WriteSystemSetting(kPlant, server.Url("/schedule"), false);
     StartDaemon();
-    ASSERT_TRUE(test::WaitFor([&] { return logger.Received().size() == 1; }, 15000)) << test::ReadFile(kOutput);
+    ASSERT_TRUE(test::WaitFor([&] { return logger.Received().size() == 1; }, 15000)) << test::ReadFile(test::kDaemonOutput);
     EXPECT_EQ(std::string("\x08\x00\x00\x00\x01\x00\x00\x00", 8), logger.Received()[0]);
     const std::vector<HttpTestServer::Received> requests = server.Requests();
     ASSERT_EQ(2u, requests.size());
@@ -215,7 +214,7 @@ TEST_F(ScheduleFlowTest, TargetPowerIsComputedWithTheClockPast2038) {
     WriteSystemSetting(kPlant, "", true);
     std::map<std::string, std::string> env = test::ChildProcess::FakeTimeEnv("@2040-03-01 00:40:00");
     env["TZ"] = "UTC";
-    ASSERT_TRUE(test::StartDaemon(daemon_, kOutput, env));
+    ASSERT_TRUE(test::StartDaemon(daemon_, test::kDaemonOutput, env));
     ASSERT_TRUE(test::WaitFor([] {
         return test::ReadFile(test::LogFilePath()).find("Plant ID changed but, Standalone setting...") !=
                std::string::npos;
@@ -297,7 +296,7 @@ std::string FixedTimeAt(test::ChildProcess& daemon, const std::string& now, cons
                     "<logger><general><outputControlPlantId>" + kPlant +
                         "</outputControlPlantId><outputScheduleInformationServerUrl>" + server.Url("/s") +
                         "</outputScheduleInformationServerUrl></general></logger>");
-    EXPECT_TRUE(daemon.Start(test::ChildProcess::DaemonCommand(), kOutput,
+    EXPECT_TRUE(daemon.Start(test::ChildProcess::DaemonCommand(), test::kDaemonOutput,
                              test::ChildProcess::FakeTimeEnv("@" + now)));
     const std::string marker = "ScheduleUpdateManager fixed_schedule_update_time_ [";
     std::string log;

@@ -32,7 +32,6 @@ using test::ScheduleServerAnswer;
 using test::Word;
 using test::WordAt;
 
-const std::string kOutput = "/tmp/pvocd.out";
 const std::string kPlant = "00000000000000000000000777";
 const std::string kTag = "ScheduleUpdateManager";
 const int kRate = 60;
@@ -112,12 +111,12 @@ protected:
         good_.reset(new HttpTestServer({ScheduleServerAnswer(CoveringRecord(), test::kUpdateSchedule),
                                         ScheduleServerAnswer(LaterFixedRecord(), test::kFixedSchedule)}));
         test::WriteSystemSetting(kPlant, good_->Url("/schedule"), false);
-        ASSERT_TRUE(test::StartDaemon(daemon_, kOutput));
+        ASSERT_TRUE(test::StartDaemon(daemon_, test::kDaemonOutput));
         const std::string all = std::to_string(kSlots + 48);
         ASSERT_TRUE(test::WaitFor([&] {
             return test::QueryValue(test::kScheduleDbFile,
                                     "SELECT COUNT(*) FROM output_control_schedule WHERE sent = 1") == all;
-        }, 15000)) << test::ReadFile(kOutput);
+        }, 15000)) << test::ReadFile(test::kDaemonOutput);
         schedule_ = test::ScheduleRows();
         info_ = test::UpdateInfoRows();
         ASSERT_EQ(1u, info_.size());

@@ -40,7 +40,6 @@ using test::ScheduleServerAnswer;
 using test::Word;
 using test::WordAt;
 
-const std::string kOutput = "/tmp/pvocd.out";
 const std::string kPlant = "00000000000000000000000777";
 const std::string kDbDirectory = "/media/sdcard/kestrovanyx/Database/OutputControl";
 const std::string kTmpDbFile = "/tmp/kestrovanyx/Database/OutputControl/output_control_schedule.db";
@@ -131,11 +130,11 @@ protected:
     void StartWithStoredSchedule(const std::string& dbFile = test::kScheduleDbFile,
                                  const std::map<std::string, std::string>& env = {}) {
         server_ = Server();
-        ASSERT_TRUE(test::StartDaemon(daemon_, kOutput, env));
+        ASSERT_TRUE(test::StartDaemon(daemon_, test::kDaemonOutput, env));
         ASSERT_TRUE(test::WaitFor([&] {
             return test::FileExists(dbFile) &&
                    test::QueryValue(dbFile, "SELECT COUNT(*) FROM output_control_schedule WHERE sent = 1") == kStored;
-        }, 15000)) << test::ReadFile(kOutput);
+        }, 15000)) << test::ReadFile(test::kDaemonOutput);
     }
 
     // The current target power for a capacity of 10 is the stored rate's.
@@ -170,7 +169,7 @@ protected:
                        const std::string& file = test::LogFilePath(), int timeoutMs = 3000) {
         return test::WaitFor([&] {
             std::vector<std::string> lines = test::ReadLines(file);
-            if (file == kOutput) {
+            if (file == test::kDaemonOutput) {
                 const std::string echo = "OutputSchedule_pvocd.log ";
                 for (std::string& line : lines) {
                     if (line.compare(0, echo.size(), echo) == 0) line = line.substr(echo.size());
@@ -216,7 +215,7 @@ TEST_F(StorageFaultTest, ReadOnlyTablesAreReadButNeverWritten) {
     const auto schedule = test::ScheduleRows();
     const auto info = test::UpdateInfoRows();
     ASSERT_TRUE(test::MakeReadOnly(kDbDirectory));
-    ASSERT_TRUE(test::StartDaemon(daemon_, kOutput));
+    ASSERT_TRUE(test::StartDaemon(daemon_, test::kDaemonOutput));
 
     ExpectCurrentTargetPower();
     std::unique_ptr<HttpTestServer> server = Server(25);
@@ -236,7 +235,7 @@ TEST_F(StorageFaultTest, UnwritableDatabaseDirectoryFailsUntilItCanBeWritten) {
     test::WriteFile(kDbDirectory + "/.keep", "");
     ASSERT_TRUE(test::MakeReadOnly(kDbDirectory));
     server_ = Server();
-    ASSERT_TRUE(test::StartDaemon(daemon_, kOutput, FastClock()));
+    ASSERT_TRUE(test::StartDaemon(daemon_, test::kDaemonOutput, FastClock()));
     // The start-up fetch finds no table to store into.
     ASSERT_TRUE(Logged("W", "ScheduleUpdateManager", "Schedule update failed. Database update error.",
                        test::LogFilePath(), 15000));
@@ -264,7 +263,7 @@ TEST_F(StorageFaultTest, GarbageTableFileIsReportedAndLeftAlone) {
     for (int i = 0; i < 8192; ++i) garbage += static_cast<char>((i * 7919 + 13) % 251);
     test::WriteFile(test::kScheduleDbFile, garbage);
     server_ = Server();
-    ASSERT_TRUE(test::StartDaemon(daemon_, kOutput));
+    ASSERT_TRUE(test::StartDaemon(daemon_, test::kDaemonOutput));
     EXPECT_TRUE(Logged("E", "ScheduleDatabase", "InitDataBaseFile error. ["));
 
     ExpectNoTargetPower();
@@ -341,11 +340,11 @@ TEST_F(StorageFaultTest, KillWhileStoringAYearLeavesOldOrNewRows) {
     const std::string year = std::to_string(kYear);
 
     std::unique_ptr<HttpTestServer> server = serverFor(10);
-    ASSERT_TRUE(test::StartDaemon(daemon_, kOutput));
+    ASSERT_TRUE(test::StartDaemon(daemon_, test::kDaemonOutput));
     ASSERT_TRUE(test::WaitFor([&] {
         return test::QueryValue(test::kScheduleDbFile,
                                 "SELECT COUNT(*) FROM output_control_schedule WHERE sent = 1") == year;
-    }, 30000)) << test::ReadFile(kOutput);
+    }, 30000)) << test::ReadFile(test::kDaemonOutput);
     const std::int64_t first =
         std::stoll(test::QueryValue(test::kScheduleDbFile, "SELECT MIN(time) FROM output_control_schedule"));
 
@@ -389,7 +388,7 @@ TEST_F(StorageFaultTest, KillWhileStoringAYearLeavesOldOrNewRows) {
         const bool hot = JournalState::Of(journal).WrittenSince(before);
         if (hot) ++hotJournals;
 
-        ASSERT_TRUE(test::StartDaemon(daemon_, kOutput));
+        ASSERT_TRUE(test::StartDaemon(daemon_, test::kDaemonOutput));
         EXPECT_EQ("ok", test::QueryValue(test::kScheduleDbFile, "PRAGMA integrity_check"));
         EXPECT_EQ("ok", test::QueryValue(test::kUpdateInfoDbFile, "PRAGMA integrity_check"));
         const auto shape = test::QueryFile(test::kScheduleDbFile,
