@@ -5,6 +5,7 @@
 #include "app/Constants.h"
 #include "settings/SystemSettingXmlManager.h"
 #include "settings/XmlNode.h"
+#include "util/FileChangeWatch.h"
 #include "util/FileUtil.h"
 #include "util/LoggerLog.h"
 
@@ -122,13 +123,24 @@ bool DeviceSettingXmlManager::GetLimit(Limit& limit) {
 }
 
 bool DeviceSettingXmlManager::ReadLimitFile(const std::string& path, Limit& limit) {
+    FileChangeWatch& watch = FileChangeWatch::Instance();
+    {
+        Poco::FastMutex::ScopedLock lock(cacheMutex_);
+        if (limitCached_ && path == limitPath_ && watch.Unchanged(limitGeneration_)) {
+            return ApplyLimitFile(limitFile_, limit);
+        }
+    }
+    const std::int64_t generation = watch.Arm(path);
     std::string text;
     if (!FileUtil::ReadWholeFile(path, text, kMaxCachedFileBytes)) {
         return ApplyLimitFile(ParseLimitFile(path, nullptr), limit);
     }
     {
         Poco::FastMutex::ScopedLock lock(cacheMutex_);
-        if (limitCached_ && path == limitPath_ && text == limitText_) return ApplyLimitFile(limitFile_, limit);
+        if (limitCached_ && path == limitPath_ && text == limitText_) {
+            limitGeneration_ = generation;
+            return ApplyLimitFile(limitFile_, limit);
+        }
     }
     const LimitFile file = ParseLimitFile(path, &text);
     {
@@ -137,6 +149,7 @@ bool DeviceSettingXmlManager::ReadLimitFile(const std::string& path, Limit& limi
         limitText_.swap(text);
         limitFile_ = file;
         limitCached_ = true;
+        limitGeneration_ = generation;
     }
     return ApplyLimitFile(file, limit);
 }

@@ -5,8 +5,11 @@
 #ifndef BRVO_SETTINGS_DEVICESETTINGXMLMANAGER_H
 #define BRVO_SETTINGS_DEVICESETTINGXMLMANAGER_H
 
+#include "util/FileChangeWatch.h"
+
 #include <Poco/Mutex.h>
 
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -78,6 +81,8 @@ private:
     std::string limitText_;
     LimitFile limitFile_;
     bool limitCached_ = false;
+    // The change watch's generation of the last read that found limitText_.
+    std::int64_t limitGeneration_ = FileChangeWatch::kNotWatched;
 };
 
 } // namespace brvo

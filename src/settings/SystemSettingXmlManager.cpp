@@ -4,6 +4,7 @@
 
 #include "app/Constants.h"
 #include "settings/XmlNode.h"
+#include "util/FileChangeWatch.h"
 #include "util/FileUtil.h"
 #include "util/LoggerLog.h"
 
@@ -44,26 +45,38 @@ void SystemSettingXmlManager::DeleteInstance() {
     delete instance.exchange(nullptr);
 }
 
-SystemSettingXmlManager::SystemSettingXmlManager() {}
+SystemSettingXmlManager::SystemSettingXmlManager() : cachedGeneration_(FileChangeWatch::kNotWatched) {}
 
 SystemSettingXmlManager::~SystemSettingXmlManager() {}
 
 // The file is reloaded for every target-power request, so the tree of the
 // bytes last parsed is kept and handed out again while the file holds the
-// same bytes; any other content is parsed anew. A file that cannot be read
-// here is left to the parser, which reports why as it always has.
+// same bytes: without reading it while the change watch reports nothing
+// since those bytes were read, else after reading it and comparing. Any
+// other content is parsed anew. A file that cannot be read here is left to
+// the parser, which reports why as it always has.
 std::shared_ptr<XmlNode> SystemSettingXmlManager::ParseFile() {
+    FileChangeWatch& watch = FileChangeWatch::Instance();
+    {
+        Poco::FastMutex::ScopedLock lock(cacheMutex_);
+        if (cachedTree_ && watch.Unchanged(cachedGeneration_)) return cachedTree_;
+    }
     const std::string path = FileUtil::GetSystemSettingFile();
+    const std::int64_t generation = watch.Arm(path);
     std::string text;
     if (!FileUtil::ReadWholeFile(path, text, kMaxCachedFileBytes)) return ParseDocument(path, nullptr);
     {
         Poco::FastMutex::ScopedLock lock(cacheMutex_);
-        if (cachedTree_ && text == cachedText_) return cachedTree_;
+        if (cachedTree_ && text == cachedText_) {
+            cachedGeneration_ = generation;
+            return cachedTree_;
+        }
     }
     std::shared_ptr<XmlNode> tree = ParseDocument(path, &text);
     Poco::FastMutex::ScopedLock lock(cacheMutex_);
     cachedText_.swap(text);
     cachedTree_ = tree;
+    cachedGeneration_ = generation;
     return tree;
 }
 

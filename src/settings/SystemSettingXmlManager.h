@@ -11,6 +11,8 @@
 
 #include <Poco/Mutex.h>
 
+#include <cstdint>
+
 #include <memory>
 #include <string>
 
@@ -77,10 +79,12 @@ private:
     std::unique_ptr<XmlDataGeneral> general_;
 
     // The bytes of the file as last parsed and their tree (never changed
-    // after parsing, so it is handed out to every reader).
+    // after parsing, so it is handed out to every reader), and the change
+    // watch's generation of the last read that found those bytes.
     Poco::FastMutex cacheMutex_;
     std::string cachedText_;
     std::shared_ptr<XmlNode> cachedTree_;
+    std::int64_t cachedGeneration_;
 };
 
 } // namespace brvo

@@ -13,6 +13,7 @@
 #include <Poco/Exception.h>
 
 #include <cstdio>
+#include <sys/mount.h>
 
 #include <string>
 
@@ -235,6 +236,33 @@ TEST_F(SystemSettingXmlManagerTest, EveryChangeOfTheFileIsSeenAtTheNextLoad) {
     EXPECT_EQ("P200", manager_.GetOutputControlPlantId());
     EXPECT_NE(std::string::npos,
               FlushedLog().find("] SystemSettingXmlManager SystemSettingXml Load error(Load from file) ["));
+}
+
+// Changes that leave the file's own bytes alone until the path is looked up
+// again: a new file renamed over it, its directory replaced, a mount over
+// the directory.
+TEST_F(SystemSettingXmlManagerTest, FileReplacedUnderItsPathIsSeenAtTheNextLoad) {
+    const std::string path = test::SystemSettingPath();
+    const std::string directory = path.substr(0, path.rfind('/'));
+    LoadGeneral("<outputControlPlantId>P1</outputControlPlantId>");
+    WriteSystemSetting("loggerId=\"L1\"", "<outputControlPlantId>P2</outputControlPlantId>");
+    ASSERT_EQ(0, std::rename(path.c_str(), (directory + "/../renamed.xml").c_str()));
+    LoadGeneral("<outputControlPlantId>P3</outputControlPlantId>");
+    ASSERT_EQ(0, std::rename((directory + "/../renamed.xml").c_str(), path.c_str()));
+    ASSERT_TRUE(manager_.Load());
+    EXPECT_EQ("P2", manager_.GetOutputControlPlantId());
+
+    ASSERT_EQ(0, std::rename(directory.c_str(), (directory + ".old").c_str()));
+    LoadGeneral("<outputControlPlantId>P4</outputControlPlantId>");
+    EXPECT_EQ("P4", manager_.GetOutputControlPlantId());
+
+    ASSERT_EQ(0, ::mount("tmpfs", directory.c_str(), "tmpfs", 0, nullptr));
+    EXPECT_FALSE(manager_.Load());
+    LoadGeneral("<outputControlPlantId>P5</outputControlPlantId>");
+    ASSERT_EQ(0, ::umount2(directory.c_str(), MNT_DETACH));
+    ASSERT_TRUE(manager_.Load());
+    EXPECT_EQ("P4", manager_.GetOutputControlPlantId());
+    test::RemoveAll(directory + ".old");
 }
 
 // A parse error is reported with the parser's own text for the file, the
