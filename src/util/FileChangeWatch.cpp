@@ -43,9 +43,11 @@ const std::uint32_t kLocalFileSystems[] = {
 
 } // namespace
 
+// Never deleted: a worker still answering while the process exits must not
+// find the watch destroyed. The kernel closes its descriptors at exit.
 FileChangeWatch& FileChangeWatch::Instance() {
-    static FileChangeWatch watch;
-    return watch;
+    static FileChangeWatch* const watch = new FileChangeWatch();
+    return *watch;
 }
 
 FileChangeWatch::FileChangeWatch()
