@@ -108,6 +108,10 @@ bool DeviceSettingXmlManager::GetLimit(Limit& limit) {
         return false;
     }
     const std::string path = FileUtil::GetDeviceDirectory() + "/" + file + ".xml";
+    // A file read while the change watch still vouches for it exists and
+    // says what it said then: neither looked up nor read again.
+    LimitFile cached;
+    if (CachedLimitFile(path, cached)) return ApplyLimitFile(cached, limit);
     if (!FileUtil::Exists(path)) {
         LoggerLog::Warning(kTag, " missing device xml file. [" + path + "]");
         return false;
@@ -122,15 +126,17 @@ bool DeviceSettingXmlManager::GetLimit(Limit& limit) {
     return false;
 }
 
-bool DeviceSettingXmlManager::ReadLimitFile(const std::string& path, Limit& limit) {
-    FileChangeWatch& watch = FileChangeWatch::Instance();
-    {
-        Poco::FastMutex::ScopedLock lock(cacheMutex_);
-        if (limitCached_ && path == limitPath_ && watch.Unchanged(limitGeneration_)) {
-            return ApplyLimitFile(limitFile_, limit);
-        }
+bool DeviceSettingXmlManager::CachedLimitFile(const std::string& path, LimitFile& file) {
+    Poco::FastMutex::ScopedLock lock(cacheMutex_);
+    if (!limitCached_ || path != limitPath_ || !FileChangeWatch::Instance().Unchanged(limitGeneration_)) {
+        return false;
     }
-    const std::int64_t generation = watch.Arm(path);
+    file = limitFile_;
+    return true;
+}
+
+bool DeviceSettingXmlManager::ReadLimitFile(const std::string& path, Limit& limit) {
+    const std::int64_t generation = FileChangeWatch::Instance().Arm(path);
     std::string text;
     if (!FileUtil::ReadWholeFile(path, text, kMaxCachedFileBytes)) {
         return ApplyLimitFile(ParseLimitFile(path, nullptr), limit);

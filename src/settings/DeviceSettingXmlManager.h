@@ -63,6 +63,11 @@ private:
         std::string valueMin;
     };
 
+    // True when `path` was last read under a generation the change watch
+    // still vouches for; `file` then holds what it said.
+    bool CachedLimitFile(const std::string& path, LimitFile& file);
+    // Reads and parses `path` (unless its bytes are the ones last parsed)
+    // and applies what it says to `limit`. Throws what the parser throws.
     bool ReadLimitFile(const std::string& path, Limit& limit);
     static LimitFile ParseLimitFile(const std::string& path, const std::string* text);
     static bool ApplyLimitFile(const LimitFile& file, Limit& limit);

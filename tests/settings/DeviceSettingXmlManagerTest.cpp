@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -190,6 +191,28 @@ TEST_F(DeviceSettingXmlManagerTest, EveryChangeOfEitherFileIsSeen) {
     // A description without its root after a good one.
     test::WriteFile(kDeviceDir + "pw.xml", "<Devices/>");
     EXPECT_FALSE(devices_.GetLimit(limit));
+}
+
+// A description read before is not taken as still there: its directory
+// moved away, or the file renamed over, shows at the next read.
+TEST_F(DeviceSettingXmlManagerTest, DescriptionGoneAfterAReadIsReported) {
+    WriteDevices({Address("HouseHoldSolarPowerGeneration", "pv")});
+    test::WriteFile(kDeviceDir + "pv.xml", Description({"Name=\"Limit\" ValueMin=\"4\""}));
+    DeviceSettingXmlManager::Limit limit;
+    ASSERT_TRUE(devices_.GetLimit(limit));
+    ASSERT_TRUE(devices_.GetLimit(limit));
+    const std::string moved = "/usr/local/etc/kestrovanyx/DeviceXML.moved";
+    ASSERT_EQ(0, std::rename(kDeviceDir.c_str(), moved.c_str()));
+    DeviceSettingXmlManager::Limit after;
+    EXPECT_FALSE(devices_.GetLimit(after));
+    EXPECT_TRUE(Logged("W", " missing device xml file. [/usr/local/etc/kestrovanyx/DeviceXML/pv.xml]"));
+    ASSERT_EQ(0, std::rename(moved.c_str(), kDeviceDir.c_str()));
+    ASSERT_TRUE(devices_.GetLimit(after));
+    EXPECT_EQ(4, after.valueMin);
+    test::WriteFile(kDeviceDir + "next.xml", Description({"Name=\"Limit\" ValueMin=\"6\""}));
+    ASSERT_EQ(0, std::rename((kDeviceDir + "next.xml").c_str(), (kDeviceDir + "pv.xml").c_str()));
+    ASSERT_TRUE(devices_.GetLimit(after));
+    EXPECT_EQ(6, after.valueMin);
 }
 
 TEST_F(DeviceSettingXmlManagerTest, MissingDescriptionFileIsReported) {

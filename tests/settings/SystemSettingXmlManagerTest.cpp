@@ -27,6 +27,8 @@ class SystemSettingXmlManagerTest : public ::testing::Test {
 protected:
     void SetUp() override {
         // Unbuffered, level 0: every line reaches the file at the next tick.
+        // No earlier test's lines are in the log.
+        test::RemoveAll(kLogFile);
         test::WriteLoggerSetting(
             "<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>"
             "<LogLevel>0</LogLevel>");
