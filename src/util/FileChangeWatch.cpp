@@ -1,8 +1,6 @@
 #include "util/FileChangeWatch.h"
 
 #include <cerrno>
-#include <climits>
-#include <cstdlib>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/inotify.h>
@@ -43,8 +41,6 @@ const std::uint32_t kLocalFileSystems[] = {
 
 } // namespace
 
-// Never deleted: a worker still answering while the process exits must not
-// find the watch destroyed. The kernel closes its descriptors at exit.
 FileChangeWatch& FileChangeWatch::Instance() {
     static FileChangeWatch* const watch = new FileChangeWatch();
     return *watch;
@@ -55,11 +51,6 @@ FileChangeWatch::FileChangeWatch()
       mountsFd_(::open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC)),
       broken_(inotifyFd_ < 0 || mountsFd_ < 0),
       generation_(0) {}
-
-FileChangeWatch::~FileChangeWatch() {
-    if (inotifyFd_ >= 0) ::close(inotifyFd_);
-    if (mountsFd_ >= 0) ::close(mountsFd_);
-}
 
 std::int64_t FileChangeWatch::Arm(const std::string& path) {
     Poco::FastMutex::ScopedLock lock(mutex_);

@@ -41,7 +41,9 @@ public:
 
 private:
     FileChangeWatch();
-    ~FileChangeWatch();
+    // Never destroyed: a worker still answering while the process exits
+    // must not find the watch gone. The kernel closes its descriptors.
+    ~FileChangeWatch() = delete;
 
     // Takes every pending report; a report moves the generation on.
     // Called with the mutex held.
