@@ -49,19 +49,27 @@ void WriteFile(const std::string& path, const std::string& text) {
     std::ofstream(path) << text;
 }
 
+// The settings files of a device with plant ID P`variant` and a description
+// whose lowest value is `variant`.
+void WriteSettings(int variant) {
+    const std::string n = std::to_string(variant);
+    WriteFile("/usr/local/etc/kestrovanyx/SettingsXML/SystemSetting.xml",
+              "<logger><general><outputControlPlantId>P" + n +
+                  "</outputControlPlantId></general><channelList><channel>"
+                  "<addressList><address><type>HouseHoldSolarPowerGeneration</type><deviceSettingFile>pv"
+                  "</deviceSettingFile></address></addressList></channel></channelList></logger>");
+    WriteFile("/usr/local/etc/kestrovanyx/DeviceXML/pv.xml",
+              "<lggrdev:EchonetLiteDevices xmlns:lggrdev=\"urn:x\"><lggrdev:Device><lggrdev:Properties>"
+              "<lggrdev:Property><lggrdev:Variables><lggrdev:VariableInfo Name=\"Limit\" Value0=\"0\" "
+              "Value100=\"100\" ValueMin=\"" + n + "\"/></lggrdev:Variables></lggrdev:Property></lggrdev:Properties>"
+              "</lggrdev:Device></lggrdev:EchonetLiteDevices>");
+}
+
 // Settings with a plant ID and a device description, as on a device.
 void InstallSettings() {
     WriteFile("/usr/local/etc/kestrovanyx/SettingsXML/LoggerSetting.xml",
               "<LoggerSetting><LogLevel>5</LogLevel></LoggerSetting>");
-    WriteFile("/usr/local/etc/kestrovanyx/SettingsXML/SystemSetting.xml",
-              "<logger><general><outputControlPlantId>P1</outputControlPlantId></general><channelList><channel>"
-              "<addressList><address><type>HouseHoldSolarPowerGeneration</type><deviceSettingFile>pv"
-              "</deviceSettingFile></address></addressList></channel></channelList></logger>");
-    WriteFile("/usr/local/etc/kestrovanyx/DeviceXML/pv.xml",
-              "<lggrdev:EchonetLiteDevices xmlns:lggrdev=\"urn:x\"><lggrdev:Device><lggrdev:Properties>"
-              "<lggrdev:Property><lggrdev:Variables><lggrdev:VariableInfo Name=\"Limit\" Value0=\"0\" "
-              "Value100=\"100\" ValueMin=\"0\"/></lggrdev:Variables></lggrdev:Property></lggrdev:Properties>"
-              "</lggrdev:Device></lggrdev:EchonetLiteDevices>");
+    WriteSettings(1);
     brvo::LoggerSettingManager::CreateInstance();
     brvo::ScheduleDatabase::CreateInstance();
 }
@@ -115,6 +123,23 @@ void SelectSchedule(benchmark::State& state) {
 }
 BENCHMARK(SelectSchedule)->Arg(1)->Arg(0);
 
+// Each call falls in another slot than the call before, so the slots kept
+// from the last call never serve it: the cost of the queries themselves
+// (the asked slot and its neighbour, which is kept for the next call).
+void SelectScheduleOtherSlot(benchmark::State& state) {
+    InstallSettings();
+    const std::int64_t start = brvo::TimeStamp().EpochSeconds() - 86400 * 180;
+    brvo::ScheduleDatabase::GetInstance()->InsertUpdateSchedule(Rows(17520, start));
+    const bool current = state.range(0) != 0;
+    std::int64_t offset = 0;
+    for (auto _ : state) {
+        offset = 1800 - offset;
+        benchmark::DoNotOptimize(brvo::ScheduleDatabase::GetInstance()->SelectSchedule(
+            start + 86400 * 180 + 77 + offset, current));
+    }
+}
+BENCHMARK(SelectScheduleOtherSlot)->Arg(1)->Arg(0);
+
 void GetTargetPower(benchmark::State& state) {
     InstallSettings();
     const std::int64_t now = brvo::TimeStamp().EpochSeconds();
@@ -123,6 +148,24 @@ void GetTargetPower(benchmark::State& state) {
     for (auto _ : state) benchmark::DoNotOptimize(control.GetTargetPower(49.5, 6));
 }
 BENCHMARK(GetTargetPower);
+
+// Both settings files rewritten with other content before every call (the
+// writing not timed): the files are read and parsed again each time.
+void GetTargetPowerSettingsChanged(benchmark::State& state) {
+    InstallSettings();
+    const std::int64_t now = brvo::TimeStamp().EpochSeconds();
+    brvo::ScheduleDatabase::GetInstance()->InsertUpdateSchedule(Rows(48, now - 3600));
+    brvo::RateControl control;
+    int variant = 0;
+    for (auto _ : state) {
+        state.PauseTiming();
+        variant = 1 - variant;
+        WriteSettings(variant);
+        state.ResumeTiming();
+        benchmark::DoNotOptimize(control.GetTargetPower(49.5, 6));
+    }
+}
+BENCHMARK(GetTargetPowerSettingsChanged);
 
 void ParseYearAnswer(benchmark::State& state) {
     brvo::test::ScheduleRecord record;
