@@ -111,15 +111,24 @@ void InsertFixedSchedule(benchmark::State& state) {
 }
 BENCHMARK(InsertFixedSchedule)->Unit(benchmark::kMillisecond);
 
-void SelectSchedule(benchmark::State& state) {
+// Selects current (argument 1) or next (0) on a year of rows, every call
+// `step` seconds after the one before, alternately forward and back.
+void SelectEvery(benchmark::State& state, std::int64_t step) {
     InstallSettings();
     const std::int64_t start = brvo::TimeStamp().EpochSeconds() - 86400 * 180;
     brvo::ScheduleDatabase::GetInstance()->InsertUpdateSchedule(Rows(17520, start));
     const bool current = state.range(0) != 0;
+    std::int64_t offset = 0;
     for (auto _ : state) {
-        benchmark::DoNotOptimize(
-            brvo::ScheduleDatabase::GetInstance()->SelectSchedule(start + 86400 * 180 + 77, current));
+        offset = step - offset;
+        benchmark::DoNotOptimize(brvo::ScheduleDatabase::GetInstance()->SelectSchedule(
+            start + 86400 * 180 + 77 + offset, current));
     }
+}
+
+// Every call in the same slot: the slots kept from the call before serve it.
+void SelectSchedule(benchmark::State& state) {
+    SelectEvery(state, 0);
 }
 BENCHMARK(SelectSchedule)->Arg(1)->Arg(0);
 
@@ -127,43 +136,37 @@ BENCHMARK(SelectSchedule)->Arg(1)->Arg(0);
 // from the last call never serve it: the cost of the queries themselves
 // (the asked slot and its neighbour, which is kept for the next call).
 void SelectScheduleOtherSlot(benchmark::State& state) {
-    InstallSettings();
-    const std::int64_t start = brvo::TimeStamp().EpochSeconds() - 86400 * 180;
-    brvo::ScheduleDatabase::GetInstance()->InsertUpdateSchedule(Rows(17520, start));
-    const bool current = state.range(0) != 0;
-    std::int64_t offset = 0;
-    for (auto _ : state) {
-        offset = 1800 - offset;
-        benchmark::DoNotOptimize(brvo::ScheduleDatabase::GetInstance()->SelectSchedule(
-            start + 86400 * 180 + 77 + offset, current));
-    }
+    SelectEvery(state, 1800);
 }
 BENCHMARK(SelectScheduleOtherSlot)->Arg(1)->Arg(0);
 
-void GetTargetPower(benchmark::State& state) {
-    InstallSettings();
-    const std::int64_t now = brvo::TimeStamp().EpochSeconds();
-    brvo::ScheduleDatabase::GetInstance()->InsertUpdateSchedule(Rows(48, now - 3600));
-    brvo::RateControl control;
-    for (auto _ : state) benchmark::DoNotOptimize(control.GetTargetPower(49.5, 6));
-}
-BENCHMARK(GetTargetPower);
-
-// Both settings files rewritten with other content before every call (the
-// writing not timed): the files are read and parsed again each time.
-void GetTargetPowerSettingsChanged(benchmark::State& state) {
+// The current target power of a day's schedule; with `rewrite`, both
+// settings files get other content before every call (the writing not
+// timed), so that they are read and parsed again each time.
+void TargetPower(benchmark::State& state, bool rewrite) {
     InstallSettings();
     const std::int64_t now = brvo::TimeStamp().EpochSeconds();
     brvo::ScheduleDatabase::GetInstance()->InsertUpdateSchedule(Rows(48, now - 3600));
     brvo::RateControl control;
     int variant = 0;
     for (auto _ : state) {
-        state.PauseTiming();
-        variant = 1 - variant;
-        WriteSettings(variant);
-        state.ResumeTiming();
+        if (rewrite) {
+            state.PauseTiming();
+            variant = 1 - variant;
+            WriteSettings(variant);
+            state.ResumeTiming();
+        }
         benchmark::DoNotOptimize(control.GetTargetPower(49.5, 6));
     }
+}
+
+void GetTargetPower(benchmark::State& state) {
+    TargetPower(state, false);
+}
+BENCHMARK(GetTargetPower);
+
+void GetTargetPowerSettingsChanged(benchmark::State& state) {
+    TargetPower(state, true);
 }
 BENCHMARK(GetTargetPowerSettingsChanged);
 
