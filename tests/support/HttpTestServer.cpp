@@ -1,5 +1,6 @@
 #include "support/HttpTestServer.h"
 
+#include <Poco/Clock.h>
 #include <Poco/Net/Context.h>
 #include <Poco/Net/SecureServerSocket.h>
 #include <Poco/Net/SocketAddress.h>
@@ -124,7 +125,12 @@ void HttpTestServer::Serve(Poco::Net::StreamSocket& socket) {
         requests_.push_back(received);
         answer = answers_.at(std::min(requests_.size(), answers_.size()) - 1);
     }
-    if (delayMs_ > 0) Poco::Thread::sleep(delayMs_);
+    // The delay is slept in short steps so that a server told to stall for
+    // longer than a test runs still stops with the test.
+    const Poco::Clock accepted;
+    while (!stop_ && accepted.elapsed() < static_cast<Poco::Clock::ClockDiff>(delayMs_) * 1000) {
+        Poco::Thread::sleep(10);
+    }
     socket.sendBytes(answer.data(), static_cast<int>(answer.size()));
     socket.shutdownSend();
 }

@@ -29,7 +29,9 @@ public:
     };
 
     // Listens on an ephemeral port of 127.0.0.1; answers every request with
-    // `answer` (raw bytes, status line included) after `delayMs`.
+    // `answer` (raw bytes, status line included) after `delayMs`. A server
+    // stopped while it delays answers at once, so a delay longer than the
+    // test stands for a server that never answers.
     explicit HttpTestServer(const std::string& answer, int delayMs = 0);
     // Answers the n-th request with `answers[n]`, and every later one with
     // the last of them.
