@@ -1,0 +1,242 @@
+// The real pvocd stopped by SIGTERM or SIGUSR1 while a flow is in flight:
+// idle, while the start-up fetch, an update request or a plant check waits
+// on a schedule server that never answers, while the logger daemon takes
+// the forwarding command and never replies, and while a whole year of slots
+// is stored. A restart or a shutdown of the logger must never wait on a
+// network peer: whatever the peers do, the daemon logs "Kill complete."
+// and exits with code 0 within half a second, and leaves no schedule
+// half-written.
+#include "support/ChildProcess.h"
+#include "support/DaemonClient.h"
+#include "support/HttpTestServer.h"
+#include "support/SchedulePayload.h"
+#include "support/SqliteFile.h"
+#include "support/StoredSchedule.h"
+#include "support/TestFiles.h"
+#include "support/UnixPeer.h"
+
+#include <gtest/gtest.h>
+
+#include <Poco/Timestamp.h>
+
+#include <csignal>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+#include <unistd.h>
+
+namespace brvo {
+namespace {
+
+using test::HttpTestServer;
+using test::ScheduleServerAnswer;
+
+const std::string kPlant = "00000000000000000000000777";
+const int kRate = 60;
+const int kFixedRate = 30;
+// The update schedule of the start-up fetch: three days of slots.
+const std::size_t kUpdateSlots = 3 * 48;
+// A year of half-hour slots.
+const std::size_t kYearSlots = 365 * 48;
+// The longest a stop may take (times TimeScale()).
+const int kStopLimitMs = 500;
+// How long a daemon that does not stop promptly is waited for, to tell how
+// long it took; a daemon still running then is killed with the fixture.
+const int kGiveUpMs = 10000;
+// Bound on reaching the state a test stops the daemon in.
+const int kReachMs = 15000;
+// Longer than any test runs: a server delaying its answer this long never
+// answers while the daemon runs.
+const int kStallMs = 10 * 60 * 1000;
+// The logger daemon's receive time-out: far longer than a stop may take,
+// so that a silent logger daemon is still being waited on at the signal.
+const int kLoggerTimeoutSeconds = 60;
+
+// The schedule rows holding `rate` percent.
+std::string RowsAtRate(int rate) {
+    return test::QueryValue(test::kScheduleDbFile,
+                            "SELECT COUNT(*) FROM output_control_schedule WHERE controlRate = " +
+                                std::to_string(rate));
+}
+
+std::string UnsentRows() {
+    return test::QueryValue(test::kScheduleDbFile, "SELECT COUNT(*) FROM output_control_schedule WHERE sent = 0");
+}
+
+// A schedule server that answers the start-up fetch with an update
+// schedule of `slots` from yesterday on, and the fixed-schedule fetch after
+// it with one day of another rate after those slots.
+std::unique_ptr<HttpTestServer> GoodServer(std::size_t slots) {
+    test::ScheduleRecord fixed = test::FixedRecordAhead(kFixedRate, static_cast<int>(slots / 48));
+    return std::unique_ptr<HttpTestServer>(
+        new HttpTestServer({ScheduleServerAnswer(test::CurrentUpdateRecord(kRate, slots), test::kUpdateSchedule),
+                            ScheduleServerAnswer(fixed, test::kFixedSchedule)}));
+}
+
+// A schedule server that takes every request and never answers.
+std::unique_ptr<HttpTestServer> StallingServer() {
+    return std::unique_ptr<HttpTestServer>(new HttpTestServer(std::string(), kStallMs));
+}
+
+class PromptStopTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>"
+                                 "<OutputControlSocketTimeout>" + std::to_string(kLoggerTimeoutSeconds) +
+                                 "</OutputControlSocketTimeout>");
+        test::WriteFile("/sys/class/net/eth0/address", "00:1a:2b:3c:4d:5e\n");
+        test::WriteFile(test::kLoggerSocket + ".keep", "");
+    }
+
+    void TearDown() override {
+        if (client_ >= 0) ::close(client_);
+    }
+
+    // A logger daemon that confirms every command.
+    void StartConfirmingLogger() {
+        logger_.reset(new test::UnixPeer(test::kLoggerSocket, test::UnixPeer::kReply, std::string(12, '\0'), 8));
+    }
+
+    // Starts the daemon against a good server and waits until it stored
+    // the start-up fetch's schedules and forwarded them.
+    void StartWithStoredSchedule() {
+        StartConfirmingLogger();
+        server_ = GoodServer(kUpdateSlots);
+        test::WriteSystemSetting(kPlant, server_->Url("/schedule"), false);
+        ASSERT_TRUE(test::StartDaemon(daemon_, test::kDaemonOutput));
+        const std::string all = std::to_string(kUpdateSlots + 48);
+        ASSERT_TRUE(test::WaitFor([&] {
+            return test::QueryValue(test::kScheduleDbFile,
+                                    "SELECT COUNT(*) FROM output_control_schedule WHERE sent = 1") == all;
+        }, kReachMs)) << test::ReadFile(test::kDaemonOutput);
+        schedule_ = test::ScheduleRows();
+        info_ = test::UpdateInfoRows();
+    }
+
+    // Waits until the stalling server holds the daemon's request.
+    void WaitUntilStalled() {
+        ASSERT_TRUE(test::WaitFor([&] { return stalled_->Requests().size() == 1; }, kReachMs))
+            << test::ReadFile(test::kDaemonOutput);
+    }
+
+    // Sends `signal` and expects "Kill complete." in the log and exit code
+    // 0 within kStopLimitMs.
+    void ExpectPromptStop(int signal) {
+        const Poco::Timestamp sent;
+        ASSERT_TRUE(daemon_.Signal(signal));
+        const bool ended = daemon_.WaitExit(static_cast<int>(kGiveUpMs * test::TimeScale()));
+        const Poco::Timestamp::TimeDiff tookMs = sent.elapsed() / 1000;
+        RecordProperty("StopMs", static_cast<int>(tookMs));
+        ASSERT_TRUE(ended) << "pvocd did not stop within " << tookMs << " ms";
+        EXPECT_LT(tookMs, kStopLimitMs * test::TimeScale()) << "pvocd took " << tookMs << " ms to stop";
+        ASSERT_TRUE(daemon_.ExitedNormally());
+        EXPECT_EQ(0, daemon_.ExitCode());
+        EXPECT_NE(std::string::npos,
+                  test::ReadFile(test::LogFilePath()).find("] BrevantaOutputControlManager Kill complete.\n"))
+            << test::ReadFile(test::LogFilePath());
+    }
+
+    // The stored schedule and update information are those stored before
+    // the signal.
+    void ExpectStoredScheduleKept() {
+        EXPECT_EQ(schedule_, test::ScheduleRows());
+        EXPECT_EQ(info_, test::UpdateInfoRows());
+    }
+
+    std::unique_ptr<test::UnixPeer> logger_;
+    std::unique_ptr<HttpTestServer> server_;
+    std::unique_ptr<HttpTestServer> stalled_;
+    std::vector<std::vector<std::string>> schedule_;
+    std::vector<std::vector<std::string>> info_;
+    // A client's connection waiting for its answer, or -1.
+    int client_ = -1;
+    // Declared last, so that a daemon that did not stop is killed before
+    // the peers it still talks to go away.
+    test::ChildProcess daemon_;
+};
+
+TEST_F(PromptStopTest, StopsPromptlyWhenIdle) {
+    ASSERT_TRUE(test::StartDaemon(daemon_, test::kDaemonOutput));
+    ASSERT_EQ(test::kUpdateAnswerSize, test::Ask(test::kFlushLogRequest).size());
+    ExpectPromptStop(SIGTERM);
+}
+
+TEST_F(PromptStopTest, StopsPromptlyWhileTheStartUpFetchWaitsOnAStalledServer) {
+    stalled_ = StallingServer();
+    test::WriteSystemSetting(kPlant, stalled_->Url("/schedule"), false);
+    ASSERT_TRUE(test::StartDaemon(daemon_, test::kDaemonOutput));
+    WaitUntilStalled();
+    if (HasFatalFailure()) return;
+    ExpectPromptStop(SIGTERM);
+    EXPECT_EQ("0", test::QueryValue(test::kScheduleDbFile, "SELECT COUNT(*) FROM output_control_schedule"));
+}
+
+TEST_F(PromptStopTest, StopsPromptlyWhileAnUpdateRequestWaitsOnAStalledServer) {
+    StartWithStoredSchedule();
+    if (HasFatalFailure()) return;
+    stalled_ = StallingServer();
+    test::WriteSystemSetting(kPlant, stalled_->Url("/schedule"), false);
+    client_ = test::SendRequest(test::kUpdateScheduleRequest);
+    ASSERT_GE(client_, 0);
+    WaitUntilStalled();
+    if (HasFatalFailure()) return;
+    ExpectPromptStop(SIGTERM);
+    ExpectStoredScheduleKept();
+}
+
+TEST_F(PromptStopTest, StopsPromptlyOnSigusr1WhileAPlantCheckWaitsOnAStalledServer) {
+    // A stand-alone plant with a stored schedule: nothing is fetched at
+    // start, and the check is the only flow in flight.
+    const std::int64_t slot = Poco::Timestamp().epochTime() / 1800 * 1800;
+    test::StoreSchedule(kPlant, {{slot, 10}, {slot + 1800, 20}});
+    test::WriteSystemSetting(kPlant, "", true);
+    ASSERT_TRUE(test::StartDaemon(daemon_, test::kDaemonOutput));
+    schedule_ = test::ScheduleRows();
+    info_ = test::UpdateInfoRows();
+    stalled_ = StallingServer();
+    client_ = test::SendRequest(test::kCheckPlantIdRequest,
+                                test::Field("777", 27) + test::Field(stalled_->Url("/check"), 256));
+    ASSERT_GE(client_, 0);
+    WaitUntilStalled();
+    if (HasFatalFailure()) return;
+    ExpectPromptStop(SIGUSR1);
+    ExpectStoredScheduleKept();
+}
+
+TEST_F(PromptStopTest, StopsPromptlyWhileForwardingWaitsOnASilentLoggerDaemon) {
+    logger_.reset(new test::UnixPeer(test::kLoggerSocket, test::UnixPeer::kSilent, "", 8));
+    server_ = GoodServer(kUpdateSlots);
+    test::WriteSystemSetting(kPlant, server_->Url("/schedule"), false);
+    ASSERT_TRUE(test::StartDaemon(daemon_, test::kDaemonOutput));
+    // The logger daemon got the whole command and says nothing.
+    ASSERT_TRUE(test::WaitFor([&] { return logger_->Received().size() == 1; }, kReachMs))
+        << test::ReadFile(test::kDaemonOutput);
+    ASSERT_EQ(8u, logger_->Received()[0].size());
+    ExpectPromptStop(SIGTERM);
+    // Both schedules were stored before forwarding began; the forwarding
+    // never finished, so no row is marked sent.
+    const std::string all = std::to_string(kUpdateSlots + 48);
+    EXPECT_EQ(all, test::QueryValue(test::kScheduleDbFile, "SELECT COUNT(*) FROM output_control_schedule"));
+    EXPECT_EQ(all, UnsentRows());
+}
+
+TEST_F(PromptStopTest, StopsPromptlyWhileAYearOfSlotsIsStored) {
+    StartConfirmingLogger();
+    server_ = GoodServer(kYearSlots);
+    test::WriteSystemSetting(kPlant, server_->Url("/schedule"), false);
+    // Started without waiting for the command socket: the signal is to
+    // come as soon as the fetch reached the server, while the year is
+    // decoded and stored.
+    ASSERT_TRUE(daemon_.Start(test::ChildProcess::DaemonCommand(), test::kDaemonOutput));
+    ASSERT_TRUE(test::WaitFor([&] { return !server_->Requests().empty(); }, kReachMs))
+        << test::ReadFile(test::kDaemonOutput);
+    // The fixed schedule is fetched only once the year is stored.
+    ASSERT_EQ(1u, server_->Requests().size()) << "the year was stored before the signal";
+    ExpectPromptStop(SIGTERM);
+    const std::string stored = RowsAtRate(kRate);
+    EXPECT_TRUE(stored == "0" || stored == std::to_string(kYearSlots)) << stored << " of the year's slots stored";
+}
+
+} // namespace
+} // namespace brvo
