@@ -169,10 +169,12 @@ void BrevantaOutputControlManager::StartFlushTimer() {
 // Brings the stored schedule in step with the system settings; when that
 // fetched new data, tells the logger daemon and marks the rows sent.
 void BrevantaOutputControlManager::RunStartupCheck() {
-    ScheduleUpdateManager* updates = ScheduleUpdateManager::GetInstance();
-    if (updates == nullptr) return;
     bool started = false;
-    updates->CheckAndUpdateWithSystemSetting(started, true);
+    {
+        const ScheduleUpdateManager::Pin updates;
+        if (!updates) return;
+        updates->CheckAndUpdateWithSystemSetting(started, true);
+    }
     ScheduleDatabase* database = ScheduleDatabase::GetInstance();
     if (started && database != nullptr) database->UpdateSentFlag();
 }

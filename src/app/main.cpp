@@ -2,6 +2,7 @@
 // arguments; its settings come from LoggerSetting.xml and SystemSetting.xml.
 #include "app/BrevantaOutputControlManager.h"
 #include "schedule/ScheduleUpdateManager.h"
+#include "server/OutputcontrolServer.h"
 #include "settings/LoggerSettingManager.h"
 #include "util/LoggerLog.h"
 
@@ -30,6 +31,9 @@ int main() {
     // database and socket directories 0755, log and database files 0644)
     // is readable for diagnosis and writable only by pvocd itself.
     ::umask(kCreationMask);
+    // Every client connection holds a descriptor until its request is in:
+    // the connection cap is set below whatever limit this leaves.
+    brvo::OutputcontrolServer::RaiseDescriptorLimit();
 
     brvo::LoggerSettingManager::CreateInstance();
     brvo::LoggerLog::CreateInstance();

@@ -50,7 +50,7 @@ void BuildCommand(unsigned char* buffer, std::int32_t command) {
 } // namespace
 
 BrvfdAccessRequest::BrvfdAccessRequest(BrvfdAccessRequestCallback* callback)
-    : callback_(callback), replyIgnored_(false), command_(0) {}
+    : callback_(callback), replyIgnored_(false), command_(0), fd_(-1), aborted_(false) {}
 
 BrvfdAccessRequest::~BrvfdAccessRequest() {}
 
@@ -60,6 +60,28 @@ void BrvfdAccessRequest::SetCommand(int command) {
 
 void BrvfdAccessRequest::SetReplyIgnored(bool ignored) {
     replyIgnored_ = ignored;
+}
+
+void BrvfdAccessRequest::Abort() {
+    Poco::FastMutex::ScopedLock lock(abortMutex_);
+    aborted_ = true;
+    if (fd_ >= 0) shutdown(fd_, SHUT_RDWR);
+}
+
+// Makes `fd` the connection Abort shuts down; false when the exchange was
+// aborted already.
+bool BrvfdAccessRequest::Track(int fd) {
+    Poco::FastMutex::ScopedLock lock(abortMutex_);
+    if (aborted_) return false;
+    fd_ = fd;
+    return true;
+}
+
+// Called before the connection is closed, so that Abort never shuts down a
+// descriptor that was closed and reused.
+void BrvfdAccessRequest::Untrack() {
+    Poco::FastMutex::ScopedLock lock(abortMutex_);
+    fd_ = -1;
 }
 
 void BrvfdAccessRequest::Report(int status, const unsigned char* reply) {
@@ -76,16 +98,25 @@ void BrvfdAccessRequest::Execute() {
             Report(kStatusSocket, nullptr);
             return;
         }
+        if (!Track(fd)) {
+            close(fd);
+            Report(kStatusConnect, nullptr);
+            return;
+        }
         unsigned char reply[kReplySize] = {0};
-        const int status = Exchange(fd, reply);
+        int status = Exchange(fd, reply);
+        Untrack();
         close(fd);
         fd = -1;
+        // A reply cut short by Abort is not the logger daemon's answer.
+        if (status == kStatusSent && aborted_) status = kStatusRead;
         if (status != kStatusSent) {
             Report(status, nullptr);
         } else if (!replyIgnored_) {
             Report(kStatusSent, reply);
         }
     } catch (...) {
+        Untrack();
         if (fd >= 0) close(fd);
         LoggerLog::Error(kTag, "send error");
         Report(kStatusException, nullptr);

@@ -6,6 +6,9 @@
 
 #include "server/Request.h"
 
+#include <Poco/Mutex.h>
+
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -36,6 +39,10 @@ public:
 
     // Performs the exchange and reports once to the callback.
     void Execute() override;
+    // Ends the exchange: a connection in progress is shut down, and the
+    // exchange reports a failure (never the logger daemon's reply, which
+    // did not come); one not yet started reports a failed connect.
+    void Abort() override;
 
 protected:
     ~BrvfdAccessRequest() override;
@@ -43,11 +50,17 @@ protected:
 private:
     int Exchange(int fd, unsigned char* reply);
     void Report(int status, const unsigned char* reply);
+    bool Track(int fd);
+    void Untrack();
 
     BrvfdAccessRequestCallback* callback_;
     std::shared_ptr<BrvfdAccessRequestCallback> owner_;
     bool replyIgnored_;
     std::int32_t command_;
+    // Guards `fd_`, the connection Abort shuts down (-1 when none is open).
+    Poco::FastMutex abortMutex_;
+    int fd_;
+    std::atomic<bool> aborted_;
 };
 
 } // namespace brvo

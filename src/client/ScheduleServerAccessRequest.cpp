@@ -21,7 +21,9 @@
 
 #include <algorithm>
 #include <cctype>
+#include <sys/socket.h>
 #include <fstream>
+#include <functional>
 #include <iostream>
 #include <memory>
 #include <vector>
@@ -75,12 +77,40 @@ std::unique_ptr<Poco::Net::HTTPClientSession> OpenSession(const Poco::URI& uri) 
 // exchange that failed with an exception that is not the library's.
 class UnusableLength : public std::exception {};
 
+// Clears the session Abort may shut down before the session is destroyed.
+class SessionTrack {
+public:
+    explicit SessionTrack(std::function<void(Poco::Net::HTTPClientSession*)> track) : track_(std::move(track)) {}
+    ~SessionTrack() { track_(nullptr); }
+
+private:
+    std::function<void(Poco::Net::HTTPClientSession*)> track_;
+};
+
 } // namespace
 
 ScheduleServerAccessRequest::ScheduleServerAccessRequest(ScheduleServerAccessRequestCallback* callback)
-    : callback_(callback) {}
+    : callback_(callback), session_(nullptr), aborted_(false) {}
 
 ScheduleServerAccessRequest::~ScheduleServerAccessRequest() {}
+
+void ScheduleServerAccessRequest::Abort() {
+    Poco::FastMutex::ScopedLock lock(abortMutex_);
+    aborted_ = true;
+    if (session_ == nullptr) return;
+    // Shut down at the descriptor, not through the session: the worker
+    // thread owns the session (and its TLS state) and is blocked in it.
+    const poco_socket_t fd = session_->socket().impl()->sockfd();
+    if (fd != POCO_INVALID_SOCKET) shutdown(fd, SHUT_RDWR);
+}
+
+// Makes `session` the one Abort shuts down (null: none). Throws when the
+// exchange was aborted before its session was open.
+void ScheduleServerAccessRequest::Track(Poco::Net::HTTPClientSession* session) {
+    Poco::FastMutex::ScopedLock lock(abortMutex_);
+    session_ = session;
+    if (session != nullptr && aborted_) throw Poco::IOException("exchange aborted, the daemon is stopping");
+}
 
 void ScheduleServerAccessRequest::SetParameters(const std::string& scheduleKbn) {
     SystemSettingXmlManager settings;
@@ -144,6 +174,8 @@ void ScheduleServerAccessRequest::Exchange(const std::string& body, std::string&
     const Poco::URI uri(url_);
     std::unique_ptr<Poco::Net::HTTPClientSession> opened = OpenSession(uri);
     Poco::Net::HTTPClientSession& session = *opened;
+    const SessionTrack untrack([this](Poco::Net::HTTPClientSession* none) { Track(none); });
+    Track(&session);
     Poco::Net::HTTPRequest request(Poco::Net::HTTPRequest::HTTP_POST, uri.getPath(),
                                    Poco::Net::HTTPMessage::HTTP_1_1);
     session.setTimeout(Poco::Timespan(kSessionTimeoutSeconds, 0));
@@ -151,6 +183,9 @@ void ScheduleServerAccessRequest::Exchange(const std::string& body, std::string&
     request.setContentType("application/x-www-form-urlencoded");
     request.setContentLength64(static_cast<Poco::Int64>(body.size()));
     session.sendRequest(request) << body;
+    // The session connects in sendRequest: an Abort that came while it had
+    // no socket yet is honoured here, before the wait for the answer.
+    Track(&session);
 
     Poco::Net::HTTPResponse response;
     std::istream& in = session.receiveResponse(response);

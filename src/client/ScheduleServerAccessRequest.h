@@ -7,8 +7,16 @@
 
 #include "server/Request.h"
 
+#include <Poco/Mutex.h>
+
 #include <memory>
 #include <string>
+
+namespace Poco {
+namespace Net {
+class HTTPClientSession;
+}
+} // namespace Poco
 
 namespace brvo {
 
@@ -32,6 +40,10 @@ public:
 
     // Performs the exchange and reports exactly once to the callback.
     void Execute() override;
+    // Ends the exchange: the connection in progress (also one still
+    // connecting) is shut down, so the exchange fails at once with the
+    // library's exception; one not yet started fails as it starts.
+    void Abort() override;
 
     // The device's MAC address from /sys/class/net/eth0/address without ":"
     // and "-", in upper case; empty (with a log line) when the file cannot be
@@ -49,12 +61,18 @@ protected:
 
 private:
     void Exchange(const std::string& body, std::string& contentType);
+    void Track(Poco::Net::HTTPClientSession* session);
 
     ScheduleServerAccessRequestCallback* callback_;
     std::shared_ptr<ScheduleServerAccessRequestCallback> owner_;
     std::string scheduleKbn_;
     std::string powerPlantId_;
     std::string url_;
+    // Guards `session_`, the session Abort shuts down (null when none is
+    // open), and `aborted_`.
+    Poco::FastMutex abortMutex_;
+    Poco::Net::HTTPClientSession* session_;
+    bool aborted_;
 };
 
 } // namespace brvo

@@ -47,14 +47,14 @@ void ScheduleDatabase::DeleteInstance() {
     delete instance.exchange(nullptr);
 }
 
-ScheduleDatabase::ScheduleDatabase() : DatabaseManager(kTag, kTableSchedule) {
+ScheduleDatabase::ScheduleDatabase() : DatabaseManager(kTag, kTableSchedule), writes_(0) {
     DeleteOldData();
 }
 
 ScheduleDatabase::~ScheduleDatabase() {}
 
 void ScheduleDatabase::SetForwarder(const Forwarder& forwarder) {
-    Poco::Mutex::ScopedLock lock(mutex_);
+    Poco::Mutex::ScopedLock lock(forwardMutex_);
     forwarder_ = forwarder;
 }
 
@@ -68,6 +68,7 @@ std::string ScheduleDatabase::CreateTableStatement() const {
 
 bool ScheduleDatabase::DeleteAll() {
     Poco::Mutex::ScopedLock lock(mutex_);
+    ++writes_;
     if (!Open()) return false;
     try {
         std::ostringstream sql;
@@ -83,6 +84,7 @@ bool ScheduleDatabase::DeleteAll() {
 
 void ScheduleDatabase::DeleteOldData() {
     Poco::Mutex::ScopedLock lock(mutex_);
+    ++writes_;
     if (!Open()) return;
     try {
         const std::int64_t cutoff = NowSeconds() - static_cast<std::int64_t>(RetentionDays()) * kSecondsPerDay;
@@ -177,6 +179,7 @@ std::string ScheduleDatabase::ValuesGroup(const ScheduleRow& row) const {
 
 bool ScheduleDatabase::InsertUpdateSchedule(const std::vector<ScheduleRow>& rows) {
     Poco::Mutex::ScopedLock lock(mutex_);
+    ++writes_;
     if (rows.empty()) return true;
     if (!Open()) return false;
     try {
@@ -198,6 +201,7 @@ bool ScheduleDatabase::InsertUpdateSchedule(const std::vector<ScheduleRow>& rows
 
 bool ScheduleDatabase::InsertFixedSchedule(const std::vector<ScheduleRow>& rows) {
     Poco::Mutex::ScopedLock lock(mutex_);
+    ++writes_;
     if (!Open()) return false;
     try {
         const std::int64_t cutoff = NowSeconds() - kFixedScheduleGraceSeconds;
@@ -221,10 +225,22 @@ bool ScheduleDatabase::InsertFixedSchedule(const std::vector<ScheduleRow>& rows)
 }
 
 void ScheduleDatabase::UpdateSentFlag() {
-    Poco::Mutex::ScopedLock lock(mutex_);
+    Poco::Mutex::ScopedLock forwarding(forwardMutex_);
+    std::uint64_t before = 0;
+    {
+        Poco::Mutex::ScopedLock lock(mutex_);
+        before = writes_;
+    }
     const int forwarded = forwarder_ ? forwarder_() : -1;
     if (forwarded != 0) {
         LoggerLog::Warning(kTag, "Cloud Send error.");
+        return;
+    }
+    Poco::Mutex::ScopedLock lock(mutex_);
+    if (writes_ != before) {
+        // Rows written while the logger daemon was told may not be in what
+        // it read: they stay unsent, and the run that wrote them forwards.
+        LoggerLog::Debug(kTag, "Schedule changed while it was forwarded; sent flags left as they are.");
         return;
     }
     if (!Open()) return;

@@ -3,6 +3,12 @@
 // process-wide instance; every operation holds the table's mutex, so the
 // request workers, the schedule update timers and the target-power
 // computation may call in from any thread.
+//
+// Locks: the table's mutex (`mutex_`) guards the session, the slot cache
+// and the write count, and is never held while the logger daemon is told:
+// a target-power select never waits on that exchange. `forwardMutex_`
+// guards the forwarder and serialises forwarding; it is taken before the
+// table's mutex, never after.
 #ifndef BRVO_DATABASE_SCHEDULEDATABASE_H
 #define BRVO_DATABASE_SCHEDULEDATABASE_H
 
@@ -51,12 +57,15 @@ public:
     // or the statement fails.
     bool InsertFixedSchedule(const std::vector<ScheduleRow>& rows);
     // Forwards the schedule to the logger daemon and, when that succeeded,
-    // marks every unsent row sent; both under the table's lock, so no other
-    // schedule operation falls in between. A failed (or not yet installed)
-    // forwarding is logged as "Cloud Send error." and changes nothing.
+    // marks every unsent row sent, unless the table was written meanwhile:
+    // those rows stay unsent for the forwarding of the run that wrote them.
+    // A failed (or not yet installed) forwarding is logged as "Cloud Send
+    // error." and changes nothing. One forwarding at a time.
     void UpdateSentFlag();
 
-    // Installs the forwarding used by UpdateSentFlag.
+    // Installs the forwarding used by UpdateSentFlag; waits for a
+    // forwarding in progress, so that once it returns the old forwarder is
+    // no longer called.
     void SetForwarder(const Forwarder& forwarder);
 
 protected:
@@ -79,8 +88,11 @@ private:
     bool CacheCovers(std::int64_t time, std::uint32_t counter) const;
     std::string ValuesGroup(const ScheduleRow& row) const;
 
+    Poco::Mutex forwardMutex_;
     Forwarder forwarder_;
     SlotCache slots_;
+    // Write operations so far (a change during a forwarding is seen).
+    std::uint64_t writes_;
 };
 
 } // namespace brvo

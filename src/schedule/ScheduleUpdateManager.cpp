@@ -12,8 +12,10 @@
 #include "schedule/ScheduleModel.h"
 #include "schedule/ServerAccessResult.h"
 #include "server/Channel.h"
+#include "server/Request.h"
 #include "settings/LoggerSettingManager.h"
 #include "settings/SystemSettingXmlManager.h"
+#include "util/CancelEvent.h"
 #include "util/LoggerLog.h"
 #include "util/SystemClock.h"
 #include "util/TimeStamp.h"
@@ -40,11 +42,18 @@ const std::int64_t kHalfHourSeconds = 1800;
 const std::int64_t kFixedLateSeconds = 20 * 60;
 const int kFixedAttempts = 5;
 const std::int64_t kFixedRetryMs = 300000;
-// Longest stretch a timer callback sleeps before it looks for a stop.
-const std::int64_t kSleepStepMs = 200;
 
-// Read from every thread; created and deleted on the main thread.
+// Created and deleted on the main thread; pins take it under the mutex, so
+// none is taken once DeleteInstance has begun.
+Poco::FastMutex instanceMutex;
 std::atomic<ScheduleUpdateManager*> instance(nullptr);
+
+// Managers whose flows outlived DeleteInstance's wait: kept (and reachable)
+// until the process exits.
+std::vector<ScheduleUpdateManager*>& Parked() {
+    static std::vector<ScheduleUpdateManager*>* parked = new std::vector<ScheduleUpdateManager*>();
+    return *parked;
+}
 
 SystemSettingXmlManager& SystemSettings() {
     SystemSettingXmlManager::CreateInstance();
@@ -72,7 +81,63 @@ std::string NowDisplay() {
 
 } // namespace
 
+ScheduleUpdateManager::Pin::Pin() : manager_(nullptr) {
+    Poco::FastMutex::ScopedLock lock(instanceMutex);
+    manager_ = instance;
+    if (manager_ != nullptr) manager_->EnterUse();
+}
+
+ScheduleUpdateManager::Pin::~Pin() {
+    if (manager_ != nullptr) manager_->LeaveUse();
+}
+
+// One tick of an alarm's timer, for the length of its callback: whether the
+// timer still serves its alarm (the last tick of a replaced timer does
+// nothing), and the alarm's cancel event and next time as the tick found
+// them. A serving tick counts as a use of the manager.
+class ScheduleUpdateManager::Tick {
+public:
+    Tick(ScheduleUpdateManager& manager, Poco::Timer& timer, Poco::Timer* const& alarmTimer,
+         const std::shared_ptr<CancelEvent>& cancel, const std::shared_ptr<TimeStamp>& due)
+        : manager_(manager), timer_(timer), current_(false) {
+        {
+            Poco::Mutex::ScopedLock lock(manager_.timerMutex_);
+            current_ = &timer == alarmTimer && !manager_.IsShuttingDown();
+            if (!current_) return;
+            manager_.ticking_.push_back(&timer);
+            cancel_ = cancel;
+            due_ = due;
+        }
+        manager_.EnterUse();
+    }
+
+    ~Tick() {
+        if (!current_) return;
+        {
+            Poco::Mutex::ScopedLock lock(manager_.timerMutex_);
+            std::vector<Poco::Timer*>& ticking = manager_.ticking_;
+            ticking.erase(std::find(ticking.begin(), ticking.end(), &timer_));
+        }
+        manager_.LeaveUse();
+    }
+
+    bool IsCurrent() const { return current_; }
+    const std::shared_ptr<CancelEvent>& Cancel() const { return cancel_; }
+    const std::shared_ptr<TimeStamp>& Due() const { return due_; }
+
+private:
+    Tick(const Tick&) = delete;
+    Tick& operator=(const Tick&) = delete;
+
+    ScheduleUpdateManager& manager_;
+    Poco::Timer& timer_;
+    bool current_;
+    std::shared_ptr<CancelEvent> cancel_;
+    std::shared_ptr<TimeStamp> due_;
+};
+
 void ScheduleUpdateManager::CreateInstance() {
+    Poco::FastMutex::ScopedLock lock(instanceMutex);
     if (instance == nullptr) instance = new ScheduleUpdateManager();
 }
 
@@ -81,34 +146,120 @@ ScheduleUpdateManager* ScheduleUpdateManager::GetInstance() {
 }
 
 void ScheduleUpdateManager::DeleteInstance() {
-    ScheduleUpdateManager* doomed = instance.exchange(nullptr);
+    ScheduleUpdateManager* doomed = nullptr;
+    {
+        Poco::FastMutex::ScopedLock lock(instanceMutex);
+        doomed = instance.exchange(nullptr);
+    }
     if (doomed == nullptr) return;
-    doomed->Stop();
-    if (!doomed->flowMutex_.tryLock(1000)) return;
-    doomed->flowMutex_.unlock();
-    delete doomed;
+    doomed->Shutdown();
+    if (doomed->WaitUnused(kDeleteWaitMs)) {
+        delete doomed;
+        return;
+    }
+    LoggerLog::Warning(kTag, "A schedule flow did not end in time; it is left to the exit.");
+    Poco::FastMutex::ScopedLock lock(instanceMutex);
+    Parked().push_back(doomed);
 }
 
 ScheduleUpdateManager::ScheduleUpdateManager()
     : channel_(new Channel(kRequestWorkers)),
       infoDatabase_(new ScheduleUpdateInfoDatabase()),
+      resets_(0),
       schedule_timer_(nullptr),
       fixed_schedule_timer_(nullptr),
-      updateGeneration_(0),
-      fixedGeneration_(0) {
+      updateCancel_(std::make_shared<CancelEvent>()),
+      fixedCancel_(std::make_shared<CancelEvent>()),
+      stopEvent_(new CancelEvent()),
+      users_(0) {
     channel_->StartWorkers();
     ScheduleDatabase::CreateInstance();
     ScheduleDatabase::GetInstance()->SetForwarder([this] { return SendScheduleData(); });
 }
 
 ScheduleUpdateManager::~ScheduleUpdateManager() {
-    Stop();
+    Shutdown();
+    // Waits for a forwarding in progress (aborted by Shutdown) to end.
     ScheduleDatabase* database = ScheduleDatabase::GetInstance();
     if (database != nullptr) database->SetForwarder(ScheduleDatabase::Forwarder());
-    delete schedule_timer_;
-    delete fixed_schedule_timer_;
+    std::vector<Poco::Timer*> timers;
+    {
+        Poco::Mutex::ScopedLock lock(timerMutex_);
+        timers.swap(retired_);
+        timers.push_back(schedule_timer_);
+        timers.push_back(fixed_schedule_timer_);
+        schedule_timer_ = fixed_schedule_timer_ = nullptr;
+    }
+    for (Poco::Timer* timer : timers) delete timer;
     delete channel_;
     delete infoDatabase_;
+    Poco::FastMutex::ScopedLock lock(exchangeMutex_);
+    for (Request* request : inFlight_) request->release();
+    inFlight_.clear();
+}
+
+void ScheduleUpdateManager::Shutdown() {
+    stopEvent_->Set();
+    Stop();
+    Poco::FastMutex::ScopedLock lock(exchangeMutex_);
+    for (Request* request : inFlight_) request->Abort();
+}
+
+bool ScheduleUpdateManager::IsShuttingDown() const {
+    return stopEvent_->IsSet();
+}
+
+void ScheduleUpdateManager::EnterUse() {
+    Poco::FastMutex::ScopedLock lock(usersMutex_);
+    ++users_;
+}
+
+void ScheduleUpdateManager::LeaveUse() {
+    Poco::FastMutex::ScopedLock lock(usersMutex_);
+    if (--users_ == 0) unused_.broadcast();
+}
+
+// Waits up to `ms` for every pin, flow and callback to end; true when none
+// is left.
+bool ScheduleUpdateManager::WaitUnused(long ms) {
+    const Poco::Clock start;
+    Poco::FastMutex::ScopedLock lock(usersMutex_);
+    while (users_ > 0) {
+        const long left = ms - static_cast<long>(start.elapsed() / 1000);
+        if (left <= 0) return false;
+        unused_.tryWait(usersMutex_, left);
+    }
+    return true;
+}
+
+// Tracks `request` (before it is queued) so that Shutdown can abort it.
+// Requests that have finished (only this list still holds them) are dropped
+// here. After Shutdown a request fails as soon as it starts.
+void ScheduleUpdateManager::Register(Request* request) {
+    Poco::FastMutex::ScopedLock lock(exchangeMutex_);
+    const auto finished = std::remove_if(inFlight_.begin(), inFlight_.end(), [](Request* tracked) {
+        if (tracked->referenceCount() > 1) return false;
+        tracked->release();
+        return true;
+    });
+    inFlight_.erase(finished, inFlight_.end());
+    request->duplicate();
+    inFlight_.push_back(request);
+    if (IsShuttingDown()) request->Abort();
+}
+
+std::uint64_t ScheduleUpdateManager::Resets() {
+    Poco::Mutex::ScopedLock lock(flowMutex_);
+    return resets_;
+}
+
+// Whether the tables were emptied since `resets` was read (the caller holds
+// the flow lock); a fetch begun before must not be stored: it belongs to a
+// plant or state that no longer holds.
+bool ScheduleUpdateManager::ResetSince(std::uint64_t resets, const char* failureText) {
+    if (resets_ == resets) return false;
+    LoggerLog::Warning(kTag, std::string(failureText) + " The stored schedule was reset while it was fetched.");
+    return true;
 }
 
 ScheduleUpdateInfo ScheduleUpdateManager::GetUpdateInfo() {
@@ -137,6 +288,7 @@ std::future<std::shared_ptr<ServerAccessResult>> ScheduleUpdateManager::StartExc
     ScheduleServerAccessRequest* request = new ScheduleServerAccessRequest(callback.get());
     setParameters(*request);
     request->Keep(callback);
+    Register(request);
     channel_->Enqueue(request);
     return future;
 }
@@ -160,10 +312,10 @@ std::shared_ptr<UpdateResult> ScheduleUpdateManager::AccessFailure(
 }
 
 std::shared_ptr<UpdateResult> ScheduleUpdateManager::UpdateSchedule() {
-    Poco::Mutex::ScopedLock lock(flowMutex_);
     LoggerLog::Debug(kTag, "UpdateSchedule");
     std::int32_t status = 0;
     try {
+        const std::uint64_t resets = Resets();
         std::shared_ptr<ServerAccessResult> access = ServerAccess_c(kUpdateScheduleKbn).get();
         if (auto failed = AccessFailure("Schedule update failed. [", access)) return failed;
         status = access->GetStatusCode();
@@ -177,6 +329,8 @@ std::shared_ptr<UpdateResult> ScheduleUpdateManager::UpdateSchedule() {
             LoggerLog::Warning(kTag, "Schedule update failed. Schedule data is nothing.");
             return Failure(4, status, "Schedule data is nothing.");
         }
+        Poco::Mutex::ScopedLock lock(flowMutex_);
+        if (ResetSince(resets, "Schedule update failed.")) return Failure(5, status, "Database update error.");
         if (!UpdateWithUpdateSchedule(model.GetUpdateInfo(), slots)) {
             LoggerLog::Warning(kTag, "Schedule update failed. Database update error.");
             return Failure(5, status, "Database update error.");
@@ -192,10 +346,15 @@ std::shared_ptr<UpdateResult> ScheduleUpdateManager::UpdateSchedule() {
 }
 
 std::shared_ptr<UpdateResult> ScheduleUpdateManager::UpdateFixedSchedule() {
-    Poco::Mutex::ScopedLock lock(flowMutex_);
     LoggerLog::Debug(kTag, "UpdateFixedSchedule");
     try {
-        const ScheduleUpdateInfo info = infoDatabase_->SelectUpdateInfo();
+        ScheduleUpdateInfo info;
+        std::uint64_t resets = 0;
+        {
+            Poco::Mutex::ScopedLock lock(flowMutex_);
+            info = infoDatabase_->SelectUpdateInfo();
+            resets = resets_;
+        }
         if (info.plantId.empty()) {
             const std::string message = "Update information of fixed schedule does not exist.";
             LoggerLog::Warning(kTag, message);
@@ -215,6 +374,8 @@ std::shared_ptr<UpdateResult> ScheduleUpdateManager::UpdateFixedSchedule() {
             LoggerLog::Warning(kTag, "Fixed schedule update failed. Schedule data is nothing.");
             return Failure(4, status, "Schedule data is nothing.");
         }
+        Poco::Mutex::ScopedLock lock(flowMutex_);
+        if (ResetSince(resets, "Fixed schedule update failed.")) return Failure(5, status, "Database update error.");
         if (!UpdateWithFixedSchedule(slots, model.GetPlantId())) {
             LoggerLog::Warning(kTag, "Fixed schedule update failed. Database update error.");
             return Failure(5, status, "Database update error.");
@@ -277,7 +438,6 @@ bool ScheduleUpdateManager::UpdateWithFixedSchedule(const std::vector<ScheduleRo
 }
 
 std::shared_ptr<UpdateResult> ScheduleUpdateManager::UpdateOutputControlSchedule() {
-    Poco::Mutex::ScopedLock lock(flowMutex_);
     LoggerLog::Debug(kTag, "UpdateOutputControlSchedule");
     std::shared_ptr<UpdateResult> result = UpdateSchedule();
     if (!result->IsResult()) return result;
@@ -288,6 +448,7 @@ std::shared_ptr<UpdateResult> ScheduleUpdateManager::UpdateOutputControlSchedule
 void ScheduleUpdateManager::DeleteAllUpdateControlInfoFromDB() {
     Poco::Mutex::ScopedLock lock(flowMutex_);
     LoggerLog::Debug(kTag, "DeleteAllUpdateControlInfoFromDB");
+    ++resets_;
     infoDatabase_->DeleteUpdateInfo();
     ScheduleDatabase* database = ScheduleDatabase::GetInstance();
     if (database != nullptr) database->DeleteAll();
@@ -296,42 +457,13 @@ void ScheduleUpdateManager::DeleteAllUpdateControlInfoFromDB() {
 
 std::shared_ptr<UpdateResult> ScheduleUpdateManager::CheckAndUpdateWithSystemSetting(bool& started,
                                                                                      bool startIfUnchanged) {
-    Poco::Mutex::ScopedLock lock(flowMutex_);
     LoggerLog::Debug(kTag, "CheckAndUpdateWithSystemSetting");
     try {
-        SystemSettingXmlManager& settings = SystemSettings();
-        settings.Load();
-        if (!settings.HasGeneral()) return Success();
-        const bool standAlone = settings.GetOutputControlStandAlone();
-        if (standAlone) Stop();
-        const std::string configured = settings.GetOutputControlPlantId();
-        const std::string stored = infoDatabase_->SelectUpdateInfo().plantId;
-        if (stored.empty() || stored != configured) {
-            DeleteAllUpdateControlInfoFromDB();
-            if (configured.empty()) {
-                Stop();
-                LoggerLog::Info(kTag, "Plant ID is not set. [" + stored + "]");
-                return Success();
-            }
-            LoggerLog::Info(kTag, "Plant ID change. [" + stored + "] to [" + configured + "]");
-            ScheduleUpdateInfo fresh;
-            fresh.plantId = configured;
-            fresh.lastUpdateTime = "";
-            fresh.nextUpdateTime = NowDisplay();
-            fresh.fixedScheduleUpdateFlag = -1;
-            fresh.isNeedUpdateFixedSchedule = false;
-            infoDatabase_->InsertUpdateInfo(fresh);
-            if (standAlone) {
-                LoggerLog::Warning(kTag, "Plant ID changed but, Standalone setting...");
-                return Success();
-            }
-            std::shared_ptr<UpdateResult> result = UpdateOutputControlSchedule();
-            if (result->IsResult()) started = true;
-            Start();
-            return result;
-        }
-        if (startIfUnchanged && !standAlone) Start();
-        return Success();
+        if (!BringInfoInStep(startIfUnchanged)) return Success();
+        std::shared_ptr<UpdateResult> result = UpdateOutputControlSchedule();
+        if (result->IsResult()) started = true;
+        Start();
+        return result;
     } catch (const Poco::Exception& e) {
         LoggerLog::Error(kTag, "Check System Setting failed. EXCEPTION[" + e.displayText() + "]");
         return Failure(12, 0, e.displayText());
@@ -339,6 +471,42 @@ std::shared_ptr<UpdateResult> ScheduleUpdateManager::CheckAndUpdateWithSystemSet
         LoggerLog::Error(kTag, "Check System Setting failed. exception");
         return Failure(12, 0, e.what());
     }
+}
+
+// The locked part of the settings check: true when a new plant needs its
+// first fetch (done by the caller, outside the lock).
+bool ScheduleUpdateManager::BringInfoInStep(bool startIfUnchanged) {
+    Poco::Mutex::ScopedLock lock(flowMutex_);
+    SystemSettingXmlManager& settings = SystemSettings();
+    settings.Load();
+    if (!settings.HasGeneral()) return false;
+    const bool standAlone = settings.GetOutputControlStandAlone();
+    if (standAlone) Stop();
+    const std::string configured = settings.GetOutputControlPlantId();
+    const std::string stored = infoDatabase_->SelectUpdateInfo().plantId;
+    if (stored.empty() || stored != configured) {
+        DeleteAllUpdateControlInfoFromDB();
+        if (configured.empty()) {
+            Stop();
+            LoggerLog::Info(kTag, "Plant ID is not set. [" + stored + "]");
+            return false;
+        }
+        LoggerLog::Info(kTag, "Plant ID change. [" + stored + "] to [" + configured + "]");
+        ScheduleUpdateInfo fresh;
+        fresh.plantId = configured;
+        fresh.lastUpdateTime = "";
+        fresh.nextUpdateTime = NowDisplay();
+        fresh.fixedScheduleUpdateFlag = -1;
+        fresh.isNeedUpdateFixedSchedule = false;
+        infoDatabase_->InsertUpdateInfo(fresh);
+        if (standAlone) {
+            LoggerLog::Warning(kTag, "Plant ID changed but, Standalone setting...");
+            return false;
+        }
+        return true;
+    }
+    if (startIfUnchanged && !standAlone) Start();
+    return false;
 }
 
 std::shared_ptr<UpdateResult> ScheduleUpdateManager::UpdateWithFixedData(
@@ -409,6 +577,7 @@ int ScheduleUpdateManager::SendScheduleData() {
     BrvfdAccessRequest* request = new BrvfdAccessRequest(callback.get());
     request->SetCommand(BrvfdAccessRequest::kCommandScheduleUpdated);
     request->Keep(callback);
+    Register(request);
     channel_->Enqueue(request);
     return future.get();
 }
@@ -473,28 +642,54 @@ bool ScheduleUpdateManager::AlarmPreconditions(ScheduleUpdateInfo& info) {
     return true;
 }
 
-// Replaces `timer` with a new one ticking every monitoring interval. A
-// running callback of the old timer notices its cleared time within one
-// sleep step, so waiting for it here is short.
+// Replaces `timer` with a new one ticking every monitoring interval. The
+// old one is retired, not joined: its thread ends after the callback it may
+// be running, which no longer acts (it is not the alarm's timer), and it is
+// freed later. So no caller, whatever lock it holds, waits on a callback.
 void ScheduleUpdateManager::ReplaceTimer(Poco::Timer*& timer, const char* deleteLabel,
                                          void (ScheduleUpdateManager::*callback)(Poco::Timer&)) {
-    Poco::Timer* old = nullptr;
+    const long interval = MonitoringIntervalMs();
     {
         Poco::Mutex::ScopedLock lock(timerMutex_);
-        old = timer;
-        timer = nullptr;
+        if (timer != nullptr) {
+            std::cout << deleteLabel << std::endl;
+            RetireTimer(timer);
+        }
+        std::cout << "fixed_schedule_timer_ start" << std::endl;
+        timer = new Poco::Timer(interval, interval);
+        timer->start(Poco::TimerCallback<ScheduleUpdateManager>(*this, callback));
     }
-    if (old != nullptr) {
-        std::cout << deleteLabel << std::endl;
-        old->stop();
-        delete old;
+    ReapRetiredTimers();
+}
+
+// Ends `timer`'s periodic run without waiting for it (timerMutex_ held).
+void ScheduleUpdateManager::RetireTimer(Poco::Timer* timer) {
+    timer->restart(0);
+    retired_.push_back(timer);
+}
+
+// Frees the retired timers whose callback is not running; freeing waits for
+// a thread that is ending anyway, never for a callback.
+void ScheduleUpdateManager::ReapRetiredTimers() {
+    std::vector<Poco::Timer*> idle;
+    {
+        Poco::Mutex::ScopedLock lock(timerMutex_);
+        const auto busy = std::partition(retired_.begin(), retired_.end(), [this](Poco::Timer* timer) {
+            return std::find(ticking_.begin(), ticking_.end(), timer) != ticking_.end();
+        });
+        idle.assign(busy, retired_.end());
+        retired_.erase(busy, retired_.end());
     }
-    std::cout << "fixed_schedule_timer_ start" << std::endl;
-    const long interval = MonitoringIntervalMs();
-    Poco::Timer* fresh = new Poco::Timer(interval, interval);
-    fresh->start(Poco::TimerCallback<ScheduleUpdateManager>(*this, callback));
-    Poco::Mutex::ScopedLock lock(timerMutex_);
-    timer = fresh;
+    for (Poco::Timer* timer : idle) delete timer;
+}
+
+// Ends `timer`'s periodic run (a running callback finishes first, without
+// being waited for), wakes a callback of the alarm that sleeps or waits and
+// gives the alarm's next run a fresh cancel event (timerMutex_ held).
+void ScheduleUpdateManager::CancelAlarm(Poco::Timer* timer, std::shared_ptr<CancelEvent>& cancel) {
+    if (timer != nullptr) timer->restart(0);
+    cancel->Set();
+    cancel = std::make_shared<CancelEvent>();
 }
 
 void ScheduleUpdateManager::SetupUpdateScheduleAlarm(bool keepTimer, bool retry) {
@@ -525,9 +720,8 @@ void ScheduleUpdateManager::StopUpdateScheduleAlarm() {
     LoggerLog::Debug(kTag, "StopUpdateScheduleAlarm");
     std::cout << "fixed_schedule_timer_ restart(0)" << std::endl;
     Poco::Mutex::ScopedLock lock(timerMutex_);
-    if (schedule_timer_ != nullptr) schedule_timer_->restart(0);
+    CancelAlarm(schedule_timer_, updateCancel_);
     schedule_update_time_.reset();
-    ++updateGeneration_;
 }
 
 void ScheduleUpdateManager::SetupFixedScheduleAlarm() {
@@ -554,9 +748,8 @@ void ScheduleUpdateManager::StopFixedScheduleAlarm() {
     LoggerLog::Debug(kTag, "StopFixedScheduleAlarm");
     std::cout << "fixed_schedule_timer_ restart(0)" << std::endl;
     Poco::Mutex::ScopedLock lock(timerMutex_);
-    if (fixed_schedule_timer_ != nullptr) fixed_schedule_timer_->restart(0);
+    CancelAlarm(fixed_schedule_timer_, fixedCancel_);
     fixed_schedule_update_time_.reset();
-    ++fixedGeneration_;
 }
 
 std::shared_ptr<TimeStamp> ScheduleUpdateManager::FixedScheduleUpdateTime(const std::string& plantId) {
@@ -581,55 +774,11 @@ std::shared_ptr<TimeStamp> ScheduleUpdateManager::FixedScheduleUpdateTime(const 
     }
 }
 
-// Sleeps `ms` in short steps; false as soon as the alarm was stopped (its
-// count moved on from `seen`).
-bool ScheduleUpdateManager::SleepUnlessCancelled(std::int64_t ms, const std::atomic<unsigned>& generation,
-                                                 unsigned seen) {
-    // Measured on the monotonic clock: setting the wall clock (a logger
-    // without a battery-backed clock gets its time late) moves no sleep.
-    const Poco::Clock start;
-    for (;;) {
-        if (generation != seen) return false;
-        const std::int64_t left = ms - start.elapsed() / 1000;
-        if (left <= 0) return true;
-        Poco::Thread::sleep(static_cast<long>(std::min(left, kSleepStepMs)));
-    }
-}
-
-// Takes the flow lock for a timer run, waiting in short steps while a flow
-// runs; false (and not holding the lock) when the alarm was stopped
-// meanwhile, so that a flow stopping the alarm never waits on this thread
-// while this thread waits on the flow.
-bool ScheduleUpdateManager::LockFlowsUnlessCancelled(const std::atomic<unsigned>& generation, unsigned seen) {
-    for (;;) {
-        if (generation != seen) return false;
-        if (flowMutex_.tryLock()) {
-            if (generation == seen) return true;
-            flowMutex_.unlock();
-            return false;
-        }
-        Poco::Thread::sleep(static_cast<long>(kSleepStepMs));
-    }
-}
-
-namespace {
-
-// Releases the flow lock that a timer run took.
-class FlowUnlock {
-public:
-    explicit FlowUnlock(Poco::Mutex& mutex) : mutex_(mutex) {}
-    ~FlowUnlock() { mutex_.unlock(); }
-
-private:
-    Poco::Mutex& mutex_;
-};
-
-} // namespace
-
-void ScheduleUpdateManager::CallbackUpdateSchedule(Poco::Timer&) {
+void ScheduleUpdateManager::CallbackUpdateSchedule(Poco::Timer& timer) {
+    const Tick tick(*this, timer, schedule_timer_, updateCancel_, schedule_update_time_);
+    if (!tick.IsCurrent()) return;
     LoggerLog::Debug(kTag, "CallbackUpdateSchedule");
-    const unsigned seen = updateGeneration_;
-    std::shared_ptr<TimeStamp> due = GetScheduleUpdateTime();
+    const std::shared_ptr<TimeStamp>& due = tick.Due();
     if (!due) {
         LoggerLog::Debug(kTag, "Cancel 1");
         return;
@@ -644,13 +793,15 @@ void ScheduleUpdateManager::CallbackUpdateSchedule(Poco::Timer&) {
     char text[32];
     std::snprintf(text, sizeof text, "%lld", static_cast<long long>(diff));
     LoggerLog::Debug(kTag, std::string("diffe_time") + text);
-    if ((diff > 0 && !SleepUnlessCancelled(diff, updateGeneration_, seen)) ||
-        !LockFlowsUnlessCancelled(updateGeneration_, seen)) {
+    const CancelEvent& cancel = *tick.Cancel();
+    if ((diff > 0 && cancel.Wait(diff)) || cancel.IsSet()) {
         LoggerLog::Debug(kTag, "Cancel 2");
         return;
     }
-    FlowUnlock unlock(flowMutex_);
     std::shared_ptr<UpdateResult> result = UpdateSchedule();
+    // Stopped while the flow ran (a plant change, stand-alone operation,
+    // the daemon stopping): the alarm stays as the stop left it.
+    if (cancel.IsSet()) return;
     if (!result->IsResult() && !IsRetryable(*result)) {
         LoggerLog::Error(kTag, "Update schedule failed. Stop retry. " + result->ToString());
         StopUpdateScheduleAlarm();
@@ -664,9 +815,11 @@ void ScheduleUpdateManager::CallbackUpdateSchedule(Poco::Timer&) {
     }
 }
 
-void ScheduleUpdateManager::CallbackFixedSchedule(Poco::Timer&) {
+void ScheduleUpdateManager::CallbackFixedSchedule(Poco::Timer& timer) {
+    const Tick tick(*this, timer, fixed_schedule_timer_, fixedCancel_, fixed_schedule_update_time_);
+    if (!tick.IsCurrent()) return;
     LoggerLog::Debug(kTag, "CallbackFixedSchedule");
-    std::shared_ptr<TimeStamp> due = GetFixedScheduleUpdateTime();
+    const std::shared_ptr<TimeStamp>& due = tick.Due();
     if (!due) {
         LoggerLog::Debug(kTag, "Cancel 1");
         return;
@@ -675,26 +828,27 @@ void ScheduleUpdateManager::CallbackFixedSchedule(Poco::Timer&) {
         LoggerLog::Debug(kTag, "Waiting for next update time");
         return;
     }
+    // The attempts below belong to no alarm run any more: stopping the alarm
+    // again (a new set-up, a plant change, the daemon stopping) ends them.
     StopFixedScheduleAlarm();
-    const unsigned seen = fixedGeneration_;
+    std::shared_ptr<CancelEvent> cancel;
+    {
+        Poco::Mutex::ScopedLock lock(timerMutex_);
+        cancel = fixedCancel_;
+    }
     for (int attempt = 1; attempt <= kFixedAttempts; ++attempt) {
-        if (!LockFlowsUnlessCancelled(fixedGeneration_, seen)) return;
-        std::shared_ptr<UpdateResult> result;
-        {
-            FlowUnlock unlock(flowMutex_);
-            result = UpdateFixedSchedule();
-            if (result->IsResult()) {
-                ScheduleDatabase* database = ScheduleDatabase::GetInstance();
-                if (database != nullptr) database->UpdateSentFlag();
-                return;
-            }
+        if (cancel->IsSet()) return;
+        std::shared_ptr<UpdateResult> result = UpdateFixedSchedule();
+        if (result->IsResult()) {
+            ScheduleDatabase* database = ScheduleDatabase::GetInstance();
+            if (database != nullptr) database->UpdateSentFlag();
+            return;
         }
         if (!IsRetryable(*result)) {
             LoggerLog::Error(kTag, "Update fixed schedule failed. Stop retry. " + result->ToString());
             return;
         }
-        if (attempt == kFixedAttempts) return;
-        if (!SleepUnlessCancelled(kFixedRetryMs, fixedGeneration_, seen)) return;
+        if (attempt == kFixedAttempts || cancel->Wait(kFixedRetryMs)) return;
         LoggerLog::Error(kTag, "Fixed schedule update retry. [" + std::to_string(attempt) + "]");
     }
 }

@@ -5,12 +5,29 @@
 // plant id, checks plant ids with the server and tells the logger daemon
 // about new data. Every public flow returns an UpdateResult and never throws.
 //
-// Flows never run at once: each public flow holds the flow lock for its
-// whole run, so a socket request arriving during a timer run waits for it
-// and the update information and the schedule always change as one step.
-// The timer callbacks only try the lock (a busy lock postpones their work
-// to a later tick) and sleep in short steps that notice a stop, so a flow
-// that replaces or stops a timer never waits on a callback that waits on it.
+// Concurrency. Flows run at once from the socket workers and the timers.
+// Their network waits (the schedule server, the logger daemon) happen
+// outside every lock; the flow lock covers only reading and writing the
+// update information and the tables, so each flow's check of the stored
+// state and its write are one step. A fetch that finds the tables reset
+// meanwhile (a plant change, a forced fixed schedule) is not stored.
+//
+// Locks, always taken in this order, never the other way:
+//   flowMutex_ (recursive)  the update information and schedule tables as
+//                           the flows read and write them; `resets_`
+//   timerMutex_             the timers, retired timers, ticking timers,
+//                           next fetch times and alarm cancel events
+//   exchangeMutex_          the exchanges in flight
+//   usersMutex_ (leaf)      `users_`
+// No lock is held while waiting on the network or on a timer thread: timers
+// are retired (their ticks end) rather than stopped and joined, so a flow
+// never waits on a callback that waits on it.
+//
+// Stopping. Each alarm has a cancel event that its Stop sets; a callback
+// sleeping towards its fetch time, or between fixed-schedule attempts,
+// wakes at once. Shutdown sets the manager's stop event, cancels both
+// alarms and aborts every exchange in flight (its socket is shut down), so
+// every flow ends promptly and nothing waits on the network after it.
 #ifndef BRVO_SCHEDULE_SCHEDULEUPDATEMANAGER_H
 #define BRVO_SCHEDULE_SCHEDULEUPDATEMANAGER_H
 
@@ -18,6 +35,7 @@
 #include "database/ScheduleUpdateInfo.h"
 #include "schedule/UpdateResult.h"
 
+#include <Poco/Condition.h>
 #include <Poco/Mutex.h>
 #include <Poco/Timer.h>
 
@@ -31,7 +49,9 @@
 
 namespace brvo {
 
+class CancelEvent;
 class Channel;
+class Request;
 class ScheduleModel;
 class ScheduleServerAccessRequest;
 class ScheduleUpdateInfoDatabase;
@@ -45,18 +65,49 @@ public:
     static const std::string kFixedScheduleKbnPrefix;
     static const std::string kCheckPlantIdKbn;
 
+    // Keeps the process-wide instance alive while a caller on another
+    // thread uses it; DeleteInstance waits (briefly) for every pin to go.
+    class Pin {
+    public:
+        Pin();
+        ~Pin();
+        // The pinned instance; null when there is none or it is being
+        // deleted.
+        ScheduleUpdateManager* get() const { return manager_; }
+        ScheduleUpdateManager* operator->() const { return manager_; }
+        explicit operator bool() const { return manager_ != nullptr; }
+
+    private:
+        Pin(const Pin&) = delete;
+        Pin& operator=(const Pin&) = delete;
+        ScheduleUpdateManager* manager_;
+    };
+
+    // Longest wait of DeleteInstance for the flows to end after Shutdown.
+    static constexpr long kDeleteWaitMs = 250;
+
     // Creates the process-wide instance if absent (and the schedule table
     // with it).
     static void CreateInstance();
-    // The instance, or null.
+    // The instance, or null. Only for a thread that nothing can delete it
+    // under (the main thread, tests); other threads take a Pin.
     static ScheduleUpdateManager* GetInstance();
-    // Stops the timers and deletes the instance. A flow still running on
-    // another thread keeps its object: it is then left to the process exit
-    // instead of being freed under it.
+    // Shuts the instance down and deletes it once its flows have ended. A
+    // flow that does not end within kDeleteWaitMs (a name lookup cannot be
+    // aborted) keeps the object: it is left to the process exit instead of
+    // being freed under it.
     static void DeleteInstance();
 
     ScheduleUpdateManager();
+    // Shuts down, then frees the timers and the request pool.
     virtual ~ScheduleUpdateManager();
+
+    // Sets the stop event, stops both alarms and aborts every exchange in
+    // flight; exchanges started later fail at once. Flows running now end
+    // promptly with their failure results. Idempotent.
+    void Shutdown();
+    // Whether Shutdown ran.
+    bool IsShuttingDown() const;
 
     // Starts one schedule server exchange on the manager's request pool and
     // returns the future of its result: with plant id and server address
@@ -114,34 +165,66 @@ public:
     std::shared_ptr<TimeStamp> GetFixedScheduleUpdateTime();
 
 private:
+    class Tick;
+
     ScheduleUpdateManager(const ScheduleUpdateManager&) = delete;
     ScheduleUpdateManager& operator=(const ScheduleUpdateManager&) = delete;
 
     std::future<std::shared_ptr<ServerAccessResult>> StartExchange(
         const std::function<void(ScheduleServerAccessRequest&)>& setParameters);
+    bool BringInfoInStep(bool startIfUnchanged);
+    void Register(Request* request);
+    void EnterUse();
+    void LeaveUse();
+    bool WaitUnused(long ms);
+    std::uint64_t Resets();
+    bool ResetSince(std::uint64_t resets, const char* failureText);
     std::shared_ptr<UpdateResult> AccessFailure(const std::string& failureText,
                                                 const std::shared_ptr<ServerAccessResult>& access);
     bool AlarmPreconditions(ScheduleUpdateInfo& info);
     long MonitoringIntervalMs() const;
     void ReplaceTimer(Poco::Timer*& timer, const char* deleteLabel,
                       void (ScheduleUpdateManager::*callback)(Poco::Timer&));
-    bool SleepUnlessCancelled(std::int64_t ms, const std::atomic<unsigned>& generation, unsigned seen);
-    bool LockFlowsUnlessCancelled(const std::atomic<unsigned>& generation, unsigned seen);
+    void RetireTimer(Poco::Timer* timer);
+    void ReapRetiredTimers();
+    void CancelAlarm(Poco::Timer* timer, std::shared_ptr<CancelEvent>& cancel);
 
     Channel* channel_;
     ScheduleUpdateInfoDatabase* infoDatabase_;
-    // Held by every public flow; recursive, since flows call flows.
+
+    // Recursive, since flows call flows. Never held across a network wait.
     Poco::Mutex flowMutex_;
-    // Guards the timers and their next times.
+    // Counted up (under flowMutex_) each time the tables are emptied.
+    std::uint64_t resets_;
+
+    // Under timerMutex_.
     Poco::Mutex timerMutex_;
     Poco::Timer* schedule_timer_;
     Poco::Timer* fixed_schedule_timer_;
     std::shared_ptr<TimeStamp> schedule_update_time_;
     std::shared_ptr<TimeStamp> fixed_schedule_update_time_;
-    // Counted up by every stop of an alarm: a callback that sees its count
-    // change was cancelled and ends.
-    std::atomic<unsigned> updateGeneration_;
-    std::atomic<unsigned> fixedGeneration_;
+    // Set by the alarm's Stop, then replaced by a fresh one for the
+    // alarm's next run: a callback holds the one of its own run.
+    std::shared_ptr<CancelEvent> updateCancel_;
+    std::shared_ptr<CancelEvent> fixedCancel_;
+    // Replaced timers whose thread may still be ending, and the timers
+    // whose callback runs now (never deleted while it does).
+    std::vector<Poco::Timer*> retired_;
+    std::vector<Poco::Timer*> ticking_;
+
+    // Under exchangeMutex_: the requests queued or running (and some that
+    // finished, dropped at the next Register).
+    Poco::FastMutex exchangeMutex_;
+    std::vector<Request*> inFlight_;
+
+    // Set by Shutdown.
+    std::unique_ptr<CancelEvent> stopEvent_;
+
+    // Under usersMutex_: pins, flows and timer callbacks running now;
+    // `unused_` is signalled when the count drops to zero.
+    Poco::FastMutex usersMutex_;
+    Poco::Condition unused_;
+    int users_;
 };
 
 } // namespace brvo

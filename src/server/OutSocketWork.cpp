@@ -10,6 +10,7 @@
 #include "util/FileUtil.h"
 #include "util/LoggerLog.h"
 
+#include <Poco/Clock.h>
 #include <Poco/Exception.h>
 #include <Poco/FileStream.h>
 
@@ -17,8 +18,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <poll.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 namespace brvo {
@@ -53,23 +54,18 @@ std::vector<unsigned char> Answer(std::size_t size, std::int32_t type) {
     return answer;
 }
 
-// A request arrives right after connecting; a client that never sends
-// must not hold a worker for ever.
-void SetReceiveTimeout(int fd) {
-    LoggerSettingManager* settings = LoggerSettingManager::GetInstance();
-    timeval timeout;
-    timeout.tv_sec = settings != nullptr ? settings->GetOutputControlSocketTimeout() : kDefaultTimeoutSeconds;
-    timeout.tv_usec = 0;
-    if (timeout.tv_sec > 0) setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
-}
-
 std::shared_ptr<UpdateResult> NotRunning() {
     return std::make_shared<UpdateResult>(12, 0, "Schedule update manager is not running.");
 }
 
 } // namespace
 
-OutSocketWork::OutSocketWork(int socket) : socket_(socket) {}
+std::atomic<int> OutSocketWork::openCount_(0);
+
+OutSocketWork::OutSocketWork(int socket) : socket_(socket), received_(0), ended_(false), started_(false) {
+    std::memset(request_, 0, sizeof request_);
+    if (socket_ >= 0) ++openCount_;
+}
 
 // A work item that never ran (the daemon stopped first) still owns its
 // descriptor.
@@ -81,6 +77,97 @@ void OutSocketWork::Close() {
     if (socket_ < 0) return;
     close(socket_);
     socket_ = -1;
+    --openCount_;
+}
+
+int OutSocketWork::TimeoutSeconds() {
+    LoggerSettingManager* settings = LoggerSettingManager::GetInstance();
+    const int seconds = settings != nullptr ? settings->GetOutputControlSocketTimeout() : kDefaultTimeoutSeconds;
+    return seconds > 0 ? seconds : kDefaultTimeoutSeconds;
+}
+
+bool OutSocketWork::IsFlow(std::int32_t type) {
+    return type == kUpdateSchedule || type == kCheckPlantId || type == kUpdateFixedSchedule ||
+           type == kChangeSettingNotify;
+}
+
+std::size_t OutSocketWork::ParameterSize(std::int32_t type) {
+    switch (type) {
+    case kCheckPlantId:
+        return kCheckPlantIdSize;
+    case kUpdateFixedSchedule:
+        return kFixedScheduleSize;
+    case kCurrentTargetPower:
+    case kNextTargetPower:
+        return kCapacitySize;
+    default:
+        return 0;
+    }
+}
+
+std::int32_t OutSocketWork::GetType() const {
+    std::int32_t type = 0;
+    std::memcpy(&type, request_ + 4, sizeof type);
+    return type;
+}
+
+// The header, then the parameter block of the header's type.
+std::size_t OutSocketWork::ExpectedSize() const {
+    return HasHeader() ? kHeaderSize + ParameterSize(GetType()) : kHeaderSize;
+}
+
+OutSocketWork::ReadState OutSocketWork::ReadAvailable() {
+    while (!ended_ && received_ < ExpectedSize()) {
+        const ssize_t got = recv(socket_, request_ + received_, ExpectedSize() - received_, MSG_DONTWAIT);
+        if (got > 0) {
+            received_ += static_cast<std::size_t>(got);
+        } else if (got == 0) {
+            ended_ = true;
+        } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
+            return kReading;
+        } else if (errno != EINTR) {
+            // A header that cannot be read gets no answer; a parameter block
+            // cut by a failed read is taken as far as it came, as one cut
+            // by the end of the connection.
+            if (!HasHeader()) return kReadFailed;
+            ended_ = true;
+        }
+    }
+    return kRead;
+}
+
+// Reads until the request is in, the client ends its side or the socket
+// time-out passes; false (with its log line and the connection closed)
+// when no request can be served.
+bool OutSocketWork::ReadUntilDeadline() {
+    const Poco::Clock start;
+    const Poco::Clock::ClockDiff limit = static_cast<Poco::Clock::ClockDiff>(TimeoutSeconds()) * 1000000;
+    for (;;) {
+        const ReadState state = ReadAvailable();
+        if (state == kRead) return true;
+        if (state == kReadFailed) {
+            LoggerLog::Debug(kTag, "Execute read error...");
+            Close();
+            return false;
+        }
+        const Poco::Clock::ClockDiff left = limit - start.elapsed();
+        if (left <= 0) {
+            Expire();
+            return false;
+        }
+        pollfd wait = {socket_, POLLIN, 0};
+        poll(&wait, 1, static_cast<int>((left + 999) / 1000));
+    }
+}
+
+void OutSocketWork::Expire() {
+    if (!HasHeader()) {
+        LoggerLog::Debug(kTag, "Execute read error...");
+    } else {
+        LoggerLog::Warning(kTag, "Request data type " + std::to_string(GetType()) +
+                                     ", parameters not received in time. socket[" + std::to_string(socket_) + "]");
+    }
+    Close();
 }
 
 std::string OutSocketWork::Tag(const std::string& text) const {
@@ -120,26 +207,19 @@ std::vector<unsigned char> OutSocketWork::FlushAnswer() {
     return Answer(kUpdateAnswerSize, kFlushLog);
 }
 
-// Reads one parameter block in one call; bytes that did not come stay zero.
-// `padding` zero bytes after the block end every text field taken from it.
-std::vector<unsigned char> OutSocketWork::ReadBlock(std::size_t size, std::size_t padding) {
-    std::vector<unsigned char> block(size + padding, 0);
-    ssize_t ignored = read(socket_, block.data(), size);
-    (void)ignored;
-    return block;
+void OutSocketWork::Start() {
+    if (started_) return;
+    started_ = true;
+    LoggerLog::Debug(kTag, "Execute");
 }
 
 void OutSocketWork::Execute() {
-    LoggerLog::Debug(kTag, "Execute");
-    SetReceiveTimeout(socket_);
-    unsigned char header[kHeaderSize] = {0};
-    if (read(socket_, header, kHeaderSize) < 0) {
-        LoggerLog::Debug(kTag, "Execute read error...");
-        Close();
-        return;
-    }
-    std::int32_t type = 0;
-    std::memcpy(&type, header + 4, sizeof type);
+    Start();
+    if (ReadUntilDeadline()) Serve();
+}
+
+void OutSocketWork::Serve() {
+    const std::int32_t type = GetType();
     bool sendAfter = false;
     std::vector<unsigned char> answer;
     try {
@@ -152,7 +232,9 @@ void OutSocketWork::Execute() {
         Close();
         return;
     }
-    const ssize_t sent = send(socket_, answer.data(), answer.size(), MSG_NOSIGNAL);
+    // The answer is small and the connection's buffer empty, so it never
+    // has to wait; a client that is gone costs the log line.
+    const ssize_t sent = send(socket_, answer.data(), answer.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
     if (sent < 1) {
         LoggerLog::Error(kTag, "Request data type " + std::to_string(type) + ", write socket failed. [" +
                                    std::to_string(errno) + "] socket[" + std::to_string(socket_) + "]");
@@ -166,7 +248,7 @@ void OutSocketWork::Execute() {
 }
 
 std::vector<unsigned char> OutSocketWork::Dispatch(std::int32_t type, bool& sendAfter) {
-    ScheduleUpdateManager* updates = ScheduleUpdateManager::GetInstance();
+    const ScheduleUpdateManager::Pin updates;
     switch (type) {
     case kCheckPlantId:
         LoggerLog::Debug(kTag, Tag("RequestDataType CheckPlantId"));
@@ -207,20 +289,20 @@ std::vector<unsigned char> OutSocketWork::Dispatch(std::int32_t type, bool& send
 // A plant id that fills its 27 bytes without a NUL runs on into the URL
 // when taken as text; the zero byte after the block ends both.
 std::vector<unsigned char> OutSocketWork::ServeCheckPlantId() {
-    const std::vector<unsigned char> block = ReadBlock(kCheckPlantIdSize);
-    const std::string plantId(reinterpret_cast<const char*>(block.data()));
-    const std::string url(reinterpret_cast<const char*>(block.data() + kPlantIdSize));
+    const char* block = reinterpret_cast<const char*>(Parameters());
+    const std::string plantId(block);
+    const std::string url(block + kPlantIdSize);
     LoggerLog::Debug(kTag, "CheckPlantId Param plant_id [" + plantId + "]  plant_url [" + url + "]");
-    ScheduleUpdateManager* updates = ScheduleUpdateManager::GetInstance();
+    const ScheduleUpdateManager::Pin updates;
     std::shared_ptr<UpdateResult> result = updates ? updates->CheckPlantId(plantId, url) : NotRunning();
     return UpdateAnswer(kCheckPlantId, *result);
 }
 
 std::vector<unsigned char> OutSocketWork::ServeFixedSchedule(bool& sendAfter) {
-    const std::vector<unsigned char> block = ReadBlock(kFixedScheduleSize);
+    const unsigned char* block = Parameters();
     // The path field is followed by the flag byte: a path of 256 bytes
     // without NUL is cut at the field's end, not run on into the flag.
-    const char* start = reinterpret_cast<const char*>(block.data());
+    const char* start = reinterpret_cast<const char*>(block);
     const std::string path(start, std::find(start, start + kFilePathSize, '\0'));
     const bool force = block[kFilePathSize] == 1;
     LoggerLog::Debug(kTag, "UpdateFixedSchedule Param file_path [" + path + "]  update_flg [" +
@@ -230,7 +312,8 @@ std::vector<unsigned char> OutSocketWork::ServeFixedSchedule(bool& sendAfter) {
     }
     std::string text;
     try {
-        Poco::FileStream file(path, std::ios::in | std::ios::out);
+        // Read only: the file may lie on a read-only file system.
+        Poco::FileInputStream file(path);
         char buffer[kFileBlock];
         for (;;) {
             file.read(buffer, kFileBlock);
@@ -242,16 +325,15 @@ std::vector<unsigned char> OutSocketWork::ServeFixedSchedule(bool& sendAfter) {
         LoggerLog::Error(kTag, "UpdateFixedSchedule read failed. [" + e.displayText() + "]");
     }
     std::shared_ptr<ScheduleModel> model = std::make_shared<ScheduleModel>(text, 0);
-    ScheduleUpdateManager* updates = ScheduleUpdateManager::GetInstance();
+    const ScheduleUpdateManager::Pin updates;
     std::shared_ptr<UpdateResult> result = updates ? updates->UpdateWithFixedData(model, force) : NotRunning();
     sendAfter = result->IsResult();
     return FixedScheduleAnswer(*result);
 }
 
 std::vector<unsigned char> OutSocketWork::ServeTargetPower(std::int32_t type) {
-    const std::vector<unsigned char> block = ReadBlock(kCapacitySize, 0);
     double capacity = 0.0;
-    std::memcpy(&capacity, block.data(), sizeof capacity);
+    std::memcpy(&capacity, Parameters(), sizeof capacity);
     char text[64];
     std::snprintf(text, sizeof text, "%f", capacity);
     LoggerLog::Debug(kTag, std::string("TargetPower Param capacity [") + text + "]");

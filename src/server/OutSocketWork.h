@@ -1,12 +1,20 @@
-// One accepted connection of a local client, queued to the worker pool: one
-// binary request in, one binary answer out, then the connection is closed.
-// All integers are 32-bit in the device's byte order; text fields are
-// fixed-size and NUL-padded.
+// One accepted connection of a local client: one binary request in, one
+// binary answer out, then the connection is closed. All integers are 32-bit
+// in the device's byte order; text fields are fixed-size and NUL-padded.
+//
+// The command server reads the request without waiting (ReadAvailable) as
+// its bytes arrive, answers target power and log flushes at once (Serve) and
+// queues the schedule flows, which may wait on the network, to its flow
+// workers (Execute). A work item on its own (Execute without a prior read)
+// reads its request itself, waiting up to the socket time-out.
+//
+// Not thread-safe: one thread at a time owns a work item.
 #ifndef BRVO_SERVER_OUTSOCKETWORK_H
 #define BRVO_SERVER_OUTSOCKETWORK_H
 
 #include "server/Request.h"
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -42,17 +50,51 @@ public:
     // Failure reason of a fixed-schedule request whose file is missing.
     static constexpr std::int32_t kFileNotFound = 9;
 
+    // How far reading the request got.
+    enum ReadState {
+        kReading,     // more bytes are due
+        kRead,        // complete, or the client ended its side early
+        kReadFailed,  // the header could not be read
+    };
+
     // Takes over the accepted client descriptor `socket`.
     explicit OutSocketWork(int socket);
 
-    // Reads the request, runs it, answers and closes the connection; after
-    // a successful update whose answer went out, forwards the new schedule
-    // to the logger daemon. A request of unknown type gets no answer.
+    // Logs the start of serving the connection ("Execute"), once.
+    void Start();
+    // Reads what has arrived without waiting: the header, then the
+    // parameter block its type asks for. A client that ends its side early
+    // leaves the missing bytes zero (kRead).
+    ReadState ReadAvailable();
+    // Whether the 8-byte header is in.
+    bool HasHeader() const { return received_ >= kHeaderSize; }
+    // The request type; 0 until the header is in.
+    std::int32_t GetType() const;
+    // Seconds a client has from connecting to the end of its request
+    // (OutputControlSocketTimeout); the default 60 for a value below 1,
+    // since no wait for a client may be unbounded.
+    static int TimeoutSeconds();
+    // Whether requests of `type` run a schedule flow, which may wait on the
+    // schedule server or the logger daemon.
+    static bool IsFlow(std::int32_t type);
+    // Closes a connection whose request did not arrive within the socket
+    // time-out, without an answer: a request completed late is never
+    // answered, since its missing bytes would have to be taken as zeros.
+    void Expire();
+
+    // Answers the request read so far and closes the connection; after a
+    // successful update whose answer went out, forwards the new schedule to
+    // the logger daemon. A request of unknown type gets no answer.
+    void Serve();
+    // Reads the request (unless already read), waiting up to the socket
+    // time-out, then serves it as Serve does.
     void Execute() override;
     // Closes the client descriptor (once; later calls do nothing).
     void Close();
     // The client descriptor; -1 once closed.
     int GetSocket() const { return socket_; }
+    // Connections of all work items not yet closed, in this process.
+    static int OpenCount() { return openCount_; }
 
     // The answers, byte for byte.
     static std::vector<unsigned char> UpdateAnswer(std::int32_t type, const UpdateResult& result);
@@ -68,10 +110,22 @@ private:
     std::vector<unsigned char> ServeCheckPlantId();
     std::vector<unsigned char> ServeFixedSchedule(bool& sendAfter);
     std::vector<unsigned char> ServeTargetPower(std::int32_t type);
-    std::vector<unsigned char> ReadBlock(std::size_t size, std::size_t padding = 1);
+    static std::size_t ParameterSize(std::int32_t type);
+    std::size_t ExpectedSize() const;
+    bool ReadUntilDeadline();
+    const unsigned char* Parameters() const { return request_ + kHeaderSize; }
     std::string Tag(const std::string& text) const;
 
+    static std::atomic<int> openCount_;
+
     int socket_;
+    // Header and parameter block as received; the zero byte after the
+    // largest block ends every text field taken from it.
+    unsigned char request_[kHeaderSize + kCheckPlantIdSize + 1];
+    std::size_t received_;
+    // Whether the client ended its side before the request was complete.
+    bool ended_;
+    bool started_;
 };
 
 } // namespace brvo

@@ -7,11 +7,15 @@
 #include "util/LoggerLog.h"
 
 #include <Poco/Mutex.h>
+#include <Poco/Thread.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
 #include <string>
-#include <sys/select.h>
+#include <sys/epoll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -26,8 +30,16 @@ namespace {
 // destructor, and its mutex is never destroyed.
 const char kTag[] = "OutputcontrolServer";
 const char kDefaultSocketPath[] = "/mnt/system/pvoctrl/brevanta.octrl";
-const int kDefaultTimeoutSeconds = 60;
 const mode_t kSocketMode = 0660;
+// Events taken from the kernel per wait, and connections accepted per
+// round before the waiting requests are read again.
+const int kMaxEvents = 64;
+const int kAcceptBurst = 64;
+// Pause after the kernel ran short of memory for a connection, so that the
+// loop does not spin on a backlog it cannot take.
+const long kShortagePauseMs = 10;
+// At most one log line about shed connections per period.
+const Poco::Clock::ClockDiff kShedLinePeriodUs = 60LL * 1000000;
 
 // The one process-wide mutex that serialises accept and the hand-over to the
 // pool.
@@ -40,11 +52,6 @@ std::string SocketPath() {
     LoggerSettingManager* settings = LoggerSettingManager::GetInstance();
     return settings != nullptr ? settings->GetOutputControlSocketPath()
                                : std::string(kDefaultSocketPath);
-}
-
-int SocketTimeoutSeconds() {
-    LoggerSettingManager* settings = LoggerSettingManager::GetInstance();
-    return settings != nullptr ? settings->GetOutputControlSocketTimeout() : kDefaultTimeoutSeconds;
 }
 
 // The socket address of `path`, or false when the path does not fit the
@@ -60,15 +67,25 @@ bool SocketAddress(const std::string& path, sockaddr_un& address) {
 } // namespace
 
 OutputcontrolServer::OutputcontrolServer()
-    : channel_(new Channel(kWorkerCount)), listenSocket_(-1), stopping_(false) {
+    : channel_(new Channel(kWorkerCount)), listenSocket_(-1), stopping_(false), connectionCap_(0), epoll_(-1),
+      spare_(-1), shed_(0), shedLogged_(false) {
     channel_->StartWorkers();
     LoggerLog::Debug(kTag, "StartWorkers done");
 }
 
 OutputcontrolServer::~OutputcontrolServer() {
     delete channel_;
+    pending_.clear();
+    byDescriptor_.clear();
     const int socket = listenSocket_.exchange(-1);
     if (socket >= 0) close(socket);
+}
+
+void OutputcontrolServer::RaiseDescriptorLimit() {
+    rlimit limit;
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= limit.rlim_max) return;
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 void OutputcontrolServer::Stop() {
@@ -79,10 +96,30 @@ void OutputcontrolServer::Stop() {
 
 void OutputcontrolServer::run() {
     LoggerLog::Info(kTag, "Start communication server");
-    const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     listenSocket_ = socket;
     if (stopping_ || !BindAndListen(socket)) return;
-    AcceptLoop(socket);
+    rlimit limit;
+    const long descriptors = getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY
+                                 ? static_cast<long>(std::min<rlim_t>(limit.rlim_cur, 1L << 20))
+                                 : kMaxConnections + kReservedDescriptors;
+    connectionCap_ = static_cast<int>(std::max(1L, std::min<long>(kMaxConnections, descriptors - kReservedDescriptors)));
+    spare_ = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    epoll_ = epoll_create1(EPOLL_CLOEXEC);
+    epoll_event listening = {};
+    listening.events = EPOLLIN;
+    listening.data.fd = socket;
+    if (epoll_ < 0 || epoll_ctl(epoll_, EPOLL_CTL_ADD, socket, &listening) != 0) {
+        LoggerLog::Fatal(kTag, "epoll failed. [" + std::to_string(errno) + "]");
+    } else {
+        ServeLoop(socket);
+    }
+    // Connections still coming in are closed unanswered when serving ends.
+    pending_.clear();
+    byDescriptor_.clear();
+    if (epoll_ >= 0) close(epoll_);
+    if (spare_ >= 0) close(spare_);
+    epoll_ = spare_ = -1;
 }
 
 // False when listen failed; a bind failure is only logged.
@@ -112,34 +149,196 @@ bool OutputcontrolServer::BindAndListen(int socket) {
     return true;
 }
 
-// Waits for a connection in rounds of the configured time-out, re-read every
-// round so that a changed setting takes effect; ends at the first failed
-// accept.
-void OutputcontrolServer::AcceptLoop(int socket) {
+// Waits for connections and request bytes, at most until the next deadline
+// of a connection or the socket time-out, re-read every round so that a
+// changed setting takes effect; ends when an accept fails for good.
+void OutputcontrolServer::ServeLoop(int socket) {
+    epoll_event events[kMaxEvents];
     while (!stopping_) {
-        fd_set readSet;
-        FD_ZERO(&readSet);
-        if (socket < 0 || socket >= FD_SETSIZE) return;
-        FD_SET(socket, &readSet);
-        timeval timeout;
-        timeout.tv_sec = SocketTimeoutSeconds();
-        timeout.tv_usec = 0;
-        const int ready = select(socket + 1, &readSet, nullptr, nullptr, &timeout);
+        const int ready = epoll_wait(epoll_, events, kMaxEvents, WaitMs());
         if (ready == -1) {
             LoggerLog::Debug(kTag, "select error continue");
             continue;
         }
-        if (ready == 0 || !FD_ISSET(socket, &readSet)) continue;
-        Poco::Mutex::ScopedLock lock(ConnectionMutex());
+        for (int i = 0; i < ready; ++i) {
+            const int fd = events[i].data.fd;
+            if (fd != socket) {
+                ReadRequest(fd);
+            } else if (!AcceptPending(socket, (events[i].events & (EPOLLHUP | EPOLLERR)) != 0)) {
+                return;
+            }
+        }
+        ExpireLate();
+    }
+}
+
+// Until the oldest connection's deadline; the whole time-out when none is
+// waiting.
+int OutputcontrolServer::WaitMs() const {
+    const Poco::Clock::ClockDiff timeout = static_cast<Poco::Clock::ClockDiff>(OutSocketWork::TimeoutSeconds()) * 1000000;
+    if (pending_.empty()) return static_cast<int>(timeout / 1000);
+    const Poco::Clock::ClockDiff left = std::min(timeout, timeout - pending_.front().accepted.elapsed());
+    return left <= 0 ? 0 : static_cast<int>((left + 999) / 1000);
+}
+
+// Accepts what the backlog holds (a bounded number per round). False when
+// an accept failed for good: the server then ends. A listening socket that
+// was shut down (`hungUp`) reports "no connection" on every accept; that
+// counts as the failure it is.
+bool OutputcontrolServer::AcceptPending(int socket, bool hungUp) {
+    for (int i = 0; i < kAcceptBurst && !stopping_; ++i) {
         sockaddr_un peer;
         socklen_t peerLength = sizeof peer;
-        const int client = accept4(socket, reinterpret_cast<sockaddr*>(&peer), &peerLength, SOCK_CLOEXEC);
-        if (client < 0) {
-            if (!stopping_) LoggerLog::Error(kTag, "Failed to accept");
-            return;
+        int client = -1;
+        {
+            Poco::Mutex::ScopedLock lock(ConnectionMutex());
+            client = accept4(socket, reinterpret_cast<sockaddr*>(&peer), &peerLength, SOCK_CLOEXEC | SOCK_NONBLOCK);
         }
-        channel_->Enqueue(new OutSocketWork(client));
+        if (client >= 0) {
+            Admit(client);
+            continue;
+        }
+        const int error = errno;
+        if ((error == EAGAIN || error == EWOULDBLOCK) && !hungUp) return true;
+        if (!HandleAcceptFailure(socket, hungUp ? EINVAL : error)) return false;
     }
+    return true;
+}
+
+// A connection that went away before it was taken, a signal, or a shortage
+// of descriptors or memory passes; anything else ends the server.
+bool OutputcontrolServer::HandleAcceptFailure(int socket, int error) {
+    switch (error) {
+    case EINTR:
+    case ECONNABORTED:
+    case EPROTO:
+        return true;
+    case EMFILE:
+    case ENFILE:
+        if (!ShedOldest()) ShedWithSpare(socket);
+        return true;
+    case ENOBUFS:
+    case ENOMEM:
+        Poco::Thread::sleep(kShortagePauseMs);
+        return true;
+    default:
+        if (!stopping_) LoggerLog::Error(kTag, "Failed to accept");
+        return false;
+    }
+}
+
+// Takes a new connection in, making room under the cap first, and reads
+// whatever it already sent.
+void OutputcontrolServer::Admit(int client) {
+    if (OutSocketWork::OpenCount() >= connectionCap_ && !ShedOldest()) {
+        // Every open connection is running a flow: the newest waits longest.
+        close(client);
+        NoteShed();
+        return;
+    }
+    Poco::AutoPtr<OutSocketWork> work(new OutSocketWork(client));
+    work->Start();
+    epoll_event event = {};
+    event.events = EPOLLIN;
+    event.data.fd = client;
+    if (epoll_ctl(epoll_, EPOLL_CTL_ADD, client, &event) != 0) {
+        LoggerLog::Debug(kTag, "Execute read error...");
+        return;
+    }
+    pending_.push_back(Pending{work, Poco::Clock()});
+    byDescriptor_[client] = std::prev(pending_.end());
+    ReadRequest(client);
+}
+
+void OutputcontrolServer::ReadRequest(int fd) {
+    const auto found = byDescriptor_.find(fd);
+    if (found == byDescriptor_.end()) return;
+    const PendingList::iterator it = found->second;
+    switch (it->work->ReadAvailable()) {
+    case OutSocketWork::kReading:
+        return;
+    case OutSocketWork::kReadFailed: {
+        Poco::AutoPtr<OutSocketWork> work = it->work;
+        Forget(it);
+        LoggerLog::Debug(kTag, "Execute read error...");
+        work->Close();
+        return;
+    }
+    case OutSocketWork::kRead:
+        Dispatch(it);
+        return;
+    }
+}
+
+// A complete request: target power, flushes and unknown types are served
+// here at once; schedule flows go to the flow workers.
+void OutputcontrolServer::Dispatch(PendingList::iterator it) {
+    Poco::AutoPtr<OutSocketWork> work = it->work;
+    Forget(it);
+    if (work->HasHeader() && OutSocketWork::IsFlow(work->GetType())) {
+        Poco::Mutex::ScopedLock lock(ConnectionMutex());
+        work->duplicate();
+        channel_->Enqueue(work.get());
+        return;
+    }
+    work->Serve();
+}
+
+// Closes, unanswered, the connections whose request did not arrive within
+// the socket time-out of their accept.
+void OutputcontrolServer::ExpireLate() {
+    const Poco::Clock::ClockDiff timeout = static_cast<Poco::Clock::ClockDiff>(OutSocketWork::TimeoutSeconds()) * 1000000;
+    while (!pending_.empty() && pending_.front().accepted.elapsed() >= timeout) {
+        Poco::AutoPtr<OutSocketWork> work = pending_.front().work;
+        Forget(pending_.begin());
+        work->Expire();
+    }
+}
+
+// Stops watching a connection; its descriptor stays open.
+void OutputcontrolServer::Forget(PendingList::iterator it) {
+    const int fd = it->work->GetSocket();
+    epoll_ctl(epoll_, EPOLL_CTL_DEL, fd, nullptr);
+    byDescriptor_.erase(fd);
+    pending_.erase(it);
+}
+
+// Closes the oldest connection still sending its request; false when there
+// is none.
+bool OutputcontrolServer::ShedOldest() {
+    if (pending_.empty()) return false;
+    Poco::AutoPtr<OutSocketWork> work = pending_.front().work;
+    Forget(pending_.begin());
+    work->Close();
+    NoteShed();
+    return true;
+}
+
+// With no descriptor left and no connection to shed, the spare descriptor
+// makes room to take the waiting connection off the backlog and close it;
+// otherwise it would wake every round and never be served.
+void OutputcontrolServer::ShedWithSpare(int socket) {
+    if (spare_ >= 0) {
+        close(spare_);
+        const int client = accept4(socket, nullptr, nullptr, SOCK_CLOEXEC);
+        if (client >= 0) {
+            close(client);
+            NoteShed();
+        }
+        spare_ = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    }
+    if (spare_ < 0) Poco::Thread::sleep(kShortagePauseMs);
+}
+
+// Counts a shed connection; logs the count at most once per period.
+void OutputcontrolServer::NoteShed() {
+    ++shed_;
+    if (shedLogged_ && lastShedLine_.elapsed() < kShedLinePeriodUs) return;
+    LoggerLog::Warning(kTag, "Too many connections. Closed [" + std::to_string(shed_) +
+                                 "] connection(s) unanswered. limit[" + std::to_string(connectionCap_) + "]");
+    shed_ = 0;
+    shedLogged_ = true;
+    lastShedLine_.update();
 }
 
 } // namespace brvo

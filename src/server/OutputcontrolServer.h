@@ -1,56 +1,121 @@
 // The command server: listens on the daemon's UNIX-domain command socket and
-// hands every accepted connection to the worker pool as an OutSocketWork.
+// serves every connection from one thread that never waits on a client.
+//
+// The server thread accepts connections and reads their requests as the
+// bytes arrive (epoll), each within the socket time-out counted from its
+// accept. Target power and log flushes are answered on the server thread at
+// once; the schedule flows, which may wait on the schedule server or the
+// logger daemon for long, go to the flow workers of the pool. A silent or
+// slow client thus holds a descriptor, never a worker, and target power
+// never waits behind a flow.
+//
+// Open connections are capped below the descriptor limit; past the cap the
+// oldest connection still sending its request is closed, and one spare
+// descriptor lets accept shed a connection even when the process has none
+// left. accept therefore never fails for lack of descriptors.
+//
+// Threads: run() on the server thread; Stop() from any thread. The
+// connections are the server thread's alone.
 #ifndef BRVO_SERVER_OUTPUTCONTROLSERVER_H
 #define BRVO_SERVER_OUTPUTCONTROLSERVER_H
 
+#include <Poco/AutoPtr.h>
+#include <Poco/Clock.h>
 #include <Poco/Runnable.h>
 
 #include <atomic>
+#include <list>
+#include <unordered_map>
 
 namespace brvo {
 
 class Channel;
+class OutSocketWork;
 
 class OutputcontrolServer : public Poco::Runnable {
 public:
-    // Number of workers that serve local clients.
+    // Number of workers that run the schedule flows of local clients.
     static constexpr int kWorkerCount = 3;
     // Backlog of the listening socket.
     static constexpr int kBacklog = 100;
+    // Most connections open at once (fewer when the descriptor limit is
+    // low): a logger has a handful of local clients.
+    static constexpr int kMaxConnections = 1024;
+    // Descriptors kept for the rest of the daemon (log, databases, server
+    // and logger daemon exchanges, settings watch) when the cap is set.
+    static constexpr int kReservedDescriptors = 32;
 
-    // Creates the worker pool and starts its workers, so connections are
-    // served as soon as the socket listens.
+    // Creates the flow worker pool and starts its workers.
     OutputcontrolServer();
-    // Frees the pool (stopping its workers) and closes the listening socket.
-    // The daemon never destroys a running server: the process exits.
+    // Frees the pool (stopping its workers), closes the connections and the
+    // listening socket. The daemon never destroys a running server: the
+    // process exits.
     ~OutputcontrolServer() override;
 
-    // The accept loop. Binds and listens on the configured socket path, then
-    // accepts until an accept fails; returns at once when listen fails. A
-    // failed bind is logged and listen decides.
+    // Raises the soft limit of open descriptors to the hard limit, so that
+    // the connection cap and the spare descriptor have room.
+    static void RaiseDescriptorLimit();
+
+    // The serving loop. Binds and listens on the configured socket path,
+    // then serves until an accept fails for a reason other than a passing
+    // shortage; returns at once when listen fails. A failed bind is logged
+    // and listen decides.
     void run() override;
 
-    // Ends the accept loop: wakes it by shutting the listening socket down,
+    // Ends the serving loop: wakes it by shutting the listening socket down,
     // so that run returns soon after (the daemon itself never calls this;
     // its server serves until the process exits). The caller then joins the
     // server thread before deleting the server.
     void Stop();
 
-    // The worker pool that runs the accepted connections.
+    // The worker pool that runs the schedule flows.
     Channel* GetChannel() const { return channel_; }
     // The listening descriptor; -1 before run created it.
     int GetListenSocket() const { return listenSocket_; }
+    // Most connections open at once; set when run starts.
+    int GetConnectionCap() const { return connectionCap_; }
 
 private:
+    // A connection whose request is still coming in.
+    struct Pending {
+        Poco::AutoPtr<OutSocketWork> work;
+        Poco::Clock accepted;
+    };
+    typedef std::list<Pending> PendingList;
+
     OutputcontrolServer(const OutputcontrolServer&) = delete;
     OutputcontrolServer& operator=(const OutputcontrolServer&) = delete;
 
     bool BindAndListen(int socket);
-    void AcceptLoop(int socket);
+    void ServeLoop(int socket);
+    int WaitMs() const;
+    bool AcceptPending(int socket, bool hungUp);
+    bool HandleAcceptFailure(int socket, int error);
+    void Admit(int client);
+    void ReadRequest(int fd);
+    void Dispatch(PendingList::iterator it);
+    void ExpireLate();
+    void Forget(PendingList::iterator it);
+    bool ShedOldest();
+    void ShedWithSpare(int socket);
+    void NoteShed();
 
     Channel* channel_;
     std::atomic<int> listenSocket_;
     std::atomic<bool> stopping_;
+    std::atomic<int> connectionCap_;
+    int epoll_;
+    // Held open so that one connection can be accepted and closed when the
+    // process has no descriptor left.
+    int spare_;
+    // In accept order, which is also deadline order.
+    PendingList pending_;
+    std::unordered_map<int, PendingList::iterator> byDescriptor_;
+    // Connections shed since the last log line about it, and when that
+    // line was written.
+    int shed_;
+    Poco::Clock lastShedLine_;
+    bool shedLogged_;
 };
 
 } // namespace brvo

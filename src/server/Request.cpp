@@ -8,4 +8,6 @@ Request::~Request() {}
 
 void Request::Execute() {}
 
+void Request::Abort() {}
+
 } // namespace brvo

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <memory>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -25,6 +26,29 @@ namespace {
 
 const std::string kTag = "OutputcontrolServer";
 const std::string kDefaultPath = "/mnt/system/pvoctrl/brevanta.octrl";
+const std::int32_t kChangeSettingNotify = 5;
+const std::int32_t kCurrentTargetPower = 6;
+const std::int32_t kFlushLog = 8;
+
+// Writes a request header of `type`; false when it did not go out whole.
+bool SendHeader(int fd, std::int32_t type) {
+    const std::int32_t header[2] = {8, type};
+    return write(fd, header, sizeof header) == static_cast<ssize_t>(sizeof header);
+}
+
+// The number of answer bytes read from `fd` until the server closes it
+// (or nothing arrives for `timeoutMs`).
+std::size_t AnswerSize(int fd, int timeoutMs) {
+    std::size_t total = 0;
+    char buffer[512];
+    for (;;) {
+        pollfd wait = {fd, POLLIN, 0};
+        if (poll(&wait, 1, timeoutMs) <= 0) return total;
+        const ssize_t got = read(fd, buffer, sizeof buffer);
+        if (got <= 0) return total;
+        total += static_cast<std::size_t>(got);
+    }
+}
 
 // A client connection; -1 when connect failed.
 int Connect(const std::string& path) {
@@ -129,6 +153,14 @@ protected:
         return test::ReadLines(test::LogFilePath());
     }
 
+    // Holds every flow worker with a slow request.
+    void OccupyWorkers() {
+        for (int i = 0; i < OutputcontrolServer::kWorkerCount; ++i) {
+            server_->GetChannel()->Enqueue(new test::SlowRequest(release_, started_, finished_));
+        }
+        ASSERT_TRUE(test::WaitFor([&] { return started_ == OutputcontrolServer::kWorkerCount; }, 5000));
+    }
+
     // Waits for the server thread to end by itself.
     bool ServerThreadEnds() {
         joined_ = thread_.tryJoin(5000);
@@ -200,22 +232,98 @@ TEST_F(OutputcontrolServerTest, AcceptedConnectionIsServedAndClosed) {
 TEST_F(OutputcontrolServerTest, FourthConnectionWaitsWhileThreeWorkersAreBusy) {
     StartServer();
     ASSERT_TRUE(ServedProbe(kDefaultPath));
-    for (int i = 0; i < OutputcontrolServer::kWorkerCount; ++i) {
-        server_->GetChannel()->Enqueue(new test::SlowRequest(release_, started_, finished_));
-    }
-    ASSERT_TRUE(test::WaitFor([&] { return started_ == 3; }, 5000));
+    OccupyWorkers();
     const int client = Connect(kDefaultPath);
     ASSERT_GE(client, 0);
-    // The request is empty: the server reads the end at once.
+    // A schedule flow (ChangeSettingNotify) goes to the flow workers.
+    ASSERT_TRUE(SendHeader(client, kChangeSettingNotify));
     shutdown(client, SHUT_WR);
     // Accepted and queued, but no worker is free to serve it.
     ASSERT_TRUE(test::WaitFor([&] { return server_->GetChannel()->QueuedCount() == 1; }, 5000));
     EXPECT_FALSE(ClosedByServer(client, 300));
     release_.set();
-    EXPECT_TRUE(ClosedByServer(client, 5000));
+    EXPECT_EQ(144u, AnswerSize(client, 5000));
     EXPECT_TRUE(test::WaitFor([&] { return server_->GetChannel()->QueuedCount() == 0; }, 5000));
     EXPECT_TRUE(test::WaitFor([&] { return finished_ == 3; }, 5000));
     close(client);
+}
+
+TEST_F(OutputcontrolServerTest, TargetPowerAndFlushAreAnsweredWhileEveryWorkerIsBusy) {
+    StartServer();
+    ASSERT_TRUE(ServedProbe(kDefaultPath));
+    OccupyWorkers();
+    const int current = Connect(kDefaultPath);
+    ASSERT_GE(current, 0);
+    ASSERT_TRUE(SendHeader(current, kCurrentTargetPower));
+    const double capacity = 10.0;
+    ASSERT_EQ(static_cast<ssize_t>(sizeof capacity), write(current, &capacity, sizeof capacity));
+    EXPECT_EQ(167u, AnswerSize(current, 5000));
+    close(current);
+    const int flush = Connect(kDefaultPath);
+    ASSERT_GE(flush, 0);
+    ASSERT_TRUE(SendHeader(flush, kFlushLog));
+    EXPECT_EQ(144u, AnswerSize(flush, 5000));
+    close(flush);
+    EXPECT_EQ(3, started_.load());
+    EXPECT_EQ(0, finished_.load());
+}
+
+TEST_F(OutputcontrolServerTest, SilentClientIsClosedUnansweredAtTheTimeOut) {
+    StartServer("<OutputControlSocketTimeout>1</OutputControlSocketTimeout>");
+    ASSERT_TRUE(ServedProbe(kDefaultPath));
+    const int silent = Connect(kDefaultPath);
+    ASSERT_GE(silent, 0);
+    EXPECT_FALSE(ClosedByServer(silent, 300));
+    EXPECT_TRUE(ClosedByServer(silent, 5000));
+    close(silent);
+    EXPECT_TRUE(test::HasLogLine(LogLines(), "D", kTag, "Execute read error..."));
+}
+
+TEST_F(OutputcontrolServerTest, LateParametersAreNeverAnsweredAsZeros) {
+    StartServer("<OutputControlSocketTimeout>1</OutputControlSocketTimeout>");
+    ASSERT_TRUE(ServedProbe(kDefaultPath));
+    const int client = Connect(kDefaultPath);
+    ASSERT_GE(client, 0);
+    ASSERT_TRUE(SendHeader(client, kCurrentTargetPower));
+    // The capacity comes after the time-out: the connection is closed
+    // without an answer instead of computing with a capacity of 0.
+    EXPECT_TRUE(ClosedByServer(client, 5000));
+    const double capacity = 10.0;
+    (void)!write(client, &capacity, sizeof capacity);
+    close(client);
+    EXPECT_TRUE(test::HasLogLineStarting(LogLines(), "W", kTag, "Request data type 6, parameters not received in time."));
+}
+
+TEST_F(OutputcontrolServerTest, ConnectionsPastTheCapCloseTheOldestIdleOne) {
+    // Clients and server share this process: both ends of every connection
+    // need a descriptor here.
+    OutputcontrolServer::RaiseDescriptorLimit();
+    rlimit limit;
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &limit));
+    if (limit.rlim_cur < 2 * OutputcontrolServer::kMaxConnections + 256) {
+        GTEST_SKIP() << "descriptor limit " << limit.rlim_cur << " too low for both ends of the cap";
+    }
+    StartServer();
+    ASSERT_TRUE(ServedProbe(kDefaultPath));
+    const int cap = server_->GetConnectionCap();
+    ASSERT_GT(cap, 0);
+    std::vector<int> idle;
+    for (int i = 0; i < cap; ++i) {
+        idle.push_back(Connect(kDefaultPath));
+        ASSERT_GE(idle.back(), 0);
+    }
+    // The cap is reached: the next client makes the daemon close the oldest
+    // idle connection, and is served itself.
+    const int client = Connect(kDefaultPath);
+    ASSERT_GE(client, 0);
+    ASSERT_TRUE(SendHeader(client, kFlushLog));
+    EXPECT_EQ(144u, AnswerSize(client, 5000));
+    close(client);
+    EXPECT_TRUE(ClosedByServer(idle.front(), 5000));
+    EXPECT_FALSE(ClosedByServer(idle.back(), 100));
+    for (int fd : idle) close(fd);
+    const std::vector<std::string> lines = LogLines();
+    EXPECT_TRUE(test::HasLogLineStarting(lines, "W", kTag, "Too many connections. Closed [1] connection(s)"));
 }
 
 TEST_F(OutputcontrolServerTest, BindFailureGoesOnToListenWhichEndsTheServer) {
