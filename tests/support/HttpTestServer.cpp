@@ -1,6 +1,5 @@
 #include "support/HttpTestServer.h"
 
-#include <Poco/Clock.h>
 #include <Poco/Net/Context.h>
 #include <Poco/Net/SecureServerSocket.h>
 #include <Poco/Net/SocketAddress.h>
@@ -38,7 +37,7 @@ HttpTestServer::HttpTestServer(const std::string& answer, int delayMs)
 }
 
 HttpTestServer::HttpTestServer(const std::string& answer, const Tls& tls)
-    : answers_{answer}, delayMs_(0), scheme_("https"),
+    : answers_{answer}, delayMs_(0), released_(Poco::Event::EVENT_MANUALRESET), scheme_("https"),
       socket_(Poco::Net::SecureServerSocket(
           Poco::Net::SocketAddress("127.0.0.1", 0), 64,
           new Poco::Net::Context(Poco::Net::Context::TLS_SERVER_USE, tls.keyFile, tls.certificateFile, "",
@@ -48,13 +47,14 @@ HttpTestServer::HttpTestServer(const std::string& answer, const Tls& tls)
 }
 
 HttpTestServer::HttpTestServer(const std::vector<std::string>& answers)
-    : answers_(answers), delayMs_(0), scheme_("http"), socket_(Poco::Net::SocketAddress("127.0.0.1", 0)),
-      port_(socket_.address().port()), stop_(false) {
+    : answers_(answers), delayMs_(0), released_(Poco::Event::EVENT_MANUALRESET), scheme_("http"),
+      socket_(Poco::Net::SocketAddress("127.0.0.1", 0)), port_(socket_.address().port()), stop_(false) {
     thread_.start(*this);
 }
 
 HttpTestServer::~HttpTestServer() {
     stop_ = true;
+    released_.set();
     thread_.join();
     socket_.close();
 }
@@ -66,6 +66,10 @@ std::string HttpTestServer::Url(const std::string& path) const {
 std::vector<HttpTestServer::Received> HttpTestServer::Requests() const {
     Poco::FastMutex::ScopedLock lock(mutex_);
     return requests_;
+}
+
+void HttpTestServer::Release() {
+    released_.set();
 }
 
 std::string HttpTestServer::Answer(int status, const std::string& contentType, const std::string& body,
@@ -125,12 +129,9 @@ void HttpTestServer::Serve(Poco::Net::StreamSocket& socket) {
         requests_.push_back(received);
         answer = answers_.at(std::min(requests_.size(), answers_.size()) - 1);
     }
-    // The delay is slept in short steps so that a server told to stall for
-    // longer than a test runs still stops with the test.
-    const Poco::Clock accepted;
-    while (!stop_ && accepted.elapsed() < static_cast<Poco::Clock::ClockDiff>(delayMs_) * 1000) {
-        Poco::Thread::sleep(10);
-    }
+    // Released at once when the test releases it or the server stops, so a
+    // server told to stall longer than a test runs still stops with it.
+    if (delayMs_ > 0) released_.tryWait(delayMs_);
     socket.sendBytes(answer.data(), static_cast<int>(answer.size()));
     socket.shutdownSend();
 }

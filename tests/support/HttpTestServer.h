@@ -7,6 +7,7 @@
 
 #include "support/SchedulePayload.h"
 
+#include <Poco/Event.h>
 #include <Poco/Mutex.h>
 #include <Poco/Net/ServerSocket.h>
 #include <Poco/Runnable.h>
@@ -54,6 +55,10 @@ public:
     std::string Url(const std::string& path) const;
     // The requests received so far.
     std::vector<Received> Requests() const;
+    // Ends the delay of the request being held now and of every later one:
+    // they are answered at once. Lets a test hold a client for as long as it
+    // needs and no longer.
+    void Release();
 
     // A complete answer: status line, Content-Type (when not empty), a
     // Content-Length of `announced` (the body's own length when negative;
@@ -67,6 +72,7 @@ private:
 
     std::vector<std::string> answers_;
     std::atomic<int> delayMs_;
+    Poco::Event released_;
     std::string scheme_;
     Poco::Net::ServerSocket socket_;
     int port_;
