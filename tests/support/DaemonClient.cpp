@@ -102,8 +102,13 @@ bool Listening() {
 
 bool StartDaemon(ChildProcess& daemon, const std::string& outputPath,
                  const std::map<std::string, std::string>& env) {
+    return StartDaemon(daemon, ChildProcess::DaemonCommand(), outputPath, env);
+}
+
+bool StartDaemon(ChildProcess& daemon, const std::vector<std::string>& command, const std::string& outputPath,
+                 const std::map<std::string, std::string>& env) {
     ::unlink(kCommandSocket);
-    if (!daemon.Start(ChildProcess::DaemonCommand(), outputPath, env)) {
+    if (!daemon.Start(command, outputPath, env)) {
         ADD_FAILURE() << "cannot start the daemon";
         return false;
     }

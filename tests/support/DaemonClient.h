@@ -65,6 +65,10 @@ ScheduleRecord FixedRecordAhead(int rate, int daysAhead);
 // output) when it does not come up.
 bool StartDaemon(ChildProcess& daemon, const std::string& outputPath,
                  const std::map<std::string, std::string>& env = {});
+// The same with `command` run in place of the daemon's own command line
+// (for example the daemon behind a wrapper that sets its limits).
+bool StartDaemon(ChildProcess& daemon, const std::vector<std::string>& command, const std::string& outputPath,
+                 const std::map<std::string, std::string>& env = {});
 
 } // namespace test
 } // namespace brvo
