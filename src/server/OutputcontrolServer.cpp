@@ -227,9 +227,11 @@ bool OutputcontrolServer::HandleAcceptFailure(int socket, int error) {
     }
 }
 
-// Takes a new connection in, making room under the cap first, and reads
-// whatever it already sent.
+// Takes a new connection in, making room under the cap first. A request
+// that is already complete (a client writes it right after connecting) is
+// served at once; only a connection still sending is watched.
 void OutputcontrolServer::Admit(int client) {
+    const Poco::Clock accepted;
     if (OutSocketWork::OpenCount() >= connectionCap_ && !ShedOldest()) {
         // Every open connection is running a flow: the newest waits longest.
         close(client);
@@ -238,6 +240,16 @@ void OutputcontrolServer::Admit(int client) {
     }
     Poco::AutoPtr<OutSocketWork> work(new OutSocketWork(client));
     work->Start();
+    switch (work->ReadAvailable()) {
+    case OutSocketWork::kRead:
+        Dispatch(work);
+        return;
+    case OutSocketWork::kReadFailed:
+        LoggerLog::Debug(kTag, "Execute read error...");
+        return;
+    case OutSocketWork::kReading:
+        break;
+    }
     epoll_event event = {};
     event.events = EPOLLIN;
     event.data.fd = client;
@@ -245,9 +257,8 @@ void OutputcontrolServer::Admit(int client) {
         LoggerLog::Debug(kTag, "Execute read error...");
         return;
     }
-    pending_.push_back(Pending{work, Poco::Clock()});
+    pending_.push_back(Pending{work, accepted});
     byDescriptor_[client] = std::prev(pending_.end());
-    ReadRequest(client);
 }
 
 void OutputcontrolServer::ReadRequest(int fd) {
@@ -264,17 +275,18 @@ void OutputcontrolServer::ReadRequest(int fd) {
         work->Close();
         return;
     }
-    case OutSocketWork::kRead:
-        Dispatch(it);
+    case OutSocketWork::kRead: {
+        Poco::AutoPtr<OutSocketWork> work = it->work;
+        Forget(it);
+        Dispatch(work);
         return;
+    }
     }
 }
 
 // A complete request: target power, flushes and unknown types are served
 // here at once; schedule flows go to the flow workers.
-void OutputcontrolServer::Dispatch(PendingList::iterator it) {
-    Poco::AutoPtr<OutSocketWork> work = it->work;
-    Forget(it);
+void OutputcontrolServer::Dispatch(Poco::AutoPtr<OutSocketWork> work) {
     if (work->HasHeader() && OutSocketWork::IsFlow(work->GetType())) {
         Poco::Mutex::ScopedLock lock(ConnectionMutex());
         work->duplicate();

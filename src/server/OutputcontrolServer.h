@@ -93,7 +93,7 @@ private:
     bool HandleAcceptFailure(int socket, int error);
     void Admit(int client);
     void ReadRequest(int fd);
-    void Dispatch(PendingList::iterator it);
+    void Dispatch(Poco::AutoPtr<OutSocketWork> work);
     void ExpireLate();
     void Forget(PendingList::iterator it);
     bool ShedOldest();
