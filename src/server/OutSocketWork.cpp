@@ -118,9 +118,16 @@ std::size_t OutSocketWork::ExpectedSize() const {
 
 OutSocketWork::ReadState OutSocketWork::ReadAvailable() {
     while (!ended_ && received_ < ExpectedSize()) {
-        const ssize_t got = recv(socket_, request_ + received_, ExpectedSize() - received_, MSG_DONTWAIT);
+        // One read takes header and parameters together when both are there
+        // (bytes past the request are dropped, as they would stay unread).
+        const std::size_t room = sizeof request_ - 1 - received_;
+        const ssize_t got = recv(socket_, request_ + received_, room, MSG_DONTWAIT);
         if (got > 0) {
             received_ += static_cast<std::size_t>(got);
+            if (HasHeader() && received_ > ExpectedSize()) {
+                std::memset(request_ + ExpectedSize(), 0, received_ - ExpectedSize());
+                received_ = ExpectedSize();
+            }
         } else if (got == 0) {
             ended_ = true;
         } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
