@@ -91,6 +91,10 @@ bool OutSocketWork::IsFlow(std::int32_t type) {
            type == kChangeSettingNotify;
 }
 
+bool OutSocketWork::IsAnswer(std::int32_t type) {
+    return type == kCurrentTargetPower || type == kNextTargetPower || type == kFlushLog;
+}
+
 std::size_t OutSocketWork::ParameterSize(std::int32_t type) {
     switch (type) {
     case kCheckPlantId:

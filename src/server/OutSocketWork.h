@@ -3,9 +3,9 @@
 // in the device's byte order; text fields are fixed-size and NUL-padded.
 //
 // The command server reads the request without waiting (ReadAvailable) as
-// its bytes arrive, answers target power and log flushes at once (Serve) and
-// queues the schedule flows, which may wait on the network, to its flow
-// workers (Execute). A work item on its own (Execute without a prior read)
+// its bytes arrive and queues the complete request to a worker (Execute):
+// target power and log flushes to its answer workers, the schedule flows,
+// which may wait on the network, to its flow workers. A work item on its own (Execute without a prior read)
 // reads its request itself, waiting up to the socket time-out.
 //
 // Not thread-safe: one thread at a time owns a work item.
@@ -77,6 +77,9 @@ public:
     // Whether requests of `type` run a schedule flow, which may wait on the
     // schedule server or the logger daemon.
     static bool IsFlow(std::int32_t type);
+    // Whether requests of `type` are answered from local state alone
+    // (target power, log flush).
+    static bool IsAnswer(std::int32_t type);
     // Closes a connection whose request did not arrive within the socket
     // time-out, without an answer: a request completed late is never
     // answered, since its missing bytes would have to be taken as zeros.

@@ -67,14 +67,16 @@ bool SocketAddress(const std::string& path, sockaddr_un& address) {
 } // namespace
 
 OutputcontrolServer::OutputcontrolServer()
-    : channel_(new Channel(kWorkerCount)), listenSocket_(-1), stopping_(false), connectionCap_(0), epoll_(-1),
+    : channel_(new Channel(kWorkerCount)), answerChannel_(new Channel(kAnswerWorkerCount)), listenSocket_(-1), stopping_(false), connectionCap_(0), epoll_(-1),
       spare_(-1), shed_(0), shedLogged_(false) {
     channel_->StartWorkers();
+    answerChannel_->StartWorkers();
     LoggerLog::Debug(kTag, "StartWorkers done");
 }
 
 OutputcontrolServer::~OutputcontrolServer() {
     delete channel_;
+    delete answerChannel_;
     pending_.clear();
     byDescriptor_.clear();
     const int socket = listenSocket_.exchange(-1);
@@ -284,16 +286,18 @@ void OutputcontrolServer::ReadRequest(int fd) {
     }
 }
 
-// A complete request: target power, flushes and unknown types are served
-// here at once; schedule flows go to the flow workers.
+// A complete request: schedule flows go to the flow workers, target power
+// and flushes to the answer workers; a request of unknown type is closed
+// here, unanswered.
 void OutputcontrolServer::Dispatch(Poco::AutoPtr<OutSocketWork> work) {
-    if (work->HasHeader() && OutSocketWork::IsFlow(work->GetType())) {
-        Poco::Mutex::ScopedLock lock(ConnectionMutex());
-        work->duplicate();
-        channel_->Enqueue(work.get());
+    const std::int32_t type = work->GetType();
+    if (!OutSocketWork::IsFlow(type) && !OutSocketWork::IsAnswer(type)) {
+        work->Serve();
         return;
     }
-    work->Serve();
+    Poco::Mutex::ScopedLock lock(ConnectionMutex());
+    work->duplicate();
+    (OutSocketWork::IsFlow(type) ? channel_ : answerChannel_)->Enqueue(work.get());
 }
 
 // Closes, unanswered, the connections whose request did not arrive within

@@ -3,11 +3,12 @@
 //
 // The server thread accepts connections and reads their requests as the
 // bytes arrive (epoll), each within the socket time-out counted from its
-// accept. Target power and log flushes are answered on the server thread at
-// once; the schedule flows, which may wait on the schedule server or the
-// logger daemon for long, go to the flow workers of the pool. A silent or
-// slow client thus holds a descriptor, never a worker, and target power
-// never waits behind a flow.
+// accept. Complete requests go to one of two worker pools: target power and
+// log flushes to the answer workers, the schedule flows, which may wait on
+// the schedule server or the logger daemon for long, to the flow workers. A
+// silent or slow client thus holds a descriptor, never a worker; target
+// power never waits behind a flow; and a select that waits on a database
+// locked by another process holds up answer workers, never the accepting.
 //
 // Open connections are capped below the descriptor limit; past the cap the
 // oldest connection still sending its request is closed, and one spare
@@ -36,6 +37,8 @@ class OutputcontrolServer : public Poco::Runnable {
 public:
     // Number of workers that run the schedule flows of local clients.
     static constexpr int kWorkerCount = 3;
+    // Number of workers that answer target power and log flushes.
+    static constexpr int kAnswerWorkerCount = 3;
     // Backlog of the listening socket.
     static constexpr int kBacklog = 100;
     // Most connections open at once (fewer when the descriptor limit is
@@ -45,7 +48,7 @@ public:
     // and logger daemon exchanges, settings watch) when the cap is set.
     static constexpr int kReservedDescriptors = 32;
 
-    // Creates the flow worker pool and starts its workers.
+    // Creates the two worker pools and starts their workers.
     OutputcontrolServer();
     // Frees the pool (stopping its workers), closes the connections and the
     // listening socket. The daemon never destroys a running server: the
@@ -70,6 +73,8 @@ public:
 
     // The worker pool that runs the schedule flows.
     Channel* GetChannel() const { return channel_; }
+    // The worker pool that answers target power and log flushes.
+    Channel* GetAnswerChannel() const { return answerChannel_; }
     // The listening descriptor; -1 before run created it.
     int GetListenSocket() const { return listenSocket_; }
     // Most connections open at once; set when run starts.
@@ -101,6 +106,7 @@ private:
     void NoteShed();
 
     Channel* channel_;
+    Channel* answerChannel_;
     std::atomic<int> listenSocket_;
     std::atomic<bool> stopping_;
     std::atomic<int> connectionCap_;

@@ -153,10 +153,12 @@ protected:
         return test::ReadLines(test::LogFilePath());
     }
 
-    // Holds every flow worker with a slow request.
-    void OccupyWorkers() {
+    // Holds every worker of `channel` (the flow workers by default) with a
+    // slow request.
+    void OccupyWorkers(Channel* channel = nullptr) {
+        if (channel == nullptr) channel = server_->GetChannel();
         for (int i = 0; i < OutputcontrolServer::kWorkerCount; ++i) {
-            server_->GetChannel()->Enqueue(new test::SlowRequest(release_, started_, finished_));
+            channel->Enqueue(new test::SlowRequest(release_, started_, finished_));
         }
         ASSERT_TRUE(test::WaitFor([&] { return started_ == OutputcontrolServer::kWorkerCount; }, 5000));
     }
@@ -266,6 +268,29 @@ TEST_F(OutputcontrolServerTest, TargetPowerAndFlushAreAnsweredWhileEveryWorkerIs
     close(flush);
     EXPECT_EQ(3, started_.load());
     EXPECT_EQ(0, finished_.load());
+}
+
+TEST_F(OutputcontrolServerTest, AcceptingGoesOnWhileEveryAnswerWorkerIsBusy) {
+    StartServer();
+    ASSERT_TRUE(ServedProbe(kDefaultPath));
+    // Answer workers held, as by a select waiting on a database locked by
+    // another process.
+    OccupyWorkers(server_->GetAnswerChannel());
+    const int current = Connect(kDefaultPath);
+    ASSERT_GE(current, 0);
+    ASSERT_TRUE(SendHeader(current, kCurrentTargetPower));
+    const double capacity = 10.0;
+    ASSERT_EQ(static_cast<ssize_t>(sizeof capacity), write(current, &capacity, sizeof capacity));
+    ASSERT_TRUE(test::WaitFor([&] { return server_->GetAnswerChannel()->QueuedCount() == 1; }, 5000));
+    // A flow is still taken in and answered meanwhile.
+    const int flow = Connect(kDefaultPath);
+    ASSERT_GE(flow, 0);
+    ASSERT_TRUE(SendHeader(flow, kChangeSettingNotify));
+    EXPECT_EQ(144u, AnswerSize(flow, 5000));
+    close(flow);
+    release_.set();
+    EXPECT_EQ(167u, AnswerSize(current, 5000));
+    close(current);
 }
 
 TEST_F(OutputcontrolServerTest, SilentClientIsClosedUnansweredAtTheTimeOut) {
