@@ -7,6 +7,8 @@
 #include "util/LoggerLog.h"
 
 #include <clocale>
+#include <cstdio>
+#include <cstdlib>
 #include <csignal>
 #include <sys/stat.h>
 
@@ -44,5 +46,11 @@ int main() {
     brvo::BrevantaOutputControlManager::GetInstance()->Start();
 
     brvo::LoggerLog::DeleteInstance();
+    // A schedule flow that could not be aborted (a host-name lookup) still
+    // runs: end without destroying the statics it may use.
+    if (brvo::ScheduleUpdateManager::HasParked()) {
+        std::fflush(nullptr);
+        std::_Exit(0);
+    }
     return 0;
 }

@@ -162,6 +162,11 @@ void ScheduleUpdateManager::DeleteInstance() {
     Parked().push_back(doomed);
 }
 
+bool ScheduleUpdateManager::HasParked() {
+    Poco::FastMutex::ScopedLock lock(instanceMutex);
+    return !Parked().empty();
+}
+
 ScheduleUpdateManager::ScheduleUpdateManager()
     : channel_(new Channel(kRequestWorkers)),
       infoDatabase_(new ScheduleUpdateInfoDatabase()),

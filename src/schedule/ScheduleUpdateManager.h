@@ -97,6 +97,9 @@ public:
     // aborted) keeps the object: it is left to the process exit instead of
     // being freed under it.
     static void DeleteInstance();
+    // Whether DeleteInstance left a manager to the exit: its flow still
+    // runs, so the process must not run its static destructors under it.
+    static bool HasParked();
 
     ScheduleUpdateManager();
     // Shuts down, then frees the timers and the request pool.
