@@ -104,8 +104,13 @@ void ScheduleServerAccessRequest::Abort() {
     if (fd != POCO_INVALID_SOCKET) shutdown(fd, SHUT_RDWR);
 }
 
+void ScheduleServerAccessRequest::ThrowIfAborted() {
+    Poco::FastMutex::ScopedLock lock(abortMutex_);
+    if (aborted_) throw Poco::IOException("exchange aborted, the daemon is stopping");
+}
+
 // Makes `session` the one Abort shuts down (null: none). Throws when the
-// exchange was aborted before its session was open.
+// exchange was aborted before its session was connected.
 void ScheduleServerAccessRequest::Track(Poco::Net::HTTPClientSession* session) {
     Poco::FastMutex::ScopedLock lock(abortMutex_);
     session_ = session;
@@ -175,7 +180,7 @@ void ScheduleServerAccessRequest::Exchange(const std::string& body, std::string&
     std::unique_ptr<Poco::Net::HTTPClientSession> opened = OpenSession(uri);
     Poco::Net::HTTPClientSession& session = *opened;
     const SessionTrack untrack([this](Poco::Net::HTTPClientSession* none) { Track(none); });
-    Track(&session);
+    ThrowIfAborted();
     Poco::Net::HTTPRequest request(Poco::Net::HTTPRequest::HTTP_POST, uri.getPath(),
                                    Poco::Net::HTTPMessage::HTTP_1_1);
     session.setTimeout(Poco::Timespan(kSessionTimeoutSeconds, 0));
@@ -183,8 +188,9 @@ void ScheduleServerAccessRequest::Exchange(const std::string& body, std::string&
     request.setContentType("application/x-www-form-urlencoded");
     request.setContentLength64(static_cast<Poco::Int64>(body.size()));
     session.sendRequest(request) << body;
-    // The session connects in sendRequest: an Abort that came while it had
-    // no socket yet is honoured here, before the wait for the answer.
+    // The session connects in sendRequest; only from here on does Abort
+    // reach its socket (before, the socket is the worker's alone). An Abort
+    // that came meanwhile is honoured here, before the wait for the answer.
     Track(&session);
 
     Poco::Net::HTTPResponse response;

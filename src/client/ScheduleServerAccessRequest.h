@@ -40,9 +40,9 @@ public:
 
     // Performs the exchange and reports exactly once to the callback.
     void Execute() override;
-    // Ends the exchange: the connection in progress (also one still
-    // connecting) is shut down, so the exchange fails at once with the
-    // library's exception; one not yet started fails as it starts.
+    // Ends the exchange: a connected exchange's socket is shut down, so it
+    // fails at once with the library's exception; one not yet started fails
+    // as it starts, one still connecting as soon as it has connected.
     void Abort() override;
 
     // The device's MAC address from /sys/class/net/eth0/address without ":"
@@ -61,6 +61,7 @@ protected:
 
 private:
     void Exchange(const std::string& body, std::string& contentType);
+    void ThrowIfAborted();
     void Track(Poco::Net::HTTPClientSession* session);
 
     ScheduleServerAccessRequestCallback* callback_;
