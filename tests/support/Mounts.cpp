@@ -32,6 +32,14 @@ bool MakeReadOnly(const std::string& directory) {
     return true;
 }
 
+bool BindMount(const std::string& source, const std::string& target) {
+    if (::mount(source.c_str(), target.c_str(), nullptr, MS_BIND, nullptr) != 0) {
+        ADD_FAILURE() << "cannot bind " << source << " over " << target << ": " << std::strerror(errno);
+        return false;
+    }
+    return true;
+}
+
 bool Unmount(const std::string& directory) {
     if (::umount2(directory.c_str(), 0) != 0) {
         ADD_FAILURE() << "cannot unmount " << directory << ": " << std::strerror(errno);

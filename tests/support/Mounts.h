@@ -17,6 +17,10 @@ bool MountTmpfs(const std::string& directory, const std::string& options, bool r
 // nothing below it can be created or written, not even by root. Fails the
 // test and returns false when that fails.
 bool MakeReadOnly(const std::string& directory);
+// Bind-mounts the file or directory `source` over `target` (which must
+// exist), so that whoever opens `target` in the namespace reads `source`.
+// Fails the test and returns false when that fails.
+bool BindMount(const std::string& source, const std::string& target);
 // Unmounts the topmost mount on `directory`. Fails the test and returns
 // false when that fails.
 bool Unmount(const std::string& directory);
