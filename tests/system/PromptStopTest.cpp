@@ -2,13 +2,15 @@
 // idle, while the start-up fetch, an update request or a plant check waits
 // on a schedule server that never answers, while the logger daemon takes
 // the forwarding command and never replies, and while a whole year of slots
-// is stored. A restart or a shutdown of the logger must never wait on a
+// is stored, and while the start-up fetch is stuck in the host-name lookup
+// of the schedule server, which no stop can abort. A restart or a shutdown of the logger must never wait on a
 // network peer: whatever the peers do, the daemon logs "Kill complete."
 // and exits with code 0 within half a second, and leaves no schedule
 // half-written.
 #include "support/ChildProcess.h"
 #include "support/DaemonClient.h"
 #include "support/HttpTestServer.h"
+#include "support/Mounts.h"
 #include "support/SchedulePayload.h"
 #include "support/SqliteFile.h"
 #include "support/StoredSchedule.h"
@@ -19,11 +21,20 @@
 
 #include <Poco/Timestamp.h>
 
+#include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <cstdint>
+#include <cstring>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 namespace brvo {
@@ -52,6 +63,97 @@ const int kStallMs = 10 * 60 * 1000;
 // The logger daemon's receive time-out: far longer than a stop may take,
 // so that a silent logger daemon is still being waited on at the signal.
 const int kLoggerTimeoutSeconds = 60;
+
+// The schedule server's host name in the lookup test: not in /etc/hosts,
+// so that the C library asks the name server of /etc/resolv.conf for it.
+const std::string kUnresolvableHost = "schedule.invalid-host.test";
+const std::string kResolverConfig = "/etc/resolv.conf";
+// What is bound over it (in the sandbox's private /tmp): the silent name
+// server only, and a resolver time-out (the C library's longest) that lets
+// no lookup end on its own while a test runs.
+const std::string kSilentResolverConfig = "/tmp/resolv.conf.silent";
+const std::string kSilentResolverText = "nameserver 127.0.0.1\noptions timeout:30 attempts:1\n";
+
+// `host` as a name server query carries it: each label behind its length.
+std::string QueriedName(const std::string& host) {
+    std::string name;
+    std::size_t start = 0;
+    while (start <= host.size()) {
+        std::size_t end = host.find('.', start);
+        if (end == std::string::npos) end = host.size();
+        name += static_cast<char>(end - start);
+        name += host.substr(start, end - start);
+        start = end + 1;
+    }
+    return name;
+}
+
+// A name server on 127.0.0.1:53 that reads every query and never answers:
+// a host-name lookup sent to it blocks inside the C library until the
+// resolver gives up. Listens from construction to destruction, on its own
+// thread; the socket is not inherited by the daemon.
+class SilentNameServer {
+public:
+    SilentNameServer() : fd_(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)), stop_(false) {
+        sockaddr_in address;
+        std::memset(&address, 0, sizeof address);
+        address.sin_family = AF_INET;
+        address.sin_port = htons(53);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        if (fd_ < 0 || ::bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+            ADD_FAILURE() << "the name server cannot listen on 127.0.0.1:53: " << std::strerror(errno);
+            if (fd_ >= 0) ::close(fd_);
+            fd_ = -1;
+            return;
+        }
+        thread_ = std::thread([this] { Run(); });
+    }
+
+    ~SilentNameServer() {
+        stop_ = true;
+        if (thread_.joinable()) thread_.join();
+        if (fd_ >= 0) ::close(fd_);
+    }
+
+    bool Listening() const { return fd_ >= 0; }
+
+    // Every query received so far, as it came.
+    std::vector<std::string> Queries() const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return queries_;
+    }
+
+    // Whether a query asked for `host`.
+    bool Asked(const std::string& host) const {
+        const std::string name = QueriedName(host);
+        for (const std::string& query : Queries()) {
+            if (query.find(name) != std::string::npos) return true;
+        }
+        return false;
+    }
+
+private:
+    SilentNameServer(const SilentNameServer&) = delete;
+    SilentNameServer& operator=(const SilentNameServer&) = delete;
+
+    void Run() {
+        char buffer[512];
+        while (!stop_) {
+            pollfd wait = {fd_, POLLIN, 0};
+            if (::poll(&wait, 1, 50) <= 0) continue;
+            const ssize_t size = ::recv(fd_, buffer, sizeof buffer, 0);
+            if (size <= 0) continue;
+            std::lock_guard<std::mutex> lock(mutex_);
+            queries_.emplace_back(buffer, static_cast<std::size_t>(size));
+        }
+    }
+
+    int fd_;
+    std::atomic<bool> stop_;
+    mutable std::mutex mutex_;
+    std::vector<std::string> queries_;
+    std::thread thread_;
+};
 
 // The schedule rows holding `rate` percent.
 std::string RowsAtRate(int rate) {
@@ -91,6 +193,20 @@ protected:
 
     void TearDown() override {
         if (client_ >= 0) ::close(client_);
+        if (resolverReplaced_) test::Unmount(kResolverConfig);
+    }
+
+    // Sends every host-name lookup, the daemon's too (it shares the test's
+    // mount namespace), to a silent name server on the loopback interface.
+    void ResolveThroughSilentNameServer() {
+        ASSERT_EQ(std::string::npos, test::ReadFile("/etc/hosts").find(kUnresolvableHost))
+            << "/etc/hosts resolves " << kUnresolvableHost << " without a name server";
+        nameServer_.reset(new SilentNameServer());
+        ASSERT_TRUE(nameServer_->Listening());
+        test::WriteFile(kSilentResolverConfig, kSilentResolverText);
+        ASSERT_TRUE(test::BindMount(kSilentResolverConfig, kResolverConfig));
+        resolverReplaced_ = true;
+        ASSERT_EQ(kSilentResolverText, test::ReadFile(kResolverConfig));
     }
 
     // A logger daemon that confirms every command.
@@ -147,6 +263,9 @@ protected:
     std::unique_ptr<test::UnixPeer> logger_;
     std::unique_ptr<HttpTestServer> server_;
     std::unique_ptr<HttpTestServer> stalled_;
+    std::unique_ptr<SilentNameServer> nameServer_;
+    // Whether /etc/resolv.conf is bound over and must be unmounted.
+    bool resolverReplaced_ = false;
     std::vector<std::vector<std::string>> schedule_;
     std::vector<std::vector<std::string>> info_;
     // A client's connection waiting for its answer, or -1.
@@ -202,6 +321,25 @@ TEST_F(PromptStopTest, StopsPromptlyOnSigusr1WhileAPlantCheckWaitsOnAStalledServ
     if (HasFatalFailure()) return;
     ExpectPromptStop(SIGUSR1);
     ExpectStoredScheduleKept();
+}
+
+TEST_F(PromptStopTest, StopsPromptlyWhileTheServerNameLookupHangs) {
+    ResolveThroughSilentNameServer();
+    if (HasFatalFailure()) return;
+    test::WriteSystemSetting(kPlant, "http://" + kUnresolvableHost + ":18080/schedule", false);
+    ASSERT_TRUE(test::StartDaemon(daemon_, test::kDaemonOutput));
+    // Once the name server has the query, the start-up fetch is inside the
+    // C library's lookup, where shutting sockets down does not reach it.
+    ASSERT_TRUE(test::WaitFor([&] { return nameServer_->Asked(kUnresolvableHost); }, kReachMs))
+        << "no lookup of " << kUnresolvableHost << " reached 127.0.0.1:53 (" << nameServer_->Queries().size()
+        << " queries); is \"dns\" among the hosts sources of /etc/nsswitch.conf?\n"
+        << test::ReadFile(test::kDaemonOutput);
+    ExpectPromptStop(SIGTERM);
+    // The lookup was left running and the daemon said so.
+    EXPECT_TRUE(test::HasLogLine(test::ReadLines(test::LogFilePath()), "W", "ScheduleUpdateManager",
+                                 "A schedule flow did not end in time; it is left to the exit."))
+        << test::ReadFile(test::LogFilePath());
+    EXPECT_EQ("0", test::QueryValue(test::kScheduleDbFile, "SELECT COUNT(*) FROM output_control_schedule"));
 }
 
 TEST_F(PromptStopTest, StopsPromptlyWhileForwardingWaitsOnASilentLoggerDaemon) {
