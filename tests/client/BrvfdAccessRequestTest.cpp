@@ -10,7 +10,9 @@
 
 #include <gtest/gtest.h>
 
+#include <Poco/AutoPtr.h>
 #include <Poco/Event.h>
+#include <Poco/Thread.h>
 #include <Poco/Timestamp.h>
 
 #include <chrono>
@@ -203,6 +205,82 @@ TEST_F(BrvfdAccessRequestTest, OverlongSocketPathIsAConnectFailure) {
     Recorder recorder;
     Exchange(recorder);
     EXPECT_EQ(2, recorder.status);
+}
+
+// The daemon aborts the exchanges in flight when it stops: a logger daemon
+// that took the command and never answers must not hold the stop up for the
+// whole receive time-out.
+TEST_F(BrvfdAccessRequestTest, AbortEndsAnExchangeWaitingOnASilentPeer) {
+    UnixPeer peer(kLoggerSocket, UnixPeer::kSilent, "", 8);
+    // Kept by the request: should the abort fail, the report that comes
+    // when the peer stops still finds it.
+    auto kept = std::make_shared<Recorder>();
+    Recorder& recorder = *kept;
+    Poco::AutoPtr<BrvfdAccessRequest> request(new BrvfdAccessRequest(kept.get()));
+    request->SetCommand(1);
+    request->Keep(kept);
+    // The pool releases its reference when the request ends; this one keeps
+    // it alive for the Abort below.
+    request->duplicate();
+    channel_->Enqueue(request.get());
+    ASSERT_TRUE(test::WaitFor([&] { return peer.Received().size() == 1; }, 5000));
+    const Poco::Timestamp aborted;
+    request->Abort();
+    ASSERT_TRUE(recorder.done.tryWait(static_cast<long>(10000 * test::TimeScale())));
+    EXPECT_LT(aborted.elapsed(), 10000 * 1000 * test::TimeScale());
+    // The reply never came: a failed read, not the logger daemon's answer.
+    EXPECT_EQ(5, recorder.status);
+    EXPECT_TRUE(recorder.reply.empty());
+    EXPECT_FALSE(recorder.done.tryWait(200));
+    EXPECT_EQ(1, recorder.calls);
+}
+
+TEST_F(BrvfdAccessRequestTest, CallerWaitingOnAnAbortedExchangeGetsAFailure) {
+    UnixPeer peer(kLoggerSocket, UnixPeer::kSilent, "", 8);
+    auto callback = std::make_shared<BrvfdSendCommandRequest>(1);
+    std::future<int> result = callback->GetFuture();
+    Poco::AutoPtr<BrvfdAccessRequest> request(new BrvfdAccessRequest(callback.get()));
+    request->SetCommand(1);
+    request->Keep(callback);
+    request->duplicate();
+    channel_->Enqueue(request.get());
+    ASSERT_TRUE(test::WaitFor([&] { return peer.Received().size() == 1; }, 5000));
+    request->Abort();
+    ASSERT_EQ(std::future_status::ready, result.wait_for(std::chrono::seconds(10 * test::TimeScale())));
+    EXPECT_EQ(1, result.get());
+    EXPECT_TRUE(test::HasLogLine(LogLines(), "E", "BrvfdSendCommandRequest", "sending error. error_code [5]"));
+}
+
+TEST_F(BrvfdAccessRequestTest, AbortBeforeExecuteFailsWithoutConnecting) {
+    UnixPeer peer(kLoggerSocket, UnixPeer::kReply, Reply(0), 8);
+    Recorder recorder;
+    BrvfdAccessRequest* request = new BrvfdAccessRequest(&recorder);
+    request->SetCommand(1);
+    request->Abort();
+    channel_->Enqueue(request);
+    ASSERT_TRUE(recorder.done.tryWait(static_cast<long>(5000 * test::TimeScale())));
+    EXPECT_EQ(2, recorder.status);
+    EXPECT_TRUE(recorder.reply.empty());
+    EXPECT_EQ(1, recorder.calls);
+    // The peer polls for connections every 50 ms; give it time to see one.
+    Poco::Thread::sleep(300);
+    EXPECT_EQ(0, peer.Connections());
+    EXPECT_TRUE(peer.Received().empty());
+}
+
+TEST_F(BrvfdAccessRequestTest, AbortAfterTheExchangeChangesNothing) {
+    UnixPeer peer(kLoggerSocket, UnixPeer::kReply, Reply(4), 8);
+    Recorder recorder;
+    Poco::AutoPtr<BrvfdAccessRequest> request(new BrvfdAccessRequest(&recorder));
+    request->SetCommand(1);
+    request->duplicate();
+    channel_->Enqueue(request.get());
+    ASSERT_TRUE(recorder.done.tryWait(20000));
+    request->Abort();
+    EXPECT_EQ(0, recorder.status);
+    EXPECT_EQ(Reply(4), recorder.reply);
+    EXPECT_FALSE(recorder.done.tryWait(200));
+    EXPECT_EQ(1, recorder.calls);
 }
 
 } // namespace

@@ -10,7 +10,10 @@
 
 #include <gtest/gtest.h>
 
+#include <Poco/AutoPtr.h>
 #include <Poco/Event.h>
+#include <Poco/Thread.h>
+#include <Poco/Timestamp.h>
 
 #include <memory>
 #include <string>
@@ -23,6 +26,10 @@ using test::HttpTestServer;
 
 const std::string kMacFile = "/sys/class/net/eth0/address";
 const std::string kTag = "ScheduleServerAccessRequest";
+const std::string kFailurePrefix = "schedule server access failed. EXCEPTION[";
+// Longer than any test runs: a server that never answers. Its delay ends
+// when the server is destroyed.
+const int kStalledMs = 600000;
 
 // Records the report of an exchange, with a copy of the body.
 class Recorder : public ScheduleServerAccessRequestCallback {
@@ -267,6 +274,71 @@ TEST_F(ScheduleServerAccessRequestTest, ParametersFromTheSystemSettings) {
     EXPECT_EQ("POST /from/settings HTTP/1.1", server.Requests().at(0).requestLine);
     EXPECT_EQ("power_plant_id=PLANT7&mac_address=001A2B3C4D5E&schedule_kbn=0000",
               server.Requests().at(0).body);
+}
+
+// The daemon aborts the exchanges in flight when it stops: a schedule
+// server that took the request and never answers must not hold the stop up
+// for the session's twenty-minute time-out.
+TEST_F(ScheduleServerAccessRequestTest, AbortEndsAnExchangeWaitingOnAStalledServer) {
+    HttpTestServer server(HttpTestServer::Answer(200, "text/plain", "late"), kStalledMs);
+    // Kept by the request: should the abort fail, the report that comes
+    // when the server stops still finds it.
+    auto kept = std::make_shared<Recorder>();
+    Recorder& recorder = *kept;
+    Poco::AutoPtr<ScheduleServerAccessRequest> request(new ScheduleServerAccessRequest(kept.get()));
+    request->SetParameters("0000", "P", server.Url("/s"));
+    request->Keep(kept);
+    // The pool releases its reference when the request ends; this one keeps
+    // it alive for the Abort below.
+    request->duplicate();
+    channel_.Enqueue(request.get());
+    ASSERT_TRUE(test::WaitFor([&] { return server.Requests().size() == 1; }, 10000));
+    const Poco::Timestamp aborted;
+    request->Abort();
+    ASSERT_TRUE(recorder.done.tryWait(static_cast<long>(5000 * test::TimeScale())));
+    EXPECT_LT(aborted.elapsed(), 5000 * 1000 * test::TimeScale());
+    EXPECT_EQ(1, recorder.calls);
+    EXPECT_EQ(1, recorder.status);
+    EXPECT_EQ(0, recorder.httpStatus);
+    EXPECT_FALSE(recorder.hasData);
+    EXPECT_EQ(0u, recorder.message.find(kFailurePrefix)) << recorder.message;
+    EXPECT_TRUE(test::HasLogLine(LogLines(), "E", kTag, recorder.message));
+}
+
+TEST_F(ScheduleServerAccessRequestTest, AbortBeforeExecuteFailsWithoutAskingTheServer) {
+    HttpTestServer server(HttpTestServer::Answer(200, "text/plain", "x"));
+    Recorder recorder;
+    ScheduleServerAccessRequest* request = new ScheduleServerAccessRequest(&recorder);
+    request->SetParameters("0000", "P", server.Url("/s"));
+    request->Abort();
+    const Poco::Timestamp queued;
+    channel_.Enqueue(request);
+    ASSERT_TRUE(recorder.done.tryWait(static_cast<long>(5000 * test::TimeScale())));
+    EXPECT_LT(queued.elapsed(), 5000 * 1000 * test::TimeScale());
+    EXPECT_EQ(1, recorder.calls);
+    EXPECT_EQ(1, recorder.status);
+    EXPECT_EQ(0, recorder.httpStatus);
+    EXPECT_FALSE(recorder.hasData);
+    EXPECT_EQ(0u, recorder.message.find(kFailurePrefix)) << recorder.message;
+    // The server would have recorded a request within this time.
+    Poco::Thread::sleep(300);
+    EXPECT_TRUE(server.Requests().empty());
+}
+
+TEST_F(ScheduleServerAccessRequestTest, AbortAfterTheExchangeChangesNothing) {
+    HttpTestServer server(HttpTestServer::Answer(200, "text/plain", "done"));
+    Recorder recorder;
+    Poco::AutoPtr<ScheduleServerAccessRequest> request(new ScheduleServerAccessRequest(&recorder));
+    request->SetParameters("0000", "P", server.Url("/s"));
+    request->duplicate();
+    channel_.Enqueue(request.get());
+    ASSERT_TRUE(recorder.done.tryWait(30000));
+    request->Abort();
+    EXPECT_EQ(0, recorder.status);
+    EXPECT_EQ(200, recorder.httpStatus);
+    EXPECT_EQ("done", recorder.body);
+    EXPECT_FALSE(recorder.done.tryWait(200));
+    EXPECT_EQ(1, recorder.calls);
 }
 
 } // namespace
