@@ -11,8 +11,14 @@
 
 #include <gtest/gtest.h>
 
+#include <Poco/Event.h>
+#include <Poco/Timestamp.h>
+
 #include <sqlite3.h>
 
+#include <atomic>
+#include <chrono>
+#include <future>
 #include <memory>
 #include <string>
 #include <vector>
@@ -35,6 +41,35 @@ ScheduleRow Row(std::int64_t time, int rate, bool sent = false) {
     row.controlRate = rate;
     row.sent = sent;
     return row;
+}
+
+// A forwarder that blocks, as an exchange with a logger daemon that does not
+// answer does, until the test releases it. Its waits are bounded, so a test
+// that fails early still ends.
+class BlockingForwarder {
+public:
+    ScheduleDatabase::Forwarder Forwarder() {
+        return [this] {
+            ++calls;
+            entered.set();
+            released.tryWait(kLongestBlockMs);
+            returned = true;
+            return 0;
+        };
+    }
+    // Waits until a forwarding has begun.
+    bool WaitEntered() { return entered.tryWait(static_cast<long>(10000 * test::TimeScale())); }
+    void Release() { released.set(); }
+
+    static constexpr long kLongestBlockMs = 60000;
+    std::atomic<int> calls{0};
+    std::atomic<bool> returned{false};
+    Poco::Event entered;
+    Poco::Event released{Poco::Event::EVENT_MANUALRESET};
+};
+
+std::chrono::milliseconds Scaled(long long ms) {
+    return std::chrono::milliseconds(ms * test::TimeScale());
 }
 
 class ScheduleDatabaseTest : public ::testing::Test {
@@ -299,6 +334,126 @@ TEST_F(ScheduleDatabaseTest, NoForwardingMeansNothingIsMarkedSent) {
     Database().UpdateSentFlag();
     EXPECT_EQ("1/0", RowText(t));
     EXPECT_TRUE(test::HasLogLine(LogLines(), "W", kTag, "Cloud Send error."));
+}
+
+// The target power is asked every few seconds: it must be answered while
+// the logger daemon is being told about new data, however long that takes.
+TEST_F(ScheduleDatabaseTest, SelectAnswersWhileAForwardingHangs) {
+    const std::int64_t t = Now() + kDay;
+    ASSERT_TRUE(Database().InsertUpdateSchedule({Row(t, 40), Row(t + 1800, 50)}));
+    BlockingForwarder forwarder;
+    Database().SetForwarder(forwarder.Forwarder());
+    std::future<void> forwarding =
+        std::async(std::launch::async, [this] { Database().UpdateSentFlag(); });
+    ASSERT_TRUE(forwarder.WaitEntered());
+    std::future<ScheduleRow> current =
+        std::async(std::launch::async, [this, t] { return Database().SelectSchedule(t + 60, true); });
+    std::future<ScheduleRow> next =
+        std::async(std::launch::async, [this, t] { return Database().SelectSchedule(t + 60, false); });
+    const bool answered = current.wait_for(Scaled(2000)) == std::future_status::ready &&
+                          next.wait_for(Scaled(2000)) == std::future_status::ready;
+    EXPECT_FALSE(forwarder.returned);
+    forwarder.Release();
+    ASSERT_TRUE(answered) << "a select waited on the forwarding";
+    EXPECT_EQ(40, current.get().controlRate);
+    EXPECT_EQ(t + 1800, next.get().time);
+    ASSERT_EQ(std::future_status::ready, forwarding.wait_for(Scaled(10000)));
+}
+
+TEST_F(ScheduleDatabaseTest, RowsPresentBeforeASuccessfulForwardingAreMarkedSent) {
+    const std::int64_t t = Now() + kDay;
+    ASSERT_TRUE(Database().InsertUpdateSchedule({Row(t, 40), Row(t + 1800, 50)}));
+    ASSERT_TRUE(Database().InsertFixedSchedule({Row(t + 3600, 60)}));
+    BlockingForwarder forwarder;
+    Database().SetForwarder(forwarder.Forwarder());
+    std::future<void> forwarding =
+        std::async(std::launch::async, [this] { Database().UpdateSentFlag(); });
+    ASSERT_TRUE(forwarder.WaitEntered());
+    // Reading is no change of the table.
+    EXPECT_EQ(40, Database().SelectSchedule(t + 60, true).controlRate);
+    forwarder.Release();
+    ASSERT_EQ(std::future_status::ready, forwarding.wait_for(Scaled(10000)));
+    EXPECT_EQ("40/1", RowText(t));
+    EXPECT_EQ("50/1", RowText(t + 1800));
+    EXPECT_EQ("60/1", RowText(t + 3600));
+}
+
+// The logger daemon may have read the table before these rows came: they
+// stay unsent, and the next forwarding (of the run that wrote them) marks
+// them.
+TEST_F(ScheduleDatabaseTest, UpdateRowsWrittenDuringAForwardingStayUnsent) {
+    const std::int64_t t = Now() + kDay;
+    ASSERT_TRUE(Database().InsertUpdateSchedule({Row(t, 40)}));
+    BlockingForwarder forwarder;
+    Database().SetForwarder(forwarder.Forwarder());
+    std::future<void> forwarding =
+        std::async(std::launch::async, [this] { Database().UpdateSentFlag(); });
+    ASSERT_TRUE(forwarder.WaitEntered());
+    std::future<bool> written = std::async(std::launch::async, [this, t] {
+        return Database().InsertUpdateSchedule({Row(t + 1800, 50), Row(t + 3600, 60)});
+    });
+    const bool writtenInTime = written.wait_for(Scaled(5000)) == std::future_status::ready;
+    forwarder.Release();
+    ASSERT_TRUE(writtenInTime) << "an insert waited on the forwarding";
+    EXPECT_TRUE(written.get());
+    ASSERT_EQ(std::future_status::ready, forwarding.wait_for(Scaled(10000)));
+    EXPECT_EQ(1, forwarder.calls);
+    EXPECT_EQ("50/0", RowText(t + 1800));
+    EXPECT_EQ("60/0", RowText(t + 3600));
+
+    Database().SetForwarder([] { return 0; });
+    Database().UpdateSentFlag();
+    EXPECT_EQ("40/1", RowText(t));
+    EXPECT_EQ("50/1", RowText(t + 1800));
+    EXPECT_EQ("60/1", RowText(t + 3600));
+}
+
+TEST_F(ScheduleDatabaseTest, FixedRowsWrittenDuringAForwardingStayUnsent) {
+    const std::int64_t t = Now() + kDay;
+    ASSERT_TRUE(Database().InsertUpdateSchedule({Row(t, 40)}));
+    BlockingForwarder forwarder;
+    Database().SetForwarder(forwarder.Forwarder());
+    std::future<void> forwarding =
+        std::async(std::launch::async, [this] { Database().UpdateSentFlag(); });
+    ASSERT_TRUE(forwarder.WaitEntered());
+    std::future<bool> written = std::async(std::launch::async, [this, t] {
+        return Database().InsertFixedSchedule({Row(t + 1800, 50)});
+    });
+    const bool writtenInTime = written.wait_for(Scaled(5000)) == std::future_status::ready;
+    forwarder.Release();
+    ASSERT_TRUE(writtenInTime) << "an insert waited on the forwarding";
+    EXPECT_TRUE(written.get());
+    ASSERT_EQ(std::future_status::ready, forwarding.wait_for(Scaled(10000)));
+    EXPECT_EQ("50/0", RowText(t + 1800));
+}
+
+// Once SetForwarder returns the old forwarder is never called again: the
+// manager relies on this before it goes away.
+TEST_F(ScheduleDatabaseTest, SetForwarderWaitsForTheForwardingInProgress) {
+    const std::int64_t t = Now() + kDay;
+    ASSERT_TRUE(Database().InsertUpdateSchedule({Row(t, 40)}));
+    BlockingForwarder forwarder;
+    Database().SetForwarder(forwarder.Forwarder());
+    std::future<void> forwarding =
+        std::async(std::launch::async, [this] { Database().UpdateSentFlag(); });
+    ASSERT_TRUE(forwarder.WaitEntered());
+    std::atomic<int> newCalls{0};
+    std::future<bool> replaced = std::async(std::launch::async, [&] {
+        Database().SetForwarder([&newCalls] {
+            ++newCalls;
+            return 0;
+        });
+        // Whether the old forwarder had returned when this one went in.
+        return forwarder.returned.load();
+    });
+    EXPECT_EQ(std::future_status::timeout, replaced.wait_for(std::chrono::milliseconds(300)));
+    forwarder.Release();
+    ASSERT_EQ(std::future_status::ready, replaced.wait_for(Scaled(10000)));
+    EXPECT_TRUE(replaced.get());
+    ASSERT_EQ(std::future_status::ready, forwarding.wait_for(Scaled(10000)));
+    Database().UpdateSentFlag();
+    EXPECT_EQ(1, forwarder.calls);
+    EXPECT_EQ(1, newCalls);
 }
 
 TEST_F(ScheduleDatabaseTest, CorruptFileIsReportedAndTheSessionKept) {
