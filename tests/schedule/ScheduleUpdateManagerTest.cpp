@@ -17,6 +17,12 @@
 #include <gtest/gtest.h>
 
 #include <Poco/DateTime.h>
+#include <Poco/Thread.h>
+#include <Poco/Timestamp.h>
+
+#include <chrono>
+#include <future>
+#include <memory>
 
 namespace brvo {
 namespace {
@@ -26,6 +32,28 @@ using test::HttpTestServer;
 const std::string kTag = "ScheduleUpdateManager";
 const std::string kDbFile = "/media/sdcard/kestrovanyx/Database/OutputControl/output_control_schedule.db";
 const std::string kPlant = "00000000000000000000000777";
+// Longer than any test runs: a schedule server that never answers. Its
+// delay ends when the server is destroyed.
+const int kStalledMs = 600000;
+
+typedef std::future<std::shared_ptr<UpdateResult>> FlowResult;
+
+std::chrono::milliseconds Scaled(long long ms) {
+    return std::chrono::milliseconds(ms * test::TimeScale());
+}
+
+// Runs the update schedule flow on a thread of its own, under a pin as the
+// socket workers do, so that the manager is never freed under it.
+FlowResult UpdateOnAnotherThread() {
+    return std::async(std::launch::async, [] {
+        ScheduleUpdateManager::Pin manager;
+        return manager ? manager->UpdateSchedule() : std::shared_ptr<UpdateResult>();
+    });
+}
+
+std::string StoredSlots() {
+    return test::QueryValue(kDbFile, "SELECT COUNT(*) FROM output_control_schedule");
+}
 
 class ScheduleUpdateManagerTest : public ::testing::Test {
 protected:
@@ -331,6 +359,173 @@ TEST_F(ScheduleUpdateManagerTest, FixedDataOfAnotherPlantNeedsForce) {
     result = manager.UpdateWithFixedData(other, false);
     ASSERT_TRUE(result->IsResult());
     EXPECT_FALSE(result->IsSettingChanged());
+}
+
+// A flow that only touches the tables (a client's fixed schedule) must not
+// wait for a fetch that waits on the schedule server.
+TEST_F(ScheduleUpdateManagerTest, FixedDataIsStoredWhileAnUpdateFetchWaitsOnTheServer) {
+    // Declared before the server: the server's end lets a stalled fetch
+    // finish, whatever happens in the test.
+    FlowResult fetch;
+    HttpTestServer server(test::ScheduleServerAnswer(update_, test::kUpdateSchedule), kStalledMs);
+    ScheduleUpdateManager& manager = Manager(kPlant, server.Url("/s"));
+    fetch = UpdateOnAnotherThread();
+    ASSERT_TRUE(test::WaitFor([&] { return server.Requests().size() == 1; }, 10000));
+    auto model = std::make_shared<ScheduleModel>(test::BuildSchedulePayload({fixed_}, test::kFixedSchedule).hex, 0);
+    ASSERT_TRUE(model->IsResult()) << model->GetMessage();
+    FlowResult stored =
+        std::async(std::launch::async, [&manager, model] { return manager.UpdateWithFixedData(model, false); });
+    const bool storedInTime = stored.wait_for(Scaled(3000)) == std::future_status::ready;
+    // Ends the fetch, and with it a wait on it.
+    manager.Shutdown();
+    ASSERT_TRUE(storedInTime) << "the fixed data waited on the fetch";
+    const std::shared_ptr<UpdateResult> result = stored.get();
+    EXPECT_TRUE(result->IsResult()) << result->ToString();
+    EXPECT_EQ("48", StoredSlots());
+    EXPECT_EQ(kPlant, manager.GetUpdateInfo().plantId);
+    ASSERT_EQ(std::future_status::ready, fetch.wait_for(Scaled(5000)));
+}
+
+TEST_F(ScheduleUpdateManagerTest, UnchangedPlantIsCheckedWhileAnUpdateFetchWaitsOnTheServer) {
+    FlowResult fetch;
+    HttpTestServer server(test::ScheduleServerAnswer(update_, test::kUpdateSchedule), kStalledMs);
+    ScheduleUpdateManager& manager = Manager(kPlant, server.Url("/s"));
+    ScheduleRow row;
+    row.time = tomorrow_;
+    row.controlRate = 5;
+    ASSERT_TRUE(manager.UpdateWithFixedSchedule({row}, kPlant));
+    fetch = UpdateOnAnotherThread();
+    ASSERT_TRUE(test::WaitFor([&] { return server.Requests().size() == 1; }, 10000));
+    bool started = false;
+    FlowResult checked = std::async(std::launch::async, [&manager, &started] {
+        return manager.CheckAndUpdateWithSystemSetting(started, true);
+    });
+    const bool checkedInTime = checked.wait_for(Scaled(3000)) == std::future_status::ready;
+    manager.Shutdown();
+    ASSERT_TRUE(checkedInTime) << "the settings check waited on the fetch";
+    const std::shared_ptr<UpdateResult> result = checked.get();
+    EXPECT_TRUE(result->IsResult()) << result->ToString();
+    EXPECT_FALSE(started);
+    // The plant is the same: nothing was wiped, and no second fetch ran.
+    EXPECT_EQ("1", StoredSlots());
+    EXPECT_EQ(kPlant, manager.GetUpdateInfo().plantId);
+    EXPECT_EQ(1u, server.Requests().size());
+    ASSERT_EQ(std::future_status::ready, fetch.wait_for(Scaled(5000)));
+}
+
+// The daemon stops within half a second: a fetch waiting on a server that
+// never answers must end at once when the manager shuts down.
+TEST_F(ScheduleUpdateManagerTest, ShutdownEndsAnUpdateWaitingOnAStalledServer) {
+    FlowResult fetch;
+    HttpTestServer server(test::ScheduleServerAnswer(update_, test::kUpdateSchedule), kStalledMs);
+    ScheduleUpdateManager& manager = Manager(kPlant, server.Url("/s"));
+    fetch = UpdateOnAnotherThread();
+    ASSERT_TRUE(test::WaitFor([&] { return server.Requests().size() == 1; }, 10000));
+    const Poco::Timestamp stopping;
+    manager.Shutdown();
+    EXPECT_TRUE(manager.IsShuttingDown());
+    ASSERT_EQ(std::future_status::ready, fetch.wait_for(Scaled(3000)));
+    EXPECT_LT(stopping.elapsed(), 3000 * 1000 * test::TimeScale());
+    const std::shared_ptr<UpdateResult> result = fetch.get();
+    ASSERT_NE(nullptr, result);
+    EXPECT_FALSE(result->IsResult());
+    EXPECT_EQ(1, result->GetFailureReason());
+    EXPECT_EQ("0", StoredSlots());
+    EXPECT_EQ("", manager.GetUpdateInfo().plantId);
+    EXPECT_TRUE(test::HasLogLineStarting(LogLines(), "W", kTag, "Schedule update failed. [ServerAccessResult [false]"));
+}
+
+TEST_F(ScheduleUpdateManagerTest, FetchAfterShutdownFailsWithoutAskingTheServer) {
+    HttpTestServer server(test::ScheduleServerAnswer(update_, test::kUpdateSchedule));
+    ScheduleUpdateManager& manager = Manager(kPlant, server.Url("/s"));
+    manager.Shutdown();
+    FlowResult fetch = UpdateOnAnotherThread();
+    ASSERT_EQ(std::future_status::ready, fetch.wait_for(Scaled(3000)));
+    const std::shared_ptr<UpdateResult> result = fetch.get();
+    ASSERT_NE(nullptr, result);
+    EXPECT_EQ(1, result->GetFailureReason());
+    EXPECT_EQ("0", StoredSlots());
+    // The server would have recorded a request within this time.
+    Poco::Thread::sleep(300);
+    EXPECT_TRUE(server.Requests().empty());
+}
+
+TEST_F(ScheduleUpdateManagerTest, ShutdownEndsAForwardingWaitingOnASilentLoggerDaemon) {
+    test::WriteFile("/mnt/system/brvlogger/.keep", "");
+    test::UnixPeer logger("/mnt/system/brvlogger/brevanta.logger", test::UnixPeer::kSilent, "", 8);
+    ScheduleUpdateManager& manager = Manager(kPlant, "http://127.0.0.1:1/");
+    std::future<int> forwarded = std::async(std::launch::async, [] {
+        ScheduleUpdateManager::Pin pinned;
+        return pinned ? pinned->SendScheduleData() : -1;
+    });
+    ASSERT_TRUE(test::WaitFor([&] { return logger.Received().size() == 1; }, 10000));
+    manager.Shutdown();
+    ASSERT_EQ(std::future_status::ready, forwarded.wait_for(Scaled(3000)));
+    EXPECT_EQ(1, forwarded.get());
+}
+
+// A fetch begun for a plant that is gone by the time the answer comes must
+// not bring that plant's schedule back into the emptied tables.
+TEST_F(ScheduleUpdateManagerTest, AnswerOfAFetchBegunBeforeTheTablesWereEmptiedIsNotStored) {
+    FlowResult fetch;
+    HttpTestServer server(test::ScheduleServerAnswer(update_, test::kUpdateSchedule),
+                          static_cast<int>(2000 * test::TimeScale()));
+    ScheduleUpdateManager& manager = Manager(kPlant, server.Url("/s"));
+    fetch = UpdateOnAnotherThread();
+    ASSERT_TRUE(test::WaitFor([&] { return server.Requests().size() == 1; }, 10000));
+    ASSERT_EQ(std::future_status::timeout, fetch.wait_for(std::chrono::milliseconds(0)));
+    manager.DeleteAllUpdateControlInfoFromDB();
+    ASSERT_EQ(std::future_status::ready, fetch.wait_for(Scaled(10000)));
+    const std::shared_ptr<UpdateResult> result = fetch.get();
+    ASSERT_NE(nullptr, result);
+    // The answer did come (status 200) and was dropped.
+    EXPECT_EQ(5, result->GetFailureReason());
+    EXPECT_EQ(200, result->GetStatusCode());
+    EXPECT_EQ("Database update error.", result->GetMessage());
+    EXPECT_EQ("0", StoredSlots());
+    EXPECT_EQ("", manager.GetUpdateInfo().plantId);
+    EXPECT_TRUE(test::HasLogLine(LogLines(), "W", kTag,
+                                 "Schedule update failed. The stored schedule was reset while it was fetched."));
+}
+
+TEST_F(ScheduleUpdateManagerTest, AnswerOfAFetchForAPlantRemovedFromTheSettingsMeanwhileIsNotStored) {
+    FlowResult fetch;
+    HttpTestServer server(test::ScheduleServerAnswer(update_, test::kUpdateSchedule),
+                          static_cast<int>(2000 * test::TimeScale()));
+    ScheduleUpdateManager& manager = Manager(kPlant, server.Url("/s"));
+    fetch = UpdateOnAnotherThread();
+    ASSERT_TRUE(test::WaitFor([&] { return server.Requests().size() == 1; }, 10000));
+    ASSERT_EQ(std::future_status::timeout, fetch.wait_for(std::chrono::milliseconds(0)));
+    test::WriteFile(test::SystemSettingPath(), "<logger><general><outputControlPlantId></outputControlPlantId>"
+                                               "</general></logger>");
+    bool started = false;
+    EXPECT_TRUE(manager.CheckAndUpdateWithSystemSetting(started, false)->IsResult());
+    EXPECT_FALSE(started);
+    ASSERT_EQ(std::future_status::ready, fetch.wait_for(Scaled(10000)));
+    const std::shared_ptr<UpdateResult> result = fetch.get();
+    ASSERT_NE(nullptr, result);
+    EXPECT_EQ(5, result->GetFailureReason());
+    EXPECT_EQ(200, result->GetStatusCode());
+    EXPECT_EQ("0", StoredSlots());
+    EXPECT_EQ("", manager.GetUpdateInfo().plantId);
+    EXPECT_EQ(1u, server.Requests().size());
+}
+
+TEST_F(ScheduleUpdateManagerTest, DeleteInstanceReturnsPromptlyWhileAFlowWaitsOnAStalledServer) {
+    FlowResult fetch;
+    HttpTestServer server(test::ScheduleServerAnswer(update_, test::kUpdateSchedule), kStalledMs);
+    Manager(kPlant, server.Url("/s"));
+    fetch = UpdateOnAnotherThread();
+    ASSERT_TRUE(test::WaitFor([&] { return server.Requests().size() == 1; }, 10000));
+    const Poco::Timestamp deleting;
+    ScheduleUpdateManager::DeleteInstance();
+    EXPECT_LT(deleting.elapsed(), 1000 * 1000 * test::TimeScale());
+    EXPECT_EQ(nullptr, ScheduleUpdateManager::GetInstance());
+    ASSERT_EQ(std::future_status::ready, fetch.wait_for(Scaled(3000)));
+    const std::shared_ptr<UpdateResult> result = fetch.get();
+    ASSERT_NE(nullptr, result);
+    EXPECT_EQ(1, result->GetFailureReason());
+    EXPECT_EQ("0", StoredSlots());
 }
 
 } // namespace
