@@ -15,8 +15,16 @@
 #include <Poco/Thread.h>
 #include <Poco/Timestamp.h>
 
+#include <arpa/inet.h>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
 #include <memory>
+#include <netinet/in.h>
+#include <sstream>
 #include <string>
+#include <sys/socket.h>
+#include <unistd.h>
 #include <vector>
 
 namespace brvo {
@@ -55,6 +63,52 @@ public:
     std::string body;
     std::string message;
     Poco::Event done;
+};
+
+// A port of 127.0.0.1 whose accept queue is full: one connection waits in
+// it, never accepted, and the kernel drops every further handshake, so a
+// client stays in its connect as with a server whose packets are lost.
+class FullBacklog {
+public:
+    FullBacklog() : listen_(socket(AF_INET, SOCK_STREAM, 0)), filler_(socket(AF_INET, SOCK_STREAM, 0)), port_(0) {
+        sockaddr_in address;
+        std::memset(&address, 0, sizeof address);
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof address;
+        if (bind(listen_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || listen(listen_, 0) != 0 ||
+            getsockname(listen_, reinterpret_cast<sockaddr*>(&address), &length) != 0 ||
+            connect(filler_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+            ADD_FAILURE() << "cannot fill a listening socket's queue";
+        }
+        port_ = ntohs(address.sin_port);
+    }
+    ~FullBacklog() {
+        close(filler_);
+        close(listen_);
+    }
+    int Port() const { return port_; }
+    // Whether a connect to the port waits for its handshake (SYN_SENT in
+    // the kernel's table).
+    bool HasConnectInProgress() const {
+        std::ifstream table("/proc/net/tcp");
+        std::string line;
+        std::getline(table, line);
+        char remote[16];
+        std::snprintf(remote, sizeof remote, "0100007F:%04X", port_);
+        while (std::getline(table, line)) {
+            std::istringstream fields(line);
+            std::string slot, local, peer, state;
+            fields >> slot >> local >> peer >> state;
+            if (peer == remote && state == "02") return true;
+        }
+        return false;
+    }
+
+private:
+    int listen_;
+    int filler_;
+    int port_;
 };
 
 class ScheduleServerAccessRequestTest : public ::testing::Test {
@@ -303,6 +357,24 @@ TEST_F(ScheduleServerAccessRequestTest, AbortEndsAnExchangeWaitingOnAStalledServ
     EXPECT_FALSE(recorder.hasData);
     EXPECT_EQ(0u, recorder.message.find(kFailurePrefix)) << recorder.message;
     EXPECT_TRUE(test::HasLogLine(LogLines(), "E", kTag, recorder.message));
+}
+
+TEST_F(ScheduleServerAccessRequestTest, AbortEndsAnExchangeThatIsStillConnecting) {
+    FullBacklog server;
+    auto kept = std::make_shared<Recorder>();
+    Recorder& recorder = *kept;
+    Poco::AutoPtr<ScheduleServerAccessRequest> request(new ScheduleServerAccessRequest(kept.get()));
+    request->SetParameters("0000", "P", "http://127.0.0.1:" + std::to_string(server.Port()) + "/s");
+    request->Keep(kept);
+    request->duplicate();
+    channel_.Enqueue(request.get());
+    ASSERT_TRUE(test::WaitFor([&] { return server.HasConnectInProgress(); }, 10000));
+    const Poco::Timestamp aborted;
+    request->Abort();
+    ASSERT_TRUE(recorder.done.tryWait(static_cast<long>(5000 * test::TimeScale())));
+    EXPECT_LT(aborted.elapsed(), 5000 * 1000 * test::TimeScale());
+    EXPECT_EQ(1, recorder.status);
+    EXPECT_EQ(0u, recorder.message.find(kFailurePrefix)) << recorder.message;
 }
 
 TEST_F(ScheduleServerAccessRequestTest, AbortBeforeExecuteFailsWithoutAskingTheServer) {
