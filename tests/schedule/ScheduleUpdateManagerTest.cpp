@@ -528,5 +528,53 @@ TEST_F(ScheduleUpdateManagerTest, DeleteInstanceReturnsPromptlyWhileAFlowWaitsOn
     EXPECT_EQ("0", StoredSlots());
 }
 
+TEST_F(ScheduleUpdateManagerTest, PinHoldsTheInstanceOrNothing) {
+    {
+        ScheduleUpdateManager::Pin none;
+        EXPECT_FALSE(none);
+        EXPECT_EQ(nullptr, none.get());
+    }
+    ScheduleUpdateManager& manager = Manager("", "");
+    ScheduleUpdateManager::Pin pinned;
+    EXPECT_TRUE(pinned);
+    EXPECT_EQ(&manager, pinned.get());
+}
+
+TEST_F(ScheduleUpdateManagerTest, DeleteInstanceWaitsForAPinThatGoesSoon) {
+    Manager("", "");
+    std::promise<bool> taken;
+    std::future<bool> pinnedFirst = taken.get_future();
+    std::future<void> user = std::async(std::launch::async, [&taken] {
+        ScheduleUpdateManager::Pin pinned;
+        taken.set_value(static_cast<bool>(pinned));
+        Poco::Thread::sleep(50);
+    });
+    ASSERT_TRUE(pinnedFirst.get());
+    ScheduleUpdateManager::DeleteInstance();
+    ASSERT_EQ(std::future_status::ready, user.wait_for(Scaled(3000)));
+    EXPECT_EQ(nullptr, ScheduleUpdateManager::GetInstance());
+    EXPECT_FALSE(test::HasLogLine(LogLines(), "W", kTag, "A schedule flow did not end in time; it is left to the exit."));
+}
+
+// The stop must not hang on a user that does not let go (a name lookup
+// cannot be aborted): the manager is left to the process exit instead of
+// being freed under that user.
+TEST_F(ScheduleUpdateManagerTest, DeleteInstanceLeavesAManagerThatIsStillPinned) {
+    Manager("", "");
+    ScheduleUpdateManager::Pin pinned;
+    ASSERT_TRUE(pinned);
+    const Poco::Timestamp deleting;
+    ScheduleUpdateManager::DeleteInstance();
+    EXPECT_GE(deleting.elapsed(), (ScheduleUpdateManager::kDeleteWaitMs - 50) * 1000);
+    EXPECT_LT(deleting.elapsed(), 1000 * 1000 * test::TimeScale());
+    EXPECT_EQ(nullptr, ScheduleUpdateManager::GetInstance());
+    ScheduleUpdateManager::Pin late;
+    EXPECT_FALSE(late);
+    // Still a live object for the one who pinned it.
+    EXPECT_TRUE(pinned->IsShuttingDown());
+    EXPECT_EQ("", pinned->GetUpdateInfo().plantId);
+    EXPECT_TRUE(test::HasLogLine(LogLines(), "W", kTag, "A schedule flow did not end in time; it is left to the exit."));
+}
+
 } // namespace
 } // namespace brvo
