@@ -42,12 +42,14 @@ std::chrono::milliseconds Scaled(long long ms) {
     return std::chrono::milliseconds(ms * test::TimeScale());
 }
 
-// Runs the update schedule flow on a thread of its own, under a pin as the
-// socket workers do, so that the manager is never freed under it.
-FlowResult UpdateOnAnotherThread() {
-    return std::async(std::launch::async, [] {
+// Runs a fetching flow (the update schedule one unless told otherwise) on a
+// thread of its own, under a pin as the socket workers do, so that the
+// manager is never freed under it.
+FlowResult UpdateOnAnotherThread(
+    std::shared_ptr<UpdateResult> (ScheduleUpdateManager::*flow)() = &ScheduleUpdateManager::UpdateSchedule) {
+    return std::async(std::launch::async, [flow] {
         ScheduleUpdateManager::Pin manager;
-        return manager ? manager->UpdateSchedule() : std::shared_ptr<UpdateResult>();
+        return manager ? (manager.get()->*flow)() : std::shared_ptr<UpdateResult>();
     });
 }
 
@@ -509,6 +511,30 @@ TEST_F(ScheduleUpdateManagerTest, AnswerOfAFetchForAPlantRemovedFromTheSettingsM
     EXPECT_EQ("0", StoredSlots());
     EXPECT_EQ("", manager.GetUpdateInfo().plantId);
     EXPECT_EQ(1u, server.Requests().size());
+}
+
+TEST_F(ScheduleUpdateManagerTest, AnswerOfAFixedFetchBegunBeforeTheTablesWereEmptiedIsNotStored) {
+    FlowResult fetch;
+    HttpTestServer server(test::ScheduleServerAnswer(fixed_, test::kFixedSchedule),
+                          static_cast<int>(2000 * test::TimeScale()));
+    ScheduleUpdateManager& manager = Manager(kPlant, server.Url("/s"));
+    ScheduleRow row;
+    row.time = tomorrow_;
+    row.controlRate = 5;
+    ASSERT_TRUE(manager.UpdateWithFixedSchedule({row}, kPlant));
+    fetch = UpdateOnAnotherThread(&ScheduleUpdateManager::UpdateFixedSchedule);
+    ASSERT_TRUE(test::WaitFor([&] { return server.Requests().size() == 1; }, 10000));
+    ASSERT_EQ(std::future_status::timeout, fetch.wait_for(std::chrono::milliseconds(0)));
+    manager.DeleteAllUpdateControlInfoFromDB();
+    ASSERT_EQ(std::future_status::ready, fetch.wait_for(Scaled(10000)));
+    const std::shared_ptr<UpdateResult> result = fetch.get();
+    ASSERT_NE(nullptr, result);
+    EXPECT_EQ(5, result->GetFailureReason());
+    EXPECT_EQ(200, result->GetStatusCode());
+    EXPECT_EQ("0", StoredSlots());
+    EXPECT_EQ("", manager.GetUpdateInfo().plantId);
+    EXPECT_TRUE(test::HasLogLine(LogLines(), "W", kTag,
+                                 "Fixed schedule update failed. The stored schedule was reset while it was fetched."));
 }
 
 TEST_F(ScheduleUpdateManagerTest, DeleteInstanceReturnsPromptlyWhileAFlowWaitsOnAStalledServer) {
