@@ -453,10 +453,13 @@ TEST_F(ScheduleUpdateManagerTest, FetchAfterShutdownFailsWithoutAskingTheServer)
 }
 
 TEST_F(ScheduleUpdateManagerTest, ShutdownEndsAForwardingWaitingOnASilentLoggerDaemon) {
+    // Declared before the logger daemon: its end lets a stalled forwarding
+    // finish, whatever happens in the test.
+    std::future<int> forwarded;
     test::WriteFile("/mnt/system/brvlogger/.keep", "");
     test::UnixPeer logger("/mnt/system/brvlogger/brevanta.logger", test::UnixPeer::kSilent, "", 8);
     ScheduleUpdateManager& manager = Manager(kPlant, "http://127.0.0.1:1/");
-    std::future<int> forwarded = std::async(std::launch::async, [] {
+    forwarded = std::async(std::launch::async, [] {
         ScheduleUpdateManager::Pin pinned;
         return pinned ? pinned->SendScheduleData() : -1;
     });
