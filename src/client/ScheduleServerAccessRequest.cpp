@@ -13,6 +13,8 @@
 #include <Poco/Net/Context.h>
 #include <Poco/Net/HTTPClientSession.h>
 #include <Poco/Net/HTTPSClientSession.h>
+#include <Poco/Net/SocketAddress.h>
+#include <Poco/Net/StreamSocket.h>
 #include <Poco/Net/HTTPRequest.h>
 #include <Poco/Net/HTTPResponse.h>
 #include <Poco/StreamCopier.h>
@@ -63,45 +65,65 @@ Poco::Net::Context::Ptr TlsContext() {
     return context;
 }
 
-// The session for `uri`: TLS for https, plain HTTP otherwise.
-std::unique_ptr<Poco::Net::HTTPClientSession> OpenSession(const Poco::URI& uri) {
+// A plain HTTP session whose socket is made here and handed to `publish`
+// before it connects, so that Abort can shut down a connect that hangs.
+class AbortableSession : public Poco::Net::HTTPClientSession {
+public:
+    AbortableSession(const std::string& host, Poco::UInt16 port, std::function<void(int)> publish)
+        : HTTPClientSession(host, port), publish_(std::move(publish)) {}
+
+protected:
+    void connect(const Poco::Net::SocketAddress& address) override {
+        Poco::Net::StreamSocket socket(address.family());
+        publish_(static_cast<int>(socket.impl()->sockfd()));
+        attachSocket(socket);
+        HTTPSession::connect(address);
+    }
+
+private:
+    std::function<void(int)> publish_;
+};
+
+// The session for `uri`: TLS for https, plain HTTP otherwise; a plain
+// session's socket goes to `publish` before it connects.
+std::unique_ptr<Poco::Net::HTTPClientSession> OpenSession(const Poco::URI& uri,
+                                                         const std::function<void(int)>& publish) {
     if (uri.getScheme() == "https") {
         return std::unique_ptr<Poco::Net::HTTPClientSession>(
             new Poco::Net::HTTPSClientSession(uri.getHost(), uri.getPort(), TlsContext()));
     }
     return std::unique_ptr<Poco::Net::HTTPClientSession>(
-        new Poco::Net::HTTPClientSession(uri.getHost(), uri.getPort()));
+        new AbortableSession(uri.getHost(), uri.getPort(), publish));
 }
 
 // An answer whose length is unknown or beyond reason; reported as an
 // exchange that failed with an exception that is not the library's.
 class UnusableLength : public std::exception {};
 
-// Clears the session Abort may shut down before the session is destroyed.
-class SessionTrack {
+// Withdraws the socket Abort may shut down before the session that owns it
+// is destroyed.
+class SocketTrack {
 public:
-    explicit SessionTrack(std::function<void(Poco::Net::HTTPClientSession*)> track) : track_(std::move(track)) {}
-    ~SessionTrack() { track_(nullptr); }
+    explicit SocketTrack(std::function<void(int)> publish) : publish_(std::move(publish)) {}
+    ~SocketTrack() { publish_(-1); }
 
 private:
-    std::function<void(Poco::Net::HTTPClientSession*)> track_;
+    std::function<void(int)> publish_;
 };
 
 } // namespace
 
 ScheduleServerAccessRequest::ScheduleServerAccessRequest(ScheduleServerAccessRequestCallback* callback)
-    : callback_(callback), session_(nullptr), aborted_(false) {}
+    : callback_(callback), socket_(-1), aborted_(false) {}
 
 ScheduleServerAccessRequest::~ScheduleServerAccessRequest() {}
 
 void ScheduleServerAccessRequest::Abort() {
     Poco::FastMutex::ScopedLock lock(abortMutex_);
     aborted_ = true;
-    if (session_ == nullptr) return;
     // Shut down at the descriptor, not through the session: the worker
     // thread owns the session (and its TLS state) and is blocked in it.
-    const poco_socket_t fd = session_->socket().impl()->sockfd();
-    if (fd != POCO_INVALID_SOCKET) shutdown(fd, SHUT_RDWR);
+    if (socket_ >= 0) shutdown(socket_, SHUT_RDWR);
 }
 
 void ScheduleServerAccessRequest::ThrowIfAborted() {
@@ -109,12 +131,12 @@ void ScheduleServerAccessRequest::ThrowIfAborted() {
     if (aborted_) throw Poco::IOException("exchange aborted, the daemon is stopping");
 }
 
-// Makes `session` the one Abort shuts down (null: none). Throws when the
-// exchange was aborted before its session was connected.
-void ScheduleServerAccessRequest::Track(Poco::Net::HTTPClientSession* session) {
+// Makes `fd` the socket Abort shuts down (-1: none). Throws when the
+// exchange was aborted before.
+void ScheduleServerAccessRequest::Publish(int fd) {
     Poco::FastMutex::ScopedLock lock(abortMutex_);
-    session_ = session;
-    if (session != nullptr && aborted_) throw Poco::IOException("exchange aborted, the daemon is stopping");
+    socket_ = fd;
+    if (fd >= 0 && aborted_) throw Poco::IOException("exchange aborted, the daemon is stopping");
 }
 
 void ScheduleServerAccessRequest::SetParameters(const std::string& scheduleKbn) {
@@ -177,9 +199,10 @@ void ScheduleServerAccessRequest::Execute() {
 // as does one that announces more than the device can hold.
 void ScheduleServerAccessRequest::Exchange(const std::string& body, std::string& contentType) {
     const Poco::URI uri(url_);
-    std::unique_ptr<Poco::Net::HTTPClientSession> opened = OpenSession(uri);
+    const std::function<void(int)> publish = [this](int fd) { Publish(fd); };
+    std::unique_ptr<Poco::Net::HTTPClientSession> opened = OpenSession(uri, publish);
     Poco::Net::HTTPClientSession& session = *opened;
-    const SessionTrack untrack([this](Poco::Net::HTTPClientSession* none) { Track(none); });
+    const SocketTrack untrack(publish);
     ThrowIfAborted();
     Poco::Net::HTTPRequest request(Poco::Net::HTTPRequest::HTTP_POST, uri.getPath(),
                                    Poco::Net::HTTPMessage::HTTP_1_1);
@@ -188,10 +211,10 @@ void ScheduleServerAccessRequest::Exchange(const std::string& body, std::string&
     request.setContentType("application/x-www-form-urlencoded");
     request.setContentLength64(static_cast<Poco::Int64>(body.size()));
     session.sendRequest(request) << body;
-    // The session connects in sendRequest; only from here on does Abort
-    // reach its socket (before, the socket is the worker's alone). An Abort
-    // that came meanwhile is honoured here, before the wait for the answer.
-    Track(&session);
+    // A TLS session makes its socket inside sendRequest (connect and
+    // handshake): only from here on can Abort reach it. An Abort that came
+    // meanwhile is honoured here, before the wait for the answer.
+    Publish(static_cast<int>(session.socket().impl()->sockfd()));
 
     Poco::Net::HTTPResponse response;
     std::istream& in = session.receiveResponse(response);

@@ -12,12 +12,6 @@
 #include <memory>
 #include <string>
 
-namespace Poco {
-namespace Net {
-class HTTPClientSession;
-}
-} // namespace Poco
-
 namespace brvo {
 
 class ScheduleServerAccessRequestCallback;
@@ -40,9 +34,10 @@ public:
 
     // Performs the exchange and reports exactly once to the callback.
     void Execute() override;
-    // Ends the exchange: a connected exchange's socket is shut down, so it
-    // fails at once with the library's exception; one not yet started fails
-    // as it starts, one still connecting as soon as it has connected.
+    // Ends the exchange: its socket is shut down, so it fails at once with
+    // the library's exception (over plain HTTP also while it connects; over
+    // TLS once connect and handshake are done); one not yet started fails
+    // as it starts.
     void Abort() override;
 
     // The device's MAC address from /sys/class/net/eth0/address without ":"
@@ -62,17 +57,17 @@ protected:
 private:
     void Exchange(const std::string& body, std::string& contentType);
     void ThrowIfAborted();
-    void Track(Poco::Net::HTTPClientSession* session);
+    void Publish(int fd);
 
     ScheduleServerAccessRequestCallback* callback_;
     std::shared_ptr<ScheduleServerAccessRequestCallback> owner_;
     std::string scheduleKbn_;
     std::string powerPlantId_;
     std::string url_;
-    // Guards `session_`, the session Abort shuts down (null when none is
-    // open), and `aborted_`.
+    // Guards `socket_`, the descriptor Abort shuts down (-1 when none is
+    // published), and `aborted_`.
     Poco::FastMutex abortMutex_;
-    Poco::Net::HTTPClientSession* session_;
+    int socket_;
     bool aborted_;
 };
 
