@@ -172,6 +172,7 @@ bool OutSocketWork::ReadUntilDeadline() {
 }
 
 void OutSocketWork::Expire() {
+    Start();
     if (!HasHeader()) {
         LoggerLog::Debug(kTag, "Execute read error...");
     } else {

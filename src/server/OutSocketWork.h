@@ -60,7 +60,9 @@ public:
     // Takes over the accepted client descriptor `socket`.
     explicit OutSocketWork(int socket);
 
-    // Logs the start of serving the connection ("Execute"), once.
+    // Logs the start of serving the connection ("Execute"), once: by the
+    // worker that serves it, or where the connection ends unserved, so
+    // that the accepting thread formats no log line for a served request.
     void Start();
     // Reads what has arrived without waiting: the header, then the
     // parameter block its type asks for. A client that ends its side early

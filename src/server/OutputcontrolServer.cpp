@@ -241,12 +241,12 @@ void OutputcontrolServer::Admit(int client) {
         return;
     }
     Poco::AutoPtr<OutSocketWork> work(new OutSocketWork(client));
-    work->Start();
     switch (work->ReadAvailable()) {
     case OutSocketWork::kRead:
         Dispatch(work);
         return;
     case OutSocketWork::kReadFailed:
+        work->Start();
         LoggerLog::Debug(kTag, "Execute read error...");
         return;
     case OutSocketWork::kReading:
@@ -256,6 +256,7 @@ void OutputcontrolServer::Admit(int client) {
     event.events = EPOLLIN;
     event.data.fd = client;
     if (epoll_ctl(epoll_, EPOLL_CTL_ADD, client, &event) != 0) {
+        work->Start();
         LoggerLog::Debug(kTag, "Execute read error...");
         return;
     }
@@ -273,6 +274,7 @@ void OutputcontrolServer::ReadRequest(int fd) {
     case OutSocketWork::kReadFailed: {
         Poco::AutoPtr<OutSocketWork> work = it->work;
         Forget(it);
+        work->Start();
         LoggerLog::Debug(kTag, "Execute read error...");
         work->Close();
         return;
@@ -292,6 +294,7 @@ void OutputcontrolServer::ReadRequest(int fd) {
 void OutputcontrolServer::Dispatch(Poco::AutoPtr<OutSocketWork> work) {
     const std::int32_t type = work->GetType();
     if (!OutSocketWork::IsFlow(type) && !OutSocketWork::IsAnswer(type)) {
+        work->Start();
         work->Serve();
         return;
     }
