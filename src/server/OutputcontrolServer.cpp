@@ -252,10 +252,7 @@ void OutputcontrolServer::Admit(int client) {
     case OutSocketWork::kReading:
         break;
     }
-    epoll_event event = {};
-    event.events = EPOLLIN;
-    event.data.fd = client;
-    if (epoll_ctl(epoll_, EPOLL_CTL_ADD, client, &event) != 0) {
+    if (!Watch(client, EPOLL_CTL_ADD)) {
         work->Start();
         LoggerLog::Debug(kTag, "Execute read error...");
         return;
@@ -270,6 +267,12 @@ void OutputcontrolServer::ReadRequest(int fd) {
     const PendingList::iterator it = found->second;
     switch (it->work->ReadAvailable()) {
     case OutSocketWork::kReading:
+        if (!Watch(fd, EPOLL_CTL_MOD)) {
+            Poco::AutoPtr<OutSocketWork> work = it->work;
+            Forget(it);
+            work->Start();
+            LoggerLog::Debug(kTag, "Execute read error...");
+        }
         return;
     case OutSocketWork::kReadFailed: {
         Poco::AutoPtr<OutSocketWork> work = it->work;
@@ -314,11 +317,20 @@ void OutputcontrolServer::ExpireLate() {
     }
 }
 
-// Stops watching a connection; its descriptor stays open.
+// Watches `fd` for its next bytes, once: a connection reports one event,
+// then stays quiet until it is watched again, so one that is handed over
+// or closed needs no call to stop watching it (closing ends the watch).
+bool OutputcontrolServer::Watch(int fd, int operation) {
+    epoll_event event = {};
+    event.events = EPOLLIN | EPOLLONESHOT;
+    event.data.fd = fd;
+    return epoll_ctl(epoll_, operation, fd, &event) == 0;
+}
+
+// Stops tracking a connection; its descriptor stays open, and no longer
+// reports (its one-shot watch fired or it was never re-armed).
 void OutputcontrolServer::Forget(PendingList::iterator it) {
-    const int fd = it->work->GetSocket();
-    epoll_ctl(epoll_, EPOLL_CTL_DEL, fd, nullptr);
-    byDescriptor_.erase(fd);
+    byDescriptor_.erase(it->work->GetSocket());
     pending_.erase(it);
 }
 

@@ -100,6 +100,7 @@ private:
     void ReadRequest(int fd);
     void Dispatch(Poco::AutoPtr<OutSocketWork> work);
     void ExpireLate();
+    bool Watch(int fd, int operation);
     void Forget(PendingList::iterator it);
     bool ShedOldest();
     void ShedWithSpare(int socket);
