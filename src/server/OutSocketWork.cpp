@@ -86,6 +86,10 @@ int OutSocketWork::TimeoutSeconds() {
     return seconds > 0 ? seconds : kDefaultTimeoutSeconds;
 }
 
+std::int64_t OutSocketWork::TimeoutMicroseconds() {
+    return static_cast<std::int64_t>(TimeoutSeconds()) * 1000000;
+}
+
 bool OutSocketWork::IsFlow(std::int32_t type) {
     return type == kUpdateSchedule || type == kCheckPlantId || type == kUpdateFixedSchedule ||
            type == kChangeSettingNotify;
@@ -152,13 +156,12 @@ OutSocketWork::ReadState OutSocketWork::ReadAvailable() {
 // when no request can be served.
 bool OutSocketWork::ReadUntilDeadline() {
     const Poco::Clock start;
-    const Poco::Clock::ClockDiff limit = static_cast<Poco::Clock::ClockDiff>(TimeoutSeconds()) * 1000000;
+    const Poco::Clock::ClockDiff limit = TimeoutMicroseconds();
     for (;;) {
         const ReadState state = ReadAvailable();
         if (state == kRead) return true;
         if (state == kReadFailed) {
-            LoggerLog::Debug(kTag, "Execute read error...");
-            Close();
+            Abandon();
             return false;
         }
         const Poco::Clock::ClockDiff left = limit - start.elapsed();
@@ -172,13 +175,19 @@ bool OutSocketWork::ReadUntilDeadline() {
 }
 
 void OutSocketWork::Expire() {
-    Start();
     if (!HasHeader()) {
-        LoggerLog::Debug(kTag, "Execute read error...");
-    } else {
-        LoggerLog::Warning(kTag, "Request data type " + std::to_string(GetType()) +
-                                     ", parameters not received in time. socket[" + std::to_string(socket_) + "]");
+        Abandon();
+        return;
     }
+    Start();
+    LoggerLog::Warning(kTag, "Request data type " + std::to_string(GetType()) +
+                                 ", parameters not received in time. socket[" + std::to_string(socket_) + "]");
+    Close();
+}
+
+void OutSocketWork::Abandon() {
+    Start();
+    LoggerLog::Debug(kTag, "Execute read error...");
     Close();
 }
 
@@ -260,13 +269,13 @@ void OutSocketWork::Serve() {
 }
 
 std::vector<unsigned char> OutSocketWork::Dispatch(std::int32_t type, bool& sendAfter) {
-    const ScheduleUpdateManager::Pin updates;
     switch (type) {
     case kCheckPlantId:
         LoggerLog::Debug(kTag, Tag("RequestDataType CheckPlantId"));
         return ServeCheckPlantId();
     case kUpdateSchedule: {
         LoggerLog::Debug(kTag, Tag("RequestDataType UpdateSchedule"));
+        const ScheduleUpdateManager::Pin updates;
         std::shared_ptr<UpdateResult> result = updates ? updates->UpdateOutputControlSchedule() : NotRunning();
         sendAfter = result->IsResult();
         return UpdateAnswer(type, *result);
@@ -276,6 +285,7 @@ std::vector<unsigned char> OutSocketWork::Dispatch(std::int32_t type, bool& send
         return ServeFixedSchedule(sendAfter);
     case kChangeSettingNotify: {
         LoggerLog::Debug(kTag, Tag("RequestDataType ChangeSettingNotify"));
+        const ScheduleUpdateManager::Pin updates;
         bool started = false;
         std::shared_ptr<UpdateResult> result =
             updates ? updates->CheckAndUpdateWithSystemSetting(started, false) : NotRunning();

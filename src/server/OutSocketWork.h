@@ -76,6 +76,8 @@ public:
     // (OutputControlSocketTimeout); the default 60 for a value below 1,
     // since no wait for a client may be unbounded.
     static int TimeoutSeconds();
+    // The same in microseconds, as Poco::Clock counts.
+    static std::int64_t TimeoutMicroseconds();
     // Whether requests of `type` run a schedule flow, which may wait on the
     // schedule server or the logger daemon.
     static bool IsFlow(std::int32_t type);
@@ -86,6 +88,9 @@ public:
     // time-out, without an answer: a request completed late is never
     // answered, since its missing bytes would have to be taken as zeros.
     void Expire();
+    // Closes a connection whose request could not be read, without an
+    // answer ("Execute read error...").
+    void Abandon();
 
     // Answers the request read so far and closes the connection; after a
     // successful update whose answer went out, forwards the new schedule to

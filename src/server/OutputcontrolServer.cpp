@@ -77,8 +77,6 @@ OutputcontrolServer::OutputcontrolServer()
 OutputcontrolServer::~OutputcontrolServer() {
     delete channel_;
     delete answerChannel_;
-    pending_.clear();
-    byDescriptor_.clear();
     const int socket = listenSocket_.exchange(-1);
     if (socket >= 0) close(socket);
 }
@@ -177,7 +175,7 @@ void OutputcontrolServer::ServeLoop(int socket) {
 // Until the oldest connection's deadline; the whole time-out when none is
 // waiting.
 int OutputcontrolServer::WaitMs() const {
-    const Poco::Clock::ClockDiff timeout = static_cast<Poco::Clock::ClockDiff>(OutSocketWork::TimeoutSeconds()) * 1000000;
+    const Poco::Clock::ClockDiff timeout = OutSocketWork::TimeoutMicroseconds();
     if (pending_.empty()) return static_cast<int>(timeout / 1000);
     const Poco::Clock::ClockDiff left = std::min(timeout, timeout - pending_.front().accepted.elapsed());
     return left <= 0 ? 0 : static_cast<int>((left + 999) / 1000);
@@ -246,15 +244,13 @@ void OutputcontrolServer::Admit(int client) {
         Dispatch(work);
         return;
     case OutSocketWork::kReadFailed:
-        work->Start();
-        LoggerLog::Debug(kTag, "Execute read error...");
+        work->Abandon();
         return;
     case OutSocketWork::kReading:
         break;
     }
     if (!Watch(client, EPOLL_CTL_ADD)) {
-        work->Start();
-        LoggerLog::Debug(kTag, "Execute read error...");
+        work->Abandon();
         return;
     }
     pending_.push_back(Pending{work, accepted});
@@ -270,16 +266,13 @@ void OutputcontrolServer::ReadRequest(int fd) {
         if (!Watch(fd, EPOLL_CTL_MOD)) {
             Poco::AutoPtr<OutSocketWork> work = it->work;
             Forget(it);
-            work->Start();
-            LoggerLog::Debug(kTag, "Execute read error...");
+            work->Abandon();
         }
         return;
     case OutSocketWork::kReadFailed: {
         Poco::AutoPtr<OutSocketWork> work = it->work;
         Forget(it);
-        work->Start();
-        LoggerLog::Debug(kTag, "Execute read error...");
-        work->Close();
+        work->Abandon();
         return;
     }
     case OutSocketWork::kRead: {
@@ -309,7 +302,7 @@ void OutputcontrolServer::Dispatch(Poco::AutoPtr<OutSocketWork> work) {
 // Closes, unanswered, the connections whose request did not arrive within
 // the socket time-out of their accept.
 void OutputcontrolServer::ExpireLate() {
-    const Poco::Clock::ClockDiff timeout = static_cast<Poco::Clock::ClockDiff>(OutSocketWork::TimeoutSeconds()) * 1000000;
+    const Poco::Clock::ClockDiff timeout = OutSocketWork::TimeoutMicroseconds();
     while (!pending_.empty() && pending_.front().accepted.elapsed() >= timeout) {
         Poco::AutoPtr<OutSocketWork> work = pending_.front().work;
         Forget(pending_.begin());
