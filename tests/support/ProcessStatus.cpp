@@ -38,6 +38,16 @@ bool ReadStat(const std::string& pid, std::string& name, std::string& state, lon
     return static_cast<bool>(rest >> state >> parent);
 }
 
+// The value in KiB of the /proc/<pid>/status line that starts with `key`.
+std::int64_t StatusKiB(pid_t pid, const std::string& key) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+    std::string line;
+    while (std::getline(in, line)) {
+        if (line.compare(0, key.size(), key) == 0) return std::strtoll(line.c_str() + key.size(), nullptr, 10);
+    }
+    return -1;
+}
+
 } // namespace
 
 int OpenDescriptorCount(pid_t pid) {
@@ -49,12 +59,29 @@ int ThreadCount(pid_t pid) {
 }
 
 std::int64_t ResidentKiB(pid_t pid) {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/status");
-    std::string line;
-    while (std::getline(in, line)) {
-        if (line.compare(0, 6, "VmRSS:") == 0) return std::strtoll(line.c_str() + 6, nullptr, 10);
-    }
-    return -1;
+    return StatusKiB(pid, "VmRSS:");
+}
+
+std::int64_t PeakResidentKiB(pid_t pid) {
+    return StatusKiB(pid, "VmHWM:");
+}
+
+bool MemoryIsMeasurable() {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    return false;
+#else
+    return true;
+#endif
+}
+
+std::int64_t MemoryBoundKiB(std::int64_t startedKiB) {
+    const std::int64_t ownKiB = 64 * 1024;
+#ifdef PVOCD_CROSS_LAUNCHER
+    return ownKiB + startedKiB;
+#else
+    (void)startedKiB;
+    return ownKiB;
+#endif
 }
 
 std::vector<std::string> Children(pid_t pid) {

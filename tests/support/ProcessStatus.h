@@ -19,6 +19,18 @@ int OpenDescriptorCount(pid_t pid);
 int ThreadCount(pid_t pid);
 // VmRSS of /proc/<pid>/status in KiB; -1 when it cannot be read.
 std::int64_t ResidentKiB(pid_t pid);
+// VmHWM of /proc/<pid>/status (peak resident memory) in KiB; -1 when it
+// cannot be read.
+std::int64_t PeakResidentKiB(pid_t pid);
+// Whether the daemon's resident memory says anything about its own
+// allocations in this build: false under AddressSanitizer and
+// ThreadSanitizer, whose runtimes keep shadow memory and freed blocks.
+bool MemoryIsMeasurable();
+// The peak resident memory the daemon may reach while it handles input
+// under the caps: 64 MiB of its own, plus, under an emulator, what the
+// emulator itself held (`startedKiB`, the daemon's VmRSS once it serves).
+std::int64_t MemoryBoundKiB(std::int64_t startedKiB);
+
 // The processes whose parent is `pid`, with their state letter from
 // /proc/<child>/stat ("Z" for a zombie), as "<pid>:<state>:<name>".
 std::vector<std::string> Children(pid_t pid);
