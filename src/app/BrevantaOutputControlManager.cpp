@@ -16,6 +16,7 @@
 #include <fcntl.h>
 #include <malloc.h>
 #include <poll.h>
+#include <pthread.h>
 #include <unistd.h>
 
 namespace brvo {
@@ -37,6 +38,8 @@ std::atomic<BrevantaOutputControlManager*> instance(nullptr);
 // called. The handler only sets this flag and writes one byte to a pipe that
 // the main loop waits on; Kill itself then runs on the main thread.
 std::atomic<int> killRequested(0);
+// One bit per signal number below 32 that arrived and was not acted on.
+std::atomic<unsigned> ignoredSignals(0);
 std::atomic<int> wakeWriteFd(-1);
 std::atomic<int> wakeReadFd(-1);
 Poco::FastMutex wakePipeMutex;
@@ -67,9 +70,11 @@ void BrevantaOutputControlManager::DeleteInstance() {
     delete doomed;
 }
 
-void BrevantaOutputControlManager::RequestKill() {
+namespace {
+
+// Wakes the main loop from a signal handler.
+void WakeMainLoop() {
     const int savedErrno = errno;
-    killRequested = 1;
     const int fd = wakeWriteFd.load();
     if (fd >= 0) {
         const char byte = 1;
@@ -77,6 +82,45 @@ void BrevantaOutputControlManager::RequestKill() {
         (void)ignored;
     }
     errno = savedErrno;
+}
+
+} // namespace
+
+void BrevantaOutputControlManager::RequestKill() {
+    killRequested = 1;
+    WakeMainLoop();
+}
+
+namespace {
+
+// The signals of IgnoreSignals; written once before other threads exist.
+sigset_t ignoredSet;
+
+void NoteIgnoredSignal(int signal) {
+    if (signal <= 0 || signal >= 32) return;
+    ignoredSignals.fetch_or(1u << signal);
+    WakeMainLoop();
+}
+
+} // namespace
+
+void BrevantaOutputControlManager::IgnoreSignals(const int* signals, std::size_t count) {
+    sigemptyset(&ignoredSet);
+    for (std::size_t i = 0; i < count; ++i) {
+        sigaddset(&ignoredSet, signals[i]);
+        std::signal(signals[i], NoteIgnoredSignal);
+    }
+    pthread_sigmask(SIG_BLOCK, &ignoredSet, nullptr);
+}
+
+// Writes one line for each signal noted since the last call, so that
+// whoever sent it can see in the log that it arrived and changed nothing.
+void BrevantaOutputControlManager::LogIgnoredSignals() {
+    const unsigned noted = ignoredSignals.exchange(0);
+    for (int signal = 1; signal < 32; ++signal) {
+        if ((noted & (1u << signal)) == 0) continue;
+        LoggerLog::Info(kTag, "Signal ignored. [" + std::to_string(signal) + "]");
+    }
 }
 
 BrevantaOutputControlManager::BrevantaOutputControlManager()
@@ -182,12 +226,14 @@ void BrevantaOutputControlManager::RunStartupCheck() {
 // Sleeps in 500 ms steps while running; a stop request wakes it at once and
 // runs Kill here, on the main thread.
 void BrevantaOutputControlManager::WaitForKill() {
+    pthread_sigmask(SIG_UNBLOCK, &ignoredSet, nullptr);
     int step = 0;
     while (running_) {
         if (killRequested) {
             Kill();
             break;
         }
+        LogIgnoredSignals();
         if (++step == kTrimEverySteps) {
             step = 0;
             malloc_trim(0);

@@ -10,6 +10,7 @@
 #include <Poco/Timer.h>
 
 #include <atomic>
+#include <cstddef>
 
 namespace brvo {
 
@@ -32,6 +33,12 @@ public:
     // wakes the main loop, which then runs Kill on the main thread. May be
     // called before the instance exists; Start then stops at once.
     static void RequestKill();
+    // Makes the `count` signals in `signals` harmless: each one that arrives
+    // is logged by the main loop and changes nothing. Call on the main
+    // thread before any other thread exists: the signals are blocked in
+    // every thread and taken only while the main loop waits, so no
+    // worker's system call is ever interrupted by one.
+    static void IgnoreSignals(const int* signals, std::size_t count);
 
     // Starts the components (once), runs the start-up schedule check and
     // then waits until Kill has run. Returns when the daemon stops.
@@ -58,6 +65,7 @@ private:
     BrevantaOutputControlManager();
     void StartComponents();
     void StartFlushTimer();
+    void LogIgnoredSignals();
     void RunStartupCheck();
     void WaitForKill();
     void DeleteServer();

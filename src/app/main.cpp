@@ -20,12 +20,22 @@ void OnStopSignal(int) {
     brvo::BrevantaOutputControlManager::RequestKill();
 }
 
+// Stop the daemon as SIGTERM does, so that its log is never cut off: also a
+// terminal's hang-up and the interrupt and quit keys of someone running it
+// by hand.
+const int kStopSignals[] = {SIGUSR1, SIGTERM, SIGHUP, SIGINT, SIGQUIT};
+// Signals that would end the process by default but mean nothing to the
+// daemon: a stray one is logged and changes nothing. (A file-size limit
+// then shows as a failed log write instead of a dead daemon.)
+const int kIgnoredSignals[] = {SIGALRM, SIGUSR2, SIGVTALRM, SIGPROF, SIGPOLL, SIGPWR, SIGXFSZ};
+
 } // namespace
 
 int main() {
     std::setlocale(LC_CTYPE, "");
-    std::signal(SIGUSR1, OnStopSignal);
-    std::signal(SIGTERM, OnStopSignal);
+    for (const int signal : kStopSignals) std::signal(signal, OnStopSignal);
+    brvo::BrevantaOutputControlManager::IgnoreSignals(kIgnoredSignals,
+                                                      sizeof kIgnoredSignals / sizeof kIgnoredSignals[0]);
     // A client or the logger daemon hanging up mid-write must cost a log
     // line, not the daemon.
     std::signal(SIGPIPE, SIG_IGN);

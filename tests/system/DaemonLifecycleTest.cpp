@@ -1,6 +1,8 @@
 // The real pvocd binary as a child process in the sandbox: start-up with and
-// without settings, the log it writes, and its stop on SIGTERM and SIGUSR1.
+// without settings, the log it writes, its stop on SIGTERM, SIGUSR1, SIGHUP,
+// SIGINT and SIGQUIT, and the stray signals it survives.
 #include "support/ChildProcess.h"
+#include "support/DaemonClient.h"
 #include "support/TestFiles.h"
 
 #include <gtest/gtest.h>
@@ -73,6 +75,46 @@ TEST_F(DaemonLifecycleTest, StopsOnSigusr1) {
     ASSERT_TRUE(WaitForStart());
     StopWith(SIGUSR1);
 }
+
+// A hang-up, an interrupt or a quit from whoever runs the daemon by hand
+// stops it as SIGTERM does: "Kill complete." and the buffered lines are in
+// the log, the exit code is 0.
+class StopSignalTest : public DaemonLifecycleTest, public ::testing::WithParamInterface<int> {};
+
+TEST_P(StopSignalTest, StopsCleanlyWithTheBufferedLogWritten) {
+    // A buffer far above what start-up writes: only the stop writes it.
+    test::WriteLoggerSetting("<OutputScheduleLogMaxBufferedSize>1000000</OutputScheduleLogMaxBufferedSize>");
+    ASSERT_TRUE(test::StartDaemon(daemon_, test::kDaemonOutput));
+    ASSERT_TRUE(WaitForStart());
+    // Logged after the start-up flush, so still in the buffer.
+    ASSERT_EQ(test::kUpdateAnswerSize, test::Ask(test::kChangeSettingRequest).size());
+    EXPECT_FALSE(LogHas(kLogFile, "RequestDataType ChangeSettingNotify"));
+    StopWith(GetParam());
+    EXPECT_TRUE(LogHas(kLogFile, "RequestDataType ChangeSettingNotify")) << test::ReadFile(kLogFile);
+}
+
+INSTANTIATE_TEST_SUITE_P(HangUpInterruptQuit, StopSignalTest, ::testing::Values(SIGHUP, SIGINT, SIGQUIT));
+
+// Signals that mean nothing to the daemon would end it by default; it logs
+// each one and goes on serving.
+class IgnoredSignalTest : public DaemonLifecycleTest, public ::testing::WithParamInterface<int> {};
+
+TEST_P(IgnoredSignalTest, IsLoggedAndTheDaemonServesOn) {
+    test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>");
+    ASSERT_TRUE(test::StartDaemon(daemon_, test::kDaemonOutput));
+    ASSERT_TRUE(WaitForStart());
+    for (int i = 0; i < 3; ++i) ASSERT_TRUE(daemon_.Signal(GetParam()));
+    const std::string line = "] BrevantaOutputControlManager Signal ignored. [" + std::to_string(GetParam()) + "]";
+    EXPECT_TRUE(test::WaitFor([&] { return LogHas(kLogFile, line); }, 5000 * test::TimeScale()))
+        << test::ReadFile(kLogFile);
+    EXPECT_FALSE(daemon_.WaitExit(200));
+    EXPECT_EQ(test::kTargetPowerAnswerSize, test::Ask(test::kCurrentTargetPowerRequest, std::string(8, '\0')).size());
+    EXPECT_EQ(test::kUpdateAnswerSize, test::Ask(test::kUpdateScheduleRequest).size());
+    StopWith(SIGTERM);
+}
+
+INSTANTIATE_TEST_SUITE_P(StraySignals, IgnoredSignalTest,
+                         ::testing::Values(SIGALRM, SIGUSR2, SIGVTALRM, SIGPROF, SIGPOLL, SIGPWR, SIGXFSZ));
 
 TEST_F(DaemonLifecycleTest, StopsAtOnceWhenSignalledRightAfterStart) {
     ASSERT_TRUE(StartDaemon());
