@@ -97,7 +97,7 @@ void InsertUpdateSchedule(benchmark::State& state) {
     const std::vector<ScheduleRow> rows = Rows(static_cast<std::size_t>(state.range(0)), 1893456000);
     for (auto _ : state) benchmark::DoNotOptimize(brvo::ScheduleDatabase::GetInstance()->InsertUpdateSchedule(rows));
 }
-BENCHMARK(InsertUpdateSchedule)->Arg(336)->Arg(17520)->Unit(benchmark::kMillisecond);
+BENCHMARK(InsertUpdateSchedule)->Arg(336)->Arg(17520)->Arg(35136)->Unit(benchmark::kMillisecond);
 
 void InsertFixedSchedule(benchmark::State& state) {
     InstallSettings();

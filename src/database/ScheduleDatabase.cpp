@@ -10,6 +10,7 @@
 #include <Poco/Data/Statement.h>
 #include <Poco/Exception.h>
 
+#include <algorithm>
 #include <sstream>
 
 namespace brvo {
@@ -31,6 +32,16 @@ int RetentionDays() {
 
 std::int64_t NowSeconds() {
     return TimeStamp().EpochSeconds();
+}
+
+// Ends an open transaction without its changes. A rollback that fails
+// (the connection is gone) leaves SQLite to roll back when it closes.
+void RollBack(Poco::Data::Session& session) {
+    try {
+        session.rollback();
+    } catch (const Poco::Exception& e) {
+        LoggerLog::Debug(kTag, "Rollback failed. [" + e.displayText() + "]");
+    }
 }
 
 } // namespace
@@ -177,20 +188,50 @@ std::string ScheduleDatabase::ValuesGroup(const ScheduleRow& row) const {
     return group.str();
 }
 
+// A schedule of up to kRowsPerStatement rows (a day is 48) is one
+// statement. A larger one is cut into statements of that many rows inside
+// one transaction: SQLite compiles a statement of tens of thousands of
+// value groups into tens of megabytes, while the transaction still lands
+// the whole schedule or none of it. Returns the rows changed.
+std::size_t ScheduleDatabase::InsertRows(const std::string& header, const std::vector<ScheduleRow>& rows) {
+    if (rows.size() <= kRowsPerStatement) return RunInsert(header, rows, 0, rows.size());
+    Poco::Data::Session& session = GetSession();
+    session.begin();
+    try {
+        std::size_t changed = 0;
+        for (std::size_t begin = 0; begin < rows.size(); begin += kRowsPerStatement) {
+            changed += RunInsert(header, rows, begin, std::min(rows.size(), begin + kRowsPerStatement));
+        }
+        session.commit();
+        return changed;
+    } catch (...) {
+        RollBack(session);
+        throw;
+    }
+}
+
+// Runs `header` followed by the value groups of rows [begin, end).
+std::size_t ScheduleDatabase::RunInsert(const std::string& header, const std::vector<ScheduleRow>& rows,
+                                        std::size_t begin, std::size_t end) {
+    std::ostringstream sql;
+    sql << header;
+    for (std::size_t i = begin; i < end; ++i) {
+        if (i > begin) sql << ",";
+        sql << ValuesGroup(rows[i]);
+    }
+    return Execute(sql.str());
+}
+
 bool ScheduleDatabase::InsertUpdateSchedule(const std::vector<ScheduleRow>& rows) {
     Poco::Mutex::ScopedLock lock(mutex_);
     ++writes_;
     if (rows.empty()) return true;
     if (!Open()) return false;
     try {
-        std::ostringstream sql;
-        sql << "INSERT OR REPLACE INTO " << kTableSchedule << " " << " ( " << " " << kColumnTime << " "
-            << ", " << kColumnControlRate << " " << ", " << kColumnSent << " " << " )" << " VALUES ";
-        for (std::size_t i = 0; i < rows.size(); ++i) {
-            if (i > 0) sql << ",";
-            sql << ValuesGroup(rows[i]);
-        }
-        return Execute(sql.str()) > 0;
+        std::ostringstream header;
+        header << "INSERT OR REPLACE INTO " << kTableSchedule << " " << " ( " << " " << kColumnTime << " "
+               << ", " << kColumnControlRate << " " << ", " << kColumnSent << " " << " )" << " VALUES ";
+        return InsertRows(header.str(), rows) > 0;
     } catch (const Poco::Exception& e) {
         LoggerLog::Error(kTag, "Insert Update Schedule error. [" + e.displayText() + "]");
     } catch (...) {
@@ -205,16 +246,13 @@ bool ScheduleDatabase::InsertFixedSchedule(const std::vector<ScheduleRow>& rows)
     if (!Open()) return false;
     try {
         const std::int64_t cutoff = NowSeconds() - kFixedScheduleGraceSeconds;
-        std::ostringstream sql;
-        sql << "INSERT OR IGNORE INTO " << kTableSchedule << " " << " VALUES ";
-        bool any = false;
+        std::vector<ScheduleRow> later;
         for (const ScheduleRow& row : rows) {
-            if (row.time <= cutoff) continue;
-            if (any) sql << ",";
-            sql << ValuesGroup(row);
-            any = true;
+            if (row.time > cutoff) later.push_back(row);
         }
-        if (any) Execute(sql.str());
+        std::ostringstream header;
+        header << "INSERT OR IGNORE INTO " << kTableSchedule << " " << " VALUES ";
+        if (!later.empty()) InsertRows(header.str(), later);
         return true;
     } catch (const Poco::Exception& e) {
         LoggerLog::Error(kTag, "Insert Fixed Schedule error. [" + e.displayText() + "]");

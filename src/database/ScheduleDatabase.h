@@ -49,12 +49,17 @@ public:
     // before it) or the next one (the earliest starting after it). A row
     // with time -1 when none matches or the table cannot be read.
     ScheduleRow SelectSchedule(std::int64_t time, bool current);
-    // Writes `rows` in one statement, replacing rows of the same time
-    // (sent flag included). True for no rows; else true when rows changed.
+    // Rows per INSERT statement of a large schedule.
+    static constexpr std::size_t kRowsPerStatement = 500;
+
+    // Writes `rows`, replacing rows of the same time (sent flag included):
+    // in one statement, or, beyond kRowsPerStatement rows, in statements of
+    // that many inside one transaction; either way all rows or none land.
+    // True for no rows; else true when rows changed.
     bool InsertUpdateSchedule(const std::vector<ScheduleRow>& rows);
-    // Writes the rows later than now minus 30 minutes in one statement,
-    // never replacing a stored row. True unless the table cannot be opened
-    // or the statement fails.
+    // Writes the rows later than now minus 30 minutes as InsertUpdateSchedule
+    // does, never replacing a stored row. True unless the table cannot be
+    // opened or a statement fails.
     bool InsertFixedSchedule(const std::vector<ScheduleRow>& rows);
     // Forwards the schedule to the logger daemon and, when that succeeded,
     // marks every unsent row sent, unless the table was written meanwhile:
@@ -87,6 +92,9 @@ private:
     ScheduleRow RunSelect(std::int64_t time, bool current, bool logErrors, bool& ok);
     bool CacheCovers(std::int64_t time, std::uint32_t counter) const;
     std::string ValuesGroup(const ScheduleRow& row) const;
+    std::size_t InsertRows(const std::string& header, const std::vector<ScheduleRow>& rows);
+    std::size_t RunInsert(const std::string& header, const std::vector<ScheduleRow>& rows, std::size_t begin,
+                          std::size_t end);
 
     Poco::Mutex forwardMutex_;
     Forwarder forwarder_;

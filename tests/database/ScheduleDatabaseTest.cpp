@@ -484,7 +484,7 @@ TEST_F(ScheduleDatabaseTest, StatementsAreLoggedWhenTheTableIsGone) {
     EXPECT_TRUE(test::HasLogLineStarting(lines, "E", kTag, "Delete old data error. ["));
 }
 
-TEST_F(ScheduleDatabaseTest, WholeYearGoesInOneStatement) {
+TEST_F(ScheduleDatabaseTest, WholeYearLandsWhole) {
     std::vector<ScheduleRow> rows;
     const std::int64_t start = Now() + kDay;
     for (int i = 0; i < 17520; ++i) rows.push_back(Row(start + i * 1800LL, i % 101));
@@ -502,7 +502,7 @@ TEST_F(ScheduleDatabaseTest, WholeYearGoesInOneStatement) {
     EXPECT_EQ(-1, Database().SelectSchedule(rows.back().time, false).time);
 }
 
-TEST_F(ScheduleDatabaseTest, YearPayloadParsesAndStoresInOneStatement) {
+TEST_F(ScheduleDatabaseTest, YearPayloadParsesAndIsStoredWhole) {
     test::ScheduleRecord record;
     record.start = "204001010000";  // server time; 2039-12-31 15:00 UTC
     record.rates.clear();
@@ -528,6 +528,60 @@ TEST_F(ScheduleDatabaseTest, YearPayloadParsesAndStoresInOneStatement) {
     const ScheduleRow row = Database().SelectSchedule(first + 1000 * 1800 + 5, true);
     EXPECT_EQ(first + 1000 * 1800, row.time);
     EXPECT_EQ((1000 * 7) % 101, row.controlRate);
+}
+
+std::vector<ScheduleRow> RowsFrom(std::int64_t start, std::size_t count, int rate) {
+    std::vector<ScheduleRow> rows;
+    for (std::size_t i = 0; i < count; ++i) rows.push_back(Row(start + static_cast<std::int64_t>(i) * 1800, rate));
+    return rows;
+}
+
+// Makes every insert of the row at `time` fail, as a full or failing card
+// would in the middle of a schedule.
+void RefuseRowAt(std::int64_t time) {
+    test::CreateDatabase(kDbFile, "CREATE TRIGGER refuse BEFORE INSERT ON output_control_schedule WHEN NEW.time = " +
+                                      std::to_string(time) + " BEGIN SELECT RAISE(ABORT, 'refused'); END");
+}
+
+TEST_F(ScheduleDatabaseTest, SchedulesAroundTheStatementSizeLandWhole) {
+    const std::size_t sizes[] = {ScheduleDatabase::kRowsPerStatement, ScheduleDatabase::kRowsPerStatement + 1,
+                                 2 * ScheduleDatabase::kRowsPerStatement + 7};
+    std::int64_t start = Now() + kDay;
+    std::size_t total = 0;
+    for (const std::size_t size : sizes) {
+        ASSERT_TRUE(Database().InsertUpdateSchedule(RowsFrom(start, size, 40)));
+        total += size;
+        EXPECT_EQ(std::to_string(total), Count());
+        start += static_cast<std::int64_t>(size) * 1800;
+    }
+    ASSERT_TRUE(Database().InsertFixedSchedule(RowsFrom(start, 2 * ScheduleDatabase::kRowsPerStatement + 7, 30)));
+    EXPECT_EQ(std::to_string(total + 2 * ScheduleDatabase::kRowsPerStatement + 7), Count());
+}
+
+TEST_F(ScheduleDatabaseTest, LargeUpdateScheduleThatFailsPartWayLeavesTheTableAsItWas) {
+    const std::int64_t start = Now() + kDay;
+    ASSERT_TRUE(Database().InsertUpdateSchedule(RowsFrom(start, 48, 70)));
+    // A year whose row in its third statement is refused: the rows of the
+    // first two statements must not stay behind, nor replace the day.
+    const std::vector<ScheduleRow> year = RowsFrom(start, 17520, 20);
+    RefuseRowAt(year[2 * ScheduleDatabase::kRowsPerStatement + 3].time);
+    EXPECT_FALSE(Database().InsertUpdateSchedule(year));
+    EXPECT_EQ("48", Count());
+    EXPECT_EQ("70", test::QueryValue(kDbFile, "SELECT MIN(controlRate) FROM output_control_schedule"));
+    EXPECT_EQ(70, Database().SelectSchedule(start + 5, true).controlRate);
+    // The transaction is over: the next schedule is written as usual.
+    test::CreateDatabase(kDbFile, "DROP TRIGGER refuse");
+    ASSERT_TRUE(Database().InsertUpdateSchedule(year));
+    EXPECT_EQ("17520", Count());
+    EXPECT_EQ(20, Database().SelectSchedule(start + 5, true).controlRate);
+}
+
+TEST_F(ScheduleDatabaseTest, LargeFixedScheduleThatFailsPartWayStoresNothing) {
+    Database();
+    const std::vector<ScheduleRow> rows = RowsFrom(Now() + kDay, 3 * ScheduleDatabase::kRowsPerStatement, 55);
+    RefuseRowAt(rows.back().time);
+    EXPECT_FALSE(Database().InsertFixedSchedule(rows));
+    EXPECT_EQ("0", Count());
 }
 
 TEST_F(ScheduleDatabaseTest, StatementLengthLimitLeavesRoomForMillionsOfRows) {
