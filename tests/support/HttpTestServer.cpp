@@ -151,7 +151,11 @@ int ClosedPort() {
 }
 
 std::string ScheduleServerAnswer(const ScheduleRecord& record, int kind) {
-    const std::string payload = BytesText(BuildSchedulePayload({record}, kind).bytes);
+    return ScheduleServerAnswer(std::vector<ScheduleRecord>{record}, kind);
+}
+
+std::string ScheduleServerAnswer(const std::vector<ScheduleRecord>& records, int kind) {
+    const std::string payload = BytesText(BuildSchedulePayload(records, kind).bytes);
     return HttpTestServer::Answer(200, MultipartContentType("b"), BinaryPartBody("b", payload));
 }
 

@@ -92,6 +92,8 @@ int ClosedPort();
 // A complete answer of the schedule server: status 200 and a multipart body
 // carrying the payload of `record` of `kind` as binary content.
 std::string ScheduleServerAnswer(const ScheduleRecord& record, int kind);
+// The same for a payload of all of `records`.
+std::string ScheduleServerAnswer(const std::vector<ScheduleRecord>& records, int kind);
 
 } // namespace test
 } // namespace brvo
