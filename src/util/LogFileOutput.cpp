@@ -32,11 +32,35 @@ void PrintLine(const std::string& text) {
     std::fwrite(text.data(), 1, text.size(), stdout);
 }
 
+// A byte that would break the line or steer a terminal: C0 controls and DEL.
+// Bytes from 0x80 up (UTF-8) pass as they are.
+bool IsControl(unsigned char byte) {
+    return byte < 0x20 || byte == 0x7f;
+}
+
+// Appends `text` with every control byte written as "\xNN" (lowercase hex),
+// so that no value can end the line early or forge a line of its own. The
+// backslash itself is kept as it is: an escape only tells where a control
+// byte was, it is not meant to be read back.
+void AppendEscaped(std::string& line, const std::string& text) {
+    static const char kHex[] = "0123456789abcdef";
+    std::size_t plain = 0;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const unsigned char byte = static_cast<unsigned char>(text[i]);
+        if (!IsControl(byte)) continue;
+        line.append(text, plain, i - plain);
+        const char escape[] = {'\\', 'x', kHex[byte >> 4], kHex[byte & 0x0f]};
+        line.append(escape, sizeof escape);
+        plain = i + 1;
+    }
+    line.append(text, plain, std::string::npos);
+}
+
 } // namespace
 
 const std::string LogFileOutput::kErrorFilePath = "/tmp/logger_io_file_error";
 
-LogFileOutput::LogFileOutput()
+LogFileOutput::LogFileOutput(const LogLimiter::Clock& repeatClock)
     : active_(&buffers_[0]),
       activeIndex_(0),
       timeFormat_(kDefaultTimeFormat),
@@ -49,11 +73,13 @@ LogFileOutput::LogFileOutput()
       flushRequested_(false),
       errorRecorded_(false),
       bufferedBytes_(0),
-      countedLines_(0) {}
+      countedLines_(0),
+      limiter_(LogLimiter::kPeriodMicroseconds, repeatClock) {}
 
 LogFileOutput::~LogFileOutput() {
     if (timer_ == nullptr) return;
     timer_->stop();
+    WriteCounts(true);
     flushRequested_ = true;
     OnTimer(*timer_);
     delete timer_;
@@ -148,8 +174,12 @@ void LogFileOutput::Output(int level, const std::string& mark, const std::string
         line.reserve(time.size() + mark.size() + prefix.size() + message.size() + 16);
         if (!time.empty()) line.append("[").append(time).append(" UTC] ");
         if (!mark.empty()) line.append("[").append(mark).append("] ");
-        if (!prefix.empty()) line.append(prefix).append(" ");
-        line.append(message).append("\n");
+        if (!prefix.empty()) {
+            AppendEscaped(line, prefix);
+            line.append(" ");
+        }
+        AppendEscaped(line, message);
+        line.append("\n");
         PrintLine(fileName_ + " " + line);
         Poco::Mutex::ScopedLock lock(mutex_);
         active_->push_back(std::move(line));
@@ -157,6 +187,36 @@ void LogFileOutput::Output(int level, const std::string& mark, const std::string
         PrintLine("LogOutput error " + e.displayText() + "\n");
     } catch (...) {
         // Logging never throws to its caller; the line is lost.
+    }
+}
+
+void LogFileOutput::OutputLimited(int level, const std::string& mark, const std::string& prefix,
+                                  const std::string& kind, const std::string& message) {
+    if (level < logLevel_) return;
+    try {
+        std::vector<LogLimiter::Report> due;
+        const bool admitted = limiter_.Admit(LogLimiter::Line{level, mark, prefix, kind}, due);
+        WriteReports(due);
+        if (admitted) Output(level, mark, prefix, message);
+    } catch (...) {
+        // Logging never throws to its caller; the line is lost.
+    }
+}
+
+// Count lines go out as lines of the level, thread and tag they count.
+void LogFileOutput::WriteReports(const std::vector<LogLimiter::Report>& reports) {
+    for (const LogLimiter::Report& report : reports) {
+        Output(report.line.level, report.line.mark, report.line.prefix, report.message);
+    }
+}
+
+// The counts of the periods that are over (of all, at the end of the log),
+// queued before the buffer is swapped so that this tick writes them.
+void LogFileOutput::WriteCounts(bool all) {
+    try {
+        WriteReports(all ? limiter_.TakeAll() : limiter_.TakeEnded());
+    } catch (...) {
+        // Logging never throws; the counts are lost.
     }
 }
 
@@ -197,6 +257,7 @@ LogFileOutput::LineBuffer* LogFileOutput::SwapBuffers() {
 }
 
 void LogFileOutput::OnTimer(Poco::Timer&) {
+    WriteCounts(false);
     LineBuffer* toWrite = SwapBuffers();
     if (toWrite == nullptr || toWrite->empty()) return;
     if (!PrepareTarget()) {

@@ -3,8 +3,13 @@
 // the full one to the file, rolling the file into ".1" to ".n" when it would
 // grow past the size limit. Its own write failures are noted once per
 // failure period in "/tmp/logger_io_file_error".
+//
+// Control characters in a line's prefix and message are written as "\xNN",
+// so that one call is always exactly one line, whatever text a value holds.
 #ifndef BRVO_UTIL_LOGFILEOUTPUT_H
 #define BRVO_UTIL_LOGFILEOUTPUT_H
+
+#include "util/LogLimiter.h"
 
 #include <Poco/Mutex.h>
 #include <Poco/Timer.h>
@@ -22,8 +27,11 @@ public:
     // Path of the file that records the log's own write failures.
     static const std::string kErrorFilePath;
 
-    LogFileOutput();
-    // Stops the timer and writes what the active buffer still holds.
+    // `repeatClock` times the periods of repeated lines (the steady clock
+    // when empty); tests pass their own.
+    explicit LogFileOutput(const LogLimiter::Clock& repeatClock = LogLimiter::Clock());
+    // Stops the timer and writes what the active buffer still holds,
+    // together with the counts of repeated lines still pending.
     virtual ~LogFileOutput();
 
     LogFileOutput(const LogFileOutput&) = delete;
@@ -48,6 +56,11 @@ public:
     // standard output and queues it. Lines below the level are dropped.
     void Output(int level, const std::string& mark, const std::string& prefix,
                 const std::string& message);
+    // As Output, for a line that a peer may repeat without end: the first
+    // line of `kind` in a period is written, later ones only counted, and
+    // one line reports the count when the period is over.
+    void OutputLimited(int level, const std::string& mark, const std::string& prefix, const std::string& kind,
+                       const std::string& message);
     // Asks the next timer tick to write the buffer.
     void RequestFlush();
     // Whether the log is written through the buffer.
@@ -67,6 +80,8 @@ public:
 private:
     typedef std::vector<std::string> LineBuffer;
 
+    void WriteReports(const std::vector<LogLimiter::Report>& reports);
+    void WriteCounts(bool all);
     bool NeedsFlush();
     LineBuffer* SwapBuffers();
     bool PrepareTarget();
@@ -100,6 +115,7 @@ private:
     bool errorRecorded_;
     int bufferedBytes_;
     int countedLines_;
+    LogLimiter limiter_;
 };
 
 } // namespace brvo

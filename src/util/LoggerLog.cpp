@@ -98,6 +98,17 @@ void LoggerLog::Write(int level, const std::string& tag, const std::string& mess
     }
 }
 
+void LoggerLog::Limited(Level level, const std::string& tag, const std::string& kind,
+                        const std::string& message) {
+    std::shared_ptr<LogFileOutput> current = std::atomic_load(&output);
+    if (!current || level < current->GetLogLevel()) return;
+    try {
+        current->OutputLimited(level, kMarks[level], "[" + ThreadText() + "] " + tag, kind, message);
+    } catch (...) {
+        // Logging never throws to its caller.
+    }
+}
+
 void LoggerLog::Verbose(const std::string& tag, const std::string& message) {
     Write(kVerbose, tag, message);
 }

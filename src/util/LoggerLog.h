@@ -40,6 +40,15 @@ public:
     static void Error(const std::string& tag, const std::string& message);
     static void Fatal(const std::string& tag, const std::string& message);
 
+    // Queue a line at `level` that a peer or client may repeat without end:
+    // the first line of `kind` in a period (60 s) is written as it is, the
+    // others of that period are counted, and one line "[kind] repeated N
+    // more time(s) in the last 60 s." follows when the period is over or the
+    // log is finalised. `kind` is a fixed text naming the failure, unique
+    // across the daemon, never a value taken from the input.
+    static void Limited(Level level, const std::string& tag, const std::string& kind,
+                        const std::string& message);
+
     // Asks the writer to write its buffer at the next tick; does nothing
     // when there is no output or it writes unbuffered.
     static void Flush();

@@ -9,6 +9,8 @@
 #include <Poco/File.h>
 #include <Poco/Thread.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <memory>
 #include <regex>
@@ -353,6 +355,138 @@ TEST_F(LogFileOutputTest, OutputStillOpenAtExitWritesItsLastLines) {
         },
         ::testing::ExitedWithCode(0), "");
     EXPECT_TRUE(FileHas(test::LogFilePath(), "written at exit"));
+}
+
+// --- Control bytes in a line -------------------------------------------------
+
+// The escape a control byte is written as.
+std::string Escaped(unsigned char byte) {
+    static const char kHex[] = "0123456789abcdef";
+    return std::string("\\x") + kHex[byte >> 4] + kHex[byte & 0x0f];
+}
+
+std::vector<unsigned char> ControlBytes() {
+    std::vector<unsigned char> bytes;
+    for (int byte = 0; byte < 0x20; ++byte) bytes.push_back(static_cast<unsigned char>(byte));
+    bytes.push_back(0x7f);
+    return bytes;
+}
+
+TEST_F(LogFileOutputTest, EveryControlByteIsWrittenAsAnEscape) {
+    Make(false).SetFilePath(kFile);
+    for (unsigned char byte : ControlBytes()) {
+        Log("a" + std::string(1, static_cast<char>(byte)) + "b" + std::string(1, static_cast<char>(byte)));
+    }
+    Log("last");
+    ASSERT_TRUE(test::WaitFor([] { return FileHas(kFile, "last"); }, 5000));
+    const std::vector<std::string> lines = test::ReadLines(kFile);
+    ASSERT_EQ(ControlBytes().size() + 1, lines.size()) << test::ReadFile(kFile);
+    std::size_t i = 0;
+    for (unsigned char byte : ControlBytes()) {
+        const std::string& line = lines[i++];
+        const std::string expected = " Test a" + Escaped(byte) + "b" + Escaped(byte);
+        ASSERT_GE(line.size(), expected.size());
+        EXPECT_EQ(expected, line.substr(line.size() - expected.size())) << static_cast<int>(byte);
+        for (char c : line) EXPECT_FALSE(static_cast<unsigned char>(c) < 0x20 || c == 0x7f) << line;
+    }
+}
+
+TEST_F(LogFileOutputTest, Utf8AndPlainTextStayAsTheyAre) {
+    Make(false).SetFilePath(kFile);
+    const std::string text = "Gr\xc3\xbc\xc3\x9f" "e \xe6\x97\xa5\xe6\x9c\xac \x80\xff back\\slash \\x0a ~ [x]";
+    Log(text);
+    ASSERT_TRUE(test::WaitFor([] { return FileHas(kFile, "back"); }, 5000));
+    const std::vector<std::string> lines = test::ReadLines(kFile);
+    ASSERT_EQ(1u, lines.size());
+    EXPECT_EQ(" Test " + text, lines[0].substr(lines[0].size() - text.size() - 6));
+}
+
+TEST_F(LogFileOutputTest, AForgedLineStaysOneLineInTheFileAndOnStandardOutput) {
+    Make(false).SetFilePath(kFile);
+    const std::string forged = "\n[2026-01-01 00:00:00 UTC] [E] forged";
+    ::testing::internal::CaptureStdout();
+    output_->Output(2, "I", "[1] Tag\r\n[2026-01-01 00:00:00 UTC] [F] tag", "id [" + forged + "]");
+    std::fflush(stdout);
+    const std::string echoed = ::testing::internal::GetCapturedStdout();
+    EXPECT_EQ(1, std::count(echoed.begin(), echoed.end(), '\n')) << echoed;
+    EXPECT_EQ('\n', echoed.back());
+    EXPECT_NE(std::string::npos, echoed.find("Tag\\x0d\\x0a[2026-01-01 00:00:00 UTC] [F] tag id [\\x0a[2026"))
+        << echoed;
+    ASSERT_TRUE(test::WaitFor([] { return FileHas(kFile, "forged"); }, 5000));
+    const std::vector<std::string> lines = test::ReadLines(kFile);
+    ASSERT_EQ(1u, lines.size());
+    EXPECT_NE(std::string::npos, lines[0].find("id [\\x0a[2026-01-01 00:00:00 UTC] [E] forged]")) << lines[0];
+    EXPECT_EQ(echoed, "out.log " + lines[0] + "\n");
+}
+
+// --- Repeated lines ----------------------------------------------------------
+
+class LimitedLogTest : public LogFileOutputTest {
+protected:
+    LimitedLogTest() : now_(std::make_shared<std::atomic<std::int64_t>>(0)) {}
+
+    // An unbuffered output whose repeat periods run on the test's clock.
+    LogFileOutput& MakeTimed() {
+        std::shared_ptr<std::atomic<std::int64_t>> now = now_;
+        output_.reset(new LogFileOutput([now] { return now->load(); }));
+        output_->SetBufferedIO(false);
+        output_->SetFilePath(kFile);
+        return *output_;
+    }
+
+    void Repeat(int times, const std::string& message, int level = 3) {
+        for (int i = 0; i < times; ++i) output_->OutputLimited(level, "W", "[1] Test", "late", message);
+    }
+
+    static std::size_t CountLines(const std::string& text) {
+        std::size_t count = 0;
+        for (const std::string& line : test::ReadLines(kFile)) {
+            if (line.find(text) != std::string::npos) ++count;
+        }
+        return count;
+    }
+
+    std::shared_ptr<std::atomic<std::int64_t>> now_;
+};
+
+TEST_F(LimitedLogTest, FirstLineAsItIsAndTheCountWhenThePeriodIsOver) {
+    MakeTimed();
+    Repeat(50, "Request late. socket[5]");
+    Log("marker");
+    ASSERT_TRUE(test::WaitFor([] { return FileHas(kFile, "marker"); }, 5000));
+    std::vector<std::string> lines = test::ReadLines(kFile);
+    ASSERT_EQ(2u, lines.size());
+    EXPECT_TRUE(std::regex_match(lines[0], std::regex(R"(\[[-0-9 :]+ UTC\] \[W\] \[1\] Test Request late\. socket\[5\])")))
+        << lines[0];
+
+    *now_ += LogLimiter::kPeriodMicroseconds;
+    // The writer's tick reports the count without a further line.
+    ASSERT_TRUE(test::WaitFor([] { return FileHas(kFile, "repeated"); }, 5000));
+    lines = test::ReadLines(kFile);
+    ASSERT_EQ(3u, lines.size());
+    EXPECT_TRUE(std::regex_match(
+        lines[2], std::regex(R"(\[[-0-9 :]+ UTC\] \[W\] \[1\] Test \[late\] repeated 49 more time\(s\) in the last 60 s\.)")))
+        << lines[2];
+
+    // The next period starts over with the full line.
+    Repeat(3, "Request late. socket[6]");
+    ASSERT_TRUE(test::WaitFor([] { return FileHas(kFile, "socket[6]"); }, 5000));
+    EXPECT_EQ(1u, CountLines("socket[6]"));
+}
+
+TEST_F(LimitedLogTest, PendingCountIsWrittenWhenTheOutputEnds) {
+    MakeTimed();
+    Repeat(7, "Request late.");
+    output_.reset();
+    EXPECT_EQ(1u, CountLines("Request late."));
+    EXPECT_EQ(1u, CountLines("[W] [1] Test [late] repeated 6 more time(s) in the last 60 s."));
+}
+
+TEST_F(LimitedLogTest, LinesBelowTheLevelAreNeitherWrittenNorCounted) {
+    MakeTimed().SetLogLevel(4);
+    Repeat(5, "Request late.", 3);
+    output_.reset();
+    EXPECT_FALSE(FileHas(kFile, "late"));
 }
 
 } // namespace

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <regex>
 #include <sstream>
 #include <thread>
@@ -125,6 +126,48 @@ TEST_F(LoggerLogTest, LinesAfterFinalizeAreDropped) {
     const std::string text = test::ReadFile(kLogFile);
     EXPECT_NE(std::string::npos, text.find("before"));
     EXPECT_EQ(std::string::npos, text.find("after"));
+}
+
+TEST_F(LoggerLogTest, ATagOrMessageWithALineBreakStaysOneLine) {
+    Start("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>");
+    LoggerLog::Warning("Tag\n", "plant_id [\n[2026-01-01 00:00:00 UTC] [E] forged]");
+    LoggerLog::DeleteInstance();
+    const std::vector<std::string> lines = test::ReadLines(kLogFile);
+    ASSERT_EQ(1u, lines.size());
+    EXPECT_NE(std::string::npos, lines[0].find("] Tag\\x0a plant_id [\\x0a[2026-01-01 00:00:00 UTC] [E] forged]"))
+        << lines[0];
+}
+
+TEST_F(LoggerLogTest, RepeatsOfAKindAreCountedAndTheCountIsWrittenAtFinalize) {
+    Start("<OutputScheduleEnableLogBufferedIO>1</OutputScheduleEnableLogBufferedIO>");
+    for (int i = 0; i < 100; ++i) {
+        LoggerLog::Limited(LoggerLog::kWarning, "Tag", "late parameters", "late. socket[" + std::to_string(i) + "]");
+        LoggerLog::Limited(LoggerLog::kError, "Other", "read error", "read error");
+    }
+    LoggerLog::Info("Tag", "not limited");
+    LoggerLog::Info("Tag", "not limited");
+    LoggerLog::Finalize();
+    LoggerLog::Limited(LoggerLog::kWarning, "Tag", "late parameters", "after the end");
+
+    std::ostringstream id;
+    id << std::this_thread::get_id();
+    const std::vector<std::string> lines = test::ReadLines(kLogFile);
+    ASSERT_EQ(6u, lines.size()) << test::ReadFile(kLogFile);
+    const auto ends = [&](std::size_t i, const std::string& tail) {
+        return lines[i].size() >= tail.size() && lines[i].substr(lines[i].size() - tail.size()) == tail;
+    };
+    EXPECT_TRUE(ends(0, "[W] [" + id.str() + "] Tag late. socket[0]")) << lines[0];
+    EXPECT_TRUE(ends(1, "[E] [" + id.str() + "] Other read error")) << lines[1];
+    EXPECT_TRUE(ends(2, "Tag not limited"));
+    EXPECT_TRUE(ends(3, "Tag not limited"));
+    const std::vector<std::string> counts = {lines[4], lines[5]};
+    const auto has = [&](const std::string& tail) {
+        return std::any_of(counts.begin(), counts.end(), [&](const std::string& line) {
+            return line.size() >= tail.size() && line.substr(line.size() - tail.size()) == tail;
+        });
+    };
+    EXPECT_TRUE(has("[E] [" + id.str() + "] Other [read error] repeated 99 more time(s) in the last 60 s."));
+    EXPECT_TRUE(has("[W] [" + id.str() + "] Tag [late parameters] repeated 99 more time(s) in the last 60 s."));
 }
 
 } // namespace
