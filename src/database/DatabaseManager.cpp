@@ -107,7 +107,8 @@ void DatabaseManager::ApplyDurabilitySettings() {
 bool DatabaseManager::Open() {
     if (session_) return true;
     if (InitDataBaseFile(GetDatabaseFilePath())) return true;
-    LoggerLog::Error(tag_, "Database Open error.");
+    // Tried again by every operation: held to one line a period.
+    LoggerLog::Limited(LoggerLog::kError, tag_, tag_ + " Database Open error.", "Database Open error.");
     return false;
 }
 

@@ -18,6 +18,9 @@ namespace brvo {
 namespace {
 
 const std::string kTag = "ScheduleDatabase";
+// Every target power request selects: a broken database gives one line a
+// period, not one per request.
+const std::string kSelectErrorKind = "ScheduleDatabase Select error.";
 const std::int64_t kSecondsPerDay = 86400;
 const std::int64_t kFixedScheduleGraceSeconds = 30 * 60;
 const int kDefaultRetentionDays = 90;
@@ -173,10 +176,12 @@ ScheduleRow ScheduleDatabase::RunSelect(std::int64_t time, bool current, bool lo
         ok = true;
     } catch (const Poco::Exception& e) {
         row.time = -1;
-        if (logErrors) LoggerLog::Error(kTag, "Select error. [" + e.displayText() + "]");
+        if (logErrors) {
+            LoggerLog::Limited(LoggerLog::kError, kTag, kSelectErrorKind, "Select error. [" + e.displayText() + "]");
+        }
     } catch (...) {
         row.time = -1;
-        if (logErrors) LoggerLog::Error(kTag, "Select error. exception");
+        if (logErrors) LoggerLog::Limited(LoggerLog::kError, kTag, kSelectErrorKind, "Select error. exception");
     }
     return row;
 }

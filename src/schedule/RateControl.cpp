@@ -24,7 +24,9 @@ Poco::Timestamp WallClock() {
 }
 
 std::shared_ptr<TargetPowerResult> Failure(double power, std::int32_t code, const std::string& message) {
-    LoggerLog::Warning(kTag, "Get Target Power failed. " + message);
+    // Asked for by every target power request: held to one line a period.
+    LoggerLog::Limited(LoggerLog::kWarning, kTag, "Get Target Power failed. " + message,
+                       "Get Target Power failed. " + message);
     return std::make_shared<TargetPowerResult>(power, code, message);
 }
 

@@ -521,12 +521,14 @@ std::shared_ptr<UpdateResult> ScheduleUpdateManager::UpdateWithFixedData(
     try {
         if (!model || !model->IsResult()) {
             const std::string message = model ? model->GetMessage() : std::string();
-            LoggerLog::Warning(kTag, "Fixed schedule parse failed. " + message);
+            LoggerLog::Limited(LoggerLog::kWarning, kTag, "Fixed schedule file parse failed",
+                               "Fixed schedule parse failed. " + message);
             return Failure(3, 0, message);
         }
         const std::vector<ScheduleRow> slots = model->GetSlots();
         if (slots.empty()) {
-            LoggerLog::Warning(kTag, "Fixed schedule update failed. Schedule data is nothing.");
+            LoggerLog::Limited(LoggerLog::kWarning, kTag, "Fixed schedule file without data",
+                               "Fixed schedule update failed. Schedule data is nothing.");
             return Failure(4, 0, "Schedule data is nothing.");
         }
         const std::string stored = infoDatabase_->SelectUpdateInfo().plantId;
@@ -534,7 +536,8 @@ std::shared_ptr<UpdateResult> ScheduleUpdateManager::UpdateWithFixedData(
         const bool differs = !stored.empty() && stored != received;
         if (differs && !force) {
             const std::string ids = "[" + stored + "] : [" + received + "]";
-            LoggerLog::Warning(kTag, "Fixed schedule update failed. id not match. " + ids);
+            LoggerLog::Limited(LoggerLog::kWarning, kTag, "Fixed schedule file of another plant",
+                               "Fixed schedule update failed. id not match. " + ids);
             return Failure(7, 0, ids);
         }
         if (differs) DeleteAllUpdateControlInfoFromDB();

@@ -179,15 +179,16 @@ void OutSocketWork::Expire() {
         Abandon();
         return;
     }
-    Start();
-    LoggerLog::Warning(kTag, "Request data type " + std::to_string(GetType()) +
-                                 ", parameters not received in time. socket[" + std::to_string(socket_) + "]");
+    StartUnserved();
+    LoggerLog::Limited(LoggerLog::kWarning, kTag, "Request parameters not received in time",
+                       "Request data type " + std::to_string(GetType()) + ", parameters not received in time. socket[" +
+                           std::to_string(socket_) + "]");
     Close();
 }
 
 void OutSocketWork::Abandon() {
-    Start();
-    LoggerLog::Debug(kTag, "Execute read error...");
+    StartUnserved();
+    LoggerLog::Limited(LoggerLog::kDebug, kTag, "Execute read error...", "Execute read error...");
     Close();
 }
 
@@ -234,6 +235,19 @@ void OutSocketWork::Start() {
     LoggerLog::Debug(kTag, "Execute");
 }
 
+// A connection that brings no request to serve may be repeated by its
+// client without end: its "Execute" is held to one line per period.
+void OutSocketWork::StartUnserved() {
+    if (started_) return;
+    started_ = true;
+    LoggerLog::Limited(LoggerLog::kDebug, kTag, "Execute of a connection not served", "Execute");
+}
+
+void OutSocketWork::Refuse() {
+    StartUnserved();
+    Serve();
+}
+
 void OutSocketWork::Execute() {
     Start();
     if (ReadUntilDeadline()) Serve();
@@ -246,7 +260,8 @@ void OutSocketWork::Serve() {
     try {
         answer = Dispatch(type, sendAfter);
     } catch (const std::exception& e) {
-        LoggerLog::Error(kTag, "Request data type " + std::to_string(type) + " failed. [" + e.what() + "]");
+        LoggerLog::Limited(LoggerLog::kError, kTag, "Request failed",
+                           "Request data type " + std::to_string(type) + " failed. [" + e.what() + "]");
         answer.clear();
     }
     if (answer.empty()) {
@@ -257,8 +272,9 @@ void OutSocketWork::Serve() {
     // has to wait; a client that is gone costs the log line.
     const ssize_t sent = send(socket_, answer.data(), answer.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
     if (sent < 1) {
-        LoggerLog::Error(kTag, "Request data type " + std::to_string(type) + ", write socket failed. [" +
-                                   std::to_string(errno) + "] socket[" + std::to_string(socket_) + "]");
+        LoggerLog::Limited(LoggerLog::kError, kTag, "Request answer not written",
+                           "Request data type " + std::to_string(type) + ", write socket failed. [" +
+                               std::to_string(errno) + "] socket[" + std::to_string(socket_) + "]");
         Close();
         return;
     }
@@ -303,7 +319,7 @@ std::vector<unsigned char> OutSocketWork::Dispatch(std::int32_t type, bool& send
         LoggerLog::Flush();
         return FlushAnswer();
     default:
-        LoggerLog::Debug(kTag, "unknown data...");
+        LoggerLog::Limited(LoggerLog::kDebug, kTag, "unknown data...", "unknown data...");
         return std::vector<unsigned char>();
     }
 }
@@ -344,7 +360,8 @@ std::vector<unsigned char> OutSocketWork::ServeFixedSchedule(bool& sendAfter) {
             text.append(buffer, static_cast<std::size_t>(got));
         }
     } catch (const Poco::Exception& e) {
-        LoggerLog::Error(kTag, "UpdateFixedSchedule read failed. [" + e.displayText() + "]");
+        LoggerLog::Limited(LoggerLog::kError, kTag, "UpdateFixedSchedule read failed",
+                           "UpdateFixedSchedule read failed. [" + e.displayText() + "]");
     }
     std::shared_ptr<ScheduleModel> model = std::make_shared<ScheduleModel>(text, 0);
     const ScheduleUpdateManager::Pin updates;

@@ -92,6 +92,9 @@ public:
     // answer ("Execute read error...").
     void Abandon();
 
+    // Serves a request of unknown type (no answer, the connection closed),
+    // its "Execute" held to one line per period as for an unread request.
+    void Refuse();
     // Answers the request read so far and closes the connection; after a
     // successful update whose answer went out, forwards the new schedule to
     // the logger daemon. A request of unknown type gets no answer.
@@ -116,6 +119,7 @@ protected:
     ~OutSocketWork() override;
 
 private:
+    void StartUnserved();
     std::vector<unsigned char> Dispatch(std::int32_t type, bool& sendAfter);
     std::vector<unsigned char> ServeCheckPlantId();
     std::vector<unsigned char> ServeFixedSchedule(bool& sendAfter);

@@ -290,8 +290,7 @@ void OutputcontrolServer::ReadRequest(int fd) {
 void OutputcontrolServer::Dispatch(Poco::AutoPtr<OutSocketWork> work) {
     const std::int32_t type = work->GetType();
     if (!OutSocketWork::IsFlow(type) && !OutSocketWork::IsAnswer(type)) {
-        work->Start();
-        work->Serve();
+        work->Refuse();
         return;
     }
     Poco::Mutex::ScopedLock lock(ConnectionMutex());

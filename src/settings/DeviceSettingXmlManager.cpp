@@ -103,8 +103,8 @@ std::string DeviceSettingXmlManager::GetDeviceSettingFile(const std::string& dev
 bool DeviceSettingXmlManager::GetLimit(Limit& limit) {
     const std::string file = GetDeviceSettingFile(kHouseHoldSolarPowerGeneration);
     if (file.empty()) {
-        LoggerLog::Warning(kTag, " Device type not found in SystemSetting. [" +
-                                     kHouseHoldSolarPowerGeneration + "]");
+        LoggerLog::Limited(LoggerLog::kWarning, kTag, "Device type not found in SystemSetting",
+                           " Device type not found in SystemSetting. [" + kHouseHoldSolarPowerGeneration + "]");
         return false;
     }
     const std::string path = FileUtil::GetDeviceDirectory() + "/" + file + ".xml";
@@ -113,15 +113,17 @@ bool DeviceSettingXmlManager::GetLimit(Limit& limit) {
     LimitFile cached;
     if (CachedLimitFile(path, cached)) return ApplyLimitFile(cached, limit);
     if (!FileUtil::Exists(path)) {
-        LoggerLog::Warning(kTag, " missing device xml file. [" + path + "]");
+        LoggerLog::Limited(LoggerLog::kWarning, kTag, "missing device xml file",
+                           " missing device xml file. [" + path + "]");
         return false;
     }
     try {
         return ReadLimitFile(path, limit);
     } catch (const Poco::Exception& e) {
-        LoggerLog::Error(kTag, "Device setting xml error. EXCEPTION[" + e.displayText() + "]");
+        LoggerLog::Limited(LoggerLog::kError, kTag, "Device setting xml error",
+                           "Device setting xml error. EXCEPTION[" + e.displayText() + "]");
     } catch (const std::exception&) {
-        LoggerLog::Error(kTag, "Device setting xml error. exception");
+        LoggerLog::Limited(LoggerLog::kError, kTag, "Device setting xml error", "Device setting xml error. exception");
     }
     return false;
 }

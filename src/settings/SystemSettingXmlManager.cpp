@@ -19,6 +19,9 @@ namespace brvo {
 namespace {
 
 const std::string kTag = "SystemSettingXmlManager";
+// The file is loaded again for every request that needs it: a broken file
+// gives one load error a period, not one per request.
+const std::string kLoadErrorKind = "SystemSettingXml Load error";
 const std::string kRootPath = "/logger";
 const std::string kRootName = "logger";
 // Larger settings files are not kept in memory, only parsed.
@@ -102,11 +105,12 @@ std::shared_ptr<XmlNode> SystemSettingXmlManager::LoadAndGetTree() {
         Fill(tree);
         return tree;
     } catch (const MissingRoot&) {
-        LoggerLog::Error(kTag, "SystemSettingXml Load error(logger tag not found.) ");
+        LoggerLog::Limited(LoggerLog::kError, kTag, kLoadErrorKind, "SystemSettingXml Load error(logger tag not found.) ");
     } catch (const Poco::Exception& e) {
-        LoggerLog::Error(kTag, "SystemSettingXml Load error(Load from file) [" + e.displayText() + "]");
+        LoggerLog::Limited(LoggerLog::kError, kTag, kLoadErrorKind,
+                           "SystemSettingXml Load error(Load from file) [" + e.displayText() + "]");
     } catch (const std::exception&) {
-        LoggerLog::Error(kTag, "SystemSettingXml Load error(Load from file) exception");
+        LoggerLog::Limited(LoggerLog::kError, kTag, kLoadErrorKind, "SystemSettingXml Load error(Load from file) exception");
     }
     return nullptr;
 }
@@ -129,11 +133,11 @@ std::shared_ptr<XmlNode> SystemSettingXmlManager::LoadSystemSettingXmlNode() {
     try {
         return ParseFile();
     } catch (const MissingRoot&) {
-        LoggerLog::Error(kTag, "SystemSettingXml Load error(logger tag not found.) ");
+        LoggerLog::Limited(LoggerLog::kError, kTag, kLoadErrorKind, "SystemSettingXml Load error(logger tag not found.) ");
     } catch (const Poco::Exception& e) {
-        LoggerLog::Error(kTag, "LoadSystemSettingXmlNode failed. [" + e.displayText() + "]");
+        LoggerLog::Limited(LoggerLog::kError, kTag, kLoadErrorKind, "LoadSystemSettingXmlNode failed. [" + e.displayText() + "]");
     } catch (const std::exception&) {
-        LoggerLog::Error(kTag, "LoadSystemSettingXmlNode failed. exception");
+        LoggerLog::Limited(LoggerLog::kError, kTag, kLoadErrorKind, "LoadSystemSettingXmlNode failed. exception");
     }
     return nullptr;
 }
