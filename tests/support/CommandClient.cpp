@@ -51,9 +51,6 @@ std::string TargetPowerAnswer(std::int32_t type, double power, const std::string
            std::string(128, '\0');
 }
 
-namespace {
-
-// A connected client socket, or -1.
 int Connect(const std::string& socketPath) {
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) return -1;
@@ -67,6 +64,8 @@ int Connect(const std::string& socketPath) {
     }
     return fd;
 }
+
+namespace {
 
 // Everything `fd` delivers until its end; `complete` says whether the end
 // came (rather than `timeoutMs` without a byte, or a read error).

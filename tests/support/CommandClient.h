@@ -31,6 +31,9 @@ std::string Request(std::int32_t type, const std::string& params = "");
 // with `power` for the slot starting at `timeText` ("%Y%m%d%H%M%S").
 std::string TargetPowerAnswer(std::int32_t type, double power, const std::string& timeText);
 
+// A client socket connected to `socketPath`, or -1.
+int Connect(const std::string& socketPath);
+
 // Connects to `socketPath`, writes `request` and reads until the daemon
 // closes the connection. False (with what came so far in `answer`) when
 // the connection or the write failed, or when no byte came for
