@@ -4,6 +4,7 @@
 #include "util/StringUtil.h"
 #include "util/TimeStamp.h"
 
+#include <Poco/DateTime.h>
 #include <Poco/Exception.h>
 
 #include <algorithm>
@@ -30,6 +31,12 @@ const std::size_t kRateChars = 2;
 const std::size_t kFixedFlagChars = 2;
 const std::size_t kChecksumChars = 4;
 const std::size_t kNextUpdateChars = 28;
+// What a skipped record takes: its reserved and plant ID fields.
+const std::size_t kSkippedRecordChars = kReservedChars + kPlantIdChars;
+
+// The years a start or a next update time may lie in.
+const int kFirstYear = 2000;
+const int kLastYear = 2100;
 
 // The start is read leniently: the trailing "00" stands for the seconds the
 // server does not send and is not compared.
@@ -42,32 +49,49 @@ const std::regex& SlotStartPattern() {
     return pattern;
 }
 
-// The field of `length` hex characters at `position`, decoded. A field cut
-// short by the end of the text is what there is, one starting exactly at the
-// end is empty; one starting beyond the end throws std::out_of_range.
-std::string Decode(const std::string& hex, std::size_t position, std::size_t length) {
+// A payload the model refuses, with the failure text it is refused with.
+// Thrown by the readers below and turned into the model's failure (logged at
+// error level) by the constructor.
+struct Refusal {
+    std::string message;
+};
+
+const std::string kTruncated = "Schedule data error. data is truncated.";
+const std::string kNotHex = "Schedule data error. data is not hex text.";
+
+// The field of `length` hex characters at `position`, decoded. Every field
+// must be there whole and be hex digits: a field cut short by the end of the
+// text, or starting at or after it, is a truncated payload.
+std::string Field(const std::string& hex, std::size_t position, std::size_t length) {
+    if (position > hex.size() || hex.size() - position < length) throw Refusal{kTruncated};
+    for (std::size_t i = position; i < position + length; ++i) {
+        if (!StringUtil::IsHexDigit(static_cast<unsigned char>(hex[i]))) throw Refusal{kNotHex};
+    }
     return StringUtil::DecodeDigitHex(hex.substr(position, length));
 }
 
-// Reads `text` the way atoi does on the device: leading blanks, a sign, then
-// digits; 0 when there are none. Values beyond 32 bits stop at the limit
-// (the device's strtol saturates) instead of being undefined.
-std::int32_t AtoiText(const std::string& text) {
-    std::size_t i = 0;
-    while (i < text.size() && StringUtil::IsSpace(static_cast<unsigned char>(text[i]))) ++i;
-    bool negative = false;
-    if (i < text.size() && (text[i] == '+' || text[i] == '-')) negative = text[i++] == '-';
-    const std::int64_t limit = negative ? -static_cast<std::int64_t>(std::numeric_limits<std::int32_t>::min())
-                                        : std::numeric_limits<std::int32_t>::max();
+// The number a decoded field text (decimal digits only) stands for. A text
+// beyond 32 bits, which byte values above 9 easily make, is refused.
+std::int32_t NumberOf(const std::string& text) {
     std::int64_t value = 0;
-    for (; i < text.size() && StringUtil::IsDigit(static_cast<unsigned char>(text[i])); ++i) {
-        value = std::min(value * 10 + (text[i] - '0'), limit);
+    for (char ch : text) {
+        value = value * 10 + (ch - '0');
+        if (value > std::numeric_limits<std::int32_t>::max()) {
+            throw Refusal{"Schedule data error. number out of range. [" + text + "]"};
+        }
     }
-    return static_cast<std::int32_t>(negative ? -value : value);
+    return static_cast<std::int32_t>(value);
 }
 
 std::int32_t DecodeNumber(const std::string& hex, std::size_t position, std::size_t length) {
-    return AtoiText(Decode(hex, position, length));
+    return NumberOf(Field(hex, position, length));
+}
+
+// Schedules are made for the years the device can be in service; a date
+// outside them comes from a broken payload, not from the server's plan.
+bool IsPlausible(const TimeStamp& time) {
+    const int year = Poco::DateTime(time.Value()).year();
+    return year >= kFirstYear && year <= kLastYear;
 }
 
 // The checksum text of a record: the rate sum modulo (month + day) of the
@@ -75,7 +99,7 @@ std::int32_t DecodeNumber(const std::string& hex, std::size_t position, std::siz
 // (the lenient start parse lets "00" through), which no received text
 // matches.
 std::string ChecksumText(const std::string& start, std::int64_t sum) {
-    const std::int64_t divisor = AtoiText(start.substr(4, 2)) + AtoiText(start.substr(6, 2));
+    const std::int64_t divisor = NumberOf(start.substr(4, 2)) + NumberOf(start.substr(6, 2));
     if (divisor <= 0) return std::string();
     char text[24];
     std::snprintf(text, sizeof text, "%02" PRId64, sum % divisor);
@@ -93,20 +117,21 @@ ScheduleRow MakeSlot(std::int64_t time, std::int32_t rate) {
 } // namespace
 
 ScheduleModel::ScheduleModel(const std::string& hexData, int kind)
-    : result_(false), kind_(kind) {
+    : result_(false), kind_(kind), earliestSlot_(std::numeric_limits<std::int64_t>::max()) {
     if (hexData.size() < kRecordCountChars) {
         message_ = "data is missing.";
         return;
     }
-    // On an exception `result_` keeps the value it had: true once the record
-    // count was read and no record failed. The update flows then judge the
-    // model by its slots.
+    // Whatever stops the decoding refuses the payload: the slots read so far
+    // are never used.
     try {
         Parse(hexData);
+    } catch (const Refusal& refusal) {
+        Refuse(refusal.message);
     } catch (const Poco::Exception& e) {
-        Fail(LoggerLog::kError, "Schedule data error. EXCEPTION[" + e.displayText() + "]");
+        Refuse("Schedule data error. EXCEPTION[" + e.displayText() + "]");
     } catch (...) {
-        Fail(LoggerLog::kError, "Schedule data error. exception");
+        Refuse("Schedule data error. exception");
     }
 }
 
@@ -116,53 +141,52 @@ std::string ScheduleModel::GetPlantId() const {
     return updateInfo_.plantId;
 }
 
-// Every record moves the position on by at least the reserved and plant ID
-// fields, so the loop runs out of text long before a huge count is reached.
+// A record count the rest of the text cannot hold is refused before any
+// record is read: every record takes at least its reserved and plant ID
+// fields, and the last one its start as well.
 void ScheduleModel::Parse(const std::string& hex) {
     const std::int32_t records = DecodeNumber(hex, 0, kRecordCountChars);
     result_ = true;
     std::size_t position = kRecordCountChars;
+    const std::uint64_t least = static_cast<std::uint64_t>(records) * kSkippedRecordChars + kStartChars;
+    if (records > 0 && least > hex.size() - position) throw Refusal{kTruncated};
     for (std::int32_t i = 0; i < records; ++i) {
-        if (!ParseRecord(hex, position)) {
-            result_ = false;
-            return;
-        }
+        const std::size_t begin = position;
+        if (!ParseRecord(hex, position)) i += SkipRepeats(hex, begin, position, records - 1 - i);
     }
 }
 
-// Returns false when the record is refused; a record whose start is not on
-// the hour or half hour is skipped (true) without moving past its start.
+// Returns false when the record is skipped: its start is not on the hour or
+// half hour, and the position stays at its start. Throws Refusal when the
+// record is refused.
 bool ScheduleModel::ParseRecord(const std::string& hex, std::size_t& position) {
     position += kReservedChars;
-    const std::string plantId = Decode(hex, position, kPlantIdChars);
+    const std::string plantId = Field(hex, position, kPlantIdChars);
     position += kPlantIdChars;
-    const std::string start = Decode(hex, position, kStartChars);
+    const std::string start = Field(hex, position, kStartChars);
     std::shared_ptr<TimeStamp> startTime = TimeStamp::Parse(kStartFormat, start);
-    if (!startTime) {
-        Fail(LoggerLog::kError, "Schedule start date error. [" + start + "]");
-        return false;
-    }
+    if (!startTime || !IsPlausible(*startTime)) throw Refusal{"Schedule start date error. [" + start + "]"};
     if (!std::regex_search(start, SlotStartPattern())) {
         Fail(LoggerLog::kWarning, "Schedule start date error. [" + start + "]");
-        return true;
+        return false;
     }
     updateInfo_.plantId = plantId;
     startTime->SubtractServerOffset();
     position += kStartChars;
     const std::int32_t count = DecodeNumber(hex, position, kSlotCountChars);
     position += kSlotCountChars;
-    const std::int64_t sum = ReadSlots(hex, position, count, startTime->EpochSeconds());
+    CheckSlotCount(hex, position, count);
+    const std::int64_t firstSlot = startTime->EpochSeconds();
+    earliestSlot_ = std::min(earliestSlot_, firstSlot);
+    const std::int64_t sum = ReadSlots(hex, position, count, firstSlot);
     if (kind_ == kUpdateScheduleKind) {
         updateInfo_.fixedScheduleUpdateFlag = DecodeNumber(hex, position, kFixedFlagChars);
         position += kFixedFlagChars;
     }
     const std::string expected = ChecksumText(start, sum);
-    const std::string received = Decode(hex, position, kChecksumChars);
+    const std::string received = Field(hex, position, kChecksumChars);
     position += kChecksumChars;
-    if (expected.empty() || expected != received) {
-        Fail(LoggerLog::kError, "Output rate data Checksum error.");
-        return false;
-    }
+    if (expected.empty() || expected != received) throw Refusal{"Output rate data Checksum error."};
     if (kind_ == kUpdateScheduleKind) {
         ReadNextUpdateTime(hex, position);
         position += kNextUpdateChars;
@@ -170,14 +194,23 @@ bool ScheduleModel::ParseRecord(const std::string& hex, std::size_t& position) {
     return true;
 }
 
+// Refuses a slot count beyond the cap (over the whole payload) or beyond
+// what the rest of the text holds, before a single slot is appended.
+void ScheduleModel::CheckSlotCount(const std::string& hex, std::size_t position, std::int32_t count) const {
+    const std::uint64_t total = slots_.size() + static_cast<std::uint64_t>(count);
+    if (total > kMaxSlots) {
+        throw Refusal{"Schedule data error. too many slots. [" + std::to_string(total) + "]"};
+    }
+    std::uint64_t needed = static_cast<std::uint64_t>(count) * kRateChars + kChecksumChars;
+    if (kind_ == kUpdateScheduleKind) needed += kFixedFlagChars + kNextUpdateChars;
+    if (position > hex.size() || needed > hex.size() - position) throw Refusal{kTruncated};
+}
+
 // Appends `count` slots from `position` on and returns the sum of their
-// rates. The text runs out (std::out_of_range) long before a huge count does,
-// so no more is reserved than the text can hold.
+// rates. A rate is one byte's value and is kept as it is, above 100 too.
 std::int64_t ScheduleModel::ReadSlots(const std::string& hex, std::size_t& position,
                                       std::int32_t count, std::int64_t firstTime) {
-    if (count <= 0) return 0;
-    const std::size_t room = position <= hex.size() ? (hex.size() - position) / kRateChars + 1 : 0;
-    slots_.reserve(slots_.size() + std::min(static_cast<std::size_t>(count), room));
+    slots_.reserve(slots_.size() + static_cast<std::size_t>(count));
     std::int64_t sum = 0;
     for (std::int32_t i = 0; i < count; ++i) {
         const std::int32_t rate = DecodeNumber(hex, position, kRateChars);
@@ -188,15 +221,44 @@ std::int64_t ScheduleModel::ReadSlots(const std::string& hex, std::size_t& posit
     return sum;
 }
 
-// A next update time that cannot be read leaves no time stamp to work with;
-// using it is a null-pointer failure of the library, which the constructor
-// reports as "Schedule data error. EXCEPTION[Null pointer]".
+// The next update time must be a real time of the service years, not before
+// the first slot of the schedule. Records of later days may well carry a
+// next update time before their own start.
 void ScheduleModel::ReadNextUpdateTime(const std::string& hex, std::size_t position) {
-    const std::string text = Decode(hex, position, kNextUpdateChars);
+    const std::string text = Field(hex, position, kNextUpdateChars);
     std::shared_ptr<TimeStamp> next = TimeStamp::Parse(TimeStamp::kCompactFormat, text);
-    if (!next) throw Poco::NullPointerException();
-    next->SubtractServerOffset();
+    const bool plausible = next && IsPlausible(*next);
+    if (plausible) next->SubtractServerOffset();
+    if (!plausible || next->EpochSeconds() < earliestSlot_) {
+        throw Refusal{"Schedule next update time error. [" + text + "]"};
+    }
     updateInfo_.nextUpdateTime = next->FormatDisplay();
+}
+
+// A skipped record leaves the position at its start, so when the text
+// repeats with the length of a skipped record the following records are the
+// very same skip. They are passed over at once with one line for all of
+// them; returns how many. `begin` is where the skipped record began, `left`
+// how many records the count still announces.
+std::int32_t ScheduleModel::SkipRepeats(const std::string& hex, std::size_t begin, std::size_t& position,
+                                        std::int32_t left) {
+    const std::size_t span = kSkippedRecordChars + kStartChars;
+    std::int32_t repeats = 0;
+    std::size_t next = position;
+    while (repeats < left && next <= hex.size() && hex.size() - next >= span &&
+           hex.compare(next, span, hex, begin, span) == 0) {
+        ++repeats;
+        next += kSkippedRecordChars;
+    }
+    if (repeats == 0) return 0;
+    position = next;
+    LoggerLog::Warning(kTag, message_ + " repeated for " + std::to_string(repeats) + " more record(s).");
+    return repeats;
+}
+
+void ScheduleModel::Refuse(const std::string& message) {
+    result_ = false;
+    Fail(LoggerLog::kError, message);
 }
 
 void ScheduleModel::Fail(int level, const std::string& message) {

@@ -22,13 +22,16 @@ public:
     // Kind of an update schedule; its records carry the fixed schedule update
     // flag and the next update time. Any other kind is a fixed schedule.
     static constexpr int kUpdateScheduleKind = 1;
+    // The most slots one payload may hold: two years of half hours. A
+    // payload announcing more is refused before its slots are read.
+    static constexpr std::size_t kMaxSlots = 2 * 366 * 48;
 
     // Decodes `hexData` at once. Never throws; see IsResult and GetMessage.
     ScheduleModel(const std::string& hexData, int kind);
     virtual ~ScheduleModel();
 
-    // True when the payload was accepted. A read past the end of the text
-    // after the record count leaves it true, with the slots read so far.
+    // True when the payload was accepted: every record it announces was
+    // there whole and valid (records starting off the half hour are skipped).
     bool IsResult() const { return result_; }
     // The text of the last failure; empty when there was none.
     std::string GetMessage() const { return message_; }
@@ -43,9 +46,13 @@ public:
 private:
     void Parse(const std::string& hex);
     bool ParseRecord(const std::string& hex, std::size_t& position);
+    void CheckSlotCount(const std::string& hex, std::size_t position, std::int32_t count) const;
     std::int64_t ReadSlots(const std::string& hex, std::size_t& position, std::int32_t count,
                            std::int64_t firstTime);
     void ReadNextUpdateTime(const std::string& hex, std::size_t position);
+    std::int32_t SkipRepeats(const std::string& hex, std::size_t begin, std::size_t& position,
+                             std::int32_t left);
+    void Refuse(const std::string& message);
     void Fail(int level, const std::string& message);
 
     bool result_;
@@ -53,6 +60,8 @@ private:
     ScheduleUpdateInfo updateInfo_;
     std::vector<ScheduleRow> slots_;
     int kind_;
+    // The first slot's time of the earliest record read (UTC seconds).
+    std::int64_t earliestSlot_;
 };
 
 } // namespace brvo

@@ -28,6 +28,8 @@ const std::string kLogFile = "/media/sdcard/kestrovanyx/Log/OutputScheduleLog/Ou
 const std::string kPlantId = "01234567890123456789012345";
 const std::string kChecksumError = "Output rate data Checksum error.";
 const std::string kDataError = "Schedule data error. exception";
+const std::string kTruncated = "Schedule data error. data is truncated.";
+const std::string kNotHex = "Schedule data error. data is not hex text.";
 const std::int64_t kJan19Utc = 1642550400;  // 2022-01-19 00:00:00 UTC
 
 std::string DisplayOf(std::int64_t seconds) {
@@ -110,10 +112,13 @@ TEST(ScheduleModelTest, RecordCountZeroIsValidWithoutSlots) {
     EXPECT_EQ("", model.GetUpdateInfo().nextUpdateTime);
 }
 
-TEST(ScheduleModelTest, CountOnlyRunsPastTheEnd) {
+// A record count with no record after it is a payload cut short after its
+// count: refused as truncated. (It once read past the end and was kept as a
+// valid model without slots.)
+TEST(ScheduleModelTest, CountOnlyIsTruncated) {
     ScheduleModel model("000000000001", 1);
-    EXPECT_TRUE(model.IsResult());
-    EXPECT_EQ(kDataError, model.GetMessage());
+    EXPECT_FALSE(model.IsResult());
+    EXPECT_EQ(kTruncated, model.GetMessage());
     EXPECT_TRUE(model.GetSlots().empty());
 }
 
@@ -302,22 +307,78 @@ TEST(ScheduleModelTest, SkippedRecordDoesNotAdvancePastItsStart) {
     EXPECT_EQ(48u, model.GetSlots().size());
 }
 
-TEST(ScheduleModelTest, UnreadableNextUpdateTimeIsLibraryError) {
+TEST(ScheduleModelTest, UnreadableNextUpdateTimeIsRefused) {
     ScheduleRecord record;
     record.nextUpdate = "99999999999999";
     ScheduleModel model(BuildSchedulePayload({record}, test::kUpdateSchedule).hex, 1);
-    EXPECT_TRUE(model.IsResult());
-    EXPECT_EQ("Schedule data error. EXCEPTION[Null pointer]", model.GetMessage());
-    EXPECT_EQ(48u, model.GetSlots().size());
-    EXPECT_EQ(kPlantId, model.GetPlantId());
+    EXPECT_FALSE(model.IsResult());
+    EXPECT_EQ("Schedule next update time error. [99999999999999]", model.GetMessage());
     EXPECT_EQ("", model.GetUpdateInfo().nextUpdateTime);
 }
 
 TEST(ScheduleModelTest, NextUpdateTimeIsConvertedToUtc) {
     ScheduleRecord record;
-    record.nextUpdate = "20220101083000";
+    record.nextUpdate = "20220120083000";
     ScheduleModel model(BuildSchedulePayload({record}, test::kUpdateSchedule).hex, 1);
-    EXPECT_EQ("2021-12-31 23:30:00", model.GetUpdateInfo().nextUpdateTime);
+    ASSERT_TRUE(model.IsResult()) << model.GetMessage();
+    EXPECT_EQ("2022-01-19 23:30:00", model.GetUpdateInfo().nextUpdateTime);
+}
+
+TEST(ScheduleModelTest, NextUpdateTimeBeforeTheScheduleIsRefused) {
+    // The first slot starts 2022-01-19 09:00 server time.
+    ScheduleRecord record;
+    record.nextUpdate = "20220119085959";
+    ScheduleModel before(BuildSchedulePayload({record}, test::kUpdateSchedule).hex, 1);
+    EXPECT_FALSE(before.IsResult());
+    EXPECT_EQ("Schedule next update time error. [20220119085959]", before.GetMessage());
+
+    record.nextUpdate = "20220119090000";
+    ScheduleModel same(BuildSchedulePayload({record}, test::kUpdateSchedule).hex, 1);
+    EXPECT_TRUE(same.IsResult()) << same.GetMessage();
+    EXPECT_EQ("2022-01-19 00:00:00", same.GetUpdateInfo().nextUpdateTime);
+
+    // A record of a later day may carry a next update before its own start:
+    // the schedule's first slot is what counts.
+    ScheduleRecord later = record;
+    later.start = "202201210900";
+    later.nextUpdate = "20220120090000";
+    record.nextUpdate = "20220120090000";
+    ScheduleModel days(BuildSchedulePayload({record, later}, test::kUpdateSchedule).hex, 1);
+    EXPECT_TRUE(days.IsResult()) << days.GetMessage();
+    EXPECT_EQ("2022-01-20 00:00:00", days.GetUpdateInfo().nextUpdateTime);
+}
+
+TEST(ScheduleModelTest, StartYearsOutsideServiceAreRefused) {
+    for (const std::string& start : {std::string("199912312330"), std::string("210101010000")}) {
+        ScheduleRecord record;
+        record.start = start;
+        record.nextUpdate = "21011231000000";
+        ScheduleModel model(BuildSchedulePayload({record}, test::kUpdateSchedule).hex, 1);
+        EXPECT_FALSE(model.IsResult()) << start;
+        EXPECT_EQ("Schedule start date error. [" + start + "]", model.GetMessage());
+        EXPECT_TRUE(model.GetSlots().empty());
+    }
+    for (const std::string& start : {std::string("200001010000"), std::string("210012310000")}) {
+        ScheduleRecord record;
+        record.start = start;
+        record.nextUpdate = start + "00";
+        ScheduleModel model(BuildSchedulePayload({record}, test::kUpdateSchedule).hex, 1);
+        EXPECT_TRUE(model.IsResult()) << start << " " << model.GetMessage();
+        EXPECT_EQ(48u, model.GetSlots().size());
+    }
+}
+
+TEST(ScheduleModelTest, NextUpdateYearsOutsideServiceAreRefused) {
+    ScheduleRecord record;
+    record.start = "210012310000";
+    for (const std::string& next : {std::string("21010101000000"), std::string("00000000000000")}) {
+        record.nextUpdate = next;
+        ScheduleModel model(BuildSchedulePayload({record}, test::kUpdateSchedule).hex, 1);
+        EXPECT_FALSE(model.IsResult()) << next;
+        EXPECT_EQ("Schedule next update time error. [" + next + "]", model.GetMessage());
+    }
+    record.nextUpdate = "21001231235959";
+    EXPECT_TRUE(ScheduleModel(BuildSchedulePayload({record}, test::kUpdateSchedule).hex, 1).IsResult());
 }
 
 TEST(ScheduleModelTest, RatesAboveHundredAreKept) {
@@ -411,96 +472,123 @@ TEST(ScheduleModelTest, WholeYearInDailyRecords) {
     }
 }
 
-TEST(ScheduleModelTest, FieldStartingAtTheEndReadsZero) {
-    // The text ends after ten of 48 rates: the eleventh starts exactly at the
-    // end and reads 0, the twelfth starts beyond it and throws.
-    ScheduleRecord record;
-    const std::string hex = BuildSchedulePayload({record}, test::kUpdateSchedule).hex.substr(0, FirstRateOffset() + 20);
-    ScheduleModel model(hex, 1);
-    EXPECT_TRUE(model.IsResult());
-    EXPECT_EQ(kDataError, model.GetMessage());
-    const std::vector<ScheduleRow> slots = model.GetSlots();
-    ASSERT_EQ(11u, slots.size());
-    EXPECT_EQ(100, slots[9].controlRate);
-    EXPECT_EQ(0, slots[10].controlRate);
-    EXPECT_EQ(kJan19Utc + 10 * 1800, slots[10].time);
+// Every prefix of a valid payload is refused as truncated (below twelve
+// characters: as missing data); only the whole payload is accepted.
+TEST(ScheduleModelTest, EveryPrefixOfAValidPayloadIsRefused) {
+    ScheduleRecord first;
+    first.rates = Rates(5, 2);
+    ScheduleRecord second;
+    second.start = "202201200900";
+    second.rates = Rates(3, 4);
+    for (int kind : {test::kUpdateSchedule, test::kFixedSchedule}) {
+        const std::string hex = BuildSchedulePayload({first, second}, kind).hex;
+        for (std::size_t length = 0; length < hex.size(); ++length) {
+            ScheduleModel model(hex.substr(0, length), kind);
+            ASSERT_FALSE(model.IsResult()) << kind << " " << length;
+            ASSERT_EQ(length < 12 ? std::string("data is missing.") : kTruncated, model.GetMessage())
+                << kind << " " << length;
+        }
+        ScheduleModel whole(hex, kind);
+        EXPECT_TRUE(whole.IsResult()) << whole.GetMessage();
+        EXPECT_EQ(8u, whole.GetSlots().size());
+    }
 }
 
-TEST(ScheduleModelTest, FieldCutShortReadsWhatIsThere) {
-    // Rate 100 is "64"; cut after its "6" it reads as the hex digit 6.
-    ScheduleRecord record;
-    const std::string hex = BuildSchedulePayload({record}, test::kUpdateSchedule).hex.substr(0, FirstRateOffset() + 21);
-    ScheduleModel model(hex, 1);
-    EXPECT_TRUE(model.IsResult());
-    EXPECT_EQ(kDataError, model.GetMessage());
-    ASSERT_EQ(11u, model.GetSlots().size());
-    EXPECT_EQ(6, model.GetSlots()[10].controlRate);
+TEST(ScheduleModelTest, TextAfterTheLastRecordIsNotExamined) {
+    const std::string hex = BuildSchedulePayload({ScheduleRecord()}, test::kFixedSchedule).hex;
+    for (const std::string& tail : {std::string("\n"), std::string("0"), std::string("zz")}) {
+        ScheduleModel model(hex + tail, 0);
+        EXPECT_TRUE(model.IsResult()) << model.GetMessage();
+        EXPECT_EQ(48u, model.GetSlots().size());
+    }
 }
 
-TEST(ScheduleModelTest, ChecksumStartingAtTheEndIsEmpty) {
-    ScheduleRecord record;
-    const std::string hex = BuildSchedulePayload({record}, test::kFixedSchedule).hex;
-    ScheduleModel model(hex.substr(0, hex.size() - 4), 0);
-    EXPECT_FALSE(model.IsResult());
-    EXPECT_EQ(kChecksumError, model.GetMessage());
-    EXPECT_EQ(48u, model.GetSlots().size());
-}
-
-TEST(ScheduleModelTest, OddLengthTextReadsLastDigitAlone) {
-    // Checksum "14" is "0104"; without its last digit it reads "1" + "0".
+TEST(ScheduleModelTest, OddLengthTextIsTruncated) {
+    // Checksum "14" is "0104"; without its last digit the field is cut short.
     ScheduleRecord record;
     record.rates = std::vector<int>(12, 100);
     record.rates.push_back(34);
     const std::string hex = BuildSchedulePayload({record}, test::kFixedSchedule).hex;
     ScheduleModel model(hex.substr(0, hex.size() - 1), 0);
     EXPECT_FALSE(model.IsResult());
-    EXPECT_EQ(kChecksumError, model.GetMessage());
+    EXPECT_EQ(kTruncated, model.GetMessage());
 }
 
-TEST(ScheduleModelTest, HugeRecordCountEndsAtTheText) {
+TEST(ScheduleModelTest, HugeRecordCountIsRefusedAtOnce) {
     ScheduleRecord record;
-    for (const std::string& count : {std::string("090909090909"), std::string("ffffffffffff")}) {
-        const std::string hex = count + BuildSchedulePayload({record}, test::kUpdateSchedule).hex.substr(12);
-        const auto begin = std::chrono::steady_clock::now();
-        ScheduleModel model(hex, 1);
-        EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
-        EXPECT_TRUE(model.IsResult()) << count;
-        EXPECT_EQ(kDataError, model.GetMessage()) << count;
-        EXPECT_EQ(48u, model.GetSlots().size()) << count;
-    }
+    const std::string rest = BuildSchedulePayload({record}, test::kUpdateSchedule).hex.substr(12);
+    // 999999 records cannot fit the text; 0xff bytes read "255255..." which
+    // is no 32-bit number.
+    const auto begin = std::chrono::steady_clock::now();
+    ScheduleModel many("090909090909" + rest, 1);
+    EXPECT_FALSE(many.IsResult());
+    EXPECT_EQ(kTruncated, many.GetMessage());
+    EXPECT_TRUE(many.GetSlots().empty());
+    ScheduleModel overflow("ffffffffffff" + rest, 1);
+    EXPECT_FALSE(overflow.IsResult());
+    EXPECT_EQ("Schedule data error. number out of range. [255255255255255255]", overflow.GetMessage());
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
 }
 
-TEST(ScheduleModelTest, HugeSlotCountEndsAtTheText) {
+TEST(ScheduleModelTest, HugeSlotCountIsRefusedBeforeTheSlots) {
     ScheduleRecord record;
-    for (std::int64_t count : {99999LL, 17521LL}) {
-        record.slotCountOverride = count;
-        const std::string hex = BuildSchedulePayload({record}, test::kUpdateSchedule).hex;
-        ScheduleModel model(hex, 1);
-        EXPECT_TRUE(model.IsResult());
-        EXPECT_EQ(kDataError, model.GetMessage());
-        // Every byte after the slot count became a slot, plus one empty read at the end.
-        EXPECT_EQ((hex.size() - FirstRateOffset()) / 2 + 1, model.GetSlots().size());
-    }
-    // Five bytes of 255 read as a number beyond 32 bits: it stops at the limit.
+    // Beyond the cap, and within it but beyond the text.
+    record.slotCountOverride = 99999;
+    ScheduleModel beyondCap(BuildSchedulePayload({record}, test::kUpdateSchedule).hex, 1);
+    EXPECT_FALSE(beyondCap.IsResult());
+    EXPECT_EQ("Schedule data error. too many slots. [99999]", beyondCap.GetMessage());
+    EXPECT_TRUE(beyondCap.GetSlots().empty());
+    record.slotCountOverride = 17521;
+    ScheduleModel beyondText(BuildSchedulePayload({record}, test::kUpdateSchedule).hex, 1);
+    EXPECT_FALSE(beyondText.IsResult());
+    EXPECT_EQ(kTruncated, beyondText.GetMessage());
+    EXPECT_TRUE(beyondText.GetSlots().empty());
+
+    // Five bytes of 255 read "255255255255255": no 32-bit number.
     SchedulePayload payload = BuildSchedulePayload({ScheduleRecord()}, test::kUpdateSchedule);
     for (std::size_t i = 0; i < test::kSlotCountBytes; ++i) payload.bytes[FirstRateOffset() / 2 - 1 - i] = 255;
-    ScheduleModel saturated(test::HexOf(payload.bytes), 1);
-    EXPECT_EQ(kDataError, saturated.GetMessage());
-    EXPECT_LE(saturated.GetSlots().size(), payload.bytes.size());
+    ScheduleModel overflow(test::HexOf(payload.bytes), 1);
+    EXPECT_FALSE(overflow.IsResult());
+    EXPECT_EQ("Schedule data error. number out of range. [255255255255255]", overflow.GetMessage());
+    EXPECT_TRUE(overflow.GetSlots().empty());
 }
 
-TEST(ScheduleModelTest, NonHexTextReadsAsZeros) {
-    ScheduleModel zeros("zzzzzzzzzzzz", 1);
-    EXPECT_TRUE(zeros.IsResult());
-    EXPECT_EQ("", zeros.GetMessage());
-    EXPECT_TRUE(zeros.GetSlots().empty());
+TEST(ScheduleModelTest, SlotCapHoldsOverThePayload) {
+    ScheduleRecord record;
+    record.start = "202201010000";
+    record.rates = Rates(ScheduleModel::kMaxSlots, 7);
+    record.nextUpdate = "20240101000000";
+    ScheduleModel atCap(BuildSchedulePayload({record}, test::kUpdateSchedule).hex, 1);
+    EXPECT_TRUE(atCap.IsResult()) << atCap.GetMessage();
+    EXPECT_EQ(35136u, atCap.GetSlots().size());
 
-    // One record of nothing but zeros: the lenient parse takes the start
-    // "000000000000" as a date, but month and day give no checksum.
-    ScheduleModel one("zzzzzzzzzz01" + std::string(300, 'g'), 1);
-    EXPECT_FALSE(one.IsResult());
-    EXPECT_EQ(kChecksumError, one.GetMessage());
-    EXPECT_EQ(std::string(26, '0'), one.GetPlantId());
+    record.rates.push_back(1);
+    ScheduleModel beyond(BuildSchedulePayload({record}, test::kUpdateSchedule).hex, 1);
+    EXPECT_FALSE(beyond.IsResult());
+    EXPECT_EQ("Schedule data error. too many slots. [35137]", beyond.GetMessage());
+    EXPECT_TRUE(beyond.GetSlots().empty());
+
+    // Two records of which each is within the cap, together beyond it.
+    ScheduleRecord half = record;
+    half.rates = Rates(ScheduleModel::kMaxSlots / 2, 3);
+    ScheduleRecord more = half;
+    more.rates.push_back(1);
+    ScheduleModel together(BuildSchedulePayload({half, more}, test::kUpdateSchedule).hex, 1);
+    EXPECT_FALSE(together.IsResult());
+    EXPECT_EQ("Schedule data error. too many slots. [35137]", together.GetMessage());
+    EXPECT_EQ(half.rates.size(), together.GetSlots().size());
+}
+
+TEST(ScheduleModelTest, NonHexTextIsRefused) {
+    ScheduleModel zeros("zzzzzzzzzzzz", 1);
+    EXPECT_FALSE(zeros.IsResult());
+    EXPECT_EQ(kNotHex, zeros.GetMessage());
+
+    std::string hex = BuildSchedulePayload({ScheduleRecord()}, test::kUpdateSchedule).hex;
+    hex[FirstRateOffset() + 1] = 'g';
+    ScheduleModel rate(hex, 1);
+    EXPECT_FALSE(rate.IsResult());
+    EXPECT_EQ(kNotHex, rate.GetMessage());
 }
 
 // Random texts and randomly damaged payloads: never a crash or a hang, and
@@ -531,19 +619,22 @@ TEST(ScheduleModelTest, RandomPayloadsGiveKnownMessages) {
         const int kind = static_cast<int>(random() % 2);
         ScheduleModel model(hex, kind);
         const std::string message = model.GetMessage();
-        const bool known = message.empty() || message == "data is missing." || message == kDataError ||
-                           message == kChecksumError ||
-                           message == "Schedule data error. EXCEPTION[Null pointer]" ||
+        const bool known = message.empty() || message == "data is missing." || message == kTruncated ||
+                           message == kNotHex || message == kChecksumError ||
+                           message.compare(0, 20, "Schedule data error.") == 0 ||
+                           message.compare(0, 34, "Schedule next update time error. [") == 0 ||
                            message.compare(0, 28, "Schedule start date error. [") == 0;
         EXPECT_TRUE(known) << round << " " << message;
-        EXPECT_LE(model.GetSlots().size(), hex.size() / 2 + 1) << round;
+        EXPECT_LE(model.GetSlots().size(), hex.size() / 2) << round;
         EXPECT_FALSE(message == "data is missing." && model.IsResult()) << round;
+        // A valid payload cut short is never accepted.
+        EXPECT_FALSE(round % 3 == 1 && hex.size() < valid.size() && model.IsResult()) << round;
         ++seen[message.substr(0, 20)];
     }
     // The rounds reach the interesting outcomes.
     EXPECT_GT(seen[""], 0);
     EXPECT_GT(seen["data is missing."], 0);
-    EXPECT_GT(seen[kDataError.substr(0, 20)], 0);
+    EXPECT_GT(seen[kTruncated.substr(0, 20)], 0);
     EXPECT_GT(seen[kChecksumError.substr(0, 20)], 0);
     EXPECT_GT(seen["Schedule start date "], 0);
 }
@@ -576,13 +667,77 @@ TEST_F(ScheduleModelLogTest, FailuresAreLoggedAsErrors) {
     ScheduleRecord badNext;
     badNext.nextUpdate = "99999999999999";
     ScheduleModel next(BuildSchedulePayload({badNext}, test::kUpdateSchedule).hex, 1);
+    ScheduleRecord oldStart;
+    oldStart.start = "199901010000";
+    ScheduleModel year(BuildSchedulePayload({oldStart}, test::kUpdateSchedule).hex, 1);
+    ScheduleRecord many;
+    many.slotCountOverride = 99999;
+    ScheduleModel cap(BuildSchedulePayload({many}, test::kUpdateSchedule).hex, 1);
+    ScheduleModel hex("zz0000000000", 1);
 
     const std::vector<std::string> lines = LogLines();
     EXPECT_TRUE(HasLine(lines, "E", "Schedule start date error. [202213010000]"));
     EXPECT_TRUE(HasLine(lines, "E", kChecksumError));
-    EXPECT_TRUE(HasLine(lines, "E", kDataError));
-    EXPECT_TRUE(HasLine(lines, "E", "Schedule data error. EXCEPTION[Null pointer]"));
-    EXPECT_EQ(4u, lines.size());
+    EXPECT_TRUE(HasLine(lines, "E", kTruncated));
+    EXPECT_TRUE(HasLine(lines, "E", "Schedule next update time error. [99999999999999]"));
+    EXPECT_TRUE(HasLine(lines, "E", "Schedule start date error. [199901010000]"));
+    EXPECT_TRUE(HasLine(lines, "E", "Schedule data error. too many slots. [99999]"));
+    EXPECT_TRUE(HasLine(lines, "E", kNotHex));
+    EXPECT_EQ(7u, lines.size());
+}
+
+// A payload announcing `records` records whose text repeats `periods`
+// times the misaligned start S and zeros up to the length of a skipped
+// record (reserved and plant ID fields): every record after the first
+// begins where the start of the one before stood, the same skip again.
+// `tail` follows the repetitions.
+std::vector<unsigned char> RepeatedSkips(std::size_t records, std::size_t periods, const std::string& start,
+                                         const std::vector<unsigned char>& tail) {
+    std::vector<unsigned char> period = test::DigitBytes(start, test::kStartBytes);
+    period.resize(test::kReservedBytes + test::kPlantIdBytes, 0);
+    std::vector<unsigned char> bytes = test::DigitBytes(std::to_string(records), test::kRecordCountBytes);
+    bytes.reserve(bytes.size() + periods * period.size() + tail.size());
+    for (std::size_t i = 0; i < periods; ++i) bytes.insert(bytes.end(), period.begin(), period.end());
+    bytes.insert(bytes.end(), tail.begin(), tail.end());
+    return bytes;
+}
+
+TEST_F(ScheduleModelLogTest, RepeatedSkippedRecordsAreLoggedOnce) {
+    const std::vector<unsigned char> start = test::DigitBytes("202201191215", test::kStartBytes);
+    const std::string hex = test::HexOf(RepeatedSkips(100000, 100000, "202201191215", start));
+    const auto begin = std::chrono::steady_clock::now();
+    ScheduleModel model(hex, 1);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
+    EXPECT_TRUE(model.IsResult());
+    EXPECT_EQ("Schedule start date error. [202201191215]", model.GetMessage());
+    EXPECT_TRUE(model.GetSlots().empty());
+    EXPECT_EQ("", model.GetPlantId());
+
+    const std::vector<std::string> lines = LogLines();
+    EXPECT_EQ(2u, lines.size());
+    EXPECT_TRUE(HasLine(lines, "W", "Schedule start date error. [202201191215]"));
+    EXPECT_TRUE(HasLine(lines, "W", "Schedule start date error. [202201191215] repeated for 99999 more record(s)."));
+}
+
+TEST_F(ScheduleModelLogTest, RecordAfterRepeatedSkipsIsRead) {
+    // Three skips, then a record read from the start of the last skipped
+    // one: its reserved field and plant ID are that start and the zeros.
+    ScheduleRecord valid;
+    valid.rates = Rates(48, 8);
+    std::vector<unsigned char> tail = test::DigitBytes("202201191215", test::kStartBytes);
+    tail.resize(test::kReservedBytes + test::kPlantIdBytes, 0);
+    const SchedulePayload record = BuildSchedulePayload({valid}, test::kFixedSchedule);
+    tail.insert(tail.end(), record.bytes.begin() + test::kRecordCountBytes + test::kReservedBytes + test::kPlantIdBytes,
+                record.bytes.end());
+    ScheduleModel model(test::HexOf(RepeatedSkips(4, 3, "202201191215", tail)), 0);
+    EXPECT_TRUE(model.IsResult()) << model.GetMessage();
+    EXPECT_EQ("Schedule start date error. [202201191215]", model.GetMessage());
+    EXPECT_EQ("15" + std::string(24, '0'), model.GetPlantId());
+    ExpectSlots(model.GetSlots(), 0, kJan19Utc, valid.rates);
+
+    const std::vector<std::string> lines = LogLines();
+    EXPECT_EQ(2u, lines.size());
+    EXPECT_TRUE(HasLine(lines, "W", "Schedule start date error. [202201191215] repeated for 2 more record(s)."));
 }
 
 TEST_F(ScheduleModelLogTest, AcceptedPayloadLogsNothing) {
