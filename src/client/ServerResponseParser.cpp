@@ -49,8 +49,8 @@ bool StartsWith(const std::string& text, const std::string& prefix) {
 }
 
 // The run of decimal digits at `pos` as a number. A value that does not fit
-// 32 bits reads as the largest one: it is a length beyond any body, and the
-// content is cut at the end of the data anyway.
+// 32 bits reads as the largest one: it is a length beyond any body, which
+// makes the part a truncated one.
 std::int32_t ReadDecimal(const std::string& text, std::size_t pos) {
     std::int64_t value = 0;
     for (; pos < text.size(); ++pos) {
@@ -198,22 +198,28 @@ void ServerResponseParser::ReadHeaderLine(const std::string& line) {
     }
 }
 
-// Copies the declared number of content bytes from `start`, but never past
-// the end of the data.
+// Copies the declared number of content bytes from `start`. A part whose
+// declared length runs past the received bytes was cut short on the way: it
+// gives no content at all, only the failure.
 void ServerResponseParser::ReadContent(std::int64_t start) {
     if (contentLength_ == 0) {
         message_ = "No Content-Length parameter.";
         return;
     }
     const std::int64_t available = std::max<std::int64_t>(dataLength_ - start, 0);
-    const std::size_t count = static_cast<std::size_t>(std::min<std::int64_t>(contentLength_, available));
+    if (contentLength_ > available) {
+        message_ = "Parser error. part is truncated. Content-Length[" + std::to_string(contentLength_) +
+                   "] received[" + std::to_string(available) + "]";
+        LoggerLog::Error(kTag, message_);
+        return;
+    }
+    const std::size_t count = static_cast<std::size_t>(contentLength_);
     hexData_.clear();
     if (isText_ == 0) {
-        if (count > 0) hexData_ = StringUtil::BytesToHex(data_ + start, count);
+        hexData_ = StringUtil::BytesToHex(data_ + start, count);
         isBinary_ = true;
     } else {
-        message_.clear();
-        if (count > 0) message_.assign(reinterpret_cast<const char*>(data_ + start), count);
+        message_.assign(reinterpret_cast<const char*>(data_ + start), count);
     }
 }
 

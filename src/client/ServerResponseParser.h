@@ -33,6 +33,8 @@ public:
     // value beyond 2^31-1 reads as 2^31-1.
     std::int32_t GetContentLength() const { return contentLength_; }
     // The content of a text part, or the failure text; empty when neither.
+    // A part declaring more bytes than were received gives no content, only
+    // "Parser error. part is truncated. ..." here.
     const std::string& GetMessage() const { return message_; }
     // The content of a non-text part as lower-case hex; empty when none.
     const std::string& GetHexData() const { return hexData_; }

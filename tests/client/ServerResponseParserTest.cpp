@@ -239,35 +239,67 @@ TEST(ServerResponseParserTest, UnterminatedHeadersGiveNothing) {
     EXPECT_FALSE(ended.parser->IsBinary());
 }
 
-TEST(ServerResponseParserTest, ContentLongerThanDataStopsAtEndOfData) {
+std::string Truncated(std::int64_t declared, std::int64_t received) {
+    return "Parser error. part is truncated. Content-Length[" + std::to_string(declared) + "] received[" +
+           std::to_string(received) + "]";
+}
+
+// A part declaring more bytes than the answer holds was cut short on the
+// way: no content at all, binary or text.
+TEST(ServerResponseParserTest, ContentLongerThanDataGivesNoContent) {
     Parsed parsed = Parse("--abc\r\n" + kBinaryType + "\r\nContent-Length: 1000\r\n\r\n" + Bytes({1, 171, 255}));
     EXPECT_EQ(1000, parsed.parser->GetContentLength());
-    EXPECT_EQ("01abff", parsed.parser->GetHexData());
-    EXPECT_TRUE(parsed.parser->IsBinary());
+    EXPECT_EQ("", parsed.parser->GetHexData());
+    EXPECT_FALSE(parsed.parser->IsBinary());
+    EXPECT_EQ(Truncated(1000, 3), parsed.parser->GetMessage());
+    EXPECT_FALSE(parsed.parser->OCCheckIDModel());
 
     Parsed text = Parse("--abc\r\n" + kTextType + "\r\nContent-Length: 50\r\n\r\nOK\r\n--abc--\r\n");
-    EXPECT_EQ("OK\r\n--abc--\r\n", text.parser->GetMessage());
+    EXPECT_EQ(Truncated(50, 13), text.parser->GetMessage());
+    EXPECT_TRUE(text.parser->IsText());
+}
+
+TEST(ServerResponseParserTest, ContentEndingExactlyAtEndOfDataIsRead) {
+    Parsed parsed = Parse("--abc\r\n" + kBinaryType + "\r\nContent-Length: 3\r\n\r\n" + Bytes({1, 171, 255}));
+    EXPECT_EQ("01abff", parsed.parser->GetHexData());
+    EXPECT_TRUE(parsed.parser->IsBinary());
+    EXPECT_EQ("", parsed.parser->GetMessage());
+
+    // One byte short of the declared length.
+    Parsed shorter = Parse("--abc\r\n" + kBinaryType + "\r\nContent-Length: 4\r\n\r\n" + Bytes({1, 171, 255}));
+    EXPECT_EQ(Truncated(4, 3), shorter.parser->GetMessage());
+    EXPECT_EQ("", shorter.parser->GetHexData());
+}
+
+TEST(ServerResponseParserTest, PlantIdCheckOfATruncatedPartIsFalse) {
+    // Byte 32 is there and zero, but the part declares more than was sent.
+    const std::string content(40, '\0');
+    Parsed parsed = Parse("--abc\r\n" + kBinaryType + "\r\nContent-Length: 41\r\n\r\n" + content);
+    EXPECT_EQ(Truncated(41, 40), parsed.parser->GetMessage());
+    EXPECT_FALSE(parsed.parser->OCCheckIDModel());
 }
 
 TEST(ServerResponseParserTest, EmptyContentAfterHeadersAtEndOfData) {
     Parsed parsed = Parse("--abc\r\n" + kBinaryType + "\r\nContent-Length: 4\r\n\r\n");
-    EXPECT_TRUE(parsed.parser->IsBinary());
+    EXPECT_FALSE(parsed.parser->IsBinary());
     EXPECT_EQ("", parsed.parser->GetHexData());
-    EXPECT_EQ("", parsed.parser->GetMessage());
+    EXPECT_EQ(Truncated(4, 0), parsed.parser->GetMessage());
 }
 
-TEST(ServerResponseParserTest, OverflowingContentLengthReadsToEndOfData) {
+TEST(ServerResponseParserTest, OverflowingContentLengthIsTruncated) {
     Parsed parsed = Parse("--abc\r\n" + kBinaryType + "\r\nContent-Length: 99999999999999999999999\r\n\r\n" +
                           Bytes({1, 2, 3}));
     EXPECT_EQ(std::numeric_limits<std::int32_t>::max(), parsed.parser->GetContentLength());
-    EXPECT_EQ("010203", parsed.parser->GetHexData());
+    EXPECT_EQ("", parsed.parser->GetHexData());
+    EXPECT_EQ(Truncated(2147483647, 3), parsed.parser->GetMessage());
 
     Parsed edge = Parse("--abc\r\n" + kBinaryType + "\r\nContent-Length: 2147483648\r\n\r\n" + Bytes({4}));
     EXPECT_EQ(std::numeric_limits<std::int32_t>::max(), edge.parser->GetContentLength());
-    EXPECT_EQ("04", edge.parser->GetHexData());
+    EXPECT_EQ("", edge.parser->GetHexData());
 
     Parsed largest = Parse("--abc\r\n" + kBinaryType + "\r\nContent-Length: 2147483647\r\n\r\n" + Bytes({4}));
     EXPECT_EQ(2147483647, largest.parser->GetContentLength());
+    EXPECT_EQ(Truncated(2147483647, 1), largest.parser->GetMessage());
 }
 
 TEST(ServerResponseParserTest, NulBytesInsideBinaryContentAreCopied) {
@@ -391,6 +423,13 @@ TEST_F(ServerResponseParserLogTest, ParserErrorIsLoggedAtErrorLevel) {
     EXPECT_NE(std::string::npos, log.find("] ServerResponseParser Parser error. exception\n")) << log;
 }
 
+TEST_F(ServerResponseParserLogTest, TruncatedPartIsLoggedAtErrorLevel) {
+    Parsed parsed = Parse("--abc\r\n" + kBinaryType + "\r\nContent-Length: 10\r\n\r\n" + Bytes({1, 2}));
+    const std::string log = LogText();
+    EXPECT_NE(std::string::npos, log.find("[E]")) << log;
+    EXPECT_NE(std::string::npos, log.find("] ServerResponseParser " + Truncated(10, 2) + "\n")) << log;
+}
+
 TEST_F(ServerResponseParserLogTest, SuccessfulParseLogsNothing) {
     Parsed parsed = Parse(test::BinaryPartBody("abc", Bytes({1})));
     EXPECT_EQ("01", parsed.parser->GetHexData());
@@ -429,7 +468,7 @@ std::string RandomBody(std::mt19937& random) {
 // content.
 TEST(ServerResponseParserTest, RandomBodiesNeverCrash) {
     std::mt19937 random(20220119);
-    int binaries = 0, texts = 0, missing = 0, errors = 0;
+    int binaries = 0, texts = 0, missing = 0, errors = 0, truncated = 0;
     testing::internal::CaptureStdout();
     for (int round = 0; round < 4000; ++round) {
         const std::string body = RandomBody(random);
@@ -438,24 +477,33 @@ TEST(ServerResponseParserTest, RandomBodiesNeverCrash) {
         ServerResponseParser parser(contentType, body.data(), static_cast<std::int64_t>(body.size()));
         const std::string& message = parser.GetMessage();
         const bool ownText = message.empty() || message == "No Content-Length parameter." ||
-                             message == "Parser error. exception";
+                             message == "Parser error. exception" ||
+                             message.compare(0, 33, "Parser error. part is truncated. ") == 0;
         EXPECT_TRUE(ownText || (parser.IsText() && message.size() <= body.size())) << round;
         EXPECT_LE(parser.GetHexData().size(), 2 * body.size()) << round;
         EXPECT_EQ(0u, parser.GetHexData().size() % 2) << round;
         EXPECT_FALSE(parser.IsBinary() && parser.IsText()) << round;
+        // Content never claims more than the part declared.
+        EXPECT_TRUE(!parser.IsBinary() || parser.GetHexData().size() == 2 * static_cast<std::size_t>(
+                                                                           parser.GetContentLength()))
+            << round;
         binaries += parser.IsBinary() ? 1 : 0;
         texts += !ownText ? 1 : 0;
         missing += message == "No Content-Length parameter." ? 1 : 0;
         errors += message == "Parser error. exception" ? 1 : 0;
+        truncated += message.compare(0, 33, "Parser error. part is truncated. ") == 0 ? 1 : 0;
     }
     std::fflush(stdout);
     testing::internal::GetCapturedStdout();
     // The rounds reach every outcome.
-    EXPECT_GT(binaries, 100);
+    // Most random binary parts declare more than they hold.
+    EXPECT_GT(binaries, 50);
+    EXPECT_GT(truncated, 100);
     EXPECT_GT(texts, 100);
     EXPECT_GT(missing, 100);
     EXPECT_GT(errors, 100);
-    std::printf("binary %d, text %d, no length %d, error %d\n", binaries, texts, missing, errors);
+    std::printf("binary %d, text %d, no length %d, error %d, truncated %d\n", binaries, texts, missing, errors,
+                truncated);
 }
 
 } // namespace
