@@ -191,6 +191,46 @@ TEST_F(ScheduleUpdateManagerTest, UpdateScheduleFailureReasons) {
     EXPECT_TRUE(test::HasLogLine(lines, "W", kTag, "Schedule update failed. Schedule data is nothing."));
 }
 
+// Answers that are cut short or overflow their counts are refused: nothing
+// is stored, the update information stays, and the logger daemon is not
+// told.
+TEST_F(ScheduleUpdateManagerTest, RefusedAnswersStoreNothing) {
+    const std::string payload = test::BytesText(test::BuildSchedulePayload({update_}, test::kUpdateSchedule).bytes);
+    std::string overflowed = payload;
+    overflowed.replace(0, test::kRecordCountBytes, std::string(test::kRecordCountBytes, '\xff'));
+    const std::string type = test::MultipartContentType("b");
+    HttpTestServer server(
+        {HttpTestServer::Answer(200, type,
+                                test::MultipartBody("b", {"Content-Type: application/octet-stream",
+                                                          "Content-Length: " + std::to_string(payload.size() + 100)},
+                                                    payload, false)),
+         HttpTestServer::Answer(200, type, test::BinaryPartBody("b", payload.substr(0, payload.size() - 1))),
+         HttpTestServer::Answer(200, type, test::BinaryPartBody("b", overflowed))});
+    test::WriteFile("/mnt/system/brvlogger/.keep", "");
+    test::UnixPeer logger("/mnt/system/brvlogger/brevanta.logger", test::UnixPeer::kReply, std::string(12, '\0'), 8);
+    ScheduleUpdateManager& manager = Manager(kPlant, server.Url("/s"));
+    const ScheduleUpdateInfo before = manager.GetUpdateInfo();
+
+    std::shared_ptr<UpdateResult> result = manager.UpdateSchedule();
+    EXPECT_EQ(2, result->GetFailureReason());
+    EXPECT_EQ("Parser error. part is truncated. Content-Length[" + std::to_string(payload.size() + 100) +
+                  "] received[" + std::to_string(payload.size() + 2) + "]",
+              result->GetMessage());
+    result = manager.UpdateSchedule();
+    EXPECT_EQ(3, result->GetFailureReason());
+    EXPECT_EQ("Schedule data error. data is truncated.", result->GetMessage());
+    result = manager.UpdateSchedule();
+    EXPECT_EQ(3, result->GetFailureReason());
+    EXPECT_EQ("Schedule data error. number out of range. [255255255255255255]", result->GetMessage());
+
+    EXPECT_EQ("0", StoredSlots());
+    EXPECT_EQ(before.plantId, manager.GetUpdateInfo().plantId);
+    EXPECT_EQ(before.nextUpdateTime, manager.GetUpdateInfo().nextUpdateTime);
+    EXPECT_EQ(0, logger.Connections());
+    EXPECT_TRUE(test::HasLogLine(LogLines(), "W", kTag,
+                                 "Schedule parse failed. [Schedule data error. data is truncated.]"));
+}
+
 TEST_F(ScheduleUpdateManagerTest, DataOfAnotherPlantIsNotStored) {
     HttpTestServer server({test::ScheduleServerAnswer(update_, test::kUpdateSchedule)});
     ScheduleUpdateManager& manager = Manager(kPlant, server.Url("/s"));
