@@ -60,6 +60,20 @@ ScheduleRecord Record() {
     return record;
 }
 
+// Two records as the structured modes of the fuzz targets read them: the
+// record count less one, then per record year (from 2000), month, day,
+// hour, half hour, plant ID (two bytes), slot count (two bytes), the
+// rates and the fixed schedule update flag.
+std::string StructuredRecords() {
+    std::string text = Byte(1);
+    for (int day : {19, 20}) {
+        text += Byte(22) + Byte(0) + Byte(day - 1) + Byte(9) + Byte(0) + Byte(3) + Byte(9) + Byte(0) + Byte(48);
+        for (int i = 0; i < 48; ++i) text += Byte(i * 2);
+        text += Byte(3);
+    }
+    return text;
+}
+
 void WriteScheduleModelSeeds() {
     const std::string target = "ScheduleModelFuzz";
     const ScheduleRecord record = Record();
@@ -102,6 +116,27 @@ void WriteScheduleModelSeeds() {
     longCount.slotCountOverride = 99999;
     Write(target, "slot-count-beyond-text", Byte(0) + BuildSchedulePayload({longCount}, kFixedSchedule).hex);
 
+    SchedulePayload overflowed = BuildSchedulePayload({record}, kUpdateSchedule);
+    for (std::size_t i = 0; i < kRecordCountBytes; ++i) overflowed.bytes[i] = 0xff;
+    Write(target, "record-count-overflow-bytes", Byte(0x81) + BytesText(overflowed.bytes));
+    SchedulePayload million = BuildSchedulePayload({record}, kFixedSchedule);
+    const std::size_t slotCount = kRecordCountBytes + kReservedBytes + kPlantIdBytes + kStartBytes;
+    million.bytes[slotCount] = 100;  // 100, 0, 0, 0, 0 reads "1000000"
+    for (std::size_t i = 1; i < kSlotCountBytes; ++i) million.bytes[slotCount + i] = 0;
+    Write(target, "slot-count-million-bytes", Byte(0x80) + BytesText(million.bytes));
+    ScheduleRecord cut = record;
+    Write(target, "update-cut-short",
+          Byte(1) + BuildSchedulePayload({cut}, kUpdateSchedule).hex.substr(0, 200));
+
+    // Bit 0x40: a valid payload described by the rest, then damaged (second
+    // byte: 0 none, 1 cut, 2 count overflowed, 3 slot count of a million;
+    // two bytes: where), see ScheduleModelFuzz.cpp.
+    const std::string described = StructuredRecords();
+    Write(target, "structured-update-valid", Byte(0x41) + Byte(0) + Byte(0) + Byte(0) + described);
+    Write(target, "structured-fixed-cut", Byte(0x40) + Byte(1) + Byte(1) + Byte(44) + described);
+    Write(target, "structured-update-overflow", Byte(0x41) + Byte(2) + Byte(0) + Byte(1) + described);
+    Write(target, "structured-update-huge-slot-count", Byte(0x41) + Byte(3) + Byte(0) + Byte(2) + described);
+
     Write(target, "no-records", Byte(1) + BuildSchedulePayload({}, kUpdateSchedule).hex);
     Write(target, "count-without-records", Byte(1) + BuildSchedulePayload({}, kUpdateSchedule, 1).hex);
     Write(target, "too-short", Byte(0) + "00000000000");
@@ -132,6 +167,20 @@ void WriteServerResponseSeeds() {
     Write(target, "unquoted-boundary",
           "multipart/form-data; boundary=pvocsim\n" + BinaryPartBody("pvocsim", "\x01"));
     Write(target, "closing-delimiter-only", type + "--pvocsim\r\n--pvocsim--\r\n");
+    Write(target, "part-truncated",
+          type + MultipartBody("pvocsim", {"Content-Type: application/octet-stream", "Content-Length: 120"},
+                               BytesText(BuildSchedulePayload({record}, kUpdateSchedule).bytes).substr(0, 100)));
+
+    // A zero byte first: a schedule answer described by the rest (kind,
+    // closing delimiter or not, the records, then how the declared length
+    // stands to the content: two bytes of difference and 0 exact, 1
+    // beyond, 2 short, 3 huge, 4 the largest 32-bit value), see
+    // ServerResponseParserFuzz.cpp.
+    const std::string described = StructuredRecords();
+    Write(target, "structured-exact", Byte(0) + Byte(1) + Byte(0) + described + Byte(0) + Byte(0) + Byte(0));
+    Write(target, "structured-beyond", Byte(0) + Byte(1) + Byte(1) + described + Byte(0) + Byte(40) + Byte(1));
+    Write(target, "structured-short", Byte(0) + Byte(0) + Byte(0) + described + Byte(0) + Byte(5) + Byte(2));
+    Write(target, "structured-huge", Byte(0) + Byte(1) + Byte(0) + described + Byte(0) + Byte(0) + Byte(3));
 }
 
 // --- command socket requests -----------------------------------------------
