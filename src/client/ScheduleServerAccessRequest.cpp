@@ -6,19 +6,22 @@
 
 #include "util/FileUtil.h"
 
+#include <Poco/Clock.h>
 #include <Poco/Crypto/X509Certificate.h>
 #include <Poco/DirectoryIterator.h>
+#include <Poco/Event.h>
 #include <Poco/Exception.h>
 #include <Poco/File.h>
 #include <Poco/Net/Context.h>
 #include <Poco/Net/HTTPClientSession.h>
 #include <Poco/Net/HTTPSClientSession.h>
+#include <Poco/Net/SecureStreamSocket.h>
 #include <Poco/Net/SocketAddress.h>
 #include <Poco/Net/StreamSocket.h>
 #include <Poco/Net/HTTPRequest.h>
 #include <Poco/Net/HTTPResponse.h>
-#include <Poco/StreamCopier.h>
-#include <Poco/Timespan.h>
+#include <Poco/String.h>
+#include <Poco/Thread.h>
 #include <Poco/URI.h>
 
 #include <algorithm>
@@ -36,12 +39,16 @@ namespace {
 
 const std::string kTag = "ScheduleServerAccessRequest";
 const std::string kMacAddressFile = "/sys/class/net/eth0/address";
-const long kSessionTimeoutSeconds = 20 * 60;
+// The ceiling of each single connect, send and receive.
+const Poco::Timespan kSessionTimeout(20 * 60, 0);
+// The longest one exchange may take as a whole: a server that trickles its
+// answer would otherwise hold a worker for as long as it likes.
+const Poco::Timespan kExchangeDeadline(60, 0);
 const std::size_t kChunkSize = 1024;
-// Largest answer the device takes in. A schedule of a whole year is some
-// 18 KB; an announced length beyond this is refused instead of reserving
-// memory the device does not have.
-const Poco::Int64 kMaxAnswerBytes = 64LL * 1024 * 1024;
+// Largest answer the device takes in. Two years of day records are some
+// 86 KB with their part headers (one record of a year some 18 KB); an
+// announced length beyond this is refused instead of reserving memory.
+const Poco::Int64 kMaxAnswerBytes = 256 * 1024;
 
 // The TLS client context of an https server address: the peer's
 // certificate must chain to the system's CA store or to a certificate in
@@ -65,40 +72,174 @@ Poco::Net::Context::Ptr TlsContext() {
     return context;
 }
 
-// A plain HTTP session whose socket is made here and handed to `publish`
-// before it connects, so that Abort can shut down a connect that hangs.
+// The time left until `deadline`, but no more than the ceiling of one
+// operation; zero once it has passed.
+Poco::Timespan TimeLeft(const Poco::Clock& deadline) {
+    const Poco::Clock::ClockDiff left = deadline - Poco::Clock();
+    if (left <= 0) return Poco::Timespan(0);
+    return std::min(Poco::Timespan(left), kSessionTimeout);
+}
+
+// Connects a socket of our own to `address`, handed to `publish` before it
+// connects so that Abort and the deadline can shut down a connect that
+// hangs. Each later send and receive waits no longer than the time left.
+Poco::Net::StreamSocket ConnectSocket(const Poco::Net::SocketAddress& address, const Poco::Clock& deadline,
+                                      const std::function<void(int)>& publish) {
+    Poco::Net::StreamSocket socket(address.family());
+    publish(static_cast<int>(socket.impl()->sockfd()));
+    const Poco::Timespan left = TimeLeft(deadline);
+    if (left == 0) throw Poco::TimeoutException("no time left to connect");
+    socket.connect(address, left);
+    socket.setReceiveTimeout(left);
+    socket.setSendTimeout(left);
+    socket.setNoDelay(true);
+    return socket;
+}
+
+// A plain HTTP session on a socket of ConnectSocket.
 class AbortableSession : public Poco::Net::HTTPClientSession {
 public:
-    AbortableSession(const std::string& host, Poco::UInt16 port, std::function<void(int)> publish)
-        : HTTPClientSession(host, port), publish_(std::move(publish)) {}
+    AbortableSession(const Poco::URI& uri, const Poco::Clock& deadline, std::function<void(int)> publish)
+        : HTTPClientSession(uri.getHost(), uri.getPort()), deadline_(deadline), publish_(std::move(publish)) {}
 
 protected:
     void connect(const Poco::Net::SocketAddress& address) override {
-        Poco::Net::StreamSocket socket(address.family());
-        publish_(static_cast<int>(socket.impl()->sockfd()));
-        attachSocket(socket);
-        HTTPSession::connect(address);
+        attachSocket(ConnectSocket(address, deadline_, publish_));
     }
 
 private:
+    Poco::Clock deadline_;
     std::function<void(int)> publish_;
 };
 
-// The session for `uri`: TLS for https, plain HTTP otherwise; a plain
-// session's socket goes to `publish` before it connects.
-std::unique_ptr<Poco::Net::HTTPClientSession> OpenSession(const Poco::URI& uri,
+// A TLS session on a socket of ConnectSocket: the handshake runs on that
+// socket, so Abort and the deadline reach it too.
+class AbortableTlsSession : public Poco::Net::HTTPSClientSession {
+public:
+    AbortableTlsSession(const Poco::URI& uri, const Poco::Net::Context::Ptr& context, const Poco::Clock& deadline,
+                        std::function<void(int)> publish)
+        : HTTPSClientSession(uri.getHost(), uri.getPort(), context), context_(context), deadline_(deadline),
+          publish_(std::move(publish)) {}
+
+protected:
+    void connect(const Poco::Net::SocketAddress& address) override {
+        const Poco::Net::StreamSocket plain = ConnectSocket(address, deadline_, publish_);
+        attachSocket(Poco::Net::SecureStreamSocket::attach(plain, getHost(), context_));
+    }
+
+private:
+    Poco::Net::Context::Ptr context_;
+    Poco::Clock deadline_;
+    std::function<void(int)> publish_;
+};
+
+// The session for `uri`: TLS for https, plain HTTP otherwise.
+std::unique_ptr<Poco::Net::HTTPClientSession> OpenSession(const Poco::URI& uri, const Poco::Clock& deadline,
                                                          const std::function<void(int)>& publish) {
     if (uri.getScheme() == "https") {
         return std::unique_ptr<Poco::Net::HTTPClientSession>(
-            new Poco::Net::HTTPSClientSession(uri.getHost(), uri.getPort(), TlsContext()));
+            new AbortableTlsSession(uri, TlsContext(), deadline, publish));
     }
-    return std::unique_ptr<Poco::Net::HTTPClientSession>(
-        new AbortableSession(uri.getHost(), uri.getPort(), publish));
+    return std::unique_ptr<Poco::Net::HTTPClientSession>(new AbortableSession(uri, deadline, publish));
 }
 
-// An answer whose length is unknown or beyond reason; reported as an
-// exchange that failed with an exception that is not the library's.
-class UnusableLength : public std::exception {};
+// Calls `expire` once `deadline` has passed on the monotonic clock, unless
+// it is destroyed first. It waits in steps of at most a second, so that a
+// jump of the wall clock cannot stretch the wait.
+class DeadlineWatch {
+public:
+    DeadlineWatch(const Poco::Clock& deadline, std::function<void()> expire)
+        : deadline_(deadline), expire_(std::move(expire)), ended_(Poco::Event::EVENT_MANUALRESET) {
+        thread_.startFunc([this] { Watch(); });
+    }
+    ~DeadlineWatch() {
+        ended_.set();
+        thread_.join();
+    }
+
+private:
+    void Watch() {
+        for (;;) {
+            const Poco::Clock::ClockDiff left = deadline_ - Poco::Clock();
+            if (left <= 0) break;
+            if (ended_.tryWait(static_cast<long>(std::min<Poco::Clock::ClockDiff>(left / 1000 + 1, 1000)))) return;
+        }
+        expire_();
+    }
+
+    Poco::Clock deadline_;
+    std::function<void()> expire_;
+    Poco::Event ended_;
+    Poco::Thread thread_;
+};
+
+// The value of hex digit `ch`, or -1.
+int HexValue(char ch) {
+    if (ch >= '0' && ch <= '9') return ch - '0';
+    if (ch >= 'a' && ch <= 'f') return ch - 'a' + 10;
+    if (ch >= 'A' && ch <= 'F') return ch - 'A' + 10;
+    return -1;
+}
+
+bool IsControl(int ch) {
+    return ch < 0x20 || ch == 0x7f;
+}
+
+// Whether `text` holds a control character, raw or percent-encoded: a
+// decoded CR LF would end the request line early and start header lines of
+// the server address's choosing.
+bool HasControlCharacter(const std::string& text) {
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (IsControl(static_cast<unsigned char>(text[i]))) return true;
+        if (text[i] != '%' || i + 2 >= text.size()) continue;
+        const int high = HexValue(text[i + 1]);
+        const int low = HexValue(text[i + 2]);
+        if (high >= 0 && low >= 0 && IsControl(high * 16 + low)) return true;
+    }
+    return false;
+}
+
+// The server address as a URI, or a Poco::SyntaxException when it is not
+// one the device may ask: other schemes than http and https, an empty host
+// and control characters are refused before anything is sent.
+Poco::URI ServerUri(const std::string& url) {
+    if (HasControlCharacter(url)) throw Poco::SyntaxException("server address holds a control character");
+    const Poco::URI uri(url);
+    if (uri.getScheme() != "http" && uri.getScheme() != "https") {
+        throw Poco::SyntaxException("server address is neither http nor https", uri.getScheme());
+    }
+    if (uri.getHost().empty()) throw Poco::SyntaxException("server address names no host");
+    return uri;
+}
+
+// Whether `ch` is sent as it is in a form value: ASCII letters and digits
+// and "-._~", whatever the locale says.
+bool IsPlainFormCharacter(char ch) {
+    return (ch >= '0' && ch <= '9') || (ch >= 'A' && ch <= 'Z') || (ch >= 'a' && ch <= 'z') || ch == '-' ||
+           ch == '.' || ch == '_' || ch == '~';
+}
+
+// `value` as a form value: plain characters as they are, every other byte
+// as "%" and two upper-case hex digits.
+std::string FormValue(const std::string& value) {
+    static const char kHex[] = "0123456789ABCDEF";
+    std::string encoded;
+    for (const char ch : value) {
+        const unsigned char byte = static_cast<unsigned char>(ch);
+        if (IsPlainFormCharacter(ch)) {
+            encoded += ch;
+        } else {
+            encoded += '%';
+            encoded += kHex[byte >> 4];
+            encoded += kHex[byte & 0x0f];
+        }
+    }
+    return encoded;
+}
+
+// An answer whose length is unknown; reported as an exchange that failed
+// with an exception that is not the library's.
+class UnknownLength : public std::exception {};
 
 // Withdraws the socket Abort may shut down before the session that owns it
 // is destroyed.
@@ -111,10 +252,36 @@ private:
     std::function<void(int)> publish_;
 };
 
+// `budget` as text: whole seconds as "60 s", anything else in milliseconds.
+std::string BudgetText(const Poco::Timespan& budget) {
+    if (budget.totalMilliseconds() % 1000 == 0) return std::to_string(budget.totalSeconds()) + " s";
+    return std::to_string(budget.totalMilliseconds()) + " ms";
+}
+
+// Reads exactly `length` bytes of the answer's body from `in`. A body that
+// ends before (the peer closed, or the connection broke) fails with the
+// count and the cause. Nothing beyond `length` is asked for.
+std::vector<char> ReadBody(std::istream& in, const Poco::Net::HTTPClientSession& session, Poco::Int64 length) {
+    const std::size_t total = static_cast<std::size_t>(length);
+    std::vector<char> buffer(total + 1, 0);
+    std::size_t filled = 0;
+    while (filled < total) {
+        in.read(buffer.data() + filled, static_cast<std::streamsize>(std::min(kChunkSize, total - filled)));
+        const std::size_t got = static_cast<std::size_t>(in.gcount());
+        if (got == 0) break;
+        filled += got;
+    }
+    if (filled == total) return buffer;
+    const std::string what = "answer ended after " + std::to_string(filled) + " of " + std::to_string(total) + " bytes";
+    const Poco::Exception* cause = session.networkException();
+    if (cause != nullptr) throw Poco::IOException(what, cause->displayText());
+    throw Poco::IOException(what);
+}
+
 } // namespace
 
 ScheduleServerAccessRequest::ScheduleServerAccessRequest(ScheduleServerAccessRequestCallback* callback)
-    : callback_(callback), socket_(-1), aborted_(false) {}
+    : callback_(callback), budget_(kExchangeDeadline), socket_(-1), aborted_(false), expired_(false) {}
 
 ScheduleServerAccessRequest::~ScheduleServerAccessRequest() {}
 
@@ -126,17 +293,35 @@ void ScheduleServerAccessRequest::Abort() {
     if (socket_ >= 0) shutdown(socket_, SHUT_RDWR);
 }
 
+// Called by the deadline watch: shuts the socket down as Abort does, and
+// notes why, so that the failure names the deadline.
+void ScheduleServerAccessRequest::Expire() {
+    Poco::FastMutex::ScopedLock lock(abortMutex_);
+    expired_ = true;
+    if (socket_ >= 0) shutdown(socket_, SHUT_RDWR);
+}
+
 void ScheduleServerAccessRequest::ThrowIfAborted() {
     Poco::FastMutex::ScopedLock lock(abortMutex_);
     if (aborted_) throw Poco::IOException("exchange aborted, the daemon is stopping");
 }
 
-// Makes `fd` the socket Abort shuts down (-1: none). Throws when the
-// exchange was aborted before.
+// Makes `fd` the socket Abort and the deadline shut down (-1: none). Throws
+// when the exchange was aborted or its time is up.
 void ScheduleServerAccessRequest::Publish(int fd) {
     Poco::FastMutex::ScopedLock lock(abortMutex_);
     socket_ = fd;
     if (fd >= 0 && aborted_) throw Poco::IOException("exchange aborted, the daemon is stopping");
+    if (fd >= 0 && expired_) throw Poco::TimeoutException("no time left to connect");
+}
+
+// The display text of a failed exchange: what the library said, unless the
+// exchange was cut short by Abort or by its deadline, which then say so.
+std::string ScheduleServerAccessRequest::FailureText(const Poco::Exception& e) {
+    Poco::FastMutex::ScopedLock lock(abortMutex_);
+    if (aborted_) return Poco::IOException("exchange aborted, the daemon is stopping").displayText();
+    if (expired_) return Poco::TimeoutException("schedule server exchange exceeded " + BudgetText(budget_)).displayText();
+    return e.displayText();
 }
 
 void ScheduleServerAccessRequest::SetParameters(const std::string& scheduleKbn) {
@@ -170,8 +355,8 @@ std::string ScheduleServerAccessRequest::GetMacAddress() {
 }
 
 std::string ScheduleServerAccessRequest::BuildBody(const std::string& macAddress) const {
-    return "power_plant_id=" + powerPlantId_ + "&" + "mac_address=" + macAddress + "&" +
-           "schedule_kbn=" + scheduleKbn_;
+    return "power_plant_id=" + FormValue(powerPlantId_) + "&" + "mac_address=" + FormValue(macAddress) + "&" +
+           "schedule_kbn=" + FormValue(scheduleKbn_);
 }
 
 void ScheduleServerAccessRequest::Execute() {
@@ -183,7 +368,7 @@ void ScheduleServerAccessRequest::Execute() {
         return;
     } catch (const Poco::Exception& e) {
         const std::string message =
-            "schedule server access failed. EXCEPTION[" + e.displayText() + "] request_body[" + body + "]";
+            "schedule server access failed. EXCEPTION[" + FailureText(e) + "] request_body[" + body + "]";
         LoggerLog::Error(kTag, message);
         if (callback_ != nullptr) callback_->OnResult(1, 0, contentType, nullptr, 0, message);
     } catch (...) {
@@ -194,47 +379,38 @@ void ScheduleServerAccessRequest::Execute() {
 }
 
 // Sends the form and reads the answer into a buffer of its announced
-// length: a longer body is read to its end and the rest dropped, a shorter
-// one leaves zeros. An answer without a length cannot be sized and fails,
-// as does one that announces more than the device can hold.
+// length; only a complete answer is reported. An answer without a length
+// cannot be sized and fails, as does one that announces more than the
+// device takes in. The whole exchange must end within the budget: at its
+// deadline the socket is shut down, whatever the exchange is waiting for.
 void ScheduleServerAccessRequest::Exchange(const std::string& body, std::string& contentType) {
-    const Poco::URI uri(url_);
+    const Poco::URI uri = ServerUri(url_);
+    const Poco::Clock deadline = Poco::Clock() + budget_.totalMicroseconds();
     const std::function<void(int)> publish = [this](int fd) { Publish(fd); };
-    std::unique_ptr<Poco::Net::HTTPClientSession> opened = OpenSession(uri, publish);
+    std::unique_ptr<Poco::Net::HTTPClientSession> opened = OpenSession(uri, deadline, publish);
     Poco::Net::HTTPClientSession& session = *opened;
     const SocketTrack untrack(publish);
+    const DeadlineWatch watch(deadline, [this] { Expire(); });
     ThrowIfAborted();
     Poco::Net::HTTPRequest request(Poco::Net::HTTPRequest::HTTP_POST, uri.getPath(),
                                    Poco::Net::HTTPMessage::HTTP_1_1);
-    session.setTimeout(Poco::Timespan(kSessionTimeoutSeconds, 0));
+    session.setTimeout(kSessionTimeout);
     request.setKeepAlive(false);
     request.setContentType("application/x-www-form-urlencoded");
     request.setContentLength64(static_cast<Poco::Int64>(body.size()));
     session.sendRequest(request) << body;
-    // A TLS session makes its socket inside sendRequest (connect and
-    // handshake): only from here on can Abort reach it. An Abort that came
-    // meanwhile is honoured here, before the wait for the answer.
-    Publish(static_cast<int>(session.socket().impl()->sockfd()));
 
     Poco::Net::HTTPResponse response;
     std::istream& in = session.receiveResponse(response);
     const int status = static_cast<int>(response.getStatus());
     contentType = response.getContentType();
     const Poco::Int64 length = response.getContentLength64();
-    if (length < 0 || length > kMaxAnswerBytes) throw UnusableLength();
-
-    std::vector<char> buffer(static_cast<std::size_t>(length) + 1, 0);
-    std::size_t filled = 0;
-    char chunk[kChunkSize];
-    for (;;) {
-        in.read(chunk, kChunkSize);
-        const std::size_t got = static_cast<std::size_t>(in.gcount());
-        if (got == 0) break;
-        const std::size_t room = static_cast<std::size_t>(length) - filled;
-        const std::size_t take = std::min(got, room);
-        std::copy(chunk, chunk + take, buffer.begin() + static_cast<std::ptrdiff_t>(filled));
-        filled += take;
+    if (length < 0) throw UnknownLength();
+    if (length > kMaxAnswerBytes) {
+        throw Poco::RangeException("answer announces " + std::to_string(length) + " bytes, more than the " +
+                                   std::to_string(kMaxAnswerBytes) + " taken");
     }
+    const std::vector<char> buffer = ReadBody(in, session, length);
     std::cout << "status_code [[" << status << std::endl;
     std::cout << "content_type [[" << contentType << std::endl;
     std::cout << "content_length [[" << length << std::endl;

@@ -7,7 +7,9 @@
 
 #include "server/Request.h"
 
+#include <Poco/Exception.h>
 #include <Poco/Mutex.h>
+#include <Poco/Timespan.h>
 
 #include <memory>
 #include <string>
@@ -32,19 +34,27 @@ public:
     // is released, so that the callback outlives its own report.
     void Keep(const std::shared_ptr<ScheduleServerAccessRequestCallback>& owner) { owner_ = owner; }
 
-    // Performs the exchange and reports exactly once to the callback.
+    // Sets the longest time one exchange may take, from the connect to the
+    // last byte of the answer (60 s unless changed; tests shorten it).
+    void SetDeadline(const Poco::Timespan& budget) { budget_ = budget; }
+
+    // Performs the exchange and reports exactly once to the callback. A URL
+    // that is not plain http or https, or that holds control characters,
+    // fails before anything is sent; so does an answer that announces more
+    // than the device takes in, one that ends before its announced length,
+    // and one that is not complete when the deadline passes.
     void Execute() override;
     // Ends the exchange: its socket is shut down, so it fails at once with
-    // the library's exception (over plain HTTP also while it connects; over
-    // TLS once connect and handshake are done); one not yet started fails
-    // as it starts.
+    // the library's exception (also while it connects or, over TLS, while
+    // it shakes hands); one not yet started fails as it starts.
     void Abort() override;
 
     // The device's MAC address from /sys/class/net/eth0/address without ":"
     // and "-", in upper case; empty (with a log line) when the file cannot be
     // opened.
     static std::string GetMacAddress();
-    // The form body sent for the parameters.
+    // The form body sent for the parameters: each value percent-encoded,
+    // so that one of digits and letters only is sent as it is.
     std::string BuildBody(const std::string& macAddress) const;
 
     const std::string& GetScheduleKbn() const { return scheduleKbn_; }
@@ -58,17 +68,21 @@ private:
     void Exchange(const std::string& body, std::string& contentType);
     void ThrowIfAborted();
     void Publish(int fd);
+    void Expire();
+    std::string FailureText(const Poco::Exception& e);
 
     ScheduleServerAccessRequestCallback* callback_;
     std::shared_ptr<ScheduleServerAccessRequestCallback> owner_;
     std::string scheduleKbn_;
     std::string powerPlantId_;
     std::string url_;
-    // Guards `socket_`, the descriptor Abort shuts down (-1 when none is
-    // published), and `aborted_`.
+    Poco::Timespan budget_;
+    // Guards `socket_`, the descriptor Abort and the deadline shut down (-1
+    // when none is published), `aborted_` and `expired_`.
     Poco::FastMutex abortMutex_;
     int socket_;
     bool aborted_;
+    bool expired_;
 };
 
 } // namespace brvo

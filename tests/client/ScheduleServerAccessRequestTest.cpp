@@ -180,12 +180,32 @@ TEST_F(ScheduleServerAccessRequestTest, QueryOfTheUrlIsNotSent) {
     EXPECT_EQ("POST /check HTTP/1.1", server.Requests()[0].requestLine);
 }
 
-TEST_F(ScheduleServerAccessRequestTest, ValuesAreSentWithoutEncoding) {
+TEST_F(ScheduleServerAccessRequestTest, ValuesOtherThanLettersAndDigitsAreEncoded) {
     HttpTestServer server(HttpTestServer::Answer(200, "text/plain", "x"));
     Recorder recorder;
-    Exchange(recorder, "9993", "a b&c=d", server.Url("/"));
-    EXPECT_EQ("power_plant_id=a b&c=d&mac_address=001A2B3C4D5E&schedule_kbn=9993",
-              server.Requests().at(0).body);
+    Exchange(recorder, "9993", "a b&c=d\r\nX: 1%", server.Url("/"));
+    const std::string sent = "power_plant_id=a%20b%26c%3Dd%0D%0AX%3A%201%25&mac_address=001A2B3C4D5E&schedule_kbn=9993";
+    EXPECT_EQ(sent, server.Requests().at(0).body);
+    ASSERT_EQ(1u, server.Requests().size());
+    EXPECT_TRUE(HasHeader(server.Requests()[0], "Content-Length: " + std::to_string(sent.size())));
+}
+
+TEST_F(ScheduleServerAccessRequestTest, HexDigitValuesAreSentAsTheyAre) {
+    Recorder recorder;
+    ScheduleServerAccessRequest* request = new ScheduleServerAccessRequest(&recorder);
+    request->SetParameters("0000", "0123456789abcdefABCDEF", "http://127.0.0.1/");
+    EXPECT_EQ("power_plant_id=0123456789abcdefABCDEF&mac_address=001A2B3C4D5E&schedule_kbn=0000",
+              request->BuildBody("001A2B3C4D5E"));
+    request->release();
+}
+
+TEST_F(ScheduleServerAccessRequestTest, TheFailureShowsTheBodyAsSent) {
+    Recorder recorder;
+    Exchange(recorder, "8888", "1&2", "http://127.0.0.1:" + std::to_string(test::ClosedPort()) + "/s");
+    EXPECT_EQ(1, recorder.status);
+    const std::string tail = "] request_body[power_plant_id=1%262&mac_address=001A2B3C4D5E&schedule_kbn=8888]";
+    ASSERT_GE(recorder.message.size(), tail.size());
+    EXPECT_EQ(tail, recorder.message.substr(recorder.message.size() - tail.size()));
 }
 
 TEST_F(ScheduleServerAccessRequestTest, DashedMacAddressIsNormalised) {
@@ -245,13 +265,40 @@ TEST_F(ScheduleServerAccessRequestTest, MissingContentLengthIsAnOtherException) 
     EXPECT_EQ("text/plain", recorder.contentType);
 }
 
-TEST_F(ScheduleServerAccessRequestTest, ShorterBodyLeavesZeros) {
-    HttpTestServer server(HttpTestServer::Answer(200, "application/octet-stream", "abc", 8));
+// The missing bytes of a body cut short must not read as zeros: a zero
+// checksum over zero rates would pass for a schedule.
+TEST_F(ScheduleServerAccessRequestTest, BodyShorterThanAnnouncedFailsTheExchange) {
+    HttpTestServer server(HttpTestServer::Answer(200, "application/octet-stream", std::string(17, 'a'), 131));
     Recorder recorder;
     Exchange(recorder, "0000", "P", server.Url("/"));
-    EXPECT_EQ(0, recorder.status);
-    EXPECT_EQ(8, recorder.dataLength);
-    EXPECT_EQ(std::string("abc") + std::string(5, '\0'), recorder.body);
+    EXPECT_EQ(1, recorder.status);
+    EXPECT_EQ(0, recorder.httpStatus);
+    EXPECT_FALSE(recorder.hasData);
+    EXPECT_EQ(0, recorder.dataLength);
+    EXPECT_EQ("schedule server access failed. EXCEPTION[I/O error: answer ended after 17 of 131 bytes] "
+              "request_body[power_plant_id=P&mac_address=001A2B3C4D5E&schedule_kbn=0000]",
+              recorder.message);
+    EXPECT_TRUE(test::HasLogLine(LogLines(), "E", kTag, recorder.message));
+}
+
+TEST_F(ScheduleServerAccessRequestTest, ConnectionResetInsideTheBodyFailsTheExchange) {
+    HttpTestServer server(HttpTestServer::Answer(200, "application/octet-stream", std::string(17, 'a'), 131));
+    server.ResetAfterAnswer();
+    Recorder recorder;
+    Exchange(recorder, "0000", "P", server.Url("/"));
+    EXPECT_EQ(1, recorder.status);
+    EXPECT_FALSE(recorder.hasData);
+    EXPECT_EQ(0u, recorder.message.find(kFailurePrefix + "I/O error: answer ended after ")) << recorder.message;
+    EXPECT_NE(std::string::npos, recorder.message.find(" of 131 bytes")) << recorder.message;
+}
+
+TEST_F(ScheduleServerAccessRequestTest, BodyOfTheAnnouncedLengthIsComplete) {
+    const std::string body(3000, 'z');
+    HttpTestServer server(HttpTestServer::Answer(200, "application/octet-stream", body));
+    Recorder recorder;
+    Exchange(recorder, "0000", "P", server.Url("/"));
+    EXPECT_EQ(0, recorder.status) << recorder.message;
+    EXPECT_EQ(body, recorder.body);
 }
 
 TEST_F(ScheduleServerAccessRequestTest, LongerBodyIsCutAtTheAnnouncedLength) {
@@ -263,13 +310,26 @@ TEST_F(ScheduleServerAccessRequestTest, LongerBodyIsCutAtTheAnnouncedLength) {
     EXPECT_EQ("abc", recorder.body);
 }
 
-TEST_F(ScheduleServerAccessRequestTest, AbsurdAnnouncedLengthIsRefused) {
-    HttpTestServer server(
-        HttpTestServer::Answer(200, "application/octet-stream", "abc", 40LL * 1024 * 1024 * 1024));
+TEST_F(ScheduleServerAccessRequestTest, AnnouncedLengthOverTheCapIsRefused) {
+    for (const long long announced : {262145LL, 64LL * 1024 * 1024, 40LL * 1024 * 1024 * 1024}) {
+        HttpTestServer server(HttpTestServer::Answer(200, "application/octet-stream", "abc", announced));
+        Recorder recorder;
+        Exchange(recorder, "0000", "P", server.Url("/"));
+        EXPECT_EQ(1, recorder.status);
+        EXPECT_FALSE(recorder.hasData);
+        EXPECT_EQ(0u, recorder.message.find(kFailurePrefix + "Out of range: answer announces " +
+                                            std::to_string(announced) + " bytes, more than the 262144 taken]"))
+            << recorder.message;
+    }
+}
+
+TEST_F(ScheduleServerAccessRequestTest, AnnouncedLengthAtTheCapIsTaken) {
+    const std::string body(262144, 'q');
+    HttpTestServer server(HttpTestServer::Answer(200, "application/octet-stream", body));
     Recorder recorder;
     Exchange(recorder, "0000", "P", server.Url("/"));
-    EXPECT_EQ(2, recorder.status);
-    EXPECT_FALSE(recorder.hasData);
+    EXPECT_EQ(0, recorder.status) << recorder.message;
+    EXPECT_EQ(body, recorder.body);
 }
 
 TEST_F(ScheduleServerAccessRequestTest, GarbageAnswerIsALibraryException) {
@@ -409,6 +469,134 @@ TEST_F(ScheduleServerAccessRequestTest, AbortAfterTheExchangeChangesNothing) {
     EXPECT_EQ(0, recorder.status);
     EXPECT_EQ(200, recorder.httpStatus);
     EXPECT_EQ("done", recorder.body);
+    EXPECT_FALSE(recorder.done.tryWait(200));
+    EXPECT_EQ(1, recorder.calls);
+}
+
+// Server addresses that must not reach the wire: each fails before a
+// connection is made, with the reason in the message.
+TEST_F(ScheduleServerAccessRequestTest, UnusableServerAddressesAreRefusedBeforeConnecting) {
+    HttpTestServer server(HttpTestServer::Answer(200, "text/plain", "x"));
+    const std::string port = std::to_string(server.Port());
+    const std::string control = "Syntax error: server address holds a control character";
+    const struct {
+        std::string url;
+        std::string reason;
+    } cases[] = {
+        {"http://127.0.0.1:" + port + "/a\r\nX-Injected: 1", control},
+        {"http://127.0.0.1:" + port + "/a%0D%0AX-Injected:%201", control},
+        {"http://127.0.0.1:" + port + "/a%0d%0aX-Injected:%201", control},
+        {"http://127.0.0.1:" + port + "/a?q=%00", control},
+        {"http://127.0.0.1:" + port + "/a#%7f", control},
+        {"http://127.0.0.1:" + port + "/a\tb", control},
+        {"ftp://127.0.0.1:" + port + "/a", "Syntax error: server address is neither http nor https: ftp"},
+        {"127.0.0.1:" + port + "/a", "Syntax error: server address is neither http nor https"},
+        {"http:///a", "Syntax error: server address names no host"},
+    };
+    for (const auto& item : cases) {
+        Recorder recorder;
+        Exchange(recorder, "8888", "P", item.url);
+        EXPECT_EQ(1, recorder.status) << item.url;
+        EXPECT_EQ(0, recorder.httpStatus);
+        EXPECT_FALSE(recorder.hasData);
+        EXPECT_EQ(0u, recorder.message.find(kFailurePrefix + item.reason)) << recorder.message;
+    }
+    // The server would have recorded a request within this time.
+    Poco::Thread::sleep(300);
+    EXPECT_TRUE(server.Requests().empty());
+}
+
+TEST_F(ScheduleServerAccessRequestTest, EncodedCharactersOtherThanControlsStayAllowed) {
+    HttpTestServer server(HttpTestServer::Answer(200, "text/plain", "x"));
+    Recorder recorder;
+    Exchange(recorder, "8888", "P", "HTTP://127.0.0.1:" + std::to_string(server.Port()) + "/a%41b%2fc?q=%7e");
+    EXPECT_EQ(0, recorder.status) << recorder.message;
+    ASSERT_EQ(1u, server.Requests().size());
+    EXPECT_EQ("POST /aAb/c HTTP/1.1", server.Requests()[0].requestLine);
+}
+
+// A server that sends its answer a byte at a time holds the exchange only
+// until the deadline, wherever the answer stands.
+TEST_F(ScheduleServerAccessRequestTest, TricklingServerIsCutOffAtTheDeadline) {
+    HttpTestServer server(HttpTestServer::Answer(200, "application/octet-stream", std::string(100, 'd')));
+    server.Drip(100);
+    Recorder recorder;
+    ScheduleServerAccessRequest* request = new ScheduleServerAccessRequest(&recorder);
+    request->SetParameters("0000", "P", server.Url("/"));
+    request->SetDeadline(Poco::Timespan(1, 0));
+    const Poco::Timestamp started;
+    channel_.Enqueue(request);
+    ASSERT_TRUE(recorder.done.tryWait(static_cast<long>(10000 * test::TimeScale())));
+    EXPECT_GE(started.elapsed(), 1000 * 1000);
+    EXPECT_LT(started.elapsed(), 8000 * 1000 * test::TimeScale());
+    EXPECT_EQ(1, recorder.status);
+    EXPECT_FALSE(recorder.hasData);
+    EXPECT_EQ(0u, recorder.message.find(kFailurePrefix + "Timeout: schedule server exchange exceeded 1 s]"))
+        << recorder.message;
+    EXPECT_TRUE(test::HasLogLine(LogLines(), "E", kTag, recorder.message));
+}
+
+TEST_F(ScheduleServerAccessRequestTest, ConnectThatHangsEndsAtTheDeadline) {
+    FullBacklog server;
+    Recorder recorder;
+    ScheduleServerAccessRequest* request = new ScheduleServerAccessRequest(&recorder);
+    request->SetParameters("0000", "P", "http://127.0.0.1:" + std::to_string(server.Port()) + "/s");
+    request->SetDeadline(Poco::Timespan(0, 500000));
+    const Poco::Timestamp started;
+    channel_.Enqueue(request);
+    ASSERT_TRUE(recorder.done.tryWait(static_cast<long>(10000 * test::TimeScale())));
+    EXPECT_LT(started.elapsed(), 8000 * 1000 * test::TimeScale());
+    EXPECT_EQ(1, recorder.status);
+    EXPECT_EQ(0u, recorder.message.find(kFailurePrefix + "Timeout: schedule server exchange exceeded 500 ms]"))
+        << recorder.message;
+}
+
+// A TLS server that never finishes its handshake (here a plain server that
+// says nothing) is cut off at the deadline too.
+TEST_F(ScheduleServerAccessRequestTest, HandshakeThatNeverEndsEndsAtTheDeadline) {
+    HttpTestServer server(std::string(), kStalledMs);
+    Recorder recorder;
+    ScheduleServerAccessRequest* request = new ScheduleServerAccessRequest(&recorder);
+    request->SetParameters("0000", "P", "https://127.0.0.1:" + std::to_string(server.Port()) + "/s");
+    request->SetDeadline(Poco::Timespan(1, 0));
+    const Poco::Timestamp started;
+    channel_.Enqueue(request);
+    ASSERT_TRUE(recorder.done.tryWait(static_cast<long>(10000 * test::TimeScale())));
+    EXPECT_LT(started.elapsed(), 4000 * 1000 * test::TimeScale());
+    EXPECT_EQ(1, recorder.status);
+    EXPECT_EQ(0u, recorder.message.find(kFailurePrefix + "Timeout: schedule server exchange exceeded 1 s]"))
+        << recorder.message;
+}
+
+TEST_F(ScheduleServerAccessRequestTest, TrickleOverTlsEndsAtTheDeadline) {
+    ASSERT_TRUE(test::MakeCertificate("/tmp/server.pem", "/tmp/server.key"));
+    test::WriteFile("/media/sdcard/kestrovanyx/Certificates/server.pem", test::ReadFile("/tmp/server.pem"));
+    HttpTestServer server(HttpTestServer::Answer(200, "text/plain", std::string(100, 't')),
+                          HttpTestServer::Tls{"/tmp/server.pem", "/tmp/server.key"});
+    server.Drip(100);
+    Recorder recorder;
+    ScheduleServerAccessRequest* request = new ScheduleServerAccessRequest(&recorder);
+    request->SetParameters("0000", "P", server.Url("/s"));
+    request->SetDeadline(Poco::Timespan(2, 0));
+    channel_.Enqueue(request);
+    ASSERT_TRUE(recorder.done.tryWait(static_cast<long>(12000 * test::TimeScale())));
+    EXPECT_EQ(1, recorder.status);
+    EXPECT_EQ(1u, server.Requests().size());
+    EXPECT_EQ(0u, recorder.message.find(kFailurePrefix + "Timeout: schedule server exchange exceeded 2 s]"))
+        << recorder.message;
+}
+
+// An exchange that ends well within its deadline is not disturbed by it.
+TEST_F(ScheduleServerAccessRequestTest, ShortDeadlineLeavesAPromptAnswerAlone) {
+    HttpTestServer server(HttpTestServer::Answer(200, "text/plain", "prompt"));
+    Recorder recorder;
+    ScheduleServerAccessRequest* request = new ScheduleServerAccessRequest(&recorder);
+    request->SetParameters("0000", "P", server.Url("/"));
+    request->SetDeadline(Poco::Timespan(5, 0));
+    channel_.Enqueue(request);
+    ASSERT_TRUE(recorder.done.tryWait(30000));
+    EXPECT_EQ(0, recorder.status) << recorder.message;
+    EXPECT_EQ("prompt", recorder.body);
     EXPECT_FALSE(recorder.done.tryWait(200));
     EXPECT_EQ(1, recorder.calls);
 }

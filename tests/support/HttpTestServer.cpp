@@ -37,7 +37,7 @@ HttpTestServer::HttpTestServer(const std::string& answer, int delayMs)
 }
 
 HttpTestServer::HttpTestServer(const std::string& answer, const Tls& tls)
-    : answers_{answer}, delayMs_(0), released_(Poco::Event::EVENT_MANUALRESET), scheme_("https"),
+    : answers_{answer}, delayMs_(0), dripMs_(0), reset_(false), released_(Poco::Event::EVENT_MANUALRESET), scheme_("https"),
       socket_(Poco::Net::SecureServerSocket(
           Poco::Net::SocketAddress("127.0.0.1", 0), 64,
           new Poco::Net::Context(Poco::Net::Context::TLS_SERVER_USE, tls.keyFile, tls.certificateFile, "",
@@ -47,7 +47,7 @@ HttpTestServer::HttpTestServer(const std::string& answer, const Tls& tls)
 }
 
 HttpTestServer::HttpTestServer(const std::vector<std::string>& answers)
-    : answers_(answers), delayMs_(0), released_(Poco::Event::EVENT_MANUALRESET), scheme_("http"),
+    : answers_(answers), delayMs_(0), dripMs_(0), reset_(false), released_(Poco::Event::EVENT_MANUALRESET), scheme_("http"),
       socket_(Poco::Net::SocketAddress("127.0.0.1", 0)), port_(socket_.address().port()), stop_(false) {
     thread_.start(*this);
 }
@@ -132,7 +132,22 @@ void HttpTestServer::Serve(Poco::Net::StreamSocket& socket) {
     // Released at once when the test releases it or the server stops, so a
     // server told to stall longer than a test runs still stops with it.
     if (delayMs_ > 0) released_.tryWait(delayMs_);
-    socket.sendBytes(answer.data(), static_cast<int>(answer.size()));
+    Send(socket, answer);
+}
+
+void HttpTestServer::Send(Poco::Net::StreamSocket& socket, const std::string& answer) {
+    if (dripMs_ > 0) {
+        for (std::size_t i = 0; i < answer.size() && !stop_; ++i) {
+            if (socket.sendBytes(answer.data() + i, 1) <= 0) return;
+            released_.tryWait(dripMs_);
+        }
+    } else {
+        socket.sendBytes(answer.data(), static_cast<int>(answer.size()));
+    }
+    if (reset_) {
+        socket.setLinger(true, 0);
+        return;
+    }
     socket.shutdownSend();
 }
 

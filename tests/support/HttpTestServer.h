@@ -59,6 +59,13 @@ public:
     // they are answered at once. Lets a test hold a client for as long as it
     // needs and no longer.
     void Release();
+    // Sends every later answer one byte at a time, `ms` apart, as a server
+    // that trickles its answer; it stops when the client leaves or the
+    // server stops.
+    void Drip(int ms) { dripMs_ = ms; }
+    // Ends every later connection with a reset (RST) right after the
+    // answer, instead of an orderly close.
+    void ResetAfterAnswer() { reset_ = true; }
 
     // A complete answer: status line, Content-Type (when not empty), a
     // Content-Length of `announced` (the body's own length when negative;
@@ -69,9 +76,12 @@ public:
 
 private:
     void Serve(Poco::Net::StreamSocket& socket);
+    void Send(Poco::Net::StreamSocket& socket, const std::string& answer);
 
     std::vector<std::string> answers_;
     std::atomic<int> delayMs_;
+    std::atomic<int> dripMs_;
+    std::atomic<bool> reset_;
     Poco::Event released_;
     std::string scheme_;
     Poco::Net::ServerSocket socket_;
