@@ -55,6 +55,8 @@ public:
     std::string Url(const std::string& path) const;
     // The requests received so far.
     std::vector<Received> Requests() const;
+    // The connections accepted so far, with a request or without.
+    int Connections() const { return connections_; }
     // Ends the delay of the request being held now and of every later one:
     // they are answered at once. Lets a test hold a client for as long as it
     // needs and no longer.
@@ -82,6 +84,7 @@ private:
     std::atomic<int> delayMs_;
     std::atomic<int> dripMs_;
     std::atomic<bool> reset_;
+    std::atomic<int> connections_;
     Poco::Event released_;
     std::string scheme_;
     Poco::Net::ServerSocket socket_;
