@@ -281,7 +281,7 @@ std::vector<char> ReadBody(std::istream& in, const Poco::Net::HTTPClientSession&
 } // namespace
 
 ScheduleServerAccessRequest::ScheduleServerAccessRequest(ScheduleServerAccessRequestCallback* callback)
-    : callback_(callback), budget_(kExchangeDeadline), socket_(-1), aborted_(false), expired_(false) {}
+    : callback_(callback), budget_(kExchangeDeadline), deadline_(0), socket_(-1), aborted_(false), expired_(false) {}
 
 ScheduleServerAccessRequest::~ScheduleServerAccessRequest() {}
 
@@ -316,11 +316,15 @@ void ScheduleServerAccessRequest::Publish(int fd) {
 }
 
 // The display text of a failed exchange: what the library said, unless the
-// exchange was cut short by Abort or by its deadline, which then say so.
+// exchange was cut short by Abort or by its deadline, which then say so. A
+// wait whose own time-out ran out with the deadline counts as the deadline.
 std::string ScheduleServerAccessRequest::FailureText(const Poco::Exception& e) {
+    const bool late = deadline_ != 0 && Poco::Clock().raw() >= deadline_;
     Poco::FastMutex::ScopedLock lock(abortMutex_);
     if (aborted_) return Poco::IOException("exchange aborted, the daemon is stopping").displayText();
-    if (expired_) return Poco::TimeoutException("schedule server exchange exceeded " + BudgetText(budget_)).displayText();
+    if (expired_ || late) {
+        return Poco::TimeoutException("schedule server exchange exceeded " + BudgetText(budget_)).displayText();
+    }
     return e.displayText();
 }
 
@@ -382,10 +386,14 @@ void ScheduleServerAccessRequest::Execute() {
 // length; only a complete answer is reported. An answer without a length
 // cannot be sized and fails, as does one that announces more than the
 // device takes in. The whole exchange must end within the budget: at its
-// deadline the socket is shut down, whatever the exchange is waiting for.
+// deadline the socket is shut down, whatever the exchange is waiting for
+// (connect, TLS handshake, send or receive). The lookup of the server's
+// name is the one step it cannot reach: the C library's resolver has no
+// socket to shut down and keeps its own time-outs.
 void ScheduleServerAccessRequest::Exchange(const std::string& body, std::string& contentType) {
     const Poco::URI uri = ServerUri(url_);
     const Poco::Clock deadline = Poco::Clock() + budget_.totalMicroseconds();
+    deadline_ = deadline.raw();
     const std::function<void(int)> publish = [this](int fd) { Publish(fd); };
     std::unique_ptr<Poco::Net::HTTPClientSession> opened = OpenSession(uri, deadline, publish);
     Poco::Net::HTTPClientSession& session = *opened;

@@ -77,6 +77,9 @@ private:
     std::string powerPlantId_;
     std::string url_;
     Poco::Timespan budget_;
+    // When the exchange under way must end, on the monotonic clock, in
+    // microseconds; 0 before it starts. Used by the worker thread only.
+    Poco::Int64 deadline_;
     // Guards `socket_`, the descriptor Abort and the deadline shut down (-1
     // when none is published), `aborted_` and `expired_`.
     Poco::FastMutex abortMutex_;

@@ -371,6 +371,22 @@ TEST_F(ScheduleServerAccessRequestTest, HttpsServerWithAnUnknownCertificateFails
     EXPECT_TRUE(server.Requests().empty());
 }
 
+// The handshake runs on a socket the exchange made itself: the server's
+// certificate must still name the host asked for.
+TEST_F(ScheduleServerAccessRequestTest, HttpsServerWhoseCertificateNamesAnotherHostFails) {
+    ASSERT_TRUE(test::MakeCertificate("/tmp/server.pem", "/tmp/server.key"));
+    test::WriteFile("/media/sdcard/kestrovanyx/Certificates/server.pem", test::ReadFile("/tmp/server.pem"));
+    HttpTestServer server(HttpTestServer::Answer(200, "text/plain", "x"),
+                          HttpTestServer::Tls{"/tmp/server.pem", "/tmp/server.key"});
+    Recorder recorder;
+    Exchange(recorder, "0000", "P", "https://localhost:" + std::to_string(server.Port()) + "/s");
+    EXPECT_EQ(1, recorder.status);
+    EXPECT_EQ(0u, recorder.message.find(kFailurePrefix)) << recorder.message;
+    EXPECT_NE(std::string::npos, recorder.message.find("Unacceptable certificate from localhost"))
+        << recorder.message;
+    EXPECT_TRUE(server.Requests().empty());
+}
+
 TEST_F(ScheduleServerAccessRequestTest, ParametersFromTheSystemSettings) {
     HttpTestServer server(HttpTestServer::Answer(200, "text/plain", "x"));
     test::WriteFile(test::SystemSettingPath(),

@@ -37,7 +37,8 @@ HttpTestServer::HttpTestServer(const std::string& answer, int delayMs)
 }
 
 HttpTestServer::HttpTestServer(const std::string& answer, const Tls& tls)
-    : answers_{answer}, delayMs_(0), dripMs_(0), reset_(false), connections_(0), released_(Poco::Event::EVENT_MANUALRESET), scheme_("https"),
+    : answers_{answer}, delayMs_(0), dripMs_(0), reset_(false), connections_(0),
+      released_(Poco::Event::EVENT_MANUALRESET), scheme_("https"),
       socket_(Poco::Net::SecureServerSocket(
           Poco::Net::SocketAddress("127.0.0.1", 0), 64,
           new Poco::Net::Context(Poco::Net::Context::TLS_SERVER_USE, tls.keyFile, tls.certificateFile, "",
@@ -47,7 +48,8 @@ HttpTestServer::HttpTestServer(const std::string& answer, const Tls& tls)
 }
 
 HttpTestServer::HttpTestServer(const std::vector<std::string>& answers)
-    : answers_(answers), delayMs_(0), dripMs_(0), reset_(false), connections_(0), released_(Poco::Event::EVENT_MANUALRESET), scheme_("http"),
+    : answers_(answers), delayMs_(0), dripMs_(0), reset_(false), connections_(0),
+      released_(Poco::Event::EVENT_MANUALRESET), scheme_("http"),
       socket_(Poco::Net::SocketAddress("127.0.0.1", 0)), port_(socket_.address().port()), stop_(false) {
     thread_.start(*this);
 }
