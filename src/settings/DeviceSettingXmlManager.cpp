@@ -5,15 +5,14 @@
 #include "app/Constants.h"
 #include "settings/SystemSettingXmlManager.h"
 #include "settings/XmlNode.h"
+#include "settings/XmlSettingsParser.h"
 #include "util/FileChangeWatch.h"
 #include "util/FileUtil.h"
 #include "util/LoggerLog.h"
 
 #include <Poco/AutoPtr.h>
-#include <Poco/DOM/DOMParser.h>
 #include <Poco/DOM/Document.h>
 #include <Poco/Exception.h>
-#include <Poco/SAX/XMLReader.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -24,8 +23,6 @@ namespace brvo {
 namespace {
 
 const std::string kTag = "DeviceSettingXmlManager";
-// Larger description files are not kept in memory, only parsed.
-const std::size_t kMaxCachedFileBytes = 4 * 1024 * 1024;
 const std::string kAddressPath = "channelList/channel/addressList/address";
 const std::string kLimitPath =
     "lggrdev:Device/lggrdev:Properties/lggrdev:Property/lggrdev:Variables/"
@@ -140,8 +137,10 @@ bool DeviceSettingXmlManager::CachedLimitFile(const std::string& path, LimitFile
 bool DeviceSettingXmlManager::ReadLimitFile(const std::string& path, Limit& limit) {
     const std::int64_t generation = FileChangeWatch::Instance().Arm(path);
     std::string text;
-    if (!FileUtil::ReadWholeFile(path, text, kMaxCachedFileBytes)) {
-        return ApplyLimitFile(ParseLimitFile(path, nullptr), limit);
+    std::string unusable;
+    if (!XmlSettingsParser::ReadFile(path, text, unusable)) {
+        LoggerLog::Error(kTag, "Device setting xml error. EXCEPTION[" + unusable + "]");
+        return false;
     }
     {
         Poco::FastMutex::ScopedLock lock(cacheMutex_);
@@ -150,7 +149,7 @@ bool DeviceSettingXmlManager::ReadLimitFile(const std::string& path, Limit& limi
             return ApplyLimitFile(limitFile_, limit);
         }
     }
-    const LimitFile file = ParseLimitFile(path, &text);
+    const LimitFile file = ParseLimitFile(path, text);
     {
         Poco::FastMutex::ScopedLock lock(cacheMutex_);
         limitPath_ = path;
@@ -162,16 +161,11 @@ bool DeviceSettingXmlManager::ReadLimitFile(const std::string& path, Limit& limi
     return ApplyLimitFile(file, limit);
 }
 
-// Parses `text` (read from `path`), or the file itself when `text` is null.
-// Element names keep their "lggrdev:" prefix: namespace processing is off.
-// Throws what the parser throws.
+// Parses `text`, read from `path`. Element names keep their "lggrdev:"
+// prefix: namespace processing is off. Throws what the parser throws.
 DeviceSettingXmlManager::LimitFile DeviceSettingXmlManager::ParseLimitFile(const std::string& path,
-                                                                           const std::string* text) {
-    Poco::XML::DOMParser parser;
-    parser.setEncoding("UTF-8");
-    parser.setFeature(Poco::XML::XMLReader::FEATURE_NAMESPACES, false);
-    parser.setFeature(Poco::XML::XMLReader::FEATURE_NAMESPACE_PREFIXES, false);
-    Poco::AutoPtr<Poco::XML::Document> document = XmlNode::ParseDocument(parser, path, text);
+                                                                           const std::string& text) {
+    Poco::AutoPtr<Poco::XML::Document> document = XmlSettingsParser::Parse(path, text, false);
     LimitFile file;
     const Poco::XML::Node* root = document->getNodeByPath(kEchonetLiteDevicesPath);
     if (root == nullptr) return file;

@@ -50,7 +50,8 @@ public:
     // `limit`, each replaced only by a readable number (decimal, 0x hex or
     // leading-0 octal). True when the description file was read, even when
     // it holds no Limit variable; false (with a log line) when the device,
-    // its file or the file's root is missing, or the file cannot be parsed.
+    // its file or the file's root is missing, or the file is no regular
+    // file, is larger than the settings cap or cannot be parsed.
     bool GetLimit(Limit& limit);
 
 private:
@@ -69,7 +70,7 @@ private:
     // Reads and parses `path` (unless its bytes are the ones last parsed)
     // and applies what it says to `limit`. Throws what the parser throws.
     bool ReadLimitFile(const std::string& path, Limit& limit);
-    static LimitFile ParseLimitFile(const std::string& path, const std::string* text);
+    static LimitFile ParseLimitFile(const std::string& path, const std::string& text);
     static bool ApplyLimitFile(const LimitFile& file, Limit& limit);
 
     SystemSettingXmlManager& systemSettings_;

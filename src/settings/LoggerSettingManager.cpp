@@ -3,11 +3,11 @@
 #include <atomic>
 
 #include "settings/XmlNode.h"
+#include "settings/XmlSettingsParser.h"
 #include "util/FileUtil.h"
 #include "util/LoggerLog.h"
 
 #include <Poco/AutoPtr.h>
-#include <Poco/DOM/DOMParser.h>
 #include <Poco/DOM/Document.h>
 #include <Poco/Exception.h>
 
@@ -107,14 +107,17 @@ void LoggerSettingManager::SetDefaults() {
     table[kSocketTimeout] = "60";
 }
 
-// A missing, unreadable or malformed file leaves the defaults in force and is
-// not logged: the log itself is configured from these values afterwards.
+// A missing, unreadable, oversized or malformed file (too deep a nesting
+// included), or one that is no regular file, leaves the defaults in force
+// and is not logged: the log itself is configured from these values
+// afterwards.
 void LoggerSettingManager::Load() {
     try {
-        Poco::XML::DOMParser parser;
-        parser.setEncoding("UTF-8");
-        Poco::AutoPtr<Poco::XML::Document> document =
-            parser.parse(FileUtil::GetLoggerSettingFile());
+        const std::string path = FileUtil::GetLoggerSettingFile();
+        std::string text;
+        std::string unusable;
+        if (!XmlSettingsParser::ReadFile(path, text, unusable)) return;
+        Poco::AutoPtr<Poco::XML::Document> document = XmlSettingsParser::Parse(path, text, true);
         Poco::XML::Node* root = document->getNodeByPath(kRootPath);
         if (root == nullptr) return;
         XmlNode tree(nullptr, root);

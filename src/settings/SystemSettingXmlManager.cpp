@@ -4,12 +4,12 @@
 
 #include "app/Constants.h"
 #include "settings/XmlNode.h"
+#include "settings/XmlSettingsParser.h"
 #include "util/FileChangeWatch.h"
 #include "util/FileUtil.h"
 #include "util/LoggerLog.h"
 
 #include <Poco/AutoPtr.h>
-#include <Poco/DOM/DOMParser.h>
 #include <Poco/DOM/Document.h>
 #include <Poco/Exception.h>
 
@@ -24,8 +24,6 @@ const std::string kTag = "SystemSettingXmlManager";
 const std::string kLoadErrorKind = "SystemSettingXml Load error";
 const std::string kRootPath = "/logger";
 const std::string kRootName = "logger";
-// Larger settings files are not kept in memory, only parsed.
-const std::size_t kMaxCachedFileBytes = 4 * 1024 * 1024;
 
 // Read from every thread; created and deleted on the main thread.
 std::atomic<SystemSettingXmlManager*> instance(nullptr);
@@ -56,9 +54,9 @@ SystemSettingXmlManager::~SystemSettingXmlManager() {}
 // bytes last parsed is kept and handed out again while the file holds the
 // same bytes: without reading it while the change watch reports nothing
 // since those bytes were read, else after reading it and comparing. Any
-// other content is parsed anew. A file that cannot be read here is left to
-// the parser, which reports why as it always has.
-std::shared_ptr<XmlNode> SystemSettingXmlManager::ParseFile() {
+// other content is parsed anew. A file that is no regular file, or too
+// large, is not read at all: null, with the reason in `unusable`.
+std::shared_ptr<XmlNode> SystemSettingXmlManager::ParseFile(std::string& unusable) {
     FileChangeWatch& watch = FileChangeWatch::Instance();
     {
         Poco::FastMutex::ScopedLock lock(cacheMutex_);
@@ -67,7 +65,7 @@ std::shared_ptr<XmlNode> SystemSettingXmlManager::ParseFile() {
     const std::string path = FileUtil::GetSystemSettingFile();
     const std::int64_t generation = watch.Arm(path);
     std::string text;
-    if (!FileUtil::ReadWholeFile(path, text, kMaxCachedFileBytes)) return ParseDocument(path, nullptr);
+    if (!XmlSettingsParser::ReadFile(path, text, unusable)) return nullptr;
     {
         Poco::FastMutex::ScopedLock lock(cacheMutex_);
         if (cachedTree_ && text == cachedText_) {
@@ -75,7 +73,7 @@ std::shared_ptr<XmlNode> SystemSettingXmlManager::ParseFile() {
             return cachedTree_;
         }
     }
-    std::shared_ptr<XmlNode> tree = ParseDocument(path, &text);
+    std::shared_ptr<XmlNode> tree = ParseDocument(path, text);
     Poco::FastMutex::ScopedLock lock(cacheMutex_);
     cachedText_.swap(text);
     cachedTree_ = tree;
@@ -83,12 +81,10 @@ std::shared_ptr<XmlNode> SystemSettingXmlManager::ParseFile() {
     return tree;
 }
 
-// Parses `text` (read from `path`), or the file itself when `text` is null.
-// Throws what the parser throws, or MissingRoot.
-std::shared_ptr<XmlNode> SystemSettingXmlManager::ParseDocument(const std::string& path, const std::string* text) {
-    Poco::XML::DOMParser parser;
-    parser.setEncoding("UTF-8");
-    Poco::AutoPtr<Poco::XML::Document> document = XmlNode::ParseDocument(parser, path, text);
+// Parses `text`, read from `path`. Throws what the parser throws, or
+// MissingRoot.
+std::shared_ptr<XmlNode> SystemSettingXmlManager::ParseDocument(const std::string& path, const std::string& text) {
+    Poco::AutoPtr<Poco::XML::Document> document = XmlSettingsParser::Parse(path, text, true);
     Poco::XML::Node* root = document->getNodeByPath(kRootPath);
     if (root == nullptr) throw MissingRoot();
     return std::make_shared<XmlNode>(nullptr, root);
@@ -100,7 +96,12 @@ bool SystemSettingXmlManager::Load() {
 
 std::shared_ptr<XmlNode> SystemSettingXmlManager::LoadAndGetTree() {
     try {
-        std::shared_ptr<XmlNode> tree = ParseFile();
+        std::string unusable;
+        std::shared_ptr<XmlNode> tree = ParseFile(unusable);
+        if (!tree) {
+            LoggerLog::Error(kTag, "SystemSettingXml Load error(Load from file) [" + unusable + "]");
+            return nullptr;
+        }
         Poco::FastMutex::ScopedLock lock(mutex_);
         Fill(tree);
         return tree;
@@ -131,7 +132,10 @@ bool SystemSettingXmlManager::Load(const std::shared_ptr<XmlNode>& tree) {
 
 std::shared_ptr<XmlNode> SystemSettingXmlManager::LoadSystemSettingXmlNode() {
     try {
-        return ParseFile();
+        std::string unusable;
+        std::shared_ptr<XmlNode> tree = ParseFile(unusable);
+        if (!tree) LoggerLog::Error(kTag, "LoadSystemSettingXmlNode failed. [" + unusable + "]");
+        return tree;
     } catch (const MissingRoot&) {
         LoggerLog::Limited(LoggerLog::kError, kTag, kLoadErrorKind, "SystemSettingXml Load error(logger tag not found.) ");
     } catch (const Poco::Exception& e) {

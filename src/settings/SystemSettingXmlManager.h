@@ -31,8 +31,10 @@ public:
     virtual ~SystemSettingXmlManager();
 
     // Reads SystemSetting.xml and replaces the tree and both records. False
-    // (with a log line) when the file cannot be parsed or has no logger
-    // root; the previous values then stay.
+    // (with a log line) when the file is missing, is no regular file, is
+    // larger than the settings cap, cannot be parsed (elements nested deeper
+    // than the cap included) or has no logger root; the previous values
+    // then stay.
     bool Load();
     // Load(), returning the tree the values were filled from: the tree
     // LoadSystemSettingXmlNode would give for the same file. Null (with
@@ -67,8 +69,8 @@ public:
     void SetOutputControlStandAlone(bool standAlone);
 
 private:
-    std::shared_ptr<XmlNode> ParseFile();
-    static std::shared_ptr<XmlNode> ParseDocument(const std::string& path, const std::string* text);
+    std::shared_ptr<XmlNode> ParseFile(std::string& unusable);
+    static std::shared_ptr<XmlNode> ParseDocument(const std::string& path, const std::string& text);
     void Fill(const std::shared_ptr<XmlNode>& tree);
 
     // The manager is shared between the request workers and the timer

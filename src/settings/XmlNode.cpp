@@ -1,9 +1,9 @@
 #include "settings/XmlNode.h"
 
+#include "settings/XmlSettingsParser.h"
 #include "util/LoggerLog.h"
 
 #include <Poco/AutoPtr.h>
-#include <Poco/DOM/DOMParser.h>
 #include <Poco/DOM/Document.h>
 #include <Poco/DOM/DOMWriter.h>
 #include <Poco/DOM/Element.h>
@@ -13,12 +13,11 @@
 #include <Poco/DOM/Text.h>
 #include <Poco/Exception.h>
 #include <Poco/FileStream.h>
-#include <Poco/SAX/InputSource.h>
 #include <Poco/StringTokenizer.h>
 #include <Poco/XML/XMLWriter.h>
 
+#include <algorithm>
 #include <regex>
-#include <sstream>
 
 namespace brvo {
 
@@ -77,16 +76,46 @@ bool Matches(const XmlNode& node, const Step& step) {
     return XmlNode::GetAttribute(&node, step.attribute) == step.value;
 }
 
-void CollectNodes(const XmlNode& node, const std::vector<Step>& steps, std::size_t index,
-                  XmlNode::NodeList& result) {
-    for (XmlNode* child : node.GetChildren()) {
-        if (!Matches(*child, steps[index])) continue;
-        if (index + 1 < steps.size()) {
-            CollectNodes(*child, steps, index + 1, result);
-        } else {
-            result.push_back(child);
-        }
+// One level of a FindNodes walk: the node whose children are scanned for
+// path step `step`, and the next child to look at.
+struct Walk {
+    const XmlNode* node;
+    std::size_t step;
+    std::size_t next;
+};
+
+// One level of a ToString or Depth walk: a node and its next child.
+typedef std::vector<std::pair<const XmlNode*, std::size_t>> Descent;
+
+// "<" + name, the attributes, and ">" with the value or a line feed.
+void AppendStart(const XmlNode& node, std::string& text) {
+    text += "<" + node.GetName();
+    for (const auto& attribute : node.GetAttributes()) {
+        text += " " + attribute.first + "=\"" + attribute.second + "\"";
     }
+    if (node.GetChildren().empty()) {
+        text += ">";
+        text += node.GetValue();
+    } else {
+        text += ">\n";
+    }
+}
+
+// The closing mark, an empty-element mark carrying the name.
+void AppendEnd(const XmlNode& node, std::string& text) {
+    text += "<" + node.GetName() + "/>\n";
+}
+
+// An element with the node's name and attributes, holding its value as
+// text when it has no children.
+Poco::AutoPtr<Poco::XML::Element> CreateElement(Poco::XML::Document* document, const XmlNode& node) {
+    Poco::AutoPtr<Poco::XML::Element> element = document->createElement(node.GetName());
+    for (const auto& attribute : node.GetAttributes()) element->setAttribute(attribute.first, attribute.second);
+    if (node.GetChildren().empty() && !node.GetValue().empty()) {
+        Poco::AutoPtr<Poco::XML::Text> text = document->createTextNode(node.GetValue());
+        element->appendChild(text);
+    }
+    return element;
 }
 
 } // namespace
@@ -94,6 +123,28 @@ void CollectNodes(const XmlNode& node, const std::vector<Step>& steps, std::size
 XmlNode::XmlNode(XmlNode* parent, const Poco::XML::Node* domNode)
     : attributes_(new AttributeMap(10)), children_(new std::vector<XmlNode*>()) {
     if (domNode == nullptr) return;
+    try {
+        PendingCopies pending;
+        CopyElement(domNode, parent == nullptr, pending);
+        while (!pending.empty()) {
+            const PendingCopies::value_type copy = pending.back();
+            pending.pop_back();
+            copy.first->CopyElement(copy.second, false, pending);
+        }
+    } catch (...) {
+        Release();
+        throw;
+    }
+}
+
+XmlNode::XmlNode(const std::string& name)
+    : name_(name), attributes_(new AttributeMap(10)), children_(new std::vector<XmlNode*>()) {}
+
+XmlNode::~XmlNode() {
+    Release();
+}
+
+void XmlNode::CopyElement(const Poco::XML::Node* domNode, bool top, PendingCopies& pending) {
     name_ = domNode->nodeName();
     Poco::AutoPtr<Poco::XML::NamedNodeMap> attributes = domNode->attributes();
     if (attributes) {
@@ -102,25 +153,35 @@ XmlNode::XmlNode(XmlNode* parent, const Poco::XML::Node* domNode)
             (*attributes_)[attribute->nodeName()] = attribute->nodeValue();
         }
     }
-    if (parent == nullptr && !domNode->namespaceURI().empty()) {
-        (*attributes_)[kNamespaceKey] = domNode->namespaceURI();
-    }
+    if (top && !domNode->namespaceURI().empty()) (*attributes_)[kNamespaceKey] = domNode->namespaceURI();
     for (Poco::XML::Node* child = domNode->firstChild(); child != nullptr; child = child->nextSibling()) {
         if (child->nodeType() == Poco::XML::Node::TEXT_NODE) {
             value_ = child->nodeValue();
         } else if (child->nodeType() == Poco::XML::Node::ELEMENT_NODE) {
-            children_->push_back(new XmlNode(this, child));
+            std::unique_ptr<XmlNode> node(new XmlNode(std::string()));
+            children_->push_back(node.get());
+            XmlNode* added = node.release();
+            pending.emplace_back(added, child);
         }
     }
 }
 
-XmlNode::XmlNode(const std::string& name)
-    : name_(name), attributes_(new AttributeMap(10)), children_(new std::vector<XmlNode*>()) {}
-
-XmlNode::~XmlNode() {
+// A node's children are moved onto the list before it is deleted, so
+// that its own destructor finds none: the tree is freed without recursion.
+void XmlNode::Release() {
+    std::vector<XmlNode*> pending;
+    pending.swap(*children_);
+    while (!pending.empty()) {
+        XmlNode* node = pending.back();
+        pending.pop_back();
+        pending.insert(pending.end(), node->children_->begin(), node->children_->end());
+        node->children_->clear();
+        delete node;
+    }
     delete attributes_;
-    for (XmlNode* child : *children_) delete child;
     delete children_;
+    attributes_ = nullptr;
+    children_ = nullptr;
 }
 
 std::string XmlNode::GetAttribute(const XmlNode* node, const std::string& name) {
@@ -154,47 +215,92 @@ XmlNode* XmlNode::FindNode(const std::string& path) const {
     return result;
 }
 
+// Depth-first over the matching children, in document order: a child that
+// matches the last step is a result, one that matches an earlier step is
+// searched for the next step before its later siblings are looked at.
 std::shared_ptr<XmlNode::NodeList> XmlNode::FindNodes(const std::string& path) const {
     std::shared_ptr<NodeList> result = std::make_shared<NodeList>();
     const std::vector<Step> steps = ParsePath(path, MultiSelector());
-    CollectNodes(*this, steps, 0, *result);
+    std::vector<Walk> walks{{this, 0, 0}};
+    while (!walks.empty()) {
+        Walk& walk = walks.back();
+        if (walk.next == walk.node->children_->size()) {
+            walks.pop_back();
+            continue;
+        }
+        XmlNode* child = (*walk.node->children_)[walk.next++];
+        const std::size_t step = walk.step;
+        if (!Matches(*child, steps[step])) continue;
+        if (step + 1 < steps.size()) {
+            walks.push_back(Walk{child, step + 1, 0});
+        } else {
+            result->push_back(child);
+        }
+    }
     return result;
 }
 
 std::string XmlNode::ToString() const {
-    std::string text = "<" + name_;
-    for (const auto& attribute : *attributes_) {
-        text += " " + attribute.first + "=\"" + attribute.second + "\"";
+    std::string text;
+    AppendStart(*this, text);
+    Descent descent{{this, 0}};
+    while (!descent.empty()) {
+        const XmlNode* node = descent.back().first;
+        const std::size_t next = descent.back().second++;
+        if (next < node->children_->size()) {
+            const XmlNode* child = (*node->children_)[next];
+            AppendStart(*child, text);
+            descent.emplace_back(child, 0);
+        } else {
+            AppendEnd(*node, text);
+            descent.pop_back();
+        }
     }
-    if (children_->empty()) {
-        text += ">";
-        text += value_;
-    } else {
-        text += ">\n";
-        for (const XmlNode* child : *children_) text += child->ToString();
-    }
-    text += "<" + name_ + "/>\n";
     return text;
 }
 
-Poco::XML::Element* XmlNode::BuildElement(Poco::XML::Document* document) const {
-    Poco::XML::Element* element = document->createElement(name_);
-    for (const auto& attribute : *attributes_) element->setAttribute(attribute.first, attribute.second);
-    if (children_->empty()) {
-        if (!value_.empty()) {
-            Poco::AutoPtr<Poco::XML::Text> text = document->createTextNode(value_);
-            element->appendChild(text);
-        }
-    } else {
-        for (const XmlNode* child : *children_) {
-            Poco::AutoPtr<Poco::XML::Element> childElement = child->BuildElement(document);
-            element->appendChild(childElement);
+std::size_t XmlNode::Depth() const {
+    std::size_t deepest = 0;
+    Descent descent{{this, 0}};
+    while (!descent.empty()) {
+        deepest = std::max(deepest, descent.size());
+        const XmlNode* node = descent.back().first;
+        const std::size_t next = descent.back().second++;
+        if (next < node->children_->size()) {
+            descent.emplace_back((*node->children_)[next], 0);
+        } else {
+            descent.pop_back();
         }
     }
-    return element;
+    return deepest;
+}
+
+// The element of this node with the elements of its subtree, built level
+// by level from a list of elements still to be filled with children.
+Poco::XML::Element* XmlNode::BuildElement(Poco::XML::Document* document) const {
+    Poco::AutoPtr<Poco::XML::Element> root = CreateElement(document, *this);
+    std::vector<std::pair<const XmlNode*, Poco::XML::Element*>> pending{{this, root.get()}};
+    while (!pending.empty()) {
+        const XmlNode* node = pending.back().first;
+        Poco::XML::Element* element = pending.back().second;
+        pending.pop_back();
+        for (const XmlNode* child : *node->children_) {
+            Poco::AutoPtr<Poco::XML::Element> childElement = CreateElement(document, *child);
+            element->appendChild(childElement);
+            pending.emplace_back(child, childElement.get());
+        }
+    }
+    return root.duplicate();
 }
 
 bool XmlNode::Write(const std::string& path) const {
+    // The POCO DOM is written and released recursively: no deeper tree
+    // than a settings file may hold goes into it.
+    if (Depth() > static_cast<std::size_t>(XmlSettingsParser::kMaxDepth)) {
+        LoggerLog::Error(kTag, "Write xml failed (Exception). path[" + path + "] message[elements nested deeper than " +
+                                   std::to_string(XmlSettingsParser::kMaxDepth) + " levels]");
+        return false;
+    }
     try {
         Poco::AutoPtr<Poco::XML::Document> document = new Poco::XML::Document();
         Poco::AutoPtr<Poco::XML::Element> root = BuildElement(document);
@@ -213,15 +319,6 @@ bool XmlNode::Write(const std::string& path) const {
                                    e.displayText() + "]");
         return false;
     }
-}
-
-Poco::AutoPtr<Poco::XML::Document> XmlNode::ParseDocument(Poco::XML::DOMParser& parser, const std::string& path,
-                                                         const std::string* text) {
-    if (text == nullptr) return parser.parse(path);
-    std::istringstream stream(*text);
-    Poco::XML::InputSource source(stream);
-    source.setSystemId(path);
-    return parser.parse(&source);
 }
 
 } // namespace brvo

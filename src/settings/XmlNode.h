@@ -3,14 +3,16 @@
 #ifndef BRVO_SETTINGS_XMLNODE_H
 #define BRVO_SETTINGS_XMLNODE_H
 
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 namespace Poco {
 template <class C> class AutoPtr;
-namespace XML { class Node; class Element; class Document; class DOMParser; }
+namespace XML { class Node; class Element; class Document; }
 }
 
 namespace brvo {
@@ -23,6 +25,8 @@ public:
     // Copies `domNode` and its element subtree. `parent` is the node this
     // one hangs under, null for the top node of a tree; only the top node
     // records the DOM node's namespace URI, under the attribute key "xmlns".
+    // Like every operation of the class it uses no recursion, so a tree of
+    // any depth is built, searched, printed and freed alike.
     XmlNode(XmlNode* parent, const Poco::XML::Node* domNode);
     // An empty node with the given name.
     explicit XmlNode(const std::string& name);
@@ -50,18 +54,24 @@ public:
     // Never null; empty when nothing matches.
     std::shared_ptr<NodeList> FindNodes(const std::string& path) const;
 
-    // Parses `text`, the content of the file `path`, with `parser`, reporting
-    // errors as parsing the file would; parses the file itself when `text`
-    // is null. Throws what the parser throws.
-    static Poco::AutoPtr<Poco::XML::Document> ParseDocument(Poco::XML::DOMParser& parser, const std::string& path,
-                                                            const std::string* text);
-
     // The subtree as the class's fixed XML-like text form.
     std::string ToString() const;
-    // Writes the subtree as an XML file; false (and a log line) on failure.
+    // Writes the subtree as an XML file; false (and a log line) on failure,
+    // also for a tree nested deeper than the settings parser admits, which
+    // the POCO DOM writer could not take.
     bool Write(const std::string& path) const;
 
 private:
+    // Pending copies of the constructor: a node and the DOM node it takes.
+    typedef std::vector<std::pair<XmlNode*, const Poco::XML::Node*>> PendingCopies;
+
+    // Fills this node from `domNode` and adds an empty child for each of its
+    // elements, queued in `pending` to be filled in turn.
+    void CopyElement(const Poco::XML::Node* domNode, bool top, PendingCopies& pending);
+    // Frees the children, node by node, then the node's own tables.
+    void Release();
+    // Levels of the subtree, this node being level 1.
+    std::size_t Depth() const;
     Poco::XML::Element* BuildElement(Poco::XML::Document* document) const;
 
     std::string name_;

@@ -8,8 +8,12 @@
 #include <Poco/Mutex.h>
 #include <Poco/Path.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
+#include <cstring>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace brvo {
@@ -27,6 +31,41 @@ bool dataRootChecked = false;
 
 void LogFailure(const std::string& what, const std::string& path, const Poco::Exception& e) {
     LoggerLog::Error(kTag, what + "[" + path + "] [" + e.displayText() + "]");
+}
+
+// The system's text for `error`, safe to call from any thread.
+std::string ErrorText(int error) {
+    char buffer[128];
+    return ::strerror_r(error, buffer, sizeof buffer);
+}
+
+std::string TooLarge(std::size_t maxBytes) {
+    return "larger than " + std::to_string(maxBytes) + " bytes";
+}
+
+// Reads `fd` to its end into `result`, refusing it once more than
+// `maxBytes` came: the file may have grown since its size was taken.
+void ReadAtMost(int fd, std::size_t maxBytes, FileUtil::ReadResult& result) {
+    char buffer[8192];
+    for (;;) {
+        const std::size_t room = maxBytes + 1 - result.text.size();
+        const ssize_t n = ::read(fd, buffer, std::min(sizeof buffer, room));
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) {
+            result.reason = ErrorText(errno);
+            break;
+        }
+        if (n == 0) {
+            result.ok = true;
+            break;
+        }
+        result.text.append(buffer, static_cast<std::size_t>(n));
+        if (result.text.size() > maxBytes) {
+            result.reason = TooLarge(maxBytes);
+            break;
+        }
+    }
+    if (!result.ok) result.text.clear();
 }
 
 } // namespace
@@ -170,27 +209,29 @@ bool FileUtil::IsWritableDirectory(const std::string& dir) {
     }
 }
 
-bool FileUtil::ReadWholeFile(const std::string& path, std::string& text, std::size_t maxBytes) {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return false;
-    text.clear();
-    char buffer[8192];
-    bool ok = true;
-    for (;;) {
-        const ssize_t n = ::read(fd, buffer, sizeof buffer);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) {
-            ok = n == 0;
-            break;
-        }
-        if (text.size() + static_cast<std::size_t>(n) > maxBytes) {
-            ok = false;
-            break;
-        }
-        text.append(buffer, static_cast<std::size_t>(n));
+// O_NONBLOCK: opening a FIFO without a writer would wait for one. The
+// descriptor is checked before anything is read from it.
+FileUtil::ReadResult FileUtil::ReadFile(const std::string& path, std::size_t maxBytes) {
+    ReadResult result;
+    const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (fd < 0) {
+        result.missing = errno == ENOENT;
+        result.reason = ErrorText(errno);
+        return result;
+    }
+    struct stat status;
+    if (::fstat(fd, &status) != 0) {
+        result.reason = ErrorText(errno);
+    } else if (!S_ISREG(status.st_mode)) {
+        result.reason = "not a regular file";
+    } else if (static_cast<std::uint64_t>(status.st_size) > maxBytes) {
+        result.reason = TooLarge(maxBytes);
+    } else {
+        result.text.reserve(static_cast<std::size_t>(status.st_size));
+        ReadAtMost(fd, maxBytes, result);
     }
     ::close(fd);
-    return ok;
+    return result;
 }
 
 } // namespace brvo

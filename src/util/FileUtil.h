@@ -57,10 +57,24 @@ public:
     static bool CanWrite(const std::string& path);
     // Size of the file in bytes; 0 on failure.
     static Poco::UInt64 GetSize(const std::string& path);
-    // Reads the whole regular file `path` (at most `maxBytes`) into `text`.
-    // False, with `text` unspecified, when it cannot be opened or read, or
-    // is larger; logs nothing.
-    static bool ReadWholeFile(const std::string& path, std::string& text, std::size_t maxBytes);
+    // What ReadFile found: the file's bytes, or why there are none.
+    struct ReadResult {
+        // True when `text` holds the whole file.
+        bool ok = false;
+        // True when there is nothing at the path.
+        bool missing = false;
+        // Why the file was not read: "not a regular file", "larger than N
+        // bytes" or the system's text for the error; empty when ok.
+        std::string reason;
+        // The file's bytes when ok.
+        std::string text;
+    };
+    // Reads the whole regular file `path` if it holds at most `maxBytes`.
+    // Never blocks and never reads a device: anything but a regular file
+    // (FIFO, socket, device, directory) is refused before a byte is read,
+    // as is a file larger than `maxBytes`, or one that grows past it while
+    // it is read. Logs nothing.
+    static ReadResult ReadFile(const std::string& path, std::size_t maxBytes);
     // Creates `dir` with its parents and proves it writable by creating and
     // removing `dir` + "/write_test".
     static bool IsWritableDirectory(const std::string& dir);

@@ -262,5 +262,74 @@ TEST_F(DeviceSettingXmlManagerTest, MissingSystemSettingsFindNoDevice) {
     EXPECT_TRUE(Logged("W", " Device type not found in SystemSetting. [HouseHoldSolarPowerGeneration]"));
 }
 
+// --- Description files that are none ---------------------------------------------
+
+TEST_F(DeviceSettingXmlManagerTest, DescriptionNestedUpToTheCapIsRead) {
+    WriteDevices({Address("HouseHoldSolarPowerGeneration", "pv")});
+    // The Limit variable lies six levels deep; 58 more below it make 64.
+    test::WriteFile(kDeviceDir + "pv.xml",
+                    Description({"Name=\"Limit\" ValueMin=\"5\"><x>" + test::NestedXml("y", 57) +
+                                 "</x></lggrdev:VariableInfo><lggrdev:VariableInfo Name=\"z\""}));
+    DeviceSettingXmlManager::Limit limit;
+    EXPECT_TRUE(devices_.GetLimit(limit));
+    EXPECT_EQ(5, limit.valueMin);
+}
+
+TEST_F(DeviceSettingXmlManagerTest, DescriptionNestedDeeperIsAnError) {
+    WriteDevices({Address("HouseHoldSolarPowerGeneration", "pv")});
+    for (std::size_t depth : {58u, 100000u}) {
+        test::WriteFile(kDeviceDir + "pv.xml",
+                        Description({"Name=\"Limit\" ValueMin=\"5\"><x>" + test::NestedXml("y", depth) +
+                                     "</x></lggrdev:VariableInfo><lggrdev:VariableInfo Name=\"z\""}));
+        DeviceSettingXmlManager::Limit limit;
+        limit.valueMin = 2;
+        EXPECT_FALSE(devices_.GetLimit(limit)) << depth;
+        EXPECT_EQ(2, limit.valueMin) << depth;
+    }
+    bool found = false;
+    for (const std::string& line : LogLines()) {
+        if (line.find(" UTC] [E] [") != std::string::npos &&
+            line.find("] DeviceSettingXmlManager Device setting xml error. EXCEPTION[SAXParseException: "
+                      "elements nested deeper than 64 levels") != std::string::npos) {
+            found = true;
+        }
+    }
+    EXPECT_TRUE(found);
+}
+
+TEST_F(DeviceSettingXmlManagerTest, FifoAsDescriptionIsAnErrorAtOnce) {
+    WriteDevices({Address("HouseHoldSolarPowerGeneration", "pv")});
+    test::MakeFifo(kDeviceDir + "pv.xml");
+    DeviceSettingXmlManager::Limit limit;
+    limit.valueMin = 2;
+    EXPECT_FALSE(devices_.GetLimit(limit));
+    EXPECT_EQ(2, limit.valueMin);
+    EXPECT_TRUE(Logged("E", "Device setting xml error. EXCEPTION[not a regular file]"));
+    test::RemoveAll(kDeviceDir + "pv.xml");
+}
+
+TEST_F(DeviceSettingXmlManagerTest, DescriptionOverTheCapIsAnError) {
+    WriteDevices({Address("HouseHoldSolarPowerGeneration", "pv")});
+    const std::string description = Description({"Name=\"Limit\" ValueMin=\"5\""});
+    test::WriteFile(kDeviceDir + "pv.xml", description + std::string(1024 * 1024 - description.size(), ' '));
+    DeviceSettingXmlManager::Limit limit;
+    EXPECT_TRUE(devices_.GetLimit(limit));
+    EXPECT_EQ(5, limit.valueMin);
+    test::WriteFile(kDeviceDir + "pv.xml", description + std::string(1024 * 1024 + 1 - description.size(), ' '));
+    limit.valueMin = 2;
+    EXPECT_FALSE(devices_.GetLimit(limit));
+    EXPECT_EQ(2, limit.valueMin);
+    EXPECT_TRUE(Logged("E", "Device setting xml error. EXCEPTION[larger than 1048576 bytes]"));
+}
+
+TEST_F(DeviceSettingXmlManagerTest, SystemSettingsNestedTooDeepFindNoDevice) {
+    test::WriteFile(test::SystemSettingPath(),
+                    "<logger><channelList><channel><addressList>" + Address("HouseHoldSolarPowerGeneration", "pv") +
+                        test::NestedXml("d", 100000) + "</addressList></channel></channelList></logger>");
+    DeviceSettingXmlManager::Limit limit;
+    EXPECT_FALSE(devices_.GetLimit(limit));
+    EXPECT_TRUE(Logged("W", " Device type not found in SystemSetting. [HouseHoldSolarPowerGeneration]"));
+}
+
 } // namespace
 } // namespace brvo

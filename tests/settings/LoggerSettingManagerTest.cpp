@@ -172,6 +172,35 @@ TEST_F(LoggerSettingManagerTest, UnreadableFileLeavesDefaults) {
     ExpectDefaults(Create());
 }
 
+TEST_F(LoggerSettingManagerTest, NestingUpToTheCapIsRead) {
+    LoggerSettingManager& settings = Load("<SdcardPath>/x</SdcardPath>" + test::NestedXml("Deep", 63));
+    EXPECT_EQ("/x", settings.GetSdcardPath());
+}
+
+TEST_F(LoggerSettingManagerTest, DeeperNestingLeavesDefaults) {
+    ExpectDefaults(Load("<SdcardPath>/x</SdcardPath>" + test::NestedXml("Deep", 64)));
+}
+
+TEST_F(LoggerSettingManagerTest, VeryDeepNestingLeavesDefaults) {
+    ExpectDefaults(Load("<SdcardPath>/x</SdcardPath>" + test::NestedXml("d", 100000)));
+}
+
+TEST_F(LoggerSettingManagerTest, FifoLeavesDefaultsAtOnce) {
+    test::MakeFifo(test::LoggerSettingPath());
+    ExpectDefaults(Create());
+    test::RemoveAll(test::LoggerSettingPath());
+}
+
+TEST_F(LoggerSettingManagerTest, FileOfTheCapIsReadOneByteMoreLeavesDefaults) {
+    const std::string content = "<LoggerSetting><SdcardPath>/x</SdcardPath></LoggerSetting>";
+    const std::size_t cap = 1024 * 1024;
+    test::WriteFile(test::LoggerSettingPath(), content + std::string(cap - content.size(), '\n'));
+    EXPECT_EQ("/x", Create().GetSdcardPath());
+    LoggerSettingManager::DeleteInstance();
+    test::WriteFile(test::LoggerSettingPath(), content + std::string(cap + 1 - content.size(), '\n'));
+    ExpectDefaults(Create());
+}
+
 TEST_F(LoggerSettingManagerTest, PathsAreNotTrimmed) {
     LoggerSettingManager& settings = Load(
         "<LoggerSocketPath> /run/l.sock </LoggerSocketPath>"

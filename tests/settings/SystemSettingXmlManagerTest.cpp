@@ -355,5 +355,87 @@ TEST_F(SystemSettingXmlManagerTest, RawTreeOfBrokenFileIsNullWithMessage) {
               FlushedLog().find("] SystemSettingXmlManager LoadSystemSettingXmlNode failed. ["));
 }
 
+// --- Files that are no settings file --------------------------------------------
+
+TEST_F(SystemSettingXmlManagerTest, NestingUpToTheCapIsLoaded) {
+    LoadGeneral("<outputControlPlantId>P1</outputControlPlantId>" + test::NestedXml("deep", 62));
+    EXPECT_EQ("P1", manager_.GetOutputControlPlantId());
+}
+
+TEST_F(SystemSettingXmlManagerTest, DeeperNestingFailsAndKeepsThePreviousValues) {
+    LoadGeneral("<outputControlPlantId>P1</outputControlPlantId>");
+    for (std::size_t depth : {63u, 100000u}) {
+        WriteSystemSetting("loggerId=\"L2\"",
+                           "<outputControlPlantId>P2</outputControlPlantId>" + test::NestedXml("d", depth));
+        EXPECT_FALSE(manager_.Load()) << depth;
+        EXPECT_EQ(nullptr, manager_.LoadSystemSettingXmlNode()) << depth;
+        EXPECT_EQ("P1", manager_.GetOutputControlPlantId()) << depth;
+        EXPECT_EQ("L1", manager_.GetLoggerId()) << depth;
+    }
+    const std::string log = FlushedLog();
+    EXPECT_NE(std::string::npos, log.find("] SystemSettingXmlManager SystemSettingXml Load error(Load from file) ["
+                                          "SAXParseException: elements nested deeper than 64 levels"))
+        << log;
+    EXPECT_NE(std::string::npos, log.find("] SystemSettingXmlManager LoadSystemSettingXmlNode failed. ["
+                                          "SAXParseException: elements nested deeper than 64 levels"))
+        << log;
+}
+
+TEST_F(SystemSettingXmlManagerTest, FifoFailsAtOnceAndKeepsThePreviousValues) {
+    LoadGeneral("<outputControlPlantId>P1</outputControlPlantId>");
+    test::MakeFifo(test::SystemSettingPath());
+    EXPECT_FALSE(manager_.Load());
+    EXPECT_EQ(nullptr, manager_.LoadSystemSettingXmlNode());
+    EXPECT_EQ("P1", manager_.GetOutputControlPlantId());
+    const std::string log = FlushedLog();
+    EXPECT_TRUE(LogHas(log, "E", "SystemSettingXmlManager",
+                       "SystemSettingXml Load error(Load from file) [not a regular file]"))
+        << log;
+    EXPECT_TRUE(LogHas(log, "E", "SystemSettingXmlManager", "LoadSystemSettingXmlNode failed. [not a regular file]"))
+        << log;
+    test::RemoveAll(test::SystemSettingPath());
+}
+
+TEST_F(SystemSettingXmlManagerTest, FileOverTheCapFailsAndKeepsThePreviousValues) {
+    LoadGeneral("<outputControlPlantId>P1</outputControlPlantId>");
+    // One comment, as large as a file that took over a minute to parse.
+    test::WriteFile(test::SystemSettingPath(),
+                    "<logger><general><outputControlPlantId>P2</outputControlPlantId></general></logger><!--" +
+                        std::string(20 * 1000 * 1000, 'c') + "-->");
+    EXPECT_FALSE(manager_.Load());
+    EXPECT_EQ("P1", manager_.GetOutputControlPlantId());
+    EXPECT_TRUE(LogHas(FlushedLog(), "E", "SystemSettingXmlManager",
+                       "SystemSettingXml Load error(Load from file) [larger than 1048576 bytes]"));
+}
+
+TEST_F(SystemSettingXmlManagerTest, FileOfTheCapIsLoaded) {
+    const std::string head =
+        "<logger loggerId=\"L\"><general><outputControlPlantId>P3</outputControlPlantId></general></logger>";
+    test::WriteFile(test::SystemSettingPath(), head + std::string(1024 * 1024 - head.size(), '\n'));
+    ASSERT_TRUE(manager_.Load());
+    EXPECT_EQ("P3", manager_.GetOutputControlPlantId());
+}
+
+// A missing file is reported with the parser's own text for it.
+TEST_F(SystemSettingXmlManagerTest, MissingFileIsReportedAsTheParserReportsIt) {
+    test::RemoveAll(test::SystemSettingPath());
+    std::string expected;
+    try {
+        Poco::XML::DOMParser parser;
+        Poco::AutoPtr<Poco::XML::Document> document = parser.parse(test::SystemSettingPath());
+    } catch (const Poco::Exception& e) {
+        expected = e.displayText();
+    }
+    ASSERT_FALSE(expected.empty());
+    EXPECT_FALSE(manager_.Load());
+    EXPECT_EQ(nullptr, manager_.LoadSystemSettingXmlNode());
+    const std::string log = FlushedLog();
+    EXPECT_TRUE(LogHas(log, "E", "SystemSettingXmlManager",
+                       "SystemSettingXml Load error(Load from file) [" + expected + "]"))
+        << log;
+    EXPECT_TRUE(LogHas(log, "E", "SystemSettingXmlManager", "LoadSystemSettingXmlNode failed. [" + expected + "]"))
+        << log;
+}
+
 } // namespace
 } // namespace brvo

@@ -10,9 +10,12 @@
 #include <Poco/DOM/DOMParser.h>
 #include <Poco/DOM/Document.h>
 #include <Poco/DOM/Element.h>
+#include <Poco/DOM/Text.h>
 #include <Poco/SAX/XMLReader.h>
 
 #include <memory>
+#include <string>
+#include <vector>
 
 namespace brvo {
 namespace {
@@ -178,6 +181,115 @@ TEST(XmlNodeTest, NullDomNodeGivesEmptyNode) {
     EXPECT_EQ("", node.GetName());
     EXPECT_TRUE(node.GetChildren().empty());
     EXPECT_EQ(nullptr, node.FindNode("a"));
+}
+
+// --- Deep trees ----------------------------------------------------------------
+
+// A DOM of `depth` elements named d, each inside the one before, the
+// innermost holding `text`. Built from the innermost outwards with events
+// suspended, since POCO checks a new child's ancestors and announces every
+// insertion. The chain keeps a reference to every element: released from
+// the top down, each element frees no more than itself, where the DOM's own
+// release would recurse through all levels.
+class DeepDom {
+public:
+    DeepDom(std::size_t depth, const std::string& text) : document_(new Poco::XML::Document()), chain_(depth) {
+        document_->suspendEvents();
+        for (std::size_t i = depth; i-- > 0;) {
+            chain_[i] = document_->createElement("d");
+            if (i + 1 < depth) chain_[i]->appendChild(chain_[i + 1]);
+        }
+        Poco::AutoPtr<Poco::XML::Text> leaf = document_->createTextNode(text);
+        chain_.back()->appendChild(leaf);
+        document_->appendChild(chain_.front());
+    }
+
+    ~DeepDom() {
+        document_ = nullptr;
+        for (Poco::AutoPtr<Poco::XML::Element>& element : chain_) element = nullptr;
+    }
+
+    const Poco::XML::Element* Top() const { return chain_.front(); }
+
+private:
+    Poco::AutoPtr<Poco::XML::Document> document_;
+    std::vector<Poco::AutoPtr<Poco::XML::Element>> chain_;
+};
+
+const std::size_t kDeep = 100000;
+
+// "d/d/.../d" of `steps` steps.
+std::string ChainPath(std::size_t steps) {
+    std::string path = "d";
+    for (std::size_t i = 1; i < steps; ++i) path += "/d";
+    return path;
+}
+
+TEST(XmlNodeTest, DeepTreeIsBuiltSearchedAndFreed) {
+    DeepDom dom(kDeep, "bottom");
+    std::unique_ptr<XmlNode> root(new XmlNode(nullptr, dom.Top()));
+    const XmlNode* node = root.get();
+    std::size_t levels = 1;
+    while (!node->GetChildren().empty()) {
+        ASSERT_EQ(1u, node->GetChildren().size());
+        node = node->GetChildren().front();
+        ++levels;
+    }
+    EXPECT_EQ(kDeep, levels);
+    EXPECT_EQ("bottom", node->GetValue());
+
+    const std::string path = ChainPath(kDeep - 1);
+    std::shared_ptr<XmlNode::NodeList> found = root->FindNodes(path);
+    ASSERT_EQ(1u, found->size());
+    EXPECT_EQ(node, found->front());
+    EXPECT_EQ(node, root->FindNode(path));
+    EXPECT_TRUE(root->FindNodes(path + "/d")->empty());
+    EXPECT_EQ(nullptr, root->FindNode(path + "/d"));
+    root.reset();
+}
+
+TEST(XmlNodeTest, DeepTreeToStringKeepsTheFixedForm) {
+    DeepDom dom(kDeep, "v");
+    const XmlNode root(nullptr, dom.Top());
+    std::string expected;
+    for (std::size_t i = 1; i < kDeep; ++i) expected += "<d>\n";
+    expected += "<d>v<d/>\n";
+    for (std::size_t i = 1; i < kDeep; ++i) expected += "<d/>\n";
+    EXPECT_TRUE(expected == root.ToString());
+}
+
+// FindNodes goes depth first: what lies under an earlier match comes
+// before a later sibling, at every level.
+TEST(XmlNodeTest, FindNodesKeepsDocumentOrderAcrossLevels) {
+    std::unique_ptr<XmlNode> root = Tree(
+        "<r><a><b><c>1</c><c>2</c></b><b><c>3</c></b></a><x/><a><b><c>4</c></b></a></r>");
+    std::shared_ptr<XmlNode::NodeList> found = root->FindNodes("a/b/c");
+    ASSERT_EQ(4u, found->size());
+    for (std::size_t i = 0; i < 4; ++i) EXPECT_EQ(std::to_string(i + 1), (*found)[i]->GetValue());
+    EXPECT_EQ("4", root->FindNode("a/b/c")->GetValue());
+}
+
+TEST(XmlNodeTest, WriteTakesTreesUpToTheParserCapOnly) {
+    test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>");
+    LoggerSettingManager::CreateInstance();
+    LoggerLog::CreateInstance();
+    {
+        DeepDom dom(64, "v");
+        ASSERT_TRUE(XmlNode(nullptr, dom.Top()).Write("/tmp/deep64.xml"));
+        const std::unique_ptr<XmlNode> again = Tree(test::ReadFile("/tmp/deep64.xml"));
+        EXPECT_EQ("v", again->FindNode(ChainPath(63))->GetValue());
+    }
+    DeepDom dom(65, "v");
+    EXPECT_FALSE(XmlNode(nullptr, dom.Top()).Write("/tmp/deep65.xml"));
+    EXPECT_FALSE(test::FileExists("/tmp/deep65.xml"));
+    LoggerLog::DeleteInstance();
+    LoggerSettingManager::DeleteInstance();
+    const std::string log =
+        test::ReadFile("/media/sdcard/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd.log");
+    EXPECT_NE(std::string::npos,
+              log.find("] XmlNode Write xml failed (Exception). path[/tmp/deep65.xml] "
+                       "message[elements nested deeper than 64 levels]"))
+        << log;
 }
 
 } // namespace

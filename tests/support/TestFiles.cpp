@@ -45,6 +45,21 @@ bool FileExists(const std::string& path) {
     return Poco::File(path).exists();
 }
 
+std::string NestedXml(const std::string& name, std::size_t depth, const std::string& text) {
+    std::string xml;
+    xml.reserve(depth * (2 * name.size() + 5) + text.size());
+    for (std::size_t i = 0; i < depth; ++i) xml += "<" + name + ">";
+    xml += text;
+    for (std::size_t i = 0; i < depth; ++i) xml += "</" + name + ">";
+    return xml;
+}
+
+void MakeFifo(const std::string& path) {
+    RemoveAll(path);
+    Poco::File(Poco::Path(path).parent()).createDirectories();
+    ASSERT_EQ(0, ::mkfifo(path.c_str(), 0600)) << path;
+}
+
 void RemoveAll(const std::string& path) {
     Poco::File file(path);
     if (file.exists()) file.remove(true);

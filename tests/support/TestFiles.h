@@ -3,6 +3,7 @@
 #ifndef BRVO_TESTS_SUPPORT_TESTFILES_H
 #define BRVO_TESTS_SUPPORT_TESTFILES_H
 
+#include <cstddef>
 #include <functional>
 #include <string>
 #include <vector>
@@ -16,6 +17,12 @@ void WriteFile(const std::string& path, const std::string& content);
 std::string ReadFile(const std::string& path);
 // The file's lines without their line feeds.
 std::vector<std::string> ReadLines(const std::string& path);
+// `depth` elements named `name`, each inside the one before, the innermost
+// holding `text`.
+std::string NestedXml(const std::string& name, std::size_t depth, const std::string& text = "");
+// Replaces whatever is at `path` with a FIFO that no one writes, creating
+// parent directories. Fails the test on error.
+void MakeFifo(const std::string& path);
 // Whether the file exists.
 bool FileExists(const std::string& path);
 // Removes a file or a directory tree; silent when absent.

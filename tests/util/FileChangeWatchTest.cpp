@@ -34,9 +34,7 @@ protected:
     static bool Unchanged(std::int64_t generation) { return FileChangeWatch::Instance().Unchanged(generation); }
 
     static std::string Read(const std::string& path = kFile) {
-        std::string text;
-        FileUtil::ReadWholeFile(path, text, 1 << 20);
-        return text;
+        return FileUtil::ReadFile(path, 1 << 20).text;
     }
 };
 

@@ -6,7 +6,10 @@
 
 #include <gtest/gtest.h>
 
+#include <Poco/Clock.h>
+
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace brvo {
 namespace {
@@ -137,6 +140,83 @@ TEST_F(FileUtilTest, WritableDirectoryProbe) {
     EXPECT_FALSE(test::FileExists("/tmp/x/y/write_test"));
     test::WriteFile("/tmp/file", "");
     EXPECT_FALSE(FileUtil::IsWritableDirectory("/tmp/file/y"));
+}
+
+// --- ReadFile ----------------------------------------------------------------
+
+const std::string kReadPath = "/tmp/read/file.txt";
+
+TEST_F(FileUtilTest, ReadFileGivesTheWholeRegularFile) {
+    test::WriteFile(kReadPath, std::string("a\0b\n", 4));
+    const FileUtil::ReadResult file = FileUtil::ReadFile(kReadPath, 100);
+    EXPECT_TRUE(file.ok);
+    EXPECT_FALSE(file.missing);
+    EXPECT_EQ("", file.reason);
+    EXPECT_EQ(std::string("a\0b\n", 4), file.text);
+    test::WriteFile(kReadPath, "");
+    EXPECT_TRUE(FileUtil::ReadFile(kReadPath, 100).ok);
+    EXPECT_EQ("", FileUtil::ReadFile(kReadPath, 100).text);
+}
+
+TEST_F(FileUtilTest, ReadFileTakesAFileOfExactlyTheCapAndRefusesOneByteMore) {
+    test::WriteFile(kReadPath, std::string(20000, 'x'));
+    const FileUtil::ReadResult atCap = FileUtil::ReadFile(kReadPath, 20000);
+    EXPECT_TRUE(atCap.ok);
+    EXPECT_EQ(20000u, atCap.text.size());
+    const FileUtil::ReadResult over = FileUtil::ReadFile(kReadPath, 19999);
+    EXPECT_FALSE(over.ok);
+    EXPECT_FALSE(over.missing);
+    EXPECT_EQ("larger than 19999 bytes", over.reason);
+    EXPECT_EQ("", over.text);
+}
+
+TEST_F(FileUtilTest, ReadFileReportsAMissingFile) {
+    test::RemoveAll(kReadPath);
+    const FileUtil::ReadResult file = FileUtil::ReadFile(kReadPath, 100);
+    EXPECT_FALSE(file.ok);
+    EXPECT_TRUE(file.missing);
+    EXPECT_EQ("No such file or directory", file.reason);
+}
+
+TEST_F(FileUtilTest, ReadFileRefusesAFifoWithoutAWriterAtOnce) {
+    test::MakeFifo(kReadPath);
+    const Poco::Clock start;
+    const FileUtil::ReadResult file = FileUtil::ReadFile(kReadPath, 100);
+    EXPECT_LT(start.elapsed(), 2000000 * test::TimeScale());
+    EXPECT_FALSE(file.ok);
+    EXPECT_FALSE(file.missing);
+    EXPECT_EQ("not a regular file", file.reason);
+    test::RemoveAll(kReadPath);
+}
+
+TEST_F(FileUtilTest, ReadFileRefusesDevicesAndDirectories) {
+    for (const std::string& path : {std::string("/dev/zero"), std::string("/dev/null"), std::string("/tmp")}) {
+        const FileUtil::ReadResult file = FileUtil::ReadFile(path, 100);
+        EXPECT_FALSE(file.ok) << path;
+        EXPECT_EQ("not a regular file", file.reason) << path;
+        EXPECT_EQ("", file.text) << path;
+    }
+}
+
+// A sparse file's size is refused before a byte of it is read.
+TEST_F(FileUtilTest, ReadFileRefusesALargeSparseFileBeforeReading) {
+    test::WriteFile(kReadPath, "");
+    ASSERT_EQ(0, ::truncate(kReadPath.c_str(), 1024LL * 1024 * 1024));
+    const Poco::Clock start;
+    const FileUtil::ReadResult file = FileUtil::ReadFile(kReadPath, 4 * 1024 * 1024);
+    EXPECT_LT(start.elapsed(), 2000000 * test::TimeScale());
+    EXPECT_EQ("larger than 4194304 bytes", file.reason);
+    EXPECT_FALSE(file.ok);
+    EXPECT_EQ("", file.text);
+    test::RemoveAll(kReadPath);
+}
+
+// Files of /proc tell no size: the cap holds while they are read.
+TEST_F(FileUtilTest, ReadFileStopsAFileThatGrowsPastTheCap) {
+    const FileUtil::ReadResult file = FileUtil::ReadFile("/proc/self/maps", 16);
+    EXPECT_FALSE(file.ok);
+    EXPECT_EQ("larger than 16 bytes", file.reason);
+    EXPECT_TRUE(FileUtil::ReadFile("/proc/self/maps", 1 << 20).ok);
 }
 
 } // namespace
