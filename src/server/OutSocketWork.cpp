@@ -12,7 +12,6 @@
 
 #include <Poco/Clock.h>
 #include <Poco/Exception.h>
-#include <Poco/FileStream.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -30,7 +29,9 @@ const char kTag[] = "OutputcontrolServer";
 const std::size_t kMessageSize = 128;
 const std::size_t kTimeTextSize = 15;
 const std::size_t kFixedPlantIdSize = 27;
-const std::size_t kFileBlock = 1024;
+// Largest fixed-schedule file read, in bytes: a year of half-hour slots
+// takes about 35 KB as hexadecimal text.
+const std::size_t kMaxFixedScheduleBytes = 4 * 1024 * 1024;
 const int kDefaultTimeoutSeconds = 60;
 
 void PutU32(std::vector<unsigned char>& answer, std::size_t offset, std::uint32_t value) {
@@ -348,22 +349,16 @@ std::vector<unsigned char> OutSocketWork::ServeFixedSchedule(bool& sendAfter) {
     if (!FileUtil::Exists(path)) {
         return FixedScheduleAnswer(UpdateResult(kFileNotFound, 0, "file not found."));
     }
-    std::string text;
-    try {
-        // Read only: the file may lie on a read-only file system.
-        Poco::FileInputStream file(path);
-        char buffer[kFileBlock];
-        for (;;) {
-            file.read(buffer, kFileBlock);
-            const std::streamsize got = file.gcount();
-            if (got <= 0) break;
-            text.append(buffer, static_cast<std::size_t>(got));
-        }
-    } catch (const Poco::Exception& e) {
-        LoggerLog::Limited(LoggerLog::kError, kTag, "UpdateFixedSchedule read failed",
-                           "UpdateFixedSchedule read failed. [" + e.displayText() + "]");
+    // Only a regular file of a schedule's size is read: a FIFO or a device
+    // named here must not hold the worker, nor an endless file its memory.
+    FileUtil::ReadResult file = FileUtil::ReadFile(path, kMaxFixedScheduleBytes);
+    if (file.missing) return FixedScheduleAnswer(UpdateResult(kFileNotFound, 0, "file not found."));
+    if (!file.ok) {
+        LoggerLog::Limited(LoggerLog::kWarning, kTag, "UpdateFixedSchedule file not usable",
+                           "UpdateFixedSchedule file not usable. [" + path + "] [" + file.reason + "]");
+        return FixedScheduleAnswer(UpdateResult(kFileNotFound, 0, "file not usable. [" + file.reason + "]"));
     }
-    std::shared_ptr<ScheduleModel> model = std::make_shared<ScheduleModel>(text, 0);
+    std::shared_ptr<ScheduleModel> model = std::make_shared<ScheduleModel>(file.text, 0);
     const ScheduleUpdateManager::Pin updates;
     std::shared_ptr<UpdateResult> result = updates ? updates->UpdateWithFixedData(model, force) : NotRunning();
     sendAfter = result->IsResult();

@@ -186,14 +186,40 @@ TEST_F(OutSocketWorkTest, EmptyFixedScheduleFileIsPassedOnAsEmptyText) {
                                  "UpdateFixedSchedule Param file_path [/tmp/empty.hex]  update_flg [0]"));
 }
 
-TEST_F(OutSocketWorkTest, FixedSchedulePathThatIsADirectoryReadsAsEmpty) {
+// Only a regular file is read: anything else is refused at once, without
+// a model, and logged.
+TEST_F(OutSocketWorkTest, FixedSchedulePathThatIsNoRegularFileIsRefused) {
     ScheduleUpdateManager::CreateInstance();
     test::WriteFile("/tmp/adir/.keep", "");
-    const std::string answer = Serve(Request(4, Field("/tmp/adir", 256) + std::string(1, '\0')));
-    ASSERT_EQ(171u, answer.size());
-    EXPECT_EQ(3, WordAt(answer, 35));
-    EXPECT_EQ(Field("data is missing.", 128), answer.substr(43));
+    test::MakeFifo("/tmp/fixed.fifo");
+    for (const std::string path : {"/tmp/adir", "/tmp/fixed.fifo", "/dev/zero"}) {
+        const std::string answer = Serve(Request(4, Field(path, 256) + std::string(1, '\1')));
+        ASSERT_EQ(171u, answer.size()) << path;
+        EXPECT_EQ(std::string(27, '\0'), answer.substr(8, 27)) << path;
+        EXPECT_EQ(9, WordAt(answer, 35)) << path;
+        EXPECT_EQ(0, WordAt(answer, 39)) << path;
+        EXPECT_EQ(Field("file not usable. [not a regular file]", 128), answer.substr(43)) << path;
+        EXPECT_TRUE(test::HasLogLine(LogLines(), "W", kTag,
+                                     "UpdateFixedSchedule file not usable. [" + path + "] [not a regular file]"))
+            << path;
+    }
     EXPECT_EQ(Word(144) + Word(8) + std::string(136, '\0'), Serve(Request(8)));
+    test::RemoveAll("/tmp/fixed.fifo");
+}
+
+TEST_F(OutSocketWorkTest, FixedScheduleFileOverFourMebibytesIsRefused) {
+    ScheduleUpdateManager::CreateInstance();
+    const std::size_t cap = 4 * 1024 * 1024;
+    test::WriteFile("/tmp/large.hex", std::string(cap, '0'));
+    const std::string atCap = Serve(Request(4, Field("/tmp/large.hex", 256) + std::string(1, '\0')));
+    ASSERT_EQ(171u, atCap.size());
+    EXPECT_NE(9, WordAt(atCap, 35));
+    test::WriteFile("/tmp/large.hex", std::string(cap + 1, '0'));
+    const std::string over = Serve(Request(4, Field("/tmp/large.hex", 256) + std::string(1, '\0')));
+    ASSERT_EQ(171u, over.size());
+    EXPECT_EQ(9, WordAt(over, 35));
+    EXPECT_EQ(Field("file not usable. [larger than 4194304 bytes]", 128), over.substr(43));
+    test::RemoveAll("/tmp/large.hex");
 }
 
 TEST_F(OutSocketWorkTest, FixedScheduleFileIsStoredAndSwitchesToStandAlone) {
