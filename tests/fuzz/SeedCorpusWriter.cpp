@@ -243,6 +243,15 @@ void WriteOutSocketWorkSeeds() {
 
 // --- settings files --------------------------------------------------------
 
+// `depth` elements named `name`, each inside the one before. Deep enough
+// to show what a deep document does, small enough for a seed.
+std::string Nested(const std::string& name, int depth = 5000) {
+    std::string xml;
+    for (int i = 0; i < depth; ++i) xml += "<" + name + ">";
+    for (int i = 0; i < depth; ++i) xml += "</" + name + ">";
+    return xml;
+}
+
 void WriteSettingsSeeds() {
     const std::string logger = "LoggerSettingFuzz";
     Write(logger, "example", Example("LoggerSetting.xml"));
@@ -253,6 +262,10 @@ void WriteSettingsSeeds() {
           "<OutputControlSocketTimeout>99999999999</OutputControlSocketTimeout>"
           "<SdcardPath>/media/sdcard/</SdcardPath><LogLevel>abc</LogLevel></LoggerSetting>");
     Write(logger, "other-root", "<Settings><SdcardPath>/x</SdcardPath></Settings>");
+    Write(logger, "nested-deep", "<LoggerSetting><SdcardPath>/x</SdcardPath>" + Nested("d") + "</LoggerSetting>");
+    Write(logger, "nested-at-cap", "<LoggerSetting><SdcardPath>/x</SdcardPath>" + Nested("d", 63) + "</LoggerSetting>");
+    Write(logger, "long-value",
+          "<LoggerSetting><SdcardPath>/" + std::string(16 * 1024, 'x') + "</SdcardPath></LoggerSetting>");
 
     const std::string system = "SystemSettingFuzz";
     Write(system, "example", Example("SystemSetting.xml"));
@@ -266,6 +279,11 @@ void WriteSettingsSeeds() {
           "<logger xmlns=\"urn:example:logger\" loggerId=\"L\"><general><outputControlPlantId>7"
           "</outputControlPlantId></general></logger>");
     Write(system, "other-root", "<general><outputControlPlantId>7</outputControlPlantId></general>");
+    Write(system, "nested-deep",
+          "<logger><general><outputControlPlantId>7</outputControlPlantId>" + Nested("d") + "</general></logger>");
+    Write(system, "long-comment",
+          "<logger><general><outputControlPlantId>7</outputControlPlantId></general></logger><!--" +
+              std::string(16 * 1024, 'c') + "-->");
 
     const std::string device = "DeviceSettingFuzz";
     // First byte even: the rest is the device description; odd: the
@@ -278,6 +296,12 @@ void WriteSettingsSeeds() {
                     "Value100=\"0x5A\" ValueMin=\"abc\"/><lggrdev:VariableInfo Name=\"Limit\" ValueMin=\"7\"/>"
                     "</lggrdev:Variables></lggrdev:Property></lggrdev:Properties></lggrdev:Device>"
                     "</lggrdev:EchonetLiteDevices>");
+    Write(device, "description-nested-deep",
+          Byte(0) + "<lggrdev:EchonetLiteDevices><lggrdev:Device>" + Nested("d") +
+              "</lggrdev:Device></lggrdev:EchonetLiteDevices>");
+    Write(device, "system-nested-deep",
+          Byte(1) + "<logger><channelList><channel><addressList>" + Nested("d") +
+              "</addressList></channel></channelList></logger>");
     Write(device, "system-two-devices",
           Byte(1) + "<logger><channelList><channel><addressList>"
                     "<address><type>Battery</type><deviceSettingFile>battery</deviceSettingFile></address>"
