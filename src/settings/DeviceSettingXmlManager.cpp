@@ -139,7 +139,8 @@ bool DeviceSettingXmlManager::ReadLimitFile(const std::string& path, Limit& limi
     std::string text;
     std::string unusable;
     if (!XmlSettingsParser::ReadFile(path, text, unusable)) {
-        LoggerLog::Error(kTag, "Device setting xml error. EXCEPTION[" + unusable + "]");
+        LoggerLog::Limited(LoggerLog::kError, kTag, "Device setting xml error",
+                           "Device setting xml error. EXCEPTION[" + unusable + "]");
         return false;
     }
     {

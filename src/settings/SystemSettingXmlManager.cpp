@@ -22,6 +22,8 @@ const std::string kTag = "SystemSettingXmlManager";
 // The file is loaded again for every request that needs it: a broken file
 // gives one load error a period, not one per request.
 const std::string kLoadErrorKind = "SystemSettingXml Load error";
+// The tree readers' own load errors, counted apart from Load's.
+const std::string kNodeLoadErrorKind = "LoadSystemSettingXmlNode failed";
 const std::string kRootPath = "/logger";
 const std::string kRootName = "logger";
 
@@ -99,7 +101,8 @@ std::shared_ptr<XmlNode> SystemSettingXmlManager::LoadAndGetTree() {
         std::string unusable;
         std::shared_ptr<XmlNode> tree = ParseFile(unusable);
         if (!tree) {
-            LoggerLog::Error(kTag, "SystemSettingXml Load error(Load from file) [" + unusable + "]");
+            LoggerLog::Limited(LoggerLog::kError, kTag, kLoadErrorKind,
+                               "SystemSettingXml Load error(Load from file) [" + unusable + "]");
             return nullptr;
         }
         Poco::FastMutex::ScopedLock lock(mutex_);
@@ -134,14 +137,17 @@ std::shared_ptr<XmlNode> SystemSettingXmlManager::LoadSystemSettingXmlNode() {
     try {
         std::string unusable;
         std::shared_ptr<XmlNode> tree = ParseFile(unusable);
-        if (!tree) LoggerLog::Error(kTag, "LoadSystemSettingXmlNode failed. [" + unusable + "]");
+        if (!tree) {
+            LoggerLog::Limited(LoggerLog::kError, kTag, kNodeLoadErrorKind,
+                               "LoadSystemSettingXmlNode failed. [" + unusable + "]");
+        }
         return tree;
     } catch (const MissingRoot&) {
-        LoggerLog::Limited(LoggerLog::kError, kTag, kLoadErrorKind, "SystemSettingXml Load error(logger tag not found.) ");
+        LoggerLog::Limited(LoggerLog::kError, kTag, kNodeLoadErrorKind, "SystemSettingXml Load error(logger tag not found.) ");
     } catch (const Poco::Exception& e) {
-        LoggerLog::Limited(LoggerLog::kError, kTag, kLoadErrorKind, "LoadSystemSettingXmlNode failed. [" + e.displayText() + "]");
+        LoggerLog::Limited(LoggerLog::kError, kTag, kNodeLoadErrorKind, "LoadSystemSettingXmlNode failed. [" + e.displayText() + "]");
     } catch (const std::exception&) {
-        LoggerLog::Limited(LoggerLog::kError, kTag, kLoadErrorKind, "LoadSystemSettingXmlNode failed. exception");
+        LoggerLog::Limited(LoggerLog::kError, kTag, kNodeLoadErrorKind, "LoadSystemSettingXmlNode failed. exception");
     }
     return nullptr;
 }

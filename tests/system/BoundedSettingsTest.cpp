@@ -65,6 +65,9 @@ protected:
         startedKiB_ = test::ResidentKiB(daemon_.Pid());
         stored_ = test::ScheduleRows();
         ASSERT_EQ(3u, stored_.size());
+        // The daemon has taken in the good settings once: these are the
+        // last good values a bad file must leave in force.
+        ASSERT_EQ(CurrentAnswer(), test::Ask(test::kCurrentTargetPowerRequest, test::Capacity(10.0), Scaled(5000)));
     }
 
     // The answer to CurrentTargetPower while the stored slots are in force.
