@@ -46,10 +46,12 @@ protected:
 
     void StartAll(const std::vector<std::string>& serverArgs) {
         // Tests run side by side on one loopback: each takes a free port.
+        // Two days of rates from today's server-time midnight: in the last
+        // slot of the server's day, the next slot is still there.
         port_ = std::to_string(test::ClosedPort());
         std::vector<std::string> server = test::ChildProcess::Command(SCHEDULE_SERVER_SIM_BINARY);
         for (const std::string& arg : {std::string("--port"), port_, std::string("--plant-id"), std::string("777"),
-                                       std::string("--rates"), std::string("48x40"), std::string("--fixed-rates"),
+                                       std::string("--rates"), std::string("96x40"), std::string("--fixed-rates"),
                                        std::string("48x20")}) {
             server.push_back(arg);
         }
