@@ -12,6 +12,7 @@
 #include "support/SqliteFile.h"
 #include "support/TestFiles.h"
 #include "support/UnixPeer.h"
+#include "system/ScheduleServerFixture.h"
 
 #include <gtest/gtest.h>
 
@@ -25,18 +26,10 @@ using test::Ask;
 using test::HttpTestServer;
 using test::WordAt;
 
-const std::string kPlant = "00000000000000000000000777";
 const std::string kTag = "ScheduleUpdateManager";
-const int kRate = 60;
-const std::size_t kSlots = 3 * 48;
 // Bytes of a payload before the first slot count byte: record count,
 // reserved, plant ID and start.
 const std::size_t kBytesBeforeSlotCount = 6 + 10 + 26 + 12;
-
-// The payload bytes of `record` as an update schedule.
-std::string PayloadBytes(const test::ScheduleRecord& record) {
-    return test::BytesText(test::BuildSchedulePayload({record}, test::kUpdateSchedule).bytes);
-}
 
 // A schedule answer carrying `payload` as its binary part, with the part's
 // Content-Length saying `declared` bytes.
@@ -52,35 +45,12 @@ std::string AnswerOf(const std::string& payload) {
     return AnswerDeclaring(payload, payload.size());
 }
 
-class BoundedPayloadTest : public ::testing::Test {
+class BoundedPayloadTest : public test::ScheduleServerFixture {
 protected:
     void SetUp() override {
-        test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>"
-                                 "<OutputControlSocketTimeout>5</OutputControlSocketTimeout>");
-        test::WriteFile("/sys/class/net/eth0/address", "00:1a:2b:3c:4d:5e\n");
-        test::WriteFile(test::kLoggerSocket + ".keep", "");
-        logger_.reset(new test::UnixPeer(test::kLoggerSocket, test::UnixPeer::kReply, std::string(12, '\0'), 8));
-        good_.reset(new HttpTestServer({test::ScheduleServerAnswer(test::CurrentUpdateRecord(kRate, kSlots),
-                                                                   test::kUpdateSchedule),
-                                        test::ScheduleServerAnswer(test::FixedRecordAhead(30, 3),
-                                                                   test::kFixedSchedule)}));
-        test::WriteSystemSetting(kPlant, good_->Url("/schedule"), false);
-        ASSERT_TRUE(test::StartDaemon(daemon_, test::kDaemonOutput));
-        const std::string all = std::to_string(kSlots + 48);
-        ASSERT_TRUE(test::WaitFor([&] {
-            return test::QueryValue(test::kScheduleDbFile,
-                                    "SELECT COUNT(*) FROM output_control_schedule WHERE sent = 1") == all;
-        }, 15000)) << test::ReadFile(test::kDaemonOutput);
-        schedule_ = test::ScheduleRows();
-        info_ = test::UpdateInfoRows();
+        ScheduleServerFixture::SetUp();
+        StartWithStoredSchedule();
         startedKiB_ = test::ResidentKiB(daemon_.Pid());
-    }
-
-    void TearDown() override {
-        if (daemon_.Running()) {
-            daemon_.Signal(SIGTERM);
-            daemon_.WaitExit(5000);
-        }
     }
 
     // Asks for a schedule update against a server answering `answer`;
@@ -88,7 +58,7 @@ protected:
     // stored and that the logger daemon heard nothing of it.
     std::string RefusedUpdate(const std::string& answer) {
         HttpTestServer server(answer);
-        test::WriteSystemSetting(kPlant, server.Url("/schedule"), false);
+        test::WriteSystemSetting(test::kServerTestPlant, server.Url("/schedule"), false);
         const int told = logger_->Connections();
         const std::string reply = Ask(test::kUpdateScheduleRequest);
         EXPECT_EQ(test::kUpdateAnswerSize, reply.size());
@@ -98,17 +68,9 @@ protected:
         // A later request is served after the refused one ended.
         EXPECT_EQ(test::kUpdateAnswerSize, Ask(test::kFlushLogRequest).size());
         EXPECT_EQ(told, logger_->Connections());
-        EXPECT_EQ(schedule_, test::ScheduleRows());
-        EXPECT_EQ(info_, test::UpdateInfoRows());
+        ExpectNothingStored();
         ExpectCurrentTargetPower();
         return reply;
-    }
-
-    static void ExpectCurrentTargetPower() {
-        const std::string answer = Ask(test::kCurrentTargetPowerRequest, test::Capacity(10.0));
-        ASSERT_EQ(test::kTargetPowerAnswerSize, answer.size());
-        EXPECT_EQ(0, WordAt(answer, 31));
-        EXPECT_DOUBLE_EQ(10.0 * kRate / 100.0, test::PowerOf(answer));
     }
 
     static void ExpectFailure(const std::string& reply, std::int32_t reason, const std::string& message) {
@@ -117,23 +79,18 @@ protected:
         EXPECT_EQ(test::Field(message, 128), reply.substr(16));
     }
 
-    test::ChildProcess daemon_;
-    std::unique_ptr<test::UnixPeer> logger_;
-    std::unique_ptr<HttpTestServer> good_;
-    std::vector<std::vector<std::string>> schedule_;
-    std::vector<std::vector<std::string>> info_;
     std::int64_t startedKiB_ = 0;
 };
 
 // Another rate over the stored times: storing it would show.
 test::ScheduleRecord OtherRateRecord() {
-    test::ScheduleRecord record = test::CurrentUpdateRecord(kRate, kSlots);
-    record.rates = std::vector<int>(kSlots, 25);
+    test::ScheduleRecord record = test::CoveringRecord();
+    record.rates = std::vector<int>(test::kStoredSlots, 25);
     return record;
 }
 
 TEST_F(BoundedPayloadTest, PartDeclaringMoreThanItHoldsIsRefused) {
-    const std::string payload = PayloadBytes(OtherRateRecord());
+    const std::string payload = test::PayloadText(OtherRateRecord());
     const std::string kept = payload.substr(0, payload.size() / 2);
     // The part says the whole payload's length, the HTTP answer says
     // exactly what is sent: the part content is short by its second half.
@@ -146,18 +103,18 @@ TEST_F(BoundedPayloadTest, PartDeclaringMoreThanItHoldsIsRefused) {
 }
 
 TEST_F(BoundedPayloadTest, PayloadCutShortIsRefused) {
-    const std::string payload = PayloadBytes(OtherRateRecord());
+    const std::string payload = test::PayloadText(OtherRateRecord());
     ExpectFailure(RefusedUpdate(AnswerOf(payload.substr(0, payload.size() - 1))), 3,
                   "Schedule data error. data is truncated.");
 }
 
 TEST_F(BoundedPayloadTest, OverflowedCountsAreRefused) {
-    std::string records = PayloadBytes(OtherRateRecord());
+    std::string records = test::PayloadText(OtherRateRecord());
     records.replace(0, test::kRecordCountBytes, std::string(test::kRecordCountBytes, '\xff'));
     ExpectFailure(RefusedUpdate(AnswerOf(records)), 3,
                   "Schedule data error. number out of range. [255255255255255255]");
 
-    std::string slots = PayloadBytes(OtherRateRecord());
+    std::string slots = test::PayloadText(OtherRateRecord());
     slots.replace(kBytesBeforeSlotCount, test::kSlotCountBytes, std::string(test::kSlotCountBytes, '\xff'));
     ExpectFailure(RefusedUpdate(AnswerOf(slots)), 3, "Schedule data error. number out of range. [255255255255255]");
 }
@@ -177,7 +134,7 @@ TEST_F(BoundedPayloadTest, MillionSlotsAreRefusedWithinTheMemoryBound) {
     test::ScheduleRecord record = OtherRateRecord();
     record.rates = std::vector<int>(1000000, 25);
     record.slotCountOverride = 0;
-    std::string payload = PayloadBytes(record);
+    std::string payload = test::PayloadText(record);
     payload.replace(kBytesBeforeSlotCount, test::kSlotCountBytes, std::string("\x64\0\0\0\0", 5));
     RefusedUpdate(AnswerOf(payload));
     if (test::MemoryIsMeasurable()) {
