@@ -13,12 +13,17 @@
 #include <Poco/Net/HTMLForm.h>
 #include <Poco/Net/HTTPServerRequest.h>
 #include <Poco/Net/HTTPServerResponse.h>
+#include <Poco/Net/Context.h>
+#include <Poco/Net/NetException.h>
+#include <Poco/Net/SSLManager.h>
+#include <Poco/Net/SecureServerSocket.h>
 #include <Poco/Net/ServerSocket.h>
 #include <Poco/Net/SocketAddress.h>
 #include <Poco/StringTokenizer.h>
 #include <Poco/Thread.h>
 
 #include <csignal>
+#include <cstdio>
 #include <stdexcept>
 #include <cstdlib>
 #include <iostream>
@@ -29,8 +34,11 @@ namespace {
 
 const char kUsage[] =
     "usage: schedule-server-sim [options]\n"
-    "Serves the schedule server's answers on 127.0.0.1.\n"
+    "Serves the schedule server's answers (on 127.0.0.1 unless --listen says otherwise).\n"
     "  --port N              port (default 8080)\n"
+    "  --listen ADDR         address to listen on: HOST:PORT, or :PORT for every address\n"
+    "                        (default 127.0.0.1 and --port)\n"
+    "  --tls CERT KEY        serve HTTPS with the PEM certificate CERT and its key KEY\n"
     "  --plant-id DIGITS     plant ID of the schedules (default 777)\n"
     "  --start YYYYMMDDhhmm  first slot in server time, UTC+9 (default: today 00:00 server time)\n"
     "  --rates LIST          rates in percent: \"60,60,30\" or \"48x60\" (default 48x60)\n"
@@ -46,7 +54,10 @@ const char kUsage[] =
     "  --close-early         announce the full length, send half the body and close\n";
 
 struct Settings {
+    std::string host = "127.0.0.1";
     int port = 8080;
+    std::string certificate;
+    std::string key;
     std::string plantId = "777";
     std::string start;
     std::vector<int> rates = std::vector<int>(48, 60);
@@ -156,6 +167,27 @@ void OnSignal(int) {
     stopRequested = 1;
 }
 
+// "HOST:PORT" or ":PORT" (every address); an IPv6 host stands in brackets.
+void ParseListen(const std::string& text) {
+    const std::size_t colon = text.rfind(':');
+    if (colon == std::string::npos) throw std::invalid_argument("--listen must be HOST:PORT or :PORT, not \"" + text + "\"");
+    std::string host = text.substr(0, colon);
+    if (host.size() >= 2 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
+    settings.host = host.empty() ? std::string("0.0.0.0") : host;
+    settings.port = Number(text.substr(colon + 1), 0, 65535, "--listen port");
+    try {
+        Poco::Net::SocketAddress(settings.host, static_cast<Poco::UInt16>(settings.port));
+    } catch (const Poco::Exception& e) {
+        throw std::invalid_argument("--listen address \"" + text + "\" cannot be used: " + e.displayText());
+    }
+}
+
+void RequireFile(const std::string& path, const std::string& what) {
+    std::FILE* file = path.empty() ? nullptr : std::fopen(path.c_str(), "r");
+    if (file == nullptr) throw std::invalid_argument(what + " \"" + path + "\" cannot be read");
+    std::fclose(file);
+}
+
 bool Parse(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
@@ -164,9 +196,18 @@ bool Parse(int argc, char** argv) {
         if (arg == "--unregistered") { settings.registered = false; continue; }
         if (arg == "--bad-checksum") { settings.badChecksum = true; continue; }
         if (arg == "--close-early") { settings.closeEarly = true; continue; }
+        if (arg == "--tls") {
+            if (i + 2 >= argc) throw std::invalid_argument("--tls needs CERT and KEY");
+            settings.certificate = argv[++i];
+            settings.key = argv[++i];
+            RequireFile(settings.certificate, "--tls certificate");
+            RequireFile(settings.key, "--tls key");
+            continue;
+        }
         if (!hasValue) throw std::invalid_argument("unknown option or missing value: " + arg);
         ++i;
         if (arg == "--port") settings.port = Number(value, 0, 65535, "--port");
+        else if (arg == "--listen") ParseListen(value);
         else if (arg == "--plant-id") { RequireDigits(value, 1, 26, "--plant-id"); settings.plantId = value; }
         else if (arg == "--start") { RequireDigits(value, 12, 12, "--start (YYYYMMDDhhmm)"); settings.start = value; }
         else if (arg == "--rates") settings.rates = ParseRates(value);
@@ -182,6 +223,15 @@ bool Parse(int argc, char** argv) {
         else throw std::invalid_argument("unknown option: " + arg);
     }
     return true;
+}
+
+// A plain socket, or with --tls one that does the server's side of TLS.
+Poco::Net::ServerSocket ListeningSocket() {
+    const Poco::Net::SocketAddress address(settings.host, static_cast<Poco::UInt16>(settings.port));
+    if (settings.certificate.empty()) return Poco::Net::ServerSocket(address);
+    Poco::Net::Context::Ptr context = new Poco::Net::Context(Poco::Net::Context::TLS_SERVER_USE, settings.key,
+                                                             settings.certificate, "", Poco::Net::Context::VERIFY_NONE);
+    return Poco::Net::SecureServerSocket(address, 64, context);
 }
 
 } // namespace
@@ -210,11 +260,19 @@ int main(int argc, char** argv) {
     }
     std::signal(SIGTERM, OnSignal);
     std::signal(SIGINT, OnSignal);
-    Poco::Net::ServerSocket socket(Poco::Net::SocketAddress("127.0.0.1", static_cast<Poco::UInt16>(settings.port)));
+    Poco::Net::ServerSocket socket;
+    try {
+        socket = ListeningSocket();
+    } catch (const Poco::Exception& e) {
+        std::cerr << "schedule-server-sim: cannot listen on " << settings.host << ":" << settings.port << ": "
+                  << e.displayText() << std::endl;
+        return 1;
+    }
     Poco::Net::HTTPServer server(new Factory(), socket, new Poco::Net::HTTPServerParams());
     server.start();
-    std::cout << "schedule-server-sim listening on http://127.0.0.1:" << socket.address().port()
-              << "/ plant " << settings.plantId << ", start " << settings.start << " (server time), "
+    std::cout << "schedule-server-sim listening on " << (settings.certificate.empty() ? "http" : "https") << "://"
+              << socket.address().toString() << "/"
+              << " plant " << settings.plantId << ", start " << settings.start << " (server time), "
               << settings.rates.size() << " slots" << std::endl;
     while (!stopRequested) Poco::Thread::sleep(100);
     server.stopAll(true);

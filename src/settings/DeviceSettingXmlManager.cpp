@@ -45,6 +45,10 @@ std::atomic<DeviceSettingXmlManager*> instance(nullptr);
 
 } // namespace
 
+const std::string& DeviceSettingXmlManager::AddressPath() {
+    return kAddressPath;
+}
+
 void DeviceSettingXmlManager::CreateInstance() {
     if (instance != nullptr) return;
     SystemSettingXmlManager::CreateInstance();

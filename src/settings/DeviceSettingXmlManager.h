@@ -20,6 +20,9 @@ class XmlNode;
 
 class DeviceSettingXmlManager {
 public:
+    // "channelList/channel/addressList/address": where SystemSetting.xml
+    // lists the logger's devices.
+    static const std::string& AddressPath();
     // The rate scale of the unit: the values at 0 % and at 100 %, and the
     // lowest value the unit accepts. The caller presets the defaults; each
     // stays as it was unless the file gives a number for it.

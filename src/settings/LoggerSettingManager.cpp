@@ -71,6 +71,19 @@ void LoggerSettingManager::CreateInstance() {
     if (instance == nullptr) instance = new LoggerSettingManager();
 }
 
+std::vector<std::string> LoggerSettingManager::KnownKeys() {
+    std::vector<std::string> keys = {kLoggerSocketPath, kOutputControlSocketPath, kWatchdogFile, kSdcardPath,
+                                     kMaxFileSize};
+    const std::vector<std::string> numeric = NumericKeys();
+    keys.insert(keys.end(), numeric.begin(), numeric.end());
+    return keys;
+}
+
+std::vector<std::string> LoggerSettingManager::NumericKeys() {
+    return {kWatchdogInterval, kMaxRollIndex,  kEnableBufferedIO,   kLogLevel,     kMaxBufferedSize,
+            kRetentionCycle,   kTestMode,      kMonitoringInterval, kSocketTimeout};
+}
+
 LoggerSettingManager* LoggerSettingManager::GetInstance() {
     return instance;
 }
@@ -89,8 +102,8 @@ LoggerSettingManager::~LoggerSettingManager() {
     delete table_;
 }
 
-void LoggerSettingManager::SetDefaults() {
-    std::unordered_map<std::string, std::string>& table = *table_;
+std::unordered_map<std::string, std::string> LoggerSettingManager::Defaults() {
+    std::unordered_map<std::string, std::string> table(10);
     table[kLoggerSocketPath] = "/mnt/system/brvlogger/brevanta.logger";
     table[kOutputControlSocketPath] = "/mnt/system/pvoctrl/brevanta.octrl";
     table[kWatchdogFile] = "/mnt/system/check/brvo";
@@ -105,6 +118,11 @@ void LoggerSettingManager::SetDefaults() {
     table[kTestMode] = "0";
     table[kMonitoringInterval] = "180";
     table[kSocketTimeout] = "60";
+    return table;
+}
+
+void LoggerSettingManager::SetDefaults() {
+    *table_ = Defaults();
 }
 
 // A missing, unreadable, oversized or malformed file (too deep a nesting

@@ -6,6 +6,7 @@
 
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 namespace brvo {
 
@@ -17,6 +18,12 @@ public:
     static LoggerSettingManager* GetInstance();
     // Deletes the instance. The daemon never does; tests do.
     static void DeleteInstance();
+    // Names of every element of LoggerSetting.xml that is read.
+    static std::vector<std::string> KnownKeys();
+    // Element names whose values are read as whole numbers.
+    static std::vector<std::string> NumericKeys();
+    // The built-in value of every element that has one, by element name.
+    static std::unordered_map<std::string, std::string> Defaults();
 
     // Path of the logger daemon's socket.
     std::string GetLoggerSocketPath() const;

@@ -84,16 +84,22 @@ std::string FileUtil::GetLoggerSettingFile() { return GetSettingsDirectory() + "
 
 std::string FileUtil::GetDeviceDirectory() { return kEtcBase + "/DeviceXML"; }
 
+std::string FileUtil::CardDataRoot(const std::string& sdcardPath) { return sdcardPath + "/" + kProduct; }
+
+std::string FileUtil::FallbackDataRoot() { return "/tmp/" + kProduct; }
+
+std::string FileUtil::OutputControlSubdirectory() { return "/Database/OutputControl"; }
+
 // Decided once per run: the card when it can be written, else /tmp.
 std::string FileUtil::GetDataRoot() {
     Poco::FastMutex::ScopedLock lock(dataRootMutex);
     if (dataRoot.empty()) {
         LoggerSettingManager* settings = LoggerSettingManager::GetInstance();
         const std::string card = settings != nullptr ? settings->GetSdcardPath() : kDefaultSdcardPath;
-        dataRoot = card + "/" + kProduct;
+        dataRoot = CardDataRoot(card);
         if (!dataRootChecked) {
             dataRootChecked = true;
-            if (!IsWritableDirectory(dataRoot)) dataRoot = "/tmp/" + kProduct;
+            if (!IsWritableDirectory(dataRoot)) dataRoot = FallbackDataRoot();
         }
     }
     return dataRoot;
@@ -108,12 +114,14 @@ void FileUtil::ResetDataRoot() {
 std::string FileUtil::GetDatabaseDirectory() { return GetDataRoot() + "/Database"; }
 
 std::string FileUtil::GetOutputControlDirectory() {
-    const std::string directory = GetDatabaseDirectory() + "/OutputControl";
+    const std::string directory = GetDataRoot() + OutputControlSubdirectory();
     CreateDirectory(directory, true);
     return directory;
 }
 
-std::string FileUtil::GetCertificatesDirectory() { return GetDataRoot() + "/Certificates/"; }
+std::string FileUtil::GetCertificatesDirectory() { return GetDataRoot() + CertificatesSubdirectory(); }
+
+std::string FileUtil::CertificatesSubdirectory() { return "/Certificates/"; }
 
 bool FileUtil::Rename(const std::string& from, const std::string& to) {
     try {

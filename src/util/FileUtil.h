@@ -34,6 +34,14 @@ public:
     static std::string GetOutputControlDirectory();
     // Data root + "/Certificates/".
     static std::string GetCertificatesDirectory();
+    // The data root on the card mounted at `sdcardPath`.
+    static std::string CardDataRoot(const std::string& sdcardPath);
+    // The data root used when the card's cannot be written.
+    static std::string FallbackDataRoot();
+    // "/Database/OutputControl": the databases' directory below a data root.
+    static std::string OutputControlSubdirectory();
+    // "/Certificates/": the CA certificates' directory below a data root.
+    static std::string CertificatesSubdirectory();
     // Forgets the cached data root, so that the next call probes again.
     // Only tests need this; the daemon decides once per run.
     static void ResetDataRoot();

@@ -5,6 +5,8 @@
 #include <Poco/Timestamp.h>
 
 #include <cstdlib>
+#include <fstream>
+#include <iterator>
 #include <csignal>
 #include <fcntl.h>
 #include <sys/wait.h>
@@ -25,6 +27,21 @@ std::vector<std::string> ChildProcess::Command(const std::string& binary) {
     }
     command.push_back(binary);
     return command;
+}
+
+int ChildProcess::RunToEnd(const std::string& binary, const std::vector<std::string>& args, std::string& output,
+                           const std::string& directory) {
+    std::vector<std::string> command;
+    if (!directory.empty()) command = {"/bin/sh", "-c", "cd \"$0\" && exec \"$@\"", directory};
+    const std::vector<std::string> tool = Command(binary);
+    command.insert(command.end(), tool.begin(), tool.end());
+    command.insert(command.end(), args.begin(), args.end());
+    const std::string outputPath = "/tmp/tool.out";
+    ChildProcess child;
+    if (!child.Start(command, outputPath) || !child.WaitExit(60000)) return -1;
+    std::ifstream file(outputPath, std::ios::binary);
+    output.assign(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+    return child.ExitCode();
 }
 
 std::vector<std::string> ChildProcess::DaemonCommand() {

@@ -20,6 +20,11 @@ public:
     // The command that runs `binary` of this build: behind the launcher
     // (PVOCD_LAUNCHER, or the emulator of a cross build) when there is one.
     static std::vector<std::string> Command(const std::string& binary);
+    // Runs `binary` (as Command gives it) with `args` to its end, in
+    // `directory` when one is given; returns the exit code, -1 when it did
+    // not end within a minute, and leaves its output in `output`.
+    static int RunToEnd(const std::string& binary, const std::vector<std::string>& args, std::string& output,
+                        const std::string& directory = "");
     // Environment that runs a child under libfaketime with FAKETIME=`spec`
     // (the library is preloaded into the child itself, so signals reach it).
     // PVOC_FAKETIME_LIB names the library when it is not the host's. On

@@ -3,12 +3,16 @@
 // the logger daemon.
 #include "support/ChildProcess.h"
 #include "support/HttpTestServer.h"
+#include "support/SchedulePayload.h"
+#include "support/StoredSchedule.h"
 #include "support/TestFiles.h"
 #include "support/UnixPeer.h"
+#include "util/TimeStamp.h"
 
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <cstring>
 #include <sys/stat.h>
 
 namespace brvo {
@@ -18,14 +22,9 @@ const std::string kSocket = "/mnt/system/pvoctrl/brevanta.octrl";
 
 // Runs a tool to its end; returns its exit code (-1 when it did not end)
 // and leaves its output in `output`.
-int RunTool(const std::vector<std::string>& argv, std::string& output) {
-    test::ChildProcess tool;
-    std::vector<std::string> command = test::ChildProcess::Command(argv[0]);
-    command.insert(command.end(), argv.begin() + 1, argv.end());
-    if (!tool.Start(command, "/tmp/tool.out")) return -1;
-    if (!tool.WaitExit(60000)) return -1;
-    output = test::ReadFile("/tmp/tool.out");
-    return tool.ExitCode();
+int RunTool(const std::vector<std::string>& argv, std::string& output, const std::string& directory = "") {
+    return test::ChildProcess::RunToEnd(argv[0], std::vector<std::string>(argv.begin() + 1, argv.end()), output,
+                                        directory);
 }
 
 class ToolsTest : public ::testing::Test {
@@ -50,6 +49,9 @@ protected:
         // slot of the server's day, the next slot is still there.
         port_ = std::to_string(test::ClosedPort());
         std::vector<std::string> server = test::ChildProcess::Command(SCHEDULE_SERVER_SIM_BINARY);
+        if (!tlsCertificate_.empty()) {
+            server.insert(server.end(), {"--listen", "127.0.0.1:" + port_, "--tls", tlsCertificate_, "/tmp/sim.key"});
+        }
         for (const std::string& arg : {std::string("--port"), port_, std::string("--plant-id"), std::string("777"),
                                        std::string("--rates"), std::string("96x40"), std::string("--fixed-rates"),
                                        std::string("48x20")}) {
@@ -65,13 +67,23 @@ protected:
         ASSERT_TRUE(test::WaitFor([] { return test::FileExists("/mnt/system/brvlogger/brevanta.logger"); }, 5000));
         test::WriteFile(test::SystemSettingPath(),
                         "<logger><general><outputControlPlantId>00000000000000000000000777</outputControlPlantId>"
-                        "<outputScheduleInformationServerUrl>http://127.0.0.1:" + port_ + "/s"
+                        "<outputScheduleInformationServerUrl>" + scheme_ + "://127.0.0.1:" + port_ + "/s"
                         "</outputScheduleInformationServerUrl></general></logger>");
         ASSERT_TRUE(daemon_.Start(test::ChildProcess::DaemonCommand(), "/tmp/pvocd.out"));
         ASSERT_TRUE(test::WaitFor([] { return test::FileExists(kSocket); }, 10000));
     }
 
+    // Waits until the daemon forwarded the start-up fetch to the logger.
+    bool WaitForStartUpFetch() {
+        return test::WaitFor([] {
+            return test::ReadFile("/tmp/logger.out").find("command received: 8 bytes, length 8, command 1") !=
+                   std::string::npos;
+        }, 15000);
+    }
+
     std::string port_;
+    std::string scheme_ = "http";
+    std::string tlsCertificate_;
     test::ChildProcess daemon_;
     test::ChildProcess server_;
     test::ChildProcess logger_;
@@ -141,7 +153,7 @@ TEST_F(ToolsTest, NoDaemonIsAClearMessageNotAHang) {
 TEST_F(ToolsTest, CapacityMustBeANumber) {
     std::string output;
     EXPECT_EQ(2, RunTool({PVOCTL_BINARY, "current", "abc"}, output));
-    EXPECT_NE(std::string::npos, output.find("CAPACITY must be a number, not \"abc\"")) << output;
+    EXPECT_NE(std::string::npos, output.find("CAPACITY must be a positive number, not \"abc\"")) << output;
     EXPECT_EQ(2, RunTool({PVOCTL_BINARY, "next", "5kW"}, output));
     EXPECT_EQ(2, RunTool({PVOCTL_BINARY, "check-plant-id", "only-one"}, output));
     EXPECT_NE(std::string::npos, output.find("usage: pvoctl")) << output;
@@ -182,6 +194,118 @@ TEST_F(ToolsTest, HelpExplainsTheCommands) {
         EXPECT_NE(std::string::npos, output.find(text)) << text;
     }
     EXPECT_EQ(2, RunTool({PVOCTL_BINARY, "bogus"}, output));
+}
+
+TEST_F(ToolsTest, BadOptionsAndValuesAreUsageErrors) {
+    const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+        {{"--timeout", "abc", "current"}, "--timeout must be a whole number of seconds from 1 to 86400, not \"abc\""},
+        {{"--timeout", "0", "current"}, "not \"0\""},
+        {{"--timeout", "-1", "current"}, "not \"-1\""},
+        {{"--timeout", "86401", "current"}, "not \"86401\""},
+        {{"--timeout", "99999999999999999999", "current"}, "not \"99999999999999999999\""},
+        {{"--timeout", "5s", "current"}, "not \"5s\""},
+        {{"current", "--timeout"}, "option --timeout needs a value"},
+        {{"--bogus", "current"}, "unknown option --bogus"},
+        {{"current", "0"}, "CAPACITY must be a positive number, not \"0\""},
+        {{"current", "inf"}, "CAPACITY must be a positive number, not \"inf\""},
+        {{"next", "nan"}, "CAPACITY must be a positive number, not \"nan\""},
+        {{"current", "1e999"}, "CAPACITY must be a positive number, not \"1e999\""},
+        {{"current", " 5"}, "CAPACITY must be a positive number, not \" 5\""},
+        {{"current", "--force"}, "--force applies to fixed-schedule only"},
+        {{"update", "--db", "x.db"}, "--db and --server-time apply to show-schedule only"},
+        {{"show-schedule", "2026-13-01", "--db", "/tmp/x.db"}, "not a date (YYYY-MM-DD): 2026-13-01"},
+        {{}, "no command given"},
+    };
+    for (const auto& c : cases) {
+        std::vector<std::string> argv = {PVOCTL_BINARY};
+        argv.insert(argv.end(), c.first.begin(), c.first.end());
+        std::string output;
+        EXPECT_EQ(2, RunTool(argv, output)) << c.second;
+        EXPECT_NE(std::string::npos, output.find("pvoctl: ")) << output;
+        EXPECT_NE(std::string::npos, output.find(c.second)) << output;
+    }
+}
+
+TEST_F(ToolsTest, ARelativeFixedScheduleFileIsTakenFromTheCurrentDirectory) {
+    StartAll({});
+    ASSERT_TRUE(WaitForStartUpFetch());
+    test::ScheduleRecord record;
+    record.plantId = "00000000000000000000000777";
+    brvo::TimeStamp serverNow;
+    serverNow.AddServerOffset();
+    record.start = serverNow.Format("%Y%m%d") + "0000";
+    record.rates = std::vector<int>(48, 20);
+    test::WriteFile("/tmp/work/fixed.hex", test::BuildSchedulePayload({record}, test::kFixedSchedule).hex);
+    std::string output;
+    EXPECT_EQ(0, RunTool({PVOCTL_BINARY, "fixed-schedule", "fixed.hex"}, output, "/tmp/work")) << output;
+    EXPECT_EQ(0u, output.find("ok")) << output;
+}
+
+TEST_F(ToolsTest, NumbersArePrintedInFullPrecision) {
+    std::string answer(167, '\0');
+    const std::int32_t length = 167;
+    const double power = 74074.0734;
+    std::memcpy(&answer[0], &length, 4);
+    std::memcpy(&answer[8], &power, 8);
+    std::memcpy(&answer[16], "20260101000000", 14);
+    test::UnixPeer peer("/tmp/precise.sock", test::UnixPeer::kReply, answer, 16);
+    std::string output;
+    EXPECT_EQ(0, RunTool({PVOCTL_BINARY, "--socket", "precise.sock", "--json", "current", "185185.1835"}, output,
+                         "/tmp")) << output;
+    EXPECT_EQ("{\"ok\":true,\"code\":0,\"power\":74074.0734,\"slot\":\"20260101000000\",\"message\":\"\"}\n",
+              output);
+    EXPECT_EQ(0, RunTool({PVOCTL_BINARY, "--socket", "/tmp/precise.sock", "next"}, output)) << output;
+    EXPECT_EQ("target power 74074.0734 for the slot starting 2026-01-01 00:00:00 UTC\n", output);
+    ASSERT_EQ(2u, peer.Received().size());
+    double capacity = 0;
+    ASSERT_EQ(16u, peer.Received()[0].size());
+    std::memcpy(&capacity, peer.Received()[0].data() + 8, 8);
+    EXPECT_EQ(185185.1835, capacity);
+}
+
+TEST_F(ToolsTest, ShowScheduleInTheServersDay) {
+    // 2026-01-01 15:00 UTC is 2026-01-02 00:00 in the server's time.
+    const std::int64_t serverMidnight = 1767279600;
+    test::StoreSchedule("777", {{serverMidnight - 1800, 10}, {serverMidnight, 60}, {serverMidnight + 86400 - 1800, 70}});
+    std::string output;
+    EXPECT_EQ(0, RunTool({PVOCTL_BINARY, "show-schedule", "2026-01-02", "--server-time", "--db",
+                          "OutputControl/output_control_schedule.db"},
+                         output, "/media/sdcard/kestrovanyx/Database")) << output;
+    EXPECT_NE(std::string::npos, output.find("slots of 2026-01-02 (server time, UTC+9) in "
+                                             "/media/sdcard/kestrovanyx/Database/OutputControl/")) << output;
+    EXPECT_NE(std::string::npos, output.find(" 00:00   60%   no")) << output;
+    EXPECT_NE(std::string::npos, output.find(" 23:30   70%   no")) << output;
+    EXPECT_EQ(std::string::npos, output.find(" 10%")) << output;
+    EXPECT_EQ(0, RunTool({PVOCTL_BINARY, "show-schedule", "2026-01-02", "--json"}, output)) << output;
+    EXPECT_EQ("{\"day\":\"2026-01-02\",\"slots\":[{\"start\":1767364200,\"rate\":70,\"sent\":false}]}\n", output);
+}
+
+TEST_F(ToolsTest, SimulatorServesHttpsOnTheGivenAddress) {
+    test::WriteFile("/media/sdcard/kestrovanyx/Certificates/README", "");
+    ASSERT_TRUE(test::MakeCertificate("/media/sdcard/kestrovanyx/Certificates/sim.pem", "/tmp/sim.key"));
+    tlsCertificate_ = "/media/sdcard/kestrovanyx/Certificates/sim.pem";
+    scheme_ = "https";
+    StartAll({});
+    EXPECT_NE(std::string::npos, test::ReadFile("/tmp/server.out").find("listening on https://127.0.0.1:" + port_))
+        << test::ReadFile("/tmp/server.out");
+    ASSERT_TRUE(WaitForStartUpFetch()) << test::ReadFile("/tmp/server.out");
+    std::string output;
+    EXPECT_EQ(0, RunTool({PVOCTL_BINARY, "update"}, output)) << output;
+    EXPECT_EQ("ok\n", output);
+}
+
+TEST_F(ToolsTest, SimulatorRefusesABadAddressOrCertificate) {
+    std::string output;
+    EXPECT_EQ(2, RunTool({SCHEDULE_SERVER_SIM_BINARY, "--listen", "localhost"}, output));
+    EXPECT_NE(std::string::npos, output.find("--listen must be HOST:PORT or :PORT, not \"localhost\"")) << output;
+    EXPECT_EQ(2, RunTool({SCHEDULE_SERVER_SIM_BINARY, "--listen", ":65536"}, output));
+    EXPECT_NE(std::string::npos, output.find("--listen port must be a number from 0 to 65535")) << output;
+    EXPECT_EQ(2, RunTool({SCHEDULE_SERVER_SIM_BINARY, "--listen", "no.such.host.invalid:80"}, output));
+    EXPECT_NE(std::string::npos, output.find("cannot be used")) << output;
+    EXPECT_EQ(2, RunTool({SCHEDULE_SERVER_SIM_BINARY, "--tls", "/tmp/none.pem", "/tmp/none.key"}, output));
+    EXPECT_NE(std::string::npos, output.find("--tls certificate \"/tmp/none.pem\" cannot be read")) << output;
+    EXPECT_EQ(2, RunTool({SCHEDULE_SERVER_SIM_BINARY, "--tls", "/tmp/only.pem"}, output));
+    EXPECT_NE(std::string::npos, output.find("--tls needs CERT and KEY")) << output;
 }
 
 } // namespace

@@ -1,0 +1,186 @@
+// pvoctl status on stored databases: the three output formats, the health
+// verdict and its reasons, the /tmp fall-back and the log's I/O error note,
+// and that reading never writes.
+#include "support/ChildProcess.h"
+#include "support/SqliteFile.h"
+#include "support/StoredSchedule.h"
+#include "support/TestFiles.h"
+#include "support/UnixPeer.h"
+#include "util/TimeStamp.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstring>
+#include <sys/stat.h>
+
+namespace brvo {
+namespace {
+
+const std::string kSocket = "/mnt/system/pvoctrl/brevanta.octrl";
+const std::string kPlant = "00000000000000000000000777";
+
+int RunPvoctl(const std::vector<std::string>& args, std::string& output, const std::string& directory = "") {
+    return test::ChildProcess::RunToEnd(PVOCTL_BINARY, args, output, directory);
+}
+
+// A target-power answer as pvocd writes it: 167 bytes, code 0.
+std::string TargetPowerAnswer(double power) {
+    std::string answer(167, '\0');
+    const std::int32_t length = 167;
+    std::memcpy(&answer[0], &length, 4);
+    std::memcpy(&answer[8], &power, 8);
+    std::memcpy(&answer[16], "20260101000000", 14);
+    return answer;
+}
+
+std::string Display(std::int64_t epoch) {
+    return TimeStamp::FromEpochSeconds(epoch)->FormatDisplay();
+}
+
+class PvoctlStatusTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        test::WriteSystemSetting(kPlant, "http://127.0.0.1:9/s", false);
+        // The socket's directory, as the daemon makes it.
+        test::WriteFile("/mnt/system/pvoctrl/.keep", "");
+        now_ = TimeStamp().EpochSeconds();
+    }
+
+    // Stores slots around now and an update record of `lastAgo` seconds
+    // ago, with the next update one day after it.
+    void Store(std::int64_t lastAgo) {
+        const std::int64_t slot = now_ - now_ % 1800;
+        test::StoreSchedule(kPlant, {{slot, 40}, {slot + 1800, 50}});
+        test::CreateDatabase(test::kUpdateInfoDbFile,
+                             "UPDATE output_control_schedule_update_info SET lastUpdateTime='" +
+                                 Display(now_ - lastAgo) + "', nextUpdateTime='" +
+                                 Display(now_ - lastAgo + 86400) + "', isNeedUpdateFixedSchedule=1");
+        validUntil_ = slot + 3600;
+    }
+
+    std::int64_t now_ = 0;
+    std::int64_t validUntil_ = 0;
+};
+
+TEST_F(PvoctlStatusTest, HealthyInAllThreeFormatsWithoutWritingAnything) {
+    Store(3600);
+    test::UnixPeer daemon(kSocket, test::UnixPeer::kReply, TargetPowerAnswer(40), 16);
+    test::WriteFile("/mnt/system/check/brvo", "");
+    struct stat before;
+    ASSERT_EQ(0, stat(test::kUpdateInfoDbFile, &before));
+    std::string output;
+    ASSERT_EQ(0, RunPvoctl({"status"}, output)) << output;
+    EXPECT_EQ(0u, output.find("pvocd status: healthy\n")) << output;
+    EXPECT_NE(std::string::npos, output.find("plant ID:          " + kPlant + " (SystemSetting.xml)")) << output;
+    EXPECT_NE(std::string::npos, output.find("last update:       " + Display(now_ - 3600))) << output;
+    EXPECT_NE(std::string::npos, output.find("storage:           /media/sdcard/kestrovanyx (SD card)")) << output;
+    EXPECT_NE(std::string::npos, output.find("fetch pending at ")) << output;
+    EXPECT_NE(std::string::npos, output.find(kSocket + " answers")) << output;
+    EXPECT_EQ(std::string::npos, output.find("unhealthy")) << output;
+
+    ASSERT_EQ(0, RunPvoctl({"status", "--json"}, output)) << output;
+    EXPECT_EQ(0u, output.find("{\"healthy\":true,\"reasons\":[],\"plantId\":\"" + kPlant + "\"")) << output;
+    EXPECT_NE(std::string::npos, output.find("\"lastUpdate\":" + std::to_string(now_ - 3600))) << output;
+    EXPECT_NE(std::string::npos, output.find("\"nextUpdate\":" + std::to_string(now_ - 3600 + 86400))) << output;
+    EXPECT_NE(std::string::npos, output.find("\"validUntil\":" + std::to_string(validUntil_))) << output;
+    EXPECT_NE(std::string::npos, output.find("\"fallback\":false")) << output;
+    EXPECT_NE(std::string::npos, output.find("\"logIoError\":false")) << output;
+    EXPECT_NE(std::string::npos, output.find("\"answers\":true")) << output;
+
+    ASSERT_EQ(0, RunPvoctl({"--prometheus", "status"}, output)) << output;
+    const std::string labels = "{plant_id=\"" + kPlant + "\"}";
+    EXPECT_NE(std::string::npos, output.find("# HELP pvocd_up ")) << output;
+    EXPECT_NE(std::string::npos, output.find("# TYPE pvocd_up gauge\npvocd_up" + labels + " 1\n")) << output;
+    EXPECT_NE(std::string::npos, output.find("pvocd_healthy" + labels + " 1\n")) << output;
+    EXPECT_NE(std::string::npos,
+              output.find("pvocd_last_update_timestamp_seconds" + labels + " " + std::to_string(now_ - 3600)))
+        << output;
+    EXPECT_NE(std::string::npos, output.find("pvocd_next_update_timestamp_seconds" + labels)) << output;
+    EXPECT_NE(std::string::npos, output.find("pvocd_watchdog_age_seconds" + labels)) << output;
+    EXPECT_NE(std::string::npos, output.find("pvocd_storage_fallback" + labels + " 0\n")) << output;
+    EXPECT_NE(std::string::npos, output.find("pvocd_log_io_error" + labels + " 0\n")) << output;
+
+    struct stat after;
+    ASSERT_EQ(0, stat(test::kUpdateInfoDbFile, &after));
+    EXPECT_EQ(before.st_mtime, after.st_mtime);
+    EXPECT_EQ(before.st_size, after.st_size);
+    EXPECT_EQ(3, daemon.Connections());
+}
+
+TEST_F(PvoctlStatusTest, AnOldLastUpdateIsUnhealthyWithTheReason) {
+    Store(3 * 86400);
+    test::UnixPeer daemon(kSocket, test::UnixPeer::kReply, TargetPowerAnswer(40), 16);
+    std::string output;
+    EXPECT_EQ(1, RunPvoctl({"status"}, output)) << output;
+    EXPECT_EQ(0u, output.find("pvocd status: unhealthy\n")) << output;
+    // The clock may tick between the test and the tool: 259200 s or a little more.
+    EXPECT_NE(std::string::npos, output.find("unhealthy: last successful update 25920")) << output;
+    EXPECT_NE(std::string::npos, output.find(" s ago, more than twice the expected interval of 86400 s\n")) << output;
+    // The update time passed: the daemon retries at the next half-hour step.
+    EXPECT_NE(std::string::npos, output.find("next update:       ")) << output;
+    EXPECT_EQ(1, RunPvoctl({"status", "--prometheus"}, output)) << output;
+    EXPECT_NE(std::string::npos, output.find("pvocd_healthy{plant_id=\"" + kPlant + "\"} 0\n")) << output;
+}
+
+TEST_F(PvoctlStatusTest, ASocketThatDoesNotAnswerIsUnhealthy) {
+    Store(3600);
+    test::UnixPeer daemon(kSocket, test::UnixPeer::kSilent, "", 16);
+    std::string output;
+    EXPECT_EQ(1, RunPvoctl({"status", "--json", "--timeout", "1"}, output)) << output;
+    EXPECT_EQ(0u, output.find("{\"healthy\":false,\"reasons\":[\"command socket does not answer: pvocd did not "
+                              "answer within 1 s\"]")) << output;
+    EXPECT_NE(std::string::npos, output.find("\"answers\":false")) << output;
+}
+
+TEST_F(PvoctlStatusTest, TheTmpFallBackAndTheLogIoErrorNoteAreShown) {
+    // A file where the card's directory should be: the daemon cannot
+    // create its data root there and falls back to /tmp.
+    test::WriteFile("/tmp/card", "not a directory");
+    test::WriteLoggerSetting("<SdcardPath>/tmp/card/sd</SdcardPath>");
+    test::WriteFile("/tmp/logger_io_file_error", "[2026-01-01 00:00:00 UTC] /x/OutputSchedule_pvocd.log\n");
+    std::string output;
+    EXPECT_EQ(1, RunPvoctl({"status"}, output)) << output;
+    EXPECT_NE(std::string::npos,
+              output.find("storage:           /tmp/kestrovanyx (/tmp fall-back: /tmp/card/sd cannot be written)"))
+        << output;
+    EXPECT_NE(std::string::npos, output.find("log I/O errors:    /tmp/logger_io_file_error present")) << output;
+    EXPECT_NE(std::string::npos, output.find("unhealthy: no update information stored in /tmp/kestrovanyx/"))
+        << output;
+    EXPECT_EQ(1, RunPvoctl({"status", "--json"}, output)) << output;
+    EXPECT_NE(std::string::npos, output.find("\"fallback\":true")) << output;
+    EXPECT_NE(std::string::npos, output.find("\"logIoError\":true")) << output;
+    EXPECT_EQ(1, RunPvoctl({"status", "--prometheus"}, output)) << output;
+    EXPECT_NE(std::string::npos, output.find("pvocd_storage_fallback{plant_id=\"" + kPlant + "\"} 1\n")) << output;
+    EXPECT_NE(std::string::npos, output.find("pvocd_log_io_error{plant_id=\"" + kPlant + "\"} 1\n")) << output;
+    // Reading never creates: no database file and no directory appeared.
+    EXPECT_FALSE(test::FileExists("/tmp/kestrovanyx"));
+}
+
+TEST_F(PvoctlStatusTest, StatusOnWhatTheRealDaemonStored) {
+    test::StoreSchedule(kPlant, {{TimeStamp().EpochSeconds() / 1800 * 1800, 60}});
+    test::CreateDatabase(test::kUpdateInfoDbFile, "UPDATE output_control_schedule_update_info SET lastUpdateTime='" +
+                                                      Display(now_) + "', nextUpdateTime='" +
+                                                      Display(now_ + 86400) + "'");
+    test::ChildProcess daemon;
+    ASSERT_TRUE(daemon.Start(test::ChildProcess::DaemonCommand(), test::kDaemonOutput));
+    ASSERT_TRUE(test::WaitForSocket(kSocket, 10000));
+    ASSERT_TRUE(test::WaitFor([] { return test::FileExists("/mnt/system/check/brvo"); }, 5000));
+    std::string output;
+    EXPECT_EQ(0, RunPvoctl({"status"}, output)) << output << test::ReadFile(test::kDaemonOutput);
+    EXPECT_NE(std::string::npos, output.find(kSocket + " answers")) << output;
+    EXPECT_NE(std::string::npos, output.find("watchdog file:     /mnt/system/check/brvo, ")) << output;
+    daemon.Signal(SIGTERM);
+    daemon.WaitExit(10000);
+}
+
+TEST_F(PvoctlStatusTest, UsageErrorsExitTwo) {
+    std::string output;
+    EXPECT_EQ(2, RunPvoctl({"status", "extra"}, output)) << output;
+    EXPECT_EQ(2, RunPvoctl({"status", "--json", "--prometheus"}, output)) << output;
+    EXPECT_NE(std::string::npos, output.find("--json and --prometheus exclude each other")) << output;
+    EXPECT_EQ(2, RunPvoctl({"current", "--prometheus"}, output)) << output;
+}
+
+} // namespace
+} // namespace brvo

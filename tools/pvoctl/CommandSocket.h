@@ -1,0 +1,23 @@
+// One request to pvocd's command socket and its answer.
+#ifndef BRVO_TOOLS_PVOCTL_COMMANDSOCKET_H
+#define BRVO_TOOLS_PVOCTL_COMMANDSOCKET_H
+
+#include <cstdint>
+#include <string>
+
+namespace brvo {
+
+class CommandSocket {
+public:
+    // Sends `request` to the socket at `path` and returns everything read
+    // until the daemon closes; `error` is set when there is no answer
+    // within `timeoutMs` (waited for each read).
+    static std::string Exchange(const std::string& path, const std::string& request, int timeoutMs,
+                                std::string& error);
+    // A request of `type` with `params`: length and type as native words.
+    static std::string Request(std::int32_t type, const std::string& params);
+};
+
+} // namespace brvo
+
+#endif

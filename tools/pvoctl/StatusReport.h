@@ -1,0 +1,81 @@
+// pvoctl status: what pvocd is doing, gathered from its settings, its two
+// databases (opened read-only), the log's I/O error note, the watchdog file
+// and one harmless request on the command socket.
+#ifndef BRVO_TOOLS_PVOCTL_STATUSREPORT_H
+#define BRVO_TOOLS_PVOCTL_STATUSREPORT_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace brvo {
+
+class StatusReport {
+public:
+    // An update interval assumed when the stored record gives none: the
+    // schedule server hands out one day at a time.
+    static constexpr std::int64_t kDefaultUpdateInterval = 86400;
+
+    // Gathers everything; `socketPath` is asked with `timeoutMs`.
+    StatusReport(const std::string& socketPath, int timeoutMs);
+
+    // True when nothing in Reasons() stands against the daemon.
+    bool Healthy() const { return reasons_.empty(); }
+    // Why the daemon is not healthy, one sentence each.
+    const std::vector<std::string>& Reasons() const { return reasons_; }
+    // Human-readable lines.
+    std::string Text() const;
+    // One JSON object.
+    std::string Json() const;
+    // The node-exporter textfile-collector format.
+    std::string Prometheus() const;
+
+private:
+    // -1 stands for "not known" in every time below.
+    struct UpdateInfo {
+        std::string plantId;
+        std::int64_t last = -1;
+        std::int64_t next = -1;
+        int fixedFlag = 0;
+        bool fixedNeeded = false;
+    };
+
+    void ReadSettings();
+    void ReadUpdateInfo();
+    void ReadSchedule();
+    void ReadFiles();
+    void AskSocket(int timeoutMs);
+    void WorkOutTimers();
+    void Judge();
+    std::string Time(std::int64_t epoch) const;
+
+    std::int64_t now_;
+    std::string socketPath_;
+    std::string plantId_;
+    bool standAlone_ = false;
+    int monitoringInterval_ = 0;
+    int watchdogInterval_ = 0;
+    std::string sdcardPath_;
+    std::string dataRoot_;
+    bool fallback_ = false;
+    std::string scheduleDb_;
+    std::string updateInfoDb_;
+    bool updateInfoRead_ = false;
+    UpdateInfo info_;
+    std::int64_t expectedInterval_ = kDefaultUpdateInterval;
+    std::int64_t nextUpdate_ = -1;
+    std::int64_t nextFixedUpdate_ = -1;
+    std::int64_t firstSlot_ = -1;
+    std::int64_t validUntil_ = -1;
+    long long slotCount_ = 0;
+    bool logIoError_ = false;
+    std::string watchdogFile_;
+    std::int64_t watchdogAge_ = -1;
+    bool socketAnswers_ = false;
+    std::string socketError_;
+    std::vector<std::string> reasons_;
+};
+
+} // namespace brvo
+
+#endif

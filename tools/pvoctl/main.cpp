@@ -1,0 +1,250 @@
+// pvoctl: command-line client of pvocd's command socket, for installers and
+// for people debugging a data logger in the field. One request per call;
+// exit code 0 only when the daemon reports success. status and
+// check-config read files only and never change them.
+#include "CommandSocket.h"
+#include "ConfigCheck.h"
+#include "JsonValue.h"
+#include "Options.h"
+#include "ScheduleView.h"
+#include "StatusReport.h"
+
+#include "settings/LoggerSettingManager.h"
+#include "util/FileUtil.h"
+
+#include <cstdint>
+#include <cstring>
+#include <iostream>
+#include <string>
+#include <vector>
+
+namespace {
+
+using brvo::JsonValue;
+using brvo::Options;
+
+const char kUsage[] =
+    "usage: pvoctl [--socket PATH] [--json] [--timeout SECONDS] COMMAND [ARGS]\n"
+    "\n"
+    "Commands (each sends one request to pvocd and prints its answer):\n"
+    "  current [CAPACITY]          target power of the slot in force now\n"
+    "  next [CAPACITY]             target power of the next slot\n"
+    "                              CAPACITY is the plant capacity in the unit you want\n"
+    "                              the answer in (default 100: the answer is a percentage)\n"
+    "  update                      fetch the update and fixed schedules from the server now\n"
+    "  check-plant-id ID URL       ask the schedule server at URL whether plant ID is registered\n"
+    "  fixed-schedule FILE [--force]\n"
+    "                              store the fixed schedule in FILE (payload as hex text);\n"
+    "                              --force replaces the schedule of another plant\n"
+    "  settings-changed            make pvocd reread SystemSetting.xml\n"
+    "  flush-log                   make pvocd write its buffered log lines\n"
+    "Commands that read files only:\n"
+    "  show-schedule [YYYY-MM-DD] [--db FILE] [--server-time]\n"
+    "                              print the stored slots of a day (UTC; default today)\n"
+    "                              as a table with a bar per rate (reads the database only);\n"
+    "                              --server-time: the schedule server's day and times (UTC+9)\n"
+    "  status [--json|--prometheus]\n"
+    "                              plant ID, last and next update, fixed schedule, card or\n"
+    "                              /tmp in use, log I/O error note, watchdog file age, whether\n"
+    "                              the socket answers, and a health verdict (exit 0 healthy,\n"
+    "                              1 unhealthy); --prometheus writes the textfile-collector format\n"
+    "  check-config [DIR]          check the settings in DIR (default\n"
+    "                              /usr/local/etc/kestrovanyx/SettingsXML): one FILE:LINE:COLUMN:\n"
+    "                              finding per line; exit 0 clean, 1 with findings\n"
+    "\n"
+    "Answer fields:\n"
+    "  target power: power  the limit for the slot; slot  its start (UTC);\n"
+    "                code   0 ok, 5 no slot stored, 10 clock before 2020, 11 no plant ID\n"
+    "  updates:      reason 0 ok, 1 server access, 2 unreadable answer, 3 invalid payload,\n"
+    "                       4 no slots, 5 database, 6 plant ID not registered,\n"
+    "                       7 fixed data of another plant, 9 file not found, 12 exception;\n"
+    "                status the schedule server's HTTP status (0 none, -1 not asked)\n"
+    "\n"
+    "Options:\n"
+    "  --socket PATH   command socket (default: OutputControlSocketPath of LoggerSetting.xml)\n"
+    "  --json          print one JSON object instead of text\n"
+    "  --timeout SEC   how long to wait for the answer, 1 to 86400 (default 120; status: 5)\n"
+    "Relative paths (FILE, --db, --socket) are taken from the current directory.\n"
+    "Exit code: 0 success, 1 the daemon reported a failure, 2 usage or connection error.\n";
+
+int Fail(const std::string& message) {
+    std::cerr << "pvoctl: " << message << std::endl;
+    return 2;
+}
+
+int Usage(const std::string& message) {
+    std::cerr << kUsage;
+    return Fail(message);
+}
+
+std::int32_t WordAt(const std::string& data, std::size_t offset) {
+    std::int32_t value = 0;
+    std::memcpy(&value, data.data() + offset, 4);
+    return value;
+}
+
+std::string TextAt(const std::string& data, std::size_t offset, std::size_t size) {
+    const std::string field = data.substr(offset, size);
+    return field.substr(0, field.find('\0'));
+}
+
+std::string Field(const std::string& text, std::size_t size) {
+    std::string field = text.substr(0, size - 1);
+    field.resize(size, '\0');
+    return field;
+}
+
+std::string SlotText(const std::string& slot) {
+    if (slot.size() != 14) return slot;
+    return slot.substr(0, 4) + "-" + slot.substr(4, 2) + "-" + slot.substr(6, 2) + " " + slot.substr(8, 2) + ":" +
+           slot.substr(10, 2) + ":" + slot.substr(12, 2) + " UTC";
+}
+
+int PrintTargetPower(const Options& options, const std::string& answer) {
+    if (answer.size() < 167) return Fail("short answer from pvocd");
+    double power = 0;
+    std::memcpy(&power, answer.data() + 8, 8);
+    const std::string slot = TextAt(answer, 16, 15);
+    const std::int32_t code = WordAt(answer, 31);
+    const std::string message = TextAt(answer, 39, 128);
+    const std::string powerText = JsonValue::Number(power);
+    if (options.json) {
+        std::cout << "{\"ok\":" << (code == 0 ? "true" : "false") << ",\"code\":" << code
+                  << ",\"power\":" << powerText << ",\"slot\":" << JsonValue::Text(slot)
+                  << ",\"message\":" << JsonValue::Text(message) << "}" << std::endl;
+    } else if (code == 0) {
+        std::cout << "target power " << powerText << " for the slot starting " << SlotText(slot) << std::endl;
+    } else {
+        std::cout << "no target power: " << message << " (code " << code << "); fall-back power " << powerText
+                  << std::endl;
+    }
+    return code == 0 ? 0 : 1;
+}
+
+int PrintUpdate(const Options& options, const std::string& answer, bool fixedLayout) {
+    const std::size_t need = fixedLayout ? 171 : 144;
+    if (answer.size() < need) return Fail("short answer from pvocd");
+    const std::size_t base = fixedLayout ? 35 : 8;
+    const std::int32_t reason = WordAt(answer, base);
+    const std::int32_t status = WordAt(answer, base + 4);
+    const std::string message = TextAt(answer, base + 8, 128);
+    const std::string plantId = fixedLayout ? TextAt(answer, 8, 27) : std::string();
+    if (options.json) {
+        std::cout << "{\"ok\":" << (reason == 0 ? "true" : "false") << ",\"reason\":" << reason
+                  << ",\"status\":" << status << ",\"message\":" << JsonValue::Text(message);
+        if (fixedLayout) std::cout << ",\"plantId\":" << JsonValue::Text(plantId);
+        std::cout << "}" << std::endl;
+    } else if (reason == 0) {
+        std::cout << "ok";
+        if (!plantId.empty()) std::cout << " (settings changed: plant " << plantId << ", stand-alone)";
+        std::cout << std::endl;
+    } else {
+        std::cout << "failed: " << message << " (reason " << reason << ", HTTP status " << status << ")"
+                  << std::endl;
+    }
+    return reason == 0 ? 0 : 1;
+}
+
+// The request of a socket command; empty with `error` set when the
+// arguments do not fit the command.
+std::string BuildRequest(const Options& options, std::int32_t& type, std::string& error) {
+    const std::vector<std::string>& args = options.args;
+    const std::string& command = args[0];
+    if ((command == "current" || command == "next") && args.size() <= 2) {
+        type = command == "current" ? 6 : 7;
+        double capacity = 100.0;
+        if (args.size() == 2 && !Options::PositiveNumber(args[1], capacity)) {
+            error = "CAPACITY must be a positive number, not \"" + args[1] + "\"";
+            return std::string();
+        }
+        std::string bytes(8, '\0');
+        std::memcpy(&bytes[0], &capacity, 8);
+        return brvo::CommandSocket::Request(type, bytes);
+    }
+    const std::size_t count = args.size();
+    if (command == "check-plant-id" && count == 3) {
+        type = 3;
+        return brvo::CommandSocket::Request(type, Field(args[1], 27) + Field(args[2], 256));
+    }
+    if (command == "fixed-schedule" && count == 2) {
+        type = 4;
+        const std::string file = Options::AbsolutePath(args[1]);
+        return brvo::CommandSocket::Request(type, Field(file, 256) + std::string(1, options.force ? '\1' : '\0'));
+    }
+    if (count == 1 && (command == "update" || command == "settings-changed" || command == "flush-log")) {
+        type = command == "update" ? 2 : command == "settings-changed" ? 5 : 8;
+        return brvo::CommandSocket::Request(type, "");
+    }
+    error = "unknown command or wrong arguments: " + command;
+    return std::string();
+}
+
+std::string SocketPath(const Options& options) {
+    if (!options.socketPath.empty()) return options.socketPath;
+    brvo::LoggerSettingManager::CreateInstance();
+    return brvo::LoggerSettingManager::GetInstance()->GetOutputControlSocketPath();
+}
+
+int RunSocketCommand(const Options& options) {
+    std::int32_t type = 0;
+    std::string error;
+    const std::string request = BuildRequest(options, type, error);
+    if (request.empty()) return Usage(error);
+    const std::string answer =
+        brvo::CommandSocket::Exchange(SocketPath(options), request, options.timeoutSeconds * 1000, error);
+    if (answer.empty()) return Fail(error);
+    if (type == 6 || type == 7) return PrintTargetPower(options, answer);
+    if (type == 4) return PrintUpdate(options, answer, true);
+    if (type == 8) {
+        std::cout << (options.json ? "{\"ok\":true}" : "log flush requested") << std::endl;
+        return 0;
+    }
+    return PrintUpdate(options, answer, false);
+}
+
+int RunStatus(const Options& options) {
+    if (options.args.size() != 1) return Usage("status takes no arguments");
+    brvo::StatusReport report(SocketPath(options), options.timeoutGiven ? options.timeoutSeconds * 1000 : 5000);
+    if (options.prometheus) {
+        std::cout << report.Prometheus();
+    } else if (options.json) {
+        std::cout << report.Json() << std::endl;
+    } else {
+        std::cout << report.Text();
+    }
+    return report.Healthy() ? 0 : 1;
+}
+
+int RunCheckConfig(const Options& options) {
+    if (options.args.size() > 2) return Usage("check-config takes at most one directory");
+    const std::string dir =
+        options.args.size() == 2 ? Options::AbsolutePath(options.args[1]) : brvo::FileUtil::GetSettingsDirectory();
+    brvo::ConfigCheck check(dir);
+    std::string error;
+    if (!check.Run(error)) return Fail(error);
+    for (const std::string& finding : check.Findings()) std::cout << finding << "\n";
+    std::cout.flush();
+    return check.Findings().empty() ? 0 : 1;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    Options options;
+    std::string error;
+    const bool parsed = options.Parse(argc, argv, error);
+    if (options.help) {
+        std::cout << kUsage;
+        return 0;
+    }
+    if (!parsed) {
+        Fail(error);
+        std::cerr << "(pvoctl --help lists the commands and options)" << std::endl;
+        return 2;
+    }
+    const std::string& command = options.args[0];
+    if (command == "show-schedule") return brvo::ScheduleView(options).Run();
+    if (command == "status") return RunStatus(options);
+    if (command == "check-config") return RunCheckConfig(options);
+    return RunSocketCommand(options);
+}
