@@ -157,6 +157,15 @@ TEST_F(PvoctlStatusTest, TheTmpFallBackAndTheLogIoErrorNoteAreShown) {
     EXPECT_FALSE(test::FileExists("/tmp/kestrovanyx"));
 }
 
+TEST_F(PvoctlStatusTest, MissingDatabasesAreNotCreated) {
+    test::WriteFile("/media/sdcard/kestrovanyx/Database/OutputControl/.keep", "");
+    std::string output;
+    EXPECT_EQ(1, RunPvoctl({"status"}, output)) << output;
+    EXPECT_NE(std::string::npos, output.find("stored slots:      0\n")) << output;
+    EXPECT_FALSE(test::FileExists(test::kScheduleDbFile));
+    EXPECT_FALSE(test::FileExists(test::kUpdateInfoDbFile));
+}
+
 TEST_F(PvoctlStatusTest, StatusOnWhatTheRealDaemonStored) {
     test::StoreSchedule(kPlant, {{TimeStamp().EpochSeconds() / 1800 * 1800, 60}});
     test::CreateDatabase(test::kUpdateInfoDbFile, "UPDATE output_control_schedule_update_info SET lastUpdateTime='" +
