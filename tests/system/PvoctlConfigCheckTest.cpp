@@ -80,6 +80,12 @@ TEST_F(PvoctlConfigCheckTest, BrokenXmlIsReportedAtItsLineAndColumn) {
     EXPECT_EQ(0u, output.find(kDir + "/LoggerSetting.xml:3:14: XML error: ")) << output;
 }
 
+TEST_F(PvoctlConfigCheckTest, NestingTooDeepIsReportedWhereItStarts) {
+    test::WriteFile(kDir + "/LoggerSetting.xml", LoggerSetting(test::NestedXml("a", 100) + "\n"));
+    // The document element is level 1, so the 64th <a> is level 65.
+    ExpectFinding(kDir + "/LoggerSetting.xml:3:190: elements nested deeper than 64; pvocd does not read the file");
+}
+
 TEST_F(PvoctlConfigCheckTest, ValuesThatAreNotNumbers) {
     test::WriteFile(kDir + "/LoggerSetting.xml", LoggerSetting("<WatchdogFileUpdateInterval>abc"
                                                                "</WatchdogFileUpdateInterval>\n"

@@ -86,7 +86,6 @@ void ScheduleView::PrintRow(std::int64_t time, int rate, bool sent, bool first) 
     const int width = std::max(0, std::min(rate, 200)) / 5;
     std::printf(" %s  %3d%%  %s  %s\n", hhmm.c_str(), rate, sent ? "yes" : " no",
                 std::string(static_cast<std::size_t>(width), '#').c_str());
-    std::fflush(stdout);
 }
 
 } // namespace brvo
