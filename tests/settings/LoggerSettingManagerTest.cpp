@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include <Poco/File.h>
 
 namespace brvo {
@@ -90,6 +92,27 @@ TEST_F(LoggerSettingManagerTest, FileValuesReplaceDefaults) {
     EXPECT_EQ(60, settings.GetOutputScheduleMonitoringInterval());
     EXPECT_EQ(2, settings.GetOutputControlSocketTimeout());
     EXPECT_EQ("/data/kestrovanyx/Log/OutputScheduleLog", settings.GetLogDirectory());
+}
+
+// The names a configuration check compares against are exactly those read,
+// and the numeric ones among them.
+TEST_F(LoggerSettingManagerTest, KnownKeysAreTheElementsRead) {
+    std::vector<std::string> known = LoggerSettingManager::KnownKeys();
+    std::sort(known.begin(), known.end());
+    const std::vector<std::string> expected = {
+        "LogLevel", "LoggerSocketPath", "OutputControlScheduleRetensionCycle", "OutputControlSocketPath",
+        "OutputControlSocketTimeout", "OutputControlTestMode", "OutputScheduleEnableLogBufferedIO",
+        "OutputScheduleLogMaxBufferedSize", "OutputScheduleLogMaxFileSize", "OutputScheduleLogMaxRollIndex",
+        "OutputScheduleMonitoringInterval", "PVOutputControlWatchdogFile", "SdcardPath",
+        "WatchdogFileUpdateInterval"};
+    EXPECT_EQ(expected, known);
+    for (const std::string& key : LoggerSettingManager::NumericKeys()) {
+        EXPECT_TRUE(std::binary_search(known.begin(), known.end(), key)) << key;
+    }
+    EXPECT_EQ(9u, LoggerSettingManager::NumericKeys().size());
+    EXPECT_EQ(13u, LoggerSettingManager::Defaults().size());
+    EXPECT_EQ(0u, LoggerSettingManager::Defaults().count("LogLevel"));
+    EXPECT_EQ("/media/sdcard", LoggerSettingManager::Defaults().at("SdcardPath"));
 }
 
 TEST_F(LoggerSettingManagerTest, IntervalNotANumberFallsBack) {
