@@ -225,12 +225,22 @@ bool Parse(int argc, char** argv) {
     return true;
 }
 
-// A plain socket, or with --tls one that does the server's side of TLS.
-Poco::Net::ServerSocket ListeningSocket() {
+// The TLS context of --tls; null without it. Throws std::invalid_argument
+// when the certificate or the key does not load.
+Poco::Net::Context::Ptr TlsContext() {
+    if (settings.certificate.empty()) return nullptr;
+    try {
+        return new Poco::Net::Context(Poco::Net::Context::TLS_SERVER_USE, settings.key, settings.certificate, "",
+                                      Poco::Net::Context::VERIFY_NONE);
+    } catch (const Poco::Exception& e) {
+        throw std::invalid_argument("--tls certificate or key cannot be used: " + e.displayText());
+    }
+}
+
+// A plain socket, or with a TLS context one that does the server's side of TLS.
+Poco::Net::ServerSocket ListeningSocket(const Poco::Net::Context::Ptr& context) {
     const Poco::Net::SocketAddress address(settings.host, static_cast<Poco::UInt16>(settings.port));
-    if (settings.certificate.empty()) return Poco::Net::ServerSocket(address);
-    Poco::Net::Context::Ptr context = new Poco::Net::Context(Poco::Net::Context::TLS_SERVER_USE, settings.key,
-                                                             settings.certificate, "", Poco::Net::Context::VERIFY_NONE);
+    if (context.isNull()) return Poco::Net::ServerSocket(address);
     return Poco::Net::SecureServerSocket(address, 64, context);
 }
 
@@ -243,8 +253,10 @@ int main(int argc, char** argv) {
             return 0;
         }
     }
+    Poco::Net::Context::Ptr context;
     try {
         Parse(argc, argv);
+        context = TlsContext();
     } catch (const std::invalid_argument& e) {
         std::cerr << "schedule-server-sim: " << e.what() << "\n" << kUsage;
         return 2;
@@ -262,7 +274,7 @@ int main(int argc, char** argv) {
     std::signal(SIGINT, OnSignal);
     Poco::Net::ServerSocket socket;
     try {
-        socket = ListeningSocket();
+        socket = ListeningSocket(context);
     } catch (const Poco::Exception& e) {
         std::cerr << "schedule-server-sim: cannot listen on " << settings.host << ":" << settings.port << ": "
                   << e.displayText() << std::endl;

@@ -146,6 +146,8 @@ TEST_F(PvoctlConfigCheckTest, AMissingDirectoryIsAUsageError) {
     EXPECT_EQ(2, RunPvoctl({"check-config", "/tmp/none"}, output)) << output;
     EXPECT_NE(std::string::npos, output.find("no settings directory at /tmp/none")) << output;
     EXPECT_EQ(2, RunPvoctl({"check-config", kDir, "extra"}, output)) << output;
+    EXPECT_EQ(2, RunPvoctl({"check-config", "--json", kDir}, output)) << output;
+    EXPECT_NE(std::string::npos, output.find("--json does not apply to check-config")) << output;
 }
 
 } // namespace

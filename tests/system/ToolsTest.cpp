@@ -304,6 +304,9 @@ TEST_F(ToolsTest, SimulatorRefusesABadAddressOrCertificate) {
     EXPECT_NE(std::string::npos, output.find("cannot be used")) << output;
     EXPECT_EQ(2, RunTool({SCHEDULE_SERVER_SIM_BINARY, "--tls", "/tmp/none.pem", "/tmp/none.key"}, output));
     EXPECT_NE(std::string::npos, output.find("--tls certificate \"/tmp/none.pem\" cannot be read")) << output;
+    test::WriteFile("/tmp/garbage.pem", "not a certificate\n");
+    EXPECT_EQ(2, RunTool({SCHEDULE_SERVER_SIM_BINARY, "--tls", "/tmp/garbage.pem", "/tmp/garbage.pem"}, output));
+    EXPECT_NE(std::string::npos, output.find("--tls certificate or key cannot be used: ")) << output;
     EXPECT_EQ(2, RunTool({SCHEDULE_SERVER_SIM_BINARY, "--tls", "/tmp/only.pem"}, output));
     EXPECT_NE(std::string::npos, output.find("--tls needs CERT and KEY")) << output;
 }

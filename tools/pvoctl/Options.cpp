@@ -99,6 +99,7 @@ bool Options::CheckCommand(std::string& error) const {
     }
     if (prometheus && command != "status") error = "--prometheus applies to status only";
     if (prometheus && json) error = "--json and --prometheus exclude each other";
+    if (json && command == "check-config") error = "--json does not apply to check-config";
     return error.empty();
 }
 
