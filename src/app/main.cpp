@@ -1,6 +1,9 @@
 // pvocd: the output-control daemon of the PV data logger. It takes no
-// arguments; its settings come from LoggerSetting.xml and SystemSetting.xml.
+// arguments apart from --help and --version; its settings come from
+// LoggerSetting.xml and SystemSetting.xml.
 #include "app/BrevantaOutputControlManager.h"
+#include "app/CommandLine.h"
+#include "app/InstanceLock.h"
 #include "schedule/ScheduleUpdateManager.h"
 #include "server/OutputcontrolServer.h"
 #include "settings/LoggerSettingManager.h"
@@ -29,9 +32,37 @@ const int kStopSignals[] = {SIGUSR1, SIGTERM, SIGHUP, SIGINT, SIGQUIT};
 // then shows as a failed log write instead of a dead daemon.)
 const int kIgnoredSignals[] = {SIGALRM, SIGUSR2, SIGVTALRM, SIGPROF, SIGPOLL, SIGPWR, SIGXFSZ};
 
+const char kTag[] = "BrevantaOutputControlManager";
+// Exit status when another pvocd already serves the command socket.
+const int kAlreadyRunningStatus = 1;
+
+// Takes the one-instance lock beside the configured command socket, before
+// anything could disturb a daemon that already runs: its log gets one line
+// from here, nothing else. False when another pvocd holds the lock.
+bool TakeInstanceLock(brvo::InstanceLock& lock) {
+    const std::string socketPath = brvo::LoggerSettingManager::GetInstance()->GetOutputControlSocketPath();
+    const brvo::InstanceLock::Outcome outcome = lock.Acquire(socketPath);
+    if (outcome == brvo::InstanceLock::kAcquired) return true;
+    brvo::LoggerLog::CreateInstance();
+    if (outcome == brvo::InstanceLock::kUnavailable) {
+        // A read-only directory must not keep the daemon from running.
+        brvo::LoggerLog::Error(kTag, "Instance lock not taken. [" + lock.GetPath() + "][" +
+                                         std::to_string(lock.GetError()) + "]");
+        return true;
+    }
+    const std::string line = "Another pvocd holds [" + lock.GetPath() + "]; exiting.";
+    brvo::LoggerLog::Fatal(kTag, line);
+    brvo::LoggerLog::DeleteInstance();
+    std::fprintf(stderr, "pvocd: %s\n", line.c_str());
+    return false;
+}
+
 } // namespace
 
-int main() {
+int main(int argc, char* argv[]) {
+    const brvo::CommandLine commandLine(argc, argv);
+    if (commandLine.GetAction() != brvo::CommandLine::kRun) return commandLine.Answer(stdout, stderr);
+
     std::setlocale(LC_CTYPE, "");
     for (const int signal : kStopSignals) std::signal(signal, OnStopSignal);
     brvo::BrevantaOutputControlManager::IgnoreSignals(kIgnoredSignals,
@@ -48,6 +79,8 @@ int main() {
     brvo::OutputcontrolServer::RaiseDescriptorLimit();
 
     brvo::LoggerSettingManager::CreateInstance();
+    brvo::InstanceLock instanceLock;
+    if (!TakeInstanceLock(instanceLock)) return kAlreadyRunningStatus;
     brvo::LoggerLog::CreateInstance();
     brvo::LoggerSettingManager::GetInstance()->Dump();
     brvo::BrevantaOutputControlManager::CreateInstance();

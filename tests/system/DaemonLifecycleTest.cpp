@@ -257,6 +257,7 @@ TEST_F(DaemonLifecycleTest, CreatedFilesGetDeliberateModes) {
         return static_cast<int>(info.st_mode & 07777);
     };
     EXPECT_EQ(0660, mode(socket));
+    EXPECT_EQ(0644, mode(socket + ".lock"));
     EXPECT_EQ(0755, mode("/mnt/system/pvoctrl"));
     EXPECT_EQ(0755, mode(kLogDir));
     EXPECT_EQ(0644, mode(kLogFile));
