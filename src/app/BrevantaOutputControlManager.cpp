@@ -3,6 +3,7 @@
 #include <atomic>
 
 #include "app/Constants.h"
+#include "app/ServiceNotifier.h"
 #include "app/Watchdog.h"
 #include "database/ScheduleDatabase.h"
 #include "schedule/ScheduleUpdateManager.h"
@@ -197,10 +198,22 @@ void BrevantaOutputControlManager::StartComponents() {
     LoggerLog::Info(kTag, "Start AppVer:" + kAppVersion);
     if (watchdog_ != nullptr) watchdog_->Start();
     server_ = new OutputcontrolServer();
+    server_->SetListenObserver(&BrevantaOutputControlManager::OnListening);
     serverThread_ = new Poco::Thread();
     LoggerLog::Info(kTag, "Start Server");
     serverThread_->start(*server_);
     running_ = true;
+}
+
+// The service manager counts the daemon started only once clients can
+// connect; a daemon without its command socket never reports ready, so its
+// start fails visibly instead of looking healthy.
+void BrevantaOutputControlManager::OnListening(bool listening, const std::string& failure) {
+    if (listening) {
+        ServiceNotifier::Ready();
+    } else {
+        ServiceNotifier::Failed(failure);
+    }
 }
 
 void BrevantaOutputControlManager::StartFlushTimer() {
@@ -253,6 +266,7 @@ void BrevantaOutputControlManager::WaitForKill() {
 
 void BrevantaOutputControlManager::Kill() {
     Poco::FastMutex::ScopedLock lock(killMutex_);
+    if (running_) ServiceNotifier::Stopping();
     LoggerLog::Flush();
     ScheduleUpdateManager::DeleteInstance();
     running_ = false;

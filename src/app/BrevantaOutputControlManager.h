@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <string>
 
 namespace brvo {
 
@@ -65,6 +66,7 @@ private:
     BrevantaOutputControlManager();
     void StartComponents();
     void StartFlushTimer();
+    static void OnListening(bool listening, const std::string& failure);
     void LogIgnoredSignals();
     void RunStartupCheck();
     void WaitForKill();

@@ -98,7 +98,11 @@ void OutputcontrolServer::run() {
     LoggerLog::Info(kTag, "Start communication server");
     const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     listenSocket_ = socket;
-    if (stopping_ || !BindAndListen(socket)) return;
+    if (stopping_) return;
+    std::string failure;
+    const bool ready = BindAndListen(socket, failure);
+    if (listenObserver_) listenObserver_(ready, failure);
+    if (!ready) return;
     rlimit limit;
     const long descriptors = getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY
                                  ? static_cast<long>(std::min<rlim_t>(limit.rlim_cur, 1L << 20))
@@ -122,8 +126,9 @@ void OutputcontrolServer::run() {
     epoll_ = spare_ = -1;
 }
 
-// False when listen failed; a bind failure is only logged.
-bool OutputcontrolServer::BindAndListen(int socket) {
+// False when listen failed, with `failure` naming the path and both
+// errors; a bind failure is only logged.
+bool OutputcontrolServer::BindAndListen(int socket, std::string& failure) {
     const std::string path = SocketPath();
     const std::string directory = FileUtil::GetDirectory(path);
     if (!FileUtil::Exists(directory)) FileUtil::CreateDirectory(directory, true);
@@ -133,8 +138,10 @@ bool OutputcontrolServer::BindAndListen(int socket) {
     const bool fits = SocketAddress(path, address);
     if (fits) unlink(address.sun_path);
     LoggerLog::Debug(kTag, "bind start");
+    errno = fits ? 0 : ENAMETOOLONG;
     const int bound =
         fits ? bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) : -1;
+    const int bindError = bound == 0 ? 0 : errno;
     if (bound != 0) LoggerLog::Fatal(kTag, "bind failed. [" + std::to_string(bound) + "]");
     // Commands can start schedule fetches and, on a plant change, wipe the
     // stored schedule: only pvocd's user and group may connect.
@@ -142,8 +149,11 @@ bool OutputcontrolServer::BindAndListen(int socket) {
     errno = 0;
     const int listening = listen(socket, kBacklog);
     if (listening != 0) {
+        const int listenError = errno;
         LoggerLog::Fatal(kTag, "listen failed. [" + std::to_string(listening) + "][" +
-                                   std::to_string(errno) + "]");
+                                   std::to_string(listenError) + "]");
+        failure = "command socket [" + path + "] not listening: bind error [" + std::strerror(bindError) +
+                  "], listen error [" + std::strerror(listenError) + "]";
         return false;
     }
     return true;

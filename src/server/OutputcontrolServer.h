@@ -25,7 +25,9 @@
 #include <Poco/Runnable.h>
 
 #include <atomic>
+#include <functional>
 #include <list>
+#include <string>
 #include <unordered_map>
 
 namespace brvo {
@@ -48,6 +50,10 @@ public:
     // and logger daemon exchanges, settings watch) when the cap is set.
     static constexpr int kReservedDescriptors = 32;
 
+    // Told once by run, on the server thread, whether the command socket
+    // listens; when it does not, `failure` says why.
+    typedef std::function<void(bool listening, const std::string& failure)> ListenObserver;
+
     // Creates the two worker pools and starts their workers.
     OutputcontrolServer();
     // Frees the pool (stopping its workers), closes the connections and the
@@ -64,6 +70,10 @@ public:
     // shortage; returns at once when listen fails. A failed bind is logged
     // and listen decides.
     void run() override;
+
+    // Sets the observer of the listen outcome; call before the server
+    // thread starts.
+    void SetListenObserver(const ListenObserver& observer) { listenObserver_ = observer; }
 
     // Ends the serving loop: wakes it by shutting the listening socket down,
     // so that run returns soon after (the daemon itself never calls this;
@@ -91,7 +101,7 @@ private:
     OutputcontrolServer(const OutputcontrolServer&) = delete;
     OutputcontrolServer& operator=(const OutputcontrolServer&) = delete;
 
-    bool BindAndListen(int socket);
+    bool BindAndListen(int socket, std::string& failure);
     void ServeLoop(int socket);
     int WaitMs() const;
     bool AcceptPending(int socket, bool hungUp);
@@ -108,6 +118,7 @@ private:
 
     Channel* channel_;
     Channel* answerChannel_;
+    ListenObserver listenObserver_;
     std::atomic<int> listenSocket_;
     std::atomic<bool> stopping_;
     std::atomic<int> connectionCap_;
