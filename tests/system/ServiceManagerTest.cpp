@@ -241,6 +241,10 @@ TEST_F(ServiceNotifyTest, NoReadyWhenTheCommandSocketCannotBeBound) {
     listener.Drain();
     EXPECT_EQ(0, listener.Count("READY=1"));
     EXPECT_EQ(1, listener.Count("STOPPING=1"));
+    // The default 30 s tick is too slow for a 3 s service watchdog.
+    EXPECT_TRUE(test::HasLogLine(test::ReadLines(kLogFile), "W", "Watchdog",
+                                 "WatchdogFileUpdateInterval [30] s is more than half of the service watchdog [3] s"))
+        << test::ReadFile(kLogFile);
 }
 
 } // namespace
