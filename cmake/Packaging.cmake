@@ -68,7 +68,8 @@ install(TARGETS schedule-server-sim logger-daemon-sim RUNTIME DESTINATION ${CMAK
 install(FILES ${PVOCD_GZ_DIR}/schedule-server-sim.1.gz ${PVOCD_GZ_DIR}/logger-daemon-sim.1.gz
         DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
 
-# Both packages carry the copyright and the changelog under their own name.
+# Both packages carry the copyright, the changelog and their lintian
+# overrides under their own name.
 foreach(component pvocd tools)
   set(package pvocd)
   if(component STREQUAL "tools")
@@ -76,6 +77,8 @@ foreach(component pvocd tools)
   endif()
   install(FILES ${PVOCD_PACKAGING_DIR}/debian/copyright ${PVOCD_GZ_DIR}/changelog.Debian.gz
           DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package} COMPONENT ${component})
+  install(FILES ${PVOCD_PACKAGING_DIR}/lintian/${package}
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides COMPONENT ${component})
 endforeach()
 
 # CPack: one .deb per component, debug symbols in -dbgsym packages.
@@ -120,7 +123,6 @@ set(CPACK_DEBIAN_PVOCD_PACKAGE_CONTROL_EXTRA
     ${PVOCD_PACKAGING_DIR}/debian/postrm)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_DEBUGINFO_PACKAGE ON)
-set(CPACK_STRIP_FILES ON)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
     OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 include(CPack)
