@@ -44,7 +44,7 @@ set(PVOCD_BINDIR ${CMAKE_INSTALL_FULL_BINDIR})
 configure_file(${PVOCD_PACKAGING_DIR}/pvocd.service ${CMAKE_BINARY_DIR}/pvocd.service @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/pvocd.service DESTINATION ${PVOCD_SYSTEMD_UNIT_DIR} COMPONENT pvocd)
 install(FILES ${PVOCD_PACKAGING_DIR}/tmpfiles/pvocd.conf
-        DESTINATION ${CMAKE_INSTALL_LIBDIR}/tmpfiles.d COMPONENT pvocd)
+        DESTINATION lib/tmpfiles.d COMPONENT pvocd)
 # In the package the settings examples are conffiles; its postinst copies
 # them to the settings directory the daemon reads, only where no file is
 # there yet.
