@@ -10,6 +10,7 @@
 #include "server/OutputcontrolServer.h"
 #include "util/LoggerLog.h"
 
+#include <Poco/Clock.h>
 #include <Poco/Timestamp.h>
 
 #include <cerrno>
@@ -241,12 +242,14 @@ void BrevantaOutputControlManager::RunStartupCheck() {
 void BrevantaOutputControlManager::WaitForKill() {
     pthread_sigmask(SIG_UNBLOCK, &ignoredSet, nullptr);
     int step = 0;
+    std::int64_t lastKeepAlive = -1;
     while (running_) {
         if (killRequested) {
             Kill();
             break;
         }
         LogIgnoredSignals();
+        KeepServiceAlive(lastKeepAlive);
         if (++step == kTrimEverySteps) {
             step = 0;
             malloc_trim(0);
@@ -262,6 +265,20 @@ void BrevantaOutputControlManager::WaitForKill() {
             }
         }
     }
+}
+
+// Tells the service manager, when it watches the daemon, that the main
+// loop still turns, at half its watchdog period. This loop and not the
+// watchdog file's timer: the file's interval is a setting, and one as long
+// as the service watchdog (or 0, a single touch) would have the daemon
+// killed and restarted for ever.
+void BrevantaOutputControlManager::KeepServiceAlive(std::int64_t& lastMicroseconds) {
+    const std::int64_t period = static_cast<std::int64_t>(ServiceNotifier::WatchdogMicroseconds());
+    if (period == 0) return;
+    const std::int64_t now = Poco::Clock().raw();
+    if (lastMicroseconds >= 0 && now - lastMicroseconds < period / 2) return;
+    ServiceNotifier::KeepAlive();
+    lastMicroseconds = now;
 }
 
 void BrevantaOutputControlManager::Kill() {

@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 namespace brvo {
@@ -68,6 +69,10 @@ private:
     void StartFlushTimer();
     static void OnListening(bool listening, const std::string& failure);
     void LogIgnoredSignals();
+    // Sends the service manager's keep-alive when half its watchdog period
+    // passed since `lastMicroseconds` on the monotonic clock (-1: never),
+    // and sets it to now then. Main thread only.
+    static void KeepServiceAlive(std::int64_t& lastMicroseconds);
     void RunStartupCheck();
     void WaitForKill();
     void DeleteServer();

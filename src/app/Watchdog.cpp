@@ -30,27 +30,16 @@ long IntervalMs() {
     return static_cast<long>(seconds) * 1000;
 }
 
-// Tells the service manager that the daemon lives and which plant and next
-// update it works towards. Only when a service manager listens: a daemon
-// run by hand reads nothing extra here.
+// Tells the service manager which plant and next update the daemon works
+// towards. Only when a service manager listens: a daemon run by hand reads
+// nothing extra here.
 void NotifyService() {
     if (!ServiceNotifier::Enabled()) return;
-    ServiceNotifier::KeepAlive();
     const ScheduleUpdateManager::Pin updates;
     if (!updates) return;
     const std::shared_ptr<TimeStamp> next = updates->GetScheduleUpdateTime();
     ServiceNotifier::Status(
         ServiceNotifier::PlantStatus(updates->GetUpdateInfo().plantId, next ? next->FormatDisplay() : ""));
-}
-
-// A service watchdog that expects word more often than every second tick
-// would kill a healthy daemon: say so where the operator looks first.
-void WarnOfShortServiceWatchdog(long intervalMs) {
-    const std::uint64_t serviceMs = ServiceNotifier::WatchdogMicroseconds() / 1000;
-    if (serviceMs == 0 || static_cast<std::uint64_t>(intervalMs) * 2 <= serviceMs) return;
-    LoggerLog::Warning(kTag, "WatchdogFileUpdateInterval [" + std::to_string(intervalMs / 1000) +
-                                 "] s is more than half of the service watchdog [" +
-                                 std::to_string(serviceMs / 1000) + "] s");
 }
 
 } // namespace
@@ -70,15 +59,14 @@ void Watchdog::Start() {
     timer_ = new Poco::Timer(kFirstTouchMs, interval);
     timer_->start(Poco::TimerCallback<Watchdog>(*this, &Watchdog::OnTimer));
     LoggerLog::Debug(kTag, "Set Watchdog interval [" + std::to_string(interval) + "] file path[" + path + "]");
-    WarnOfShortServiceWatchdog(interval);
 }
 
 void Watchdog::Stop() {}
 
 // The path stands in double quotes so that blanks pass; a double quote in
 // the path itself breaks the command, which the status line then shows.
-// The service manager hears from every tick, whether the touch worked or
-// not: the file is the device supervisor's concern.
+// The service manager hears the status from every tick, whether the touch
+// worked or not: the file is the device supervisor's concern.
 void Watchdog::OnTimer(Poco::Timer&) {
     const std::string command = "/usr/bin/touch \"" + WatchdogFile() + "\"";
     const int status = std::system(command.c_str());

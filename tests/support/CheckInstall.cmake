@@ -17,7 +17,7 @@ endforeach()
 file(READ ${PREFIX}/lib/systemd/system/pvocd.service unit)
 if(NOT unit MATCHES "ExecStart=/[^\n]*/sbin/pvocd\n" OR NOT unit MATCHES "Restart=on-failure"
    OR NOT unit MATCHES "\nType=notify\n" OR NOT unit MATCHES "\nWatchdogSec=[1-9]"
-   OR NOT unit MATCHES "\nExecReload=/[^\n]*/bin/pvoctl settings-changed\n")
+   OR NOT unit MATCHES "\nExecReload=-?/[^\n ]*/bin/pvoctl [^\n]*settings-changed\n")
   message(FATAL_ERROR "unexpected systemd unit:\n${unit}")
 endif()
 file(REMOVE_RECURSE ${PREFIX})

@@ -191,7 +191,9 @@ protected:
 };
 
 TEST_F(ServiceNotifyTest, ReadyAfterListenThenStatusWatchdogAndStopping) {
-    test::WriteLoggerSetting("<WatchdogFileUpdateInterval>1</WatchdogFileUpdateInterval>");
+    // The watchdog file's tick (first at start, then every 10 minutes) does
+    // not pace the service manager's keep-alive.
+    test::WriteLoggerSetting("<WatchdogFileUpdateInterval>600</WatchdogFileUpdateInterval>");
     // A server that refuses at once: the plant's updates are planned and retried.
     test::WriteSystemSetting("777", "http://127.0.0.1:9/schedule", false);
     test::NotifyListener listener(kNotifySocket);
@@ -233,18 +235,15 @@ TEST_F(ServiceNotifyTest, NoReadyWhenTheCommandSocketCannotBeBound) {
         }
         return false;
     }, 10000)) << ::testing::PrintToString(listener.Messages());
-    // The daemon lives on (its watchdog ticks) but never claims to be ready.
-    EXPECT_TRUE(listener.WaitFor("WATCHDOG=1", 5000)) << ::testing::PrintToString(listener.Messages());
+    // The daemon lives on (its main loop keeps the service watchdog fed at
+    // half its 3 s period) but never claims to be ready.
+    EXPECT_TRUE(listener.WaitFor("WATCHDOG=1", 10000, 3)) << ::testing::PrintToString(listener.Messages());
     EXPECT_EQ(0, listener.Count("READY=1")) << ::testing::PrintToString(listener.Messages());
     ASSERT_TRUE(daemon_.Signal(SIGTERM));
     ASSERT_TRUE(daemon_.WaitExit(5000 * static_cast<int>(test::TimeScale())));
     listener.Drain();
     EXPECT_EQ(0, listener.Count("READY=1"));
     EXPECT_EQ(1, listener.Count("STOPPING=1"));
-    // The default 30 s tick is too slow for a 3 s service watchdog.
-    EXPECT_TRUE(test::HasLogLine(test::ReadLines(kLogFile), "W", "Watchdog",
-                                 "WatchdogFileUpdateInterval [30] s is more than half of the service watchdog [3] s"))
-        << test::ReadFile(kLogFile);
 }
 
 } // namespace
