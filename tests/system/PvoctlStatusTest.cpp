@@ -12,7 +12,10 @@
 
 #include <csignal>
 #include <cstring>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 namespace brvo {
 namespace {
@@ -32,6 +35,25 @@ std::string TargetPowerAnswer(double power) {
     std::memcpy(&answer[8], &power, 8);
     std::memcpy(&answer[16], "20260101000000", 14);
     return answer;
+}
+
+sockaddr_un UnixAddress(const std::string& path) {
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    return address;
+}
+
+// A UNIX socket listening at `path` with the shortest queue, never accepting.
+int ListenWithoutAccepting(const std::string& path) {
+    ::unlink(path.c_str());
+    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    const sockaddr_un address = UnixAddress(path);
+    if (fd < 0 || bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 || listen(fd, 0) != 0) {
+        if (fd >= 0) close(fd);
+        return -1;
+    }
+    return fd;
 }
 
 std::string Display(std::int64_t epoch) {
@@ -155,6 +177,47 @@ TEST_F(PvoctlStatusTest, TheTmpFallBackAndTheLogIoErrorNoteAreShown) {
     EXPECT_NE(std::string::npos, output.find("pvocd_log_io_error{plant_id=\"" + kPlant + "\"} 1\n")) << output;
     // Reading never creates: no database file and no directory appeared.
     EXPECT_FALSE(test::FileExists("/tmp/kestrovanyx"));
+}
+
+// The daemon keeps the root it chose at start for the whole run: a card
+// that is writable now does not mean its tables are the ones in use.
+TEST_F(PvoctlStatusTest, TheTablesWrittenLastAreTheOnesRead) {
+    Store(3600);
+    const std::string tmpInfo = "/tmp/kestrovanyx/Database/OutputControl/output_control_schedule_update_info.db";
+    test::WriteFile(tmpInfo, test::ReadFile(test::kUpdateInfoDbFile));
+    test::CreateDatabase(tmpInfo, "UPDATE output_control_schedule_update_info SET lastUpdateTime='" +
+                                      Display(now_ - 600) + "'");
+    std::string output;
+    RunPvoctl({"status"}, output);
+    EXPECT_NE(std::string::npos, output.find("storage:           /tmp/kestrovanyx (/tmp fall-back")) << output;
+    EXPECT_NE(std::string::npos, output.find("last update:       " + Display(now_ - 600))) << output;
+    // Written on the card again, the card's tables are read.
+    test::CreateDatabase(test::kUpdateInfoDbFile, "UPDATE output_control_schedule_update_info SET lastUpdateTime='" +
+                                                      Display(now_ - 300) + "'");
+    RunPvoctl({"status"}, output);
+    EXPECT_NE(std::string::npos, output.find("storage:           /media/sdcard/kestrovanyx (SD card)")) << output;
+    EXPECT_NE(std::string::npos, output.find("last update:       " + Display(now_ - 300))) << output;
+}
+
+// A daemon whose accepting thread is stuck leaves its listen queue full; the
+// status check then reports that instead of waiting for ever.
+TEST_F(PvoctlStatusTest, AFullListenQueueIsReportedNotWaitedFor) {
+    Store(3600);
+    const int listener = ListenWithoutAccepting(kSocket);
+    ASSERT_GE(listener, 0);
+    // Fill the queue: a connection that is never accepted.
+    std::vector<int> queued;
+    for (int i = 0; i < 4; ++i) {
+        const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
+        const sockaddr_un address = UnixAddress(kSocket);
+        connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+        queued.push_back(fd);
+    }
+    std::string output;
+    EXPECT_EQ(1, RunPvoctl({"status", "--timeout", "1"}, output)) << output;
+    EXPECT_NE(std::string::npos, output.find("command socket does not answer: cannot connect")) << output;
+    for (const int fd : queued) close(fd);
+    close(listener);
 }
 
 TEST_F(PvoctlStatusTest, MissingDatabasesAreNotCreated) {

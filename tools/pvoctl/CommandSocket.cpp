@@ -4,6 +4,7 @@
 #include <cstring>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -17,6 +18,9 @@ std::string Word(std::int32_t value) {
     return bytes;
 }
 
+// Longest wait for a place in the daemon's listen queue.
+const int kConnectTimeoutSeconds = 5;
+
 // A connected socket, or -1 with `error` set.
 int Connect(const std::string& path, std::string& error) {
     sockaddr_un address;
@@ -28,6 +32,11 @@ int Connect(const std::string& path, std::string& error) {
     }
     std::memcpy(address.sun_path, path.data(), path.size());
     const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    // A daemon whose accepting thread is stuck fills its listen queue, and
+    // connect would then wait for ever: the very case a status check is
+    // for. The send time-out bounds that wait.
+    const timeval connectTimeout = {kConnectTimeoutSeconds, 0};
+    if (fd >= 0) setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &connectTimeout, sizeof connectTimeout);
     if (fd < 0 || connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
         error = "cannot connect to pvocd at " + path + ": " + std::strerror(errno) + " (is the daemon running?)";
         if (fd >= 0) close(fd);

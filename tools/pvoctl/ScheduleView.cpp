@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <iostream>
+#include <limits>
 
 namespace brvo {
 
@@ -82,7 +83,9 @@ void ScheduleView::PrintRow(std::int64_t time, int rate, bool sent, bool first) 
                  ",\"rate\":" + std::to_string(rate) + ",\"sent\":" + (sent ? "true" : "false") + "}";
         return;
     }
-    const std::string hhmm = TimeStamp::FromEpochSeconds(time + shift_)->Format("%H:%M");
+    const bool fits = time <= std::numeric_limits<std::int64_t>::max() - shift_;
+    const std::shared_ptr<TimeStamp> start = fits ? TimeStamp::FromEpochSeconds(time + shift_) : nullptr;
+    const std::string hhmm = start ? start->Format("%H:%M") : "??:??";
     const int width = std::max(0, std::min(rate, 200)) / 5;
     std::printf(" %s  %3d%%  %s  %s\n", hhmm.c_str(), rate, sent ? "yes" : " no",
                 std::string(static_cast<std::size_t>(width), '#').c_str());

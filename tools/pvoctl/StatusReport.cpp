@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <limits>
 #include <sstream>
 #include <sys/stat.h>
 
@@ -147,7 +148,9 @@ void StatusReport::ReadSchedule() {
     slotCount_ = db.Integer(0);
     if (db.Null(1)) return;
     firstSlot_ = db.Integer(1);
-    validUntil_ = db.Integer(2) + kSlotSeconds;
+    const std::int64_t last = db.Integer(2);
+    // A damaged table may hold any number: no overflow past the last slot.
+    validUntil_ = last <= std::numeric_limits<std::int64_t>::max() - kSlotSeconds ? last + kSlotSeconds : -1;
 }
 
 void StatusReport::ReadFiles() {
@@ -199,7 +202,8 @@ void StatusReport::Judge() {
 
 std::string StatusReport::Time(std::int64_t epoch) const {
     if (epoch < 0) return "none";
-    return TimeStamp::FromEpochSeconds(epoch)->FormatDisplay() + " UTC";
+    const std::shared_ptr<TimeStamp> time = TimeStamp::FromEpochSeconds(epoch);
+    return time ? time->FormatDisplay() + " UTC" : "invalid (" + std::to_string(epoch) + ")";
 }
 
 std::string StatusReport::Text() const {

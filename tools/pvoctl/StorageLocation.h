@@ -1,6 +1,7 @@
 // Where pvocd keeps its databases, worked out without writing anything:
-// the card's data root when the daemon's write probe would succeed there,
-// else the /tmp fall-back.
+// the one (card or /tmp fall-back) whose update information was written
+// last; with neither, the card's data root when the daemon's write probe
+// would succeed there, else the /tmp fall-back.
 #ifndef BRVO_TOOLS_PVOCTL_STORAGELOCATION_H
 #define BRVO_TOOLS_PVOCTL_STORAGELOCATION_H
 
@@ -25,6 +26,8 @@ public:
     // Whether the daemon could create `dir` with its parents and write in
     // it: the nearest existing ancestor is a directory that may be written.
     static bool WritableDirectory(const std::string& dir);
+    // The update information database file under data root `root`.
+    static std::string UpdateInfoDatabaseUnder(const std::string& root);
 
 private:
     std::string root_;
