@@ -191,9 +191,9 @@ protected:
 };
 
 TEST_F(ServiceNotifyTest, ReadyAfterListenThenStatusWatchdogAndStopping) {
-    // The watchdog file's tick (first at start, then every 10 minutes) does
-    // not pace the service manager's keep-alive.
-    test::WriteLoggerSetting("<WatchdogFileUpdateInterval>600</WatchdogFileUpdateInterval>");
+    // The status is refreshed at the watchdog file's tick: every second here,
+    // so that it shows the update the start-up check plans.
+    test::WriteLoggerSetting("<WatchdogFileUpdateInterval>1</WatchdogFileUpdateInterval>");
     // A server that refuses at once: the plant's updates are planned and retried.
     test::WriteSystemSetting("777", "http://127.0.0.1:9/schedule", false);
     test::NotifyListener listener(kNotifySocket);
@@ -236,7 +236,8 @@ TEST_F(ServiceNotifyTest, NoReadyWhenTheCommandSocketCannotBeBound) {
         return false;
     }, 10000)) << ::testing::PrintToString(listener.Messages());
     // The daemon lives on (its main loop keeps the service watchdog fed at
-    // half its 3 s period) but never claims to be ready.
+    // half its 3 s period, while the watchdog file's tick comes every 30 s)
+    // but never claims to be ready.
     EXPECT_TRUE(listener.WaitFor("WATCHDOG=1", 10000, 3)) << ::testing::PrintToString(listener.Messages());
     EXPECT_EQ(0, listener.Count("READY=1")) << ::testing::PrintToString(listener.Messages());
     ASSERT_TRUE(daemon_.Signal(SIGTERM));
