@@ -94,10 +94,17 @@ bool IsPlausible(const TimeStamp& time) {
     return year >= kFirstYear && year <= kLastYear;
 }
 
+// A start whose month or day is "00" names no date. POCO's parser read
+// such a field as 01 up to 1.11 and refuses it from 1.12 on; refusing it
+// here gives the same answer with either.
+bool HasZeroMonthOrDay(const std::string& start) {
+    return start.size() >= 8 && (start.compare(4, 2, "00") == 0 || start.compare(6, 2, "00") == 0);
+}
+
 // The checksum text of a record: the rate sum modulo (month + day) of the
-// start text, two digits at least. Empty when month and day are both zero
-// (the lenient start parse lets "00" through), which no received text
-// matches.
+// start text, two digits at least. Empty when month and day are both zero,
+// which no received text matches (a start with either zero is refused
+// before, so this stays a guard against a division by zero).
 std::string ChecksumText(const std::string& start, std::int64_t sum) {
     const std::int64_t divisor = NumberOf(start.substr(4, 2)) + NumberOf(start.substr(6, 2));
     if (divisor <= 0) return std::string();
@@ -165,7 +172,7 @@ bool ScheduleModel::ParseRecord(const std::string& hex, std::size_t& position) {
     position += kPlantIdChars;
     const std::string start = Field(hex, position, kStartChars);
     std::shared_ptr<TimeStamp> startTime = TimeStamp::Parse(kStartFormat, start);
-    if (!startTime || !IsPlausible(*startTime)) throw Refusal{"Schedule start date error. [" + start + "]"};
+    if (!startTime || !IsPlausible(*startTime) || HasZeroMonthOrDay(start)) throw Refusal{"Schedule start date error. [" + start + "]"};
     if (!std::regex_search(start, SlotStartPattern())) {
         Fail(LoggerLog::kWarning, "Schedule start date error. [" + start + "]");
         return false;

@@ -246,9 +246,9 @@ TEST(ScheduleModelTest, ChecksumMismatchKeepsSlotsAndFails) {
     EXPECT_EQ(96u, model.GetSlots().size());
 }
 
-TEST(ScheduleModelTest, ZeroMonthAndDayCannotBeChecked) {
-    // The lenient parse reads 2022-00-00 as a date; month + day is zero, so
-    // no checksum can match.
+TEST(ScheduleModelTest, ZeroMonthAndDayAreNoStartDate) {
+    // 2022-00-00 names no date, whichever POCO version parses it (1.11 read
+    // the zeros as 01, 1.13 refuses them): the parse stops at this record.
     std::vector<unsigned char> bytes = test::DigitBytes("1", test::kRecordCountBytes);
     const std::vector<unsigned char> reserved(test::kReservedBytes, 0);
     bytes.insert(bytes.end(), reserved.begin(), reserved.end());
@@ -259,7 +259,17 @@ TEST(ScheduleModelTest, ZeroMonthAndDayCannotBeChecked) {
     }
     ScheduleModel model(test::HexOf(bytes), 0);
     EXPECT_FALSE(model.IsResult());
-    EXPECT_EQ(kChecksumError, model.GetMessage());
+    EXPECT_EQ("Schedule start date error. [202200000000]", model.GetMessage());
+}
+
+TEST(ScheduleModelTest, ZeroMonthOrZeroDayAloneIsNoStartDate) {
+    for (const std::string start : {"202200190000", "202201000000"}) {
+        ScheduleRecord record;
+        record.start = start;
+        ScheduleModel model(BuildSchedulePayload({record}, test::kUpdateSchedule).hex, 1);
+        EXPECT_FALSE(model.IsResult()) << start;
+        EXPECT_EQ("Schedule start date error. [" + start + "]", model.GetMessage());
+    }
 }
 
 TEST(ScheduleModelTest, UnparsableStartStopsTheParse) {
