@@ -14,6 +14,32 @@
 
 namespace brvo {
 namespace test {
+namespace {
+
+// The whole-run clock shift: FAKETIME="+N" (or "-N") in the test's own
+// environment, as a run of the whole suite at a later date sets it for
+// every process. 0 when there is none.
+long long SuiteClockShift() {
+    const char* suite = std::getenv("FAKETIME");
+    if (suite == nullptr || (suite[0] != '+' && suite[0] != '-')) return 0;
+    char* end = nullptr;
+    const long long shift = std::strtoll(suite, &end, 10);
+    return *end == '\0' ? shift : 0;
+}
+
+// A relative `spec` ("+0 x30": from now, 30 times as fast) counts from the
+// whole run's shifted clock, so that the child and the test agree on now;
+// an absolute one ("@2040-03-01 00:40:00") stays as it is.
+std::string WithSuiteShift(const std::string& spec) {
+    const long long shift = SuiteClockShift();
+    if (shift == 0 || spec.empty() || (spec[0] != '+' && spec[0] != '-')) return spec;
+    char* end = nullptr;
+    const long long offset = std::strtoll(spec.c_str(), &end, 10);
+    const long long total = shift + offset;
+    return (total < 0 ? "" : "+") + std::to_string(total) + end;
+}
+
+} // namespace
 
 std::vector<std::string> ChildProcess::Command(const std::string& binary) {
     std::vector<std::string> command;
@@ -67,7 +93,10 @@ std::map<std::string, std::string> ChildProcess::FakeTimeEnv(const std::string& 
         }
     }
 #ifdef PVOCD_CLOCK64_PRELOAD
-    path += std::string(":") + PVOCD_CLOCK64_PRELOAD;
+    // In front of libfaketime, whose own 64-bit clock calls (Debian 13)
+    // give wrong times after 2038. A list given in PVOC_FAKETIME_LIB
+    // names it already where it is needed.
+    if (library == nullptr) path = std::string(PVOCD_CLOCK64_PRELOAD) + ":" + path;
 #endif
 #ifdef PVOCD_TSAN_CONDWAIT_PRELOAD
     // In front of libfaketime, so that ThreadSanitizer sees its timed waits.
@@ -75,9 +104,14 @@ std::map<std::string, std::string> ChildProcess::FakeTimeEnv(const std::string& 
 #endif
     // A sanitizer build checks that its runtime is loaded first; the
     // preloaded clock library comes first on purpose.
+#ifdef PVOCD_FAKE_WALL_CLOCK_ONLY
+    const char* fakeMonotonic = "1";
+#else
+    const char* fakeMonotonic = "0";
+#endif
     return {{"LD_PRELOAD", path},
-            {"FAKETIME", spec},
-            {"FAKETIME_DONT_FAKE_MONOTONIC", "0"},
+            {"FAKETIME", WithSuiteShift(spec)},
+            {"FAKETIME_DONT_FAKE_MONOTONIC", fakeMonotonic},
             // The daemon never reads file times, and the library's faked
             // file times take a semaphore shared with every child it
             // starts: a child killed while holding it, or the library's own

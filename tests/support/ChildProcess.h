@@ -27,8 +27,11 @@ public:
                         const std::string& directory = "");
     // Environment that runs a child under libfaketime with FAKETIME=`spec`
     // (the library is preloaded into the child itself, so signals reach it).
-    // PVOC_FAKETIME_LIB names the library when it is not the host's. On
-    // 32-bit targets a library that fakes the 64-bit clock call is added.
+    // PVOC_FAKETIME_LIB names the library (or the whole preload list) when
+    // it is not the host's. On 32-bit targets a library that fakes the
+    // 64-bit wall-clock calls comes first; where the C library's time_t is
+    // 64 bits, the monotonic clock stays real. A relative `spec` counts
+    // from a whole-run shift (FAKETIME="+N" in the test's environment).
     static std::map<std::string, std::string> FakeTimeEnv(const std::string& spec);
 
     ChildProcess();

@@ -12,6 +12,7 @@
 #include <Poco/Timestamp.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <regex>
 #include <sys/stat.h>
 
@@ -276,6 +277,23 @@ TEST_F(DaemonLifecycleTest, LogTimesAreUtcOfTheClockAfter2038) {
     ASSERT_TRUE(WaitForStart()) << test::ReadFile(test::kDaemonOutput);
     StopWith(SIGTERM);
     EXPECT_TRUE(LogHas(kLogFile, "[2040-02-29 23:59:5")) << test::ReadFile(kLogFile);
+}
+
+// The device target's run of the whole suite shifts every process's clock
+// past 2038 (PVOC_SUITE_YEAR names the year it starts in). This proves the
+// shift took: the test's own clock and the daemon's log, without a clock of
+// its own, are in that year. Elsewhere there is no shift to check.
+TEST_F(DaemonLifecycleTest, WholeRunClockShiftReachesTheDaemon) {
+    const char* year = std::getenv("PVOC_SUITE_YEAR");
+    if (year == nullptr) GTEST_SKIP() << "the suite runs on the real clock";
+    const Poco::Timestamp::TimeVal y2038 = 2147483648LL * Poco::Timestamp::resolution();
+    ASSERT_GT(Poco::Timestamp().epochMicroseconds(), y2038) << "the test's clock is not past 2038";
+    ASSERT_TRUE(StartDaemon());
+    ASSERT_TRUE(WaitForStart()) << test::ReadFile(test::kDaemonOutput);
+    StopWith(SIGTERM);
+    const std::vector<std::string> lines = test::ReadLines(kLogFile);
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ("[" + std::string(year) + "-", lines.front().substr(0, 6)) << lines.front();
 }
 
 } // namespace
