@@ -94,11 +94,11 @@ bool IsPlausible(const TimeStamp& time) {
     return year >= kFirstYear && year <= kLastYear;
 }
 
-// A start whose month or day is "00" names no date. POCO's parser read
-// such a field as 01 up to 1.11 and refuses it from 1.12 on; refusing it
-// here gives the same answer with either.
-bool HasZeroMonthOrDay(const std::string& start) {
-    return start.size() >= 8 && (start.compare(4, 2, "00") == 0 || start.compare(6, 2, "00") == 0);
+// A date text (year, month, day, ...) whose month or day is "00" names no
+// date. POCO's parser read such a field as 01 up to 1.11 and refuses it
+// from 1.12 on; refusing it here gives the same answer with either.
+bool HasZeroMonthOrDay(const std::string& text) {
+    return text.size() >= 8 && (text.compare(4, 2, "00") == 0 || text.compare(6, 2, "00") == 0);
 }
 
 // The checksum text of a record: the rate sum modulo (month + day) of the
@@ -234,7 +234,7 @@ std::int64_t ScheduleModel::ReadSlots(const std::string& hex, std::size_t& posit
 void ScheduleModel::ReadNextUpdateTime(const std::string& hex, std::size_t position) {
     const std::string text = Field(hex, position, kNextUpdateChars);
     std::shared_ptr<TimeStamp> next = TimeStamp::Parse(TimeStamp::kCompactFormat, text);
-    const bool plausible = next && IsPlausible(*next);
+    const bool plausible = next && IsPlausible(*next) && !HasZeroMonthOrDay(text);
     if (plausible) next->SubtractServerOffset();
     if (!plausible || next->EpochSeconds() < earliestSlot_) {
         throw Refusal{"Schedule next update time error. [" + text + "]"};

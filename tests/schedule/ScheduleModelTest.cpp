@@ -326,6 +326,17 @@ TEST(ScheduleModelTest, UnreadableNextUpdateTimeIsRefused) {
     EXPECT_EQ("", model.GetUpdateInfo().nextUpdateTime);
 }
 
+TEST(ScheduleModelTest, NextUpdateWithAZeroMonthOrDayIsRefused) {
+    // No date, whichever POCO version parses it (1.11 read 00 as 01).
+    for (const std::string next : {"20220019120000", "20220100120000"}) {
+        ScheduleRecord record;
+        record.nextUpdate = next;
+        ScheduleModel model(BuildSchedulePayload({record}, test::kUpdateSchedule).hex, 1);
+        EXPECT_FALSE(model.IsResult()) << next;
+        EXPECT_EQ("Schedule next update time error. [" + next + "]", model.GetMessage());
+    }
+}
+
 TEST(ScheduleModelTest, NextUpdateTimeIsConvertedToUtc) {
     ScheduleRecord record;
     record.nextUpdate = "20220120083000";
