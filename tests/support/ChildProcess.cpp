@@ -5,6 +5,7 @@
 #include <Poco/Timestamp.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <csignal>
@@ -27,19 +28,18 @@ long long SuiteClockShift() {
     return *end == '\0' ? shift : 0;
 }
 
-// A relative `spec` ("+0 x30": from now, 30 times as fast) counts from the
-// whole run's shifted clock, so that the child and the test agree on now;
-// an absolute one ("@2040-03-01 00:40:00") stays as it is.
-std::string WithSuiteShift(const std::string& spec) {
+} // namespace
+
+std::string ChildProcess::WithSuiteShift(const std::string& spec) {
     const long long shift = SuiteClockShift();
     if (shift == 0 || spec.empty() || (spec[0] != '+' && spec[0] != '-')) return spec;
     char* end = nullptr;
     const long long offset = std::strtoll(spec.c_str(), &end, 10);
+    // Only whole seconds, optionally followed by a rate, are composed.
+    if (*end != '\0' && std::strncmp(end, " x", 2) != 0) return spec;
     const long long total = shift + offset;
     return (total < 0 ? "" : "+") + std::to_string(total) + end;
 }
-
-} // namespace
 
 std::vector<std::string> ChildProcess::Command(const std::string& binary) {
     std::vector<std::string> command;

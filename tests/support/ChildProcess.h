@@ -33,6 +33,11 @@ public:
     // 64 bits, the monotonic clock stays real. A relative `spec` counts
     // from a whole-run shift (FAKETIME="+N" in the test's environment).
     static std::map<std::string, std::string> FakeTimeEnv(const std::string& spec);
+    // `spec` as it counts under a whole-run shift (FAKETIME="+N" in the
+    // test's own environment): a relative "+S" or "+S xR" becomes
+    // "+(N+S)" with the same rate, so that the child and the test agree on
+    // now; anything else, or no shift, leaves it as it is.
+    static std::string WithSuiteShift(const std::string& spec);
 
     ChildProcess();
     // Kills the child (SIGKILL) if it still runs.

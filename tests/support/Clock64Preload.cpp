@@ -75,7 +75,7 @@ bool RealWallClock(struct timespec* ts) {
 #ifdef SYS_clock_gettime64
     return ::syscall(SYS_clock_gettime64, CLOCK_REALTIME, ts) == 0;
 #else
-    return ::syscall(SYS_clock_gettime, CLOCK_REALTIME, ts) == 0;
+#error "this library is for 32-bit targets, whose kernels have clock_gettime64"
 #endif
 }
 
@@ -115,9 +115,11 @@ extern "C" time_t __time64(time_t* result) {
     return seconds;
 }
 
-extern "C" int __gettimeofday64(struct timeval* tv, void* /*zone*/) {
+extern "C" int __gettimeofday64(struct timeval* tv, void* zone) {
     std::int64_t now = 0;
     if (!FakeWallClock(&now)) return -1;
+    // As the C library does: the obsolete zone is reported as UTC.
+    if (zone != nullptr) std::memset(zone, 0, sizeof(struct timezone));
     if (tv != nullptr) {
         tv->tv_sec = static_cast<time_t>(now / 1000000);
         tv->tv_usec = static_cast<suseconds_t>(now % 1000000);
