@@ -15,18 +15,14 @@ namespace brvo {
 namespace {
 
 const std::string kTag = "Watchdog";
-const std::string kDefaultFile = "/mnt/system/check/brvo";
-const int kDefaultIntervalSeconds = 30;
 const long kFirstTouchMs = 100;
 
 std::string WatchdogFile() {
-    LoggerSettingManager* settings = LoggerSettingManager::GetInstance();
-    return settings != nullptr ? settings->GetPVOutputControlWatchdogFile() : kDefaultFile;
+    return LoggerSettingManager::Current().GetPVOutputControlWatchdogFile();
 }
 
 long IntervalMs() {
-    LoggerSettingManager* settings = LoggerSettingManager::GetInstance();
-    const int seconds = settings != nullptr ? settings->GetWatchdogFileUpdateInterval() : kDefaultIntervalSeconds;
+    const int seconds = LoggerSettingManager::Current().GetWatchdogFileUpdateInterval();
     return static_cast<long>(seconds) * 1000;
 }
 

@@ -17,8 +17,6 @@ namespace brvo {
 namespace {
 
 const std::string kTag = "BrvfdAccessRequest";
-const std::string kDefaultLoggerSocketPath = "/mnt/system/brvlogger/brevanta.logger";
-const int kDefaultTimeoutSeconds = 60;
 
 // Exchange steps that end early, with the status they report.
 const int kStatusSent = 0;
@@ -30,13 +28,11 @@ const int kStatusRead = 5;
 const int kStatusException = 6;
 
 std::string LoggerSocketPath() {
-    LoggerSettingManager* settings = LoggerSettingManager::GetInstance();
-    return settings != nullptr ? settings->GetLoggerSocketPath() : kDefaultLoggerSocketPath;
+    return LoggerSettingManager::Current().GetLoggerSocketPath();
 }
 
 int TimeoutSeconds() {
-    LoggerSettingManager* settings = LoggerSettingManager::GetInstance();
-    return settings != nullptr ? settings->GetOutputControlSocketTimeout() : kDefaultTimeoutSeconds;
+    return LoggerSettingManager::Current().GetOutputControlSocketTimeout();
 }
 
 // The command in the device's byte order: total length 8, then the command

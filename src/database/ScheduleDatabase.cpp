@@ -23,14 +23,12 @@ const std::string kTag = "ScheduleDatabase";
 const std::string kSelectErrorKind = "ScheduleDatabase Select error.";
 const std::int64_t kSecondsPerDay = 86400;
 const std::int64_t kFixedScheduleGraceSeconds = 30 * 60;
-const int kDefaultRetentionDays = 90;
 
 // Read from every thread; created and deleted on the main thread.
 std::atomic<ScheduleDatabase*> instance(nullptr);
 
 int RetentionDays() {
-    LoggerSettingManager* settings = LoggerSettingManager::GetInstance();
-    return settings != nullptr ? settings->GetOutputControlScheduleRetensionCycle() : kDefaultRetentionDays;
+    return LoggerSettingManager::Current().GetOutputControlScheduleRetensionCycle();
 }
 
 std::int64_t NowSeconds() {

@@ -50,8 +50,7 @@ DeviceSettingXmlManager& DeviceSettings() {
 // Whether the clock, read in the device's home time (UTC+9), has reached
 // the earliest date a schedule can be for.
 bool DateIsPlausible(const Poco::Timestamp& now) {
-    LoggerSettingManager* settings = LoggerSettingManager::GetInstance();
-    const bool testMode = settings != nullptr && settings->GetOutputControlTestMode() != 0;
+    const bool testMode = LoggerSettingManager::Current().GetOutputControlTestMode() != 0;
     std::shared_ptr<TimeStamp> minimum =
         TimeStamp::Parse(kDateFormat, testMode ? kDate20160101 : kDate20200101);
     TimeStamp shifted(now);

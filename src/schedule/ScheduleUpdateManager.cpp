@@ -37,7 +37,6 @@ namespace {
 
 const std::string kTag = "ScheduleUpdateManager";
 const int kRequestWorkers = 3;
-const int kDefaultMonitoringSeconds = 180;
 const std::int64_t kHalfHourSeconds = 1800;
 const std::int64_t kFixedLateSeconds = 20 * 60;
 const int kFixedAttempts = 5;
@@ -603,9 +602,8 @@ bool ScheduleUpdateManager::IsRetryable(const UpdateResult& result) {
 }
 
 long ScheduleUpdateManager::MonitoringIntervalMs() const {
-    LoggerSettingManager* settings = LoggerSettingManager::GetInstance();
-    int seconds = settings != nullptr ? settings->GetOutputScheduleMonitoringInterval() : kDefaultMonitoringSeconds;
-    if (seconds <= 0) seconds = kDefaultMonitoringSeconds;
+    int seconds = LoggerSettingManager::Current().GetOutputScheduleMonitoringInterval();
+    if (seconds <= 0) seconds = LoggerSettingManager::kDefaultMonitoringInterval;
     return static_cast<long>(seconds) * 1000;
 }
 

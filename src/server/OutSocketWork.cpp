@@ -32,7 +32,6 @@ const std::size_t kFixedPlantIdSize = 27;
 // Largest fixed-schedule file read, in bytes: a year of half-hour slots
 // takes about 35 KB as hexadecimal text.
 const std::size_t kMaxFixedScheduleBytes = 4 * 1024 * 1024;
-const int kDefaultTimeoutSeconds = 60;
 
 void PutU32(std::vector<unsigned char>& answer, std::size_t offset, std::uint32_t value) {
     std::memcpy(answer.data() + offset, &value, sizeof value);
@@ -82,9 +81,8 @@ void OutSocketWork::Close() {
 }
 
 int OutSocketWork::TimeoutSeconds() {
-    LoggerSettingManager* settings = LoggerSettingManager::GetInstance();
-    const int seconds = settings != nullptr ? settings->GetOutputControlSocketTimeout() : kDefaultTimeoutSeconds;
-    return seconds > 0 ? seconds : kDefaultTimeoutSeconds;
+    const int seconds = LoggerSettingManager::Current().GetOutputControlSocketTimeout();
+    return seconds > 0 ? seconds : LoggerSettingManager::kDefaultSocketTimeout;
 }
 
 std::int64_t OutSocketWork::TimeoutMicroseconds() {

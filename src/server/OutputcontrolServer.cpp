@@ -29,7 +29,6 @@ namespace {
 // and static objects are destroyed. Its constants therefore have no
 // destructor, and its mutex is never destroyed.
 const char kTag[] = "OutputcontrolServer";
-const char kDefaultSocketPath[] = "/mnt/system/pvoctrl/brevanta.octrl";
 const mode_t kSocketMode = 0660;
 // Events taken from the kernel per wait, and connections accepted per
 // round before the waiting requests are read again.
@@ -49,9 +48,7 @@ Poco::Mutex& ConnectionMutex() {
 }
 
 std::string SocketPath() {
-    LoggerSettingManager* settings = LoggerSettingManager::GetInstance();
-    return settings != nullptr ? settings->GetOutputControlSocketPath()
-                               : std::string(kDefaultSocketPath);
+    return LoggerSettingManager::Current().GetOutputControlSocketPath();
 }
 
 // The socket address of `path`, or false when the path does not fit the

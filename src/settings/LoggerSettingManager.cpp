@@ -41,8 +41,6 @@ const char kTestMode[] = "OutputControlTestMode";
 const char kMonitoringInterval[] = "OutputScheduleMonitoringInterval";
 const char kSocketTimeout[] = "OutputControlSocketTimeout";
 
-const int kBufferedSizeDefault = 4096;
-
 // Read from every thread; created and deleted on the main thread.
 std::atomic<LoggerSettingManager*> instance(nullptr);
 
@@ -88,14 +86,23 @@ LoggerSettingManager* LoggerSettingManager::GetInstance() {
     return instance;
 }
 
+// The defaults-only instance is leaked on purpose: threads still read
+// settings while static objects are destroyed at exit.
+const LoggerSettingManager& LoggerSettingManager::Current() {
+    const LoggerSettingManager* loaded = instance;
+    if (loaded != nullptr) return *loaded;
+    static const LoggerSettingManager* const defaults = new LoggerSettingManager(false);
+    return *defaults;
+}
+
 void LoggerSettingManager::DeleteInstance() {
     delete instance.exchange(nullptr);
 }
 
-LoggerSettingManager::LoggerSettingManager()
+LoggerSettingManager::LoggerSettingManager(bool load)
     : table_(new std::unordered_map<std::string, std::string>(10)) {
     SetDefaults();
-    Load();
+    if (load) Load();
 }
 
 LoggerSettingManager::~LoggerSettingManager() {
@@ -104,20 +111,20 @@ LoggerSettingManager::~LoggerSettingManager() {
 
 std::unordered_map<std::string, std::string> LoggerSettingManager::Defaults() {
     std::unordered_map<std::string, std::string> table(10);
-    table[kLoggerSocketPath] = "/mnt/system/brvlogger/brevanta.logger";
-    table[kOutputControlSocketPath] = "/mnt/system/pvoctrl/brevanta.octrl";
-    table[kWatchdogFile] = "/mnt/system/check/brvo";
-    table[kWatchdogInterval] = "30";
-    table[kSdcardPath] = "/media/sdcard";
-    table[kMaxRollIndex] = "12";
-    table[kEnableBufferedIO] = "1";
+    table[kLoggerSocketPath] = kDefaultLoggerSocketPath;
+    table[kOutputControlSocketPath] = kDefaultOutputControlSocketPath;
+    table[kWatchdogFile] = kDefaultWatchdogFile;
+    table[kWatchdogInterval] = std::to_string(kDefaultWatchdogFileUpdateInterval);
+    table[kSdcardPath] = kDefaultSdcardPath;
+    table[kMaxRollIndex] = std::to_string(kDefaultLogMaxRollIndex);
+    table[kEnableBufferedIO] = std::to_string(kDefaultEnableLogBufferedIO);
     // LogLevel has no default on purpose: its getter falls back to 1.
-    table[kMaxBufferedSize] = std::to_string(kBufferedSizeDefault);
-    table[kMaxFileSize] = "500KB";
-    table[kRetentionCycle] = "90";
-    table[kTestMode] = "0";
-    table[kMonitoringInterval] = "180";
-    table[kSocketTimeout] = "60";
+    table[kMaxBufferedSize] = std::to_string(kDefaultLogMaxBufferedSize);
+    table[kMaxFileSize] = kDefaultLogMaxFileSize;
+    table[kRetentionCycle] = std::to_string(kDefaultScheduleRetensionCycle);
+    table[kTestMode] = std::to_string(kDefaultTestMode);
+    table[kMonitoringInterval] = std::to_string(kDefaultMonitoringInterval);
+    table[kSocketTimeout] = std::to_string(kDefaultSocketTimeout);
     return table;
 }
 
@@ -169,33 +176,33 @@ std::string LoggerSettingManager::GetOutputControlSocketPath() const {
 
 std::string LoggerSettingManager::GetPVOutputControlWatchdogFile() const { return GetString(kWatchdogFile); }
 
-int LoggerSettingManager::GetWatchdogFileUpdateInterval() const { return GetInt(kWatchdogInterval, 30); }
+int LoggerSettingManager::GetWatchdogFileUpdateInterval() const { return GetInt(kWatchdogInterval, kDefaultWatchdogFileUpdateInterval); }
 
 std::string LoggerSettingManager::GetSdcardPath() const { return GetString(kSdcardPath); }
 
-int LoggerSettingManager::GetOutputScheduleLogMaxRollIndex() const { return GetInt(kMaxRollIndex, 12); }
+int LoggerSettingManager::GetOutputScheduleLogMaxRollIndex() const { return GetInt(kMaxRollIndex, kDefaultLogMaxRollIndex); }
 
 bool LoggerSettingManager::GetOutputScheduleEnableLogBufferedIO() const {
-    return GetInt(kEnableBufferedIO, 1) != 0;
+    return GetInt(kEnableBufferedIO, kDefaultEnableLogBufferedIO) != 0;
 }
 
-int LoggerSettingManager::GetLogLevel() const { return GetInt(kLogLevel, 1); }
+int LoggerSettingManager::GetLogLevel() const { return GetInt(kLogLevel, kDefaultLogLevel); }
 
 int LoggerSettingManager::GetOutputScheduleLogMaxBufferedSize() const {
-    return GetInt(kMaxBufferedSize, kBufferedSizeDefault);
+    return GetInt(kMaxBufferedSize, kDefaultLogMaxBufferedSize);
 }
 
 std::string LoggerSettingManager::GetOutputScheduleLogMaxFileSize() const { return GetString(kMaxFileSize); }
 
-int LoggerSettingManager::GetOutputControlScheduleRetensionCycle() const { return GetInt(kRetentionCycle, 90); }
+int LoggerSettingManager::GetOutputControlScheduleRetensionCycle() const { return GetInt(kRetentionCycle, kDefaultScheduleRetensionCycle); }
 
-int LoggerSettingManager::GetOutputControlTestMode() const { return GetInt(kTestMode, 0); }
+int LoggerSettingManager::GetOutputControlTestMode() const { return GetInt(kTestMode, kDefaultTestMode); }
 
 int LoggerSettingManager::GetOutputScheduleMonitoringInterval() const {
-    return GetInt(kMonitoringInterval, 180);
+    return GetInt(kMonitoringInterval, kDefaultMonitoringInterval);
 }
 
-int LoggerSettingManager::GetOutputControlSocketTimeout() const { return GetInt(kSocketTimeout, 60); }
+int LoggerSettingManager::GetOutputControlSocketTimeout() const { return GetInt(kSocketTimeout, kDefaultSocketTimeout); }
 
 std::string LoggerSettingManager::GetLogDirectory() const { return GetSdcardPath() + kLogDirectorySuffix; }
 

@@ -24,6 +24,38 @@ public:
     static std::vector<std::string> NumericKeys();
     // The built-in value of every element that has one, by element name.
     static std::unordered_map<std::string, std::string> Defaults();
+    // The loaded instance, or one holding only the built-in values before
+    // CreateInstance and after DeleteInstance. Never destroyed.
+    static const LoggerSettingManager& Current();
+
+    // Built-in path of the logger daemon's socket.
+    static constexpr const char kDefaultLoggerSocketPath[] = "/mnt/system/brvlogger/brevanta.logger";
+    // Built-in path of this daemon's command socket.
+    static constexpr const char kDefaultOutputControlSocketPath[] = "/mnt/system/pvoctrl/brevanta.octrl";
+    // Built-in path of the watchdog file.
+    static constexpr const char kDefaultWatchdogFile[] = "/mnt/system/check/brvo";
+    // Built-in seconds between touches of the watchdog file.
+    static constexpr int kDefaultWatchdogFileUpdateInterval = 30;
+    // Built-in mount point of the SD card.
+    static constexpr const char kDefaultSdcardPath[] = "/media/sdcard";
+    // Built-in number of rolled log files kept.
+    static constexpr int kDefaultLogMaxRollIndex = 12;
+    // Built-in buffered-log switch.
+    static constexpr int kDefaultEnableLogBufferedIO = 1;
+    // Lowest log level written when the file names none.
+    static constexpr int kDefaultLogLevel = 1;
+    // Built-in bytes buffered before the log is written.
+    static constexpr int kDefaultLogMaxBufferedSize = 4096;
+    // Built-in size at which the log is rolled.
+    static constexpr const char kDefaultLogMaxFileSize[] = "500KB";
+    // Built-in days schedule rows are kept.
+    static constexpr int kDefaultScheduleRetensionCycle = 90;
+    // Built-in test-mode switch (off).
+    static constexpr int kDefaultTestMode = 0;
+    // Built-in seconds between periodic schedule checks; also used for a value below 1.
+    static constexpr int kDefaultMonitoringInterval = 180;
+    // Built-in time-out of socket exchanges in seconds; also used for a value below 1.
+    static constexpr int kDefaultSocketTimeout = 60;
 
     // Path of the logger daemon's socket.
     std::string GetLoggerSocketPath() const;
@@ -62,7 +94,8 @@ public:
     virtual ~LoggerSettingManager();
 
 private:
-    LoggerSettingManager();
+    // Built-in values, then the file unless `load` is false.
+    explicit LoggerSettingManager(bool load = true);
     void SetDefaults();
     void Load();
     std::string GetString(const std::string& key) const;

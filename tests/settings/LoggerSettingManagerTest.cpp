@@ -31,7 +31,7 @@ protected:
         return *LoggerSettingManager::GetInstance();
     }
 
-    static void ExpectDefaults(LoggerSettingManager& settings) {
+    static void ExpectDefaults(const LoggerSettingManager& settings) {
         EXPECT_EQ("/mnt/system/brvlogger/brevanta.logger", settings.GetLoggerSocketPath());
         EXPECT_EQ("/mnt/system/pvoctrl/brevanta.octrl", settings.GetOutputControlSocketPath());
         EXPECT_EQ("/mnt/system/check/brvo", settings.GetPVOutputControlWatchdogFile());
@@ -53,6 +53,39 @@ protected:
 TEST_F(LoggerSettingManagerTest, NoFileGivesEveryDefault) {
     ASSERT_FALSE(test::FileExists(test::LoggerSettingPath()));
     ExpectDefaults(Create());
+}
+
+TEST_F(LoggerSettingManagerTest, CurrentWithoutInstanceGivesEveryDefault) {
+    // The file is not read: before CreateInstance only built-in values apply.
+    WriteLoggerSetting("<OutputControlSocketTimeout>5</OutputControlSocketTimeout>");
+    ASSERT_EQ(nullptr, LoggerSettingManager::GetInstance());
+    ExpectDefaults(LoggerSettingManager::Current());
+    EXPECT_EQ(&LoggerSettingManager::Current(), &LoggerSettingManager::Current());
+}
+
+TEST_F(LoggerSettingManagerTest, CurrentIsTheLoadedInstance) {
+    LoggerSettingManager& loaded = Load("<OutputControlSocketTimeout>5</OutputControlSocketTimeout>");
+    EXPECT_EQ(&loaded, &LoggerSettingManager::Current());
+    EXPECT_EQ(5, LoggerSettingManager::Current().GetOutputControlSocketTimeout());
+    LoggerSettingManager::DeleteInstance();
+    EXPECT_EQ(60, LoggerSettingManager::Current().GetOutputControlSocketTimeout());
+}
+
+TEST_F(LoggerSettingManagerTest, DefaultConstantsAreTheDocumentedValues) {
+    EXPECT_STREQ("/mnt/system/brvlogger/brevanta.logger", LoggerSettingManager::kDefaultLoggerSocketPath);
+    EXPECT_STREQ("/mnt/system/pvoctrl/brevanta.octrl", LoggerSettingManager::kDefaultOutputControlSocketPath);
+    EXPECT_STREQ("/mnt/system/check/brvo", LoggerSettingManager::kDefaultWatchdogFile);
+    EXPECT_EQ(30, LoggerSettingManager::kDefaultWatchdogFileUpdateInterval);
+    EXPECT_STREQ("/media/sdcard", LoggerSettingManager::kDefaultSdcardPath);
+    EXPECT_EQ(12, LoggerSettingManager::kDefaultLogMaxRollIndex);
+    EXPECT_EQ(1, LoggerSettingManager::kDefaultEnableLogBufferedIO);
+    EXPECT_EQ(1, LoggerSettingManager::kDefaultLogLevel);
+    EXPECT_EQ(4096, LoggerSettingManager::kDefaultLogMaxBufferedSize);
+    EXPECT_STREQ("500KB", LoggerSettingManager::kDefaultLogMaxFileSize);
+    EXPECT_EQ(90, LoggerSettingManager::kDefaultScheduleRetensionCycle);
+    EXPECT_EQ(0, LoggerSettingManager::kDefaultTestMode);
+    EXPECT_EQ(180, LoggerSettingManager::kDefaultMonitoringInterval);
+    EXPECT_EQ(60, LoggerSettingManager::kDefaultSocketTimeout);
 }
 
 TEST_F(LoggerSettingManagerTest, CreateTwiceKeepsTheFirstInstance) {
