@@ -72,12 +72,16 @@ Poco::Net::Context::Ptr TlsContext() {
     return context;
 }
 
-// The time left until `deadline`, but no more than the ceiling of one
-// operation; zero once it has passed.
+// The time left until `deadline`, rounded up to the millisecond, but no
+// more than the ceiling of one operation; zero once it has passed. The
+// socket waits count whole milliseconds and drop the rest: without the
+// rounding, a wait that runs out with the deadline would end just before
+// it and be reported as the library's own time-out, not as the deadline.
 Poco::Timespan TimeLeft(const Poco::Clock& deadline) {
     const Poco::Clock::ClockDiff left = deadline - Poco::Clock();
     if (left <= 0) return Poco::Timespan(0);
-    return std::min(Poco::Timespan(left), kSessionTimeout);
+    const Poco::Clock::ClockDiff wholeMilliseconds = (left + 999) / 1000 * 1000;
+    return std::min(Poco::Timespan(wholeMilliseconds), kSessionTimeout);
 }
 
 // Connects a socket of our own to `address`, handed to `publish` before it
