@@ -1,5 +1,6 @@
 #include "client/ServerResponseParser.h"
 
+#include "util/GuardedCall.h"
 #include "util/LoggerLog.h"
 #include "util/StringUtil.h"
 
@@ -77,13 +78,9 @@ ServerResponseParser::ServerResponseParser(const std::string& contentType, const
       contentLength_(0),
       data_(reinterpret_cast<const unsigned char*>(data)),
       contentType_(contentType) {
-    try {
-        Parse();
-    } catch (const Poco::Exception& e) {
-        message_ = "Parser error. EXCEPTION[" + e.displayText() + "]";
-        LoggerLog::Error(kTag, message_);
-    } catch (...) {
-        message_ = "Parser error. exception";
+    const Caught caught = GuardedCall([this] { Parse(); });
+    if (caught) {
+        message_ = caught.DescribeTagged("Parser error. ");
         LoggerLog::Error(kTag, message_);
     }
     // The buffer belongs to the caller and is gone once the parse is over.

@@ -67,17 +67,13 @@ std::string DatabaseManager::GetDatabaseFilePath() const {
 bool DatabaseManager::InitDataBaseFile(const std::string& path) {
     Poco::Mutex::ScopedLock lock(mutex_);
     if (session_) return true;
-    try {
+    const Caught caught = GuardedCall([&] {
         session_.reset(new Poco::Data::Session("SQLite", path, kLoginTimeoutSeconds));
         ApplyDurabilitySettings();
         Execute(CreateTableStatement());
-        return true;
-    } catch (const Poco::Exception& e) {
-        LoggerLog::Error(tag_, "InitDataBaseFile error. [" + e.displayText() + "]");
-    } catch (const std::exception& e) {
-        LoggerLog::Error(tag_, "InitDataBaseFile error. [" + std::string(e.what()) + "]");
-    }
-    return false;
+    });
+    if (caught) LoggerLog::Error(tag_, "InitDataBaseFile error. [" + caught.GetText() + "]");
+    return !caught;
 }
 
 // The device loses power without warning and keeps its tables on flash. A
@@ -88,7 +84,7 @@ bool DatabaseManager::InitDataBaseFile(const std::string& path) {
 // even to read). Settings that do not take only cost durability, not
 // service: they are noted at debug level and the table is opened anyway.
 void DatabaseManager::ApplyDurabilitySettings() {
-    try {
+    const Caught caught = GuardedCall([this] {
         std::string mode;
         Poco::Data::Statement journal(*session_);
         journal << "PRAGMA journal_mode=" << kJournalMode, Poco::Data::Keywords::into(mode);
@@ -97,11 +93,8 @@ void DatabaseManager::ApplyDurabilitySettings() {
             LoggerLog::Debug(tag_, "Journal mode not set. [" + mode + "]");
         }
         Execute("PRAGMA synchronous=" + kSynchronous);
-    } catch (const Poco::Exception& e) {
-        LoggerLog::Debug(tag_, "Durability settings not applied. [" + e.displayText() + "]");
-    } catch (const std::exception& e) {
-        LoggerLog::Debug(tag_, "Durability settings not applied. [" + std::string(e.what()) + "]");
-    }
+    });
+    if (caught) LoggerLog::Debug(tag_, "Durability settings not applied. [" + caught.GetText() + "]");
 }
 
 bool DatabaseManager::Open() {

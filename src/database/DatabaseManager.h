@@ -4,6 +4,9 @@
 #ifndef BRVO_DATABASE_DATABASEMANAGER_H
 #define BRVO_DATABASE_DATABASEMANAGER_H
 
+#include "util/GuardedCall.h"
+#include "util/LoggerLog.h"
+
 #include <Poco/Data/Session.h>
 #include <Poco/Mutex.h>
 
@@ -11,6 +14,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 
 namespace brvo {
 
@@ -41,6 +45,20 @@ protected:
     // Opens the session when there is none yet. False (with the log line
     // "Database Open error.") when it cannot be opened.
     bool Open();
+
+    // The frame of every table operation: holds the table's lock, opens the
+    // session when there is none yet, and runs `body` guarded. Whatever
+    // `body` throws is logged at error level as `failure` + "[" + text + "]"
+    // (library exceptions) or `failure` + "exception" (any other). True
+    // when the session was open and `body` returned.
+    template <typename Body>
+    bool Operate(const std::string& failure, Body&& body) {
+        Poco::Mutex::ScopedLock lock(mutex_);
+        if (!Open()) return false;
+        const Caught caught = GuardedCall(std::forward<Body>(body));
+        if (caught) LoggerLog::Error(tag_, caught.Describe(failure));
+        return !caught;
+    }
 
     // Runs one statement and returns the number of rows it changed. Throws
     // a Poco::Data exception when the text holds more than one statement

@@ -4,6 +4,7 @@
 
 #include "app/Constants.h"
 #include "settings/LoggerSettingManager.h"
+#include "util/GuardedCall.h"
 #include "util/LoggerLog.h"
 #include "util/TimeStamp.h"
 
@@ -81,33 +82,24 @@ std::string ScheduleDatabase::CreateTableStatement() const {
 bool ScheduleDatabase::DeleteAll() {
     Poco::Mutex::ScopedLock lock(mutex_);
     ++writes_;
-    if (!Open()) return false;
-    try {
+    bool deleted = false;
+    Operate("Delete error. ", [&] {
         std::ostringstream sql;
         sql << "DELETE FROM " << kTableSchedule << " ";
-        return Execute(sql.str()) > 0;
-    } catch (const Poco::Exception& e) {
-        LoggerLog::Error(kTag, "Delete error. [" + e.displayText() + "]");
-    } catch (...) {
-        LoggerLog::Error(kTag, "Delete error. exception");
-    }
-    return false;
+        deleted = Execute(sql.str()) > 0;
+    });
+    return deleted;
 }
 
 void ScheduleDatabase::DeleteOldData() {
     Poco::Mutex::ScopedLock lock(mutex_);
     ++writes_;
-    if (!Open()) return;
-    try {
+    Operate("Delete old data error. ", [&] {
         const std::int64_t cutoff = NowSeconds() - static_cast<std::int64_t>(RetentionDays()) * kSecondsPerDay;
         std::ostringstream sql;
         sql << "DELETE FROM " << kTableSchedule << " " << "WHERE " << kColumnTime << " < " << cutoff;
         Execute(sql.str());
-    } catch (const Poco::Exception& e) {
-        LoggerLog::Error(kTag, "Delete old data error. [" + e.displayText() + "]");
-    } catch (...) {
-        LoggerLog::Error(kTag, "Delete old data error. exception");
-    }
+    });
 }
 
 // Clients ask for the target power many times per slot, and a statement
@@ -147,8 +139,7 @@ bool ScheduleDatabase::CacheCovers(std::int64_t time, std::uint32_t counter) con
 ScheduleRow ScheduleDatabase::RunSelect(std::int64_t time, bool current, bool logErrors, bool& ok) {
     ScheduleRow row;
     row.time = -1;
-    ok = false;
-    try {
+    const Caught caught = GuardedCall([&] {
         std::ostringstream sql;
         sql << "SELECT " << " " << kColumnTime << " " << ", " << kColumnControlRate << " " << ", "
             << kColumnSent << " " << " FROM " << kTableSchedule << " " << " WHERE " << " " << kColumnTime
@@ -171,15 +162,11 @@ ScheduleRow ScheduleDatabase::RunSelect(std::int64_t time, bool current, bool lo
             row.controlRate = rate;
             row.sent = sent;
         }
-        ok = true;
-    } catch (const Poco::Exception& e) {
+    });
+    ok = !caught;
+    if (caught) {
         row.time = -1;
-        if (logErrors) {
-            LoggerLog::Limited(LoggerLog::kError, kTag, kSelectErrorKind, "Select error. [" + e.displayText() + "]");
-        }
-    } catch (...) {
-        row.time = -1;
-        if (logErrors) LoggerLog::Limited(LoggerLog::kError, kTag, kSelectErrorKind, "Select error. exception");
+        if (logErrors) LoggerLog::Limited(LoggerLog::kError, kTag, kSelectErrorKind, caught.Describe("Select error. "));
     }
     return row;
 }
@@ -229,25 +216,20 @@ bool ScheduleDatabase::InsertUpdateSchedule(const std::vector<ScheduleRow>& rows
     Poco::Mutex::ScopedLock lock(mutex_);
     ++writes_;
     if (rows.empty()) return true;
-    if (!Open()) return false;
-    try {
+    bool inserted = false;
+    Operate("Insert Update Schedule error. ", [&] {
         std::ostringstream header;
         header << "INSERT OR REPLACE INTO " << kTableSchedule << " " << " ( " << " " << kColumnTime << " "
                << ", " << kColumnControlRate << " " << ", " << kColumnSent << " " << " )" << " VALUES ";
-        return InsertRows(header.str(), rows) > 0;
-    } catch (const Poco::Exception& e) {
-        LoggerLog::Error(kTag, "Insert Update Schedule error. [" + e.displayText() + "]");
-    } catch (...) {
-        LoggerLog::Error(kTag, "Insert Update Schedule error. exception");
-    }
-    return false;
+        inserted = InsertRows(header.str(), rows) > 0;
+    });
+    return inserted;
 }
 
 bool ScheduleDatabase::InsertFixedSchedule(const std::vector<ScheduleRow>& rows) {
     Poco::Mutex::ScopedLock lock(mutex_);
     ++writes_;
-    if (!Open()) return false;
-    try {
+    return Operate("Insert Fixed Schedule error. ", [&] {
         const std::int64_t cutoff = NowSeconds() - kFixedScheduleGraceSeconds;
         std::vector<ScheduleRow> later;
         for (const ScheduleRow& row : rows) {
@@ -256,13 +238,7 @@ bool ScheduleDatabase::InsertFixedSchedule(const std::vector<ScheduleRow>& rows)
         std::ostringstream header;
         header << "INSERT OR IGNORE INTO " << kTableSchedule << " " << " VALUES ";
         if (!later.empty()) InsertRows(header.str(), later);
-        return true;
-    } catch (const Poco::Exception& e) {
-        LoggerLog::Error(kTag, "Insert Fixed Schedule error. [" + e.displayText() + "]");
-    } catch (...) {
-        LoggerLog::Error(kTag, "Insert Fixed Schedule error. exception");
-    }
-    return false;
+    });
 }
 
 void ScheduleDatabase::UpdateSentFlag() {
@@ -284,17 +260,12 @@ void ScheduleDatabase::UpdateSentFlag() {
         LoggerLog::Debug(kTag, "Schedule changed while it was forwarded; sent flags left as they are.");
         return;
     }
-    if (!Open()) return;
-    try {
+    Operate("Update Sent Flag error. ", [&] {
         std::ostringstream sql;
         sql << "UPDATE " << kTableSchedule << " " << " SET " << kColumnSent << " = " << " 1 " << " WHERE "
             << kColumnSent << " = " << " 0 ";
         Execute(sql.str());
-    } catch (const Poco::Exception& e) {
-        LoggerLog::Error(kTag, "Update Sent Flag error. [" + e.displayText() + "]");
-    } catch (...) {
-        LoggerLog::Error(kTag, "Update Sent Flag error. exception");
-    }
+    });
 }
 
 } // namespace brvo

@@ -33,9 +33,8 @@ std::string ScheduleUpdateInfoDatabase::CreateTableStatement() const {
 // value with a quote inside is refused before anything runs, and the
 // failure is logged.
 bool ScheduleUpdateInfoDatabase::InsertUpdateInfo(const ScheduleUpdateInfo& info) {
-    Poco::Mutex::ScopedLock lock(mutex_);
-    if (!Open()) return false;
-    try {
+    bool inserted = false;
+    Operate("Insert Update error. ", [&] {
         std::ostringstream sql;
         sql << "INSERT OR REPLACE INTO " << kTableScheduleUpdateInfo << " " << " ( " << " " << kColumnPlantId
             << " " << ", " << kColumnLastUpdateTime << " " << ", " << kColumnNextUpdateTime << " " << ", "
@@ -44,20 +43,14 @@ bool ScheduleUpdateInfoDatabase::InsertUpdateInfo(const ScheduleUpdateInfo& info
         sql << " VALUES ( " << " " << Quoted(info.plantId) << "," << Quoted(info.lastUpdateTime) << ","
             << Quoted(info.nextUpdateTime) << ",'" << info.fixedScheduleUpdateFlag << "'" << ",'"
             << (info.isNeedUpdateFixedSchedule ? 1 : 0) << "'" << " )";
-        return Execute(sql.str()) > 0;
-    } catch (const Poco::Exception& e) {
-        LoggerLog::Error(kTag, "Insert Update error. [" + e.displayText() + "]");
-    } catch (...) {
-        LoggerLog::Error(kTag, "Insert Update error. exception");
-    }
-    return false;
+        inserted = Execute(sql.str()) > 0;
+    });
+    return inserted;
 }
 
 ScheduleUpdateInfo ScheduleUpdateInfoDatabase::SelectUpdateInfo() {
-    Poco::Mutex::ScopedLock lock(mutex_);
     ScheduleUpdateInfo info;
-    if (!Open()) return info;
-    try {
+    Operate("Select error. ", [&] {
         std::ostringstream sql;
         sql << "SELECT " << kColumnPlantId << ", " << kColumnLastUpdateTime << ", " << kColumnNextUpdateTime
             << ", " << kColumnFixedScheduleUpdateFlag << ", " << kColumnIsNeedUpdateFixedSchedule << " FROM "
@@ -68,27 +61,18 @@ ScheduleUpdateInfo ScheduleUpdateInfoDatabase::SelectUpdateInfo() {
             Poco::Data::Keywords::into(info.fixedScheduleUpdateFlag),
             Poco::Data::Keywords::into(info.isNeedUpdateFixedSchedule), Poco::Data::Keywords::limit(1);
         if (!select.done()) select.execute();
-    } catch (const Poco::Exception& e) {
-        LoggerLog::Error(kTag, "Select error. [" + e.displayText() + "]");
-    } catch (...) {
-        LoggerLog::Error(kTag, "Select error. exception");
-    }
+    });
     return info;
 }
 
 bool ScheduleUpdateInfoDatabase::DeleteUpdateInfo() {
-    Poco::Mutex::ScopedLock lock(mutex_);
-    if (!Open()) return false;
-    try {
+    bool deleted = false;
+    Operate("Delete error. ", [&] {
         std::ostringstream sql;
         sql << "DELETE FROM " << kTableScheduleUpdateInfo << " ";
-        return Execute(sql.str()) > 0;
-    } catch (const Poco::Exception& e) {
-        LoggerLog::Error(kTag, "Delete error. [" + e.displayText() + "]");
-    } catch (...) {
-        LoggerLog::Error(kTag, "Delete error. exception");
-    }
-    return false;
+        deleted = Execute(sql.str()) > 0;
+    });
+    return deleted;
 }
 
 } // namespace brvo

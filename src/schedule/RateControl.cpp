@@ -23,7 +23,7 @@ Poco::Timestamp WallClock() {
     return Poco::Timestamp(SystemClock::NowMicroseconds());
 }
 
-std::shared_ptr<TargetPowerResult> Failure(double power, std::int32_t code, const std::string& message) {
+std::shared_ptr<TargetPowerResult> Failure(double power, TargetPowerResult::Code code, const std::string& message) {
     // Asked for by every target power request: held to one line a period.
     LoggerLog::Limited(LoggerLog::kWarning, kTag, "Get Target Power failed. " + message,
                        "Get Target Power failed. " + message);
@@ -83,14 +83,14 @@ std::shared_ptr<TargetPowerResult> RateControl::GetTargetPower(double capacity, 
     SystemSettingXmlManager& systemSettings = SystemSettings();
     systemSettings.Load();
     if (systemSettings.GetOutputControlPlantId().empty()) {
-        return Failure(capacity, TargetPowerResult::kPlantIdNotFound, "Plantid not found.");
+        return Failure(capacity, TargetPowerResult::Code::kPlantIdNotFound, "Plantid not found.");
     }
     DeviceSettingXmlManager::Limit limit;
     DeviceSettings().GetLimit(limit);
     const double floor = static_cast<double>(limit.valueMin);
 
     if (!DateIsPlausible(clock_())) {
-        return Failure(floor, TargetPowerResult::kDateError, "Current date error.");
+        return Failure(floor, TargetPowerResult::Code::kDateError, "Current date error.");
     }
     const TimeStamp now(clock_());
     ScheduleDatabase* database = ScheduleDatabase::GetInstance();
@@ -99,7 +99,7 @@ std::shared_ptr<TargetPowerResult> RateControl::GetTargetPower(double capacity, 
         slot = database->SelectSchedule(now.EpochSeconds(), requestType == kCurrentTargetPower);
     }
     if (slot.time < 0) {
-        return Failure(floor, TargetPowerResult::kNoSchedule, "can not get.");
+        return Failure(floor, TargetPowerResult::Code::kNoSchedule, "can not get.");
     }
     const std::int64_t rate = ScaleRate(slot.controlRate, limit);
     double target = static_cast<double>(rate) * capacity / 100.0;

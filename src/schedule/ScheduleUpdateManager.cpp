@@ -16,6 +16,7 @@
 #include "settings/LoggerSettingManager.h"
 #include "settings/SystemSettingXmlManager.h"
 #include "util/CancelEvent.h"
+#include "util/GuardedCall.h"
 #include "util/LoggerLog.h"
 #include "util/SystemClock.h"
 #include "util/TimeStamp.h"
@@ -25,6 +26,7 @@
 #include <Poco/Exception.h>
 #include <Poco/Thread.h>
 
+#include <functional>
 #include <iostream>
 
 namespace brvo {
@@ -63,8 +65,21 @@ std::shared_ptr<UpdateResult> Success() {
     return std::make_shared<UpdateResult>();
 }
 
-std::shared_ptr<UpdateResult> Failure(std::int32_t reason, std::int32_t status, const std::string& message) {
+std::shared_ptr<UpdateResult> Failure(FailureReason reason, std::int32_t status, const std::string& message) {
     return std::make_shared<UpdateResult>(reason, status, message);
+}
+
+// Runs one flow so that nothing it throws goes further: an exception is
+// logged at error level as `failure` + "EXCEPTION[...]" (library) or
+// `failure` + "exception" and becomes a failure of its own, status 0, with
+// the exception's text as message.
+std::shared_ptr<UpdateResult> GuardedFlow(const std::string& failure,
+                                          const std::function<std::shared_ptr<UpdateResult>()>& flow) {
+    std::shared_ptr<UpdateResult> result;
+    const Caught caught = GuardedCall([&] { result = flow(); });
+    if (!caught) return result;
+    LoggerLog::Error(kTag, caught.DescribeTagged(failure));
+    return Failure(FailureReason::kException, 0, caught.GetText());
 }
 
 std::string SlotRange(const std::vector<ScheduleRow>& slots) {
@@ -304,54 +319,47 @@ std::shared_ptr<UpdateResult> ScheduleUpdateManager::AccessFailure(
     if (!access || !access->IsResult()) {
         const std::string printed = access ? access->ToString() : std::string();
         LoggerLog::Warning(kTag, failureText + printed + "]");
-        return Failure(1, access ? access->GetStatusCode() : 0, access ? access->GetFailureReason() : "");
+        return Failure(FailureReason::kAccessFailed, access ? access->GetStatusCode() : 0, access ? access->GetFailureReason() : "");
     }
     std::shared_ptr<ServerResponseParser> parser = access->GetResponseParser();
     if (!parser || !parser->IsBinary()) {
         const std::string message = parser ? parser->GetMessage() : std::string();
         LoggerLog::Warning(kTag, failureText + message + "]");
-        return Failure(2, access->GetStatusCode(), message);
+        return Failure(FailureReason::kResponseUnparsable, access->GetStatusCode(), message);
     }
     return nullptr;
 }
 
 std::shared_ptr<UpdateResult> ScheduleUpdateManager::UpdateSchedule() {
     LoggerLog::Debug(kTag, "UpdateSchedule");
-    std::int32_t status = 0;
-    try {
+    return GuardedFlow("Schedule update failed. ", [&]() -> std::shared_ptr<UpdateResult> {
         const std::uint64_t resets = Resets();
         std::shared_ptr<ServerAccessResult> access = ServerAccess_c(kUpdateScheduleKbn).get();
         if (auto failed = AccessFailure("Schedule update failed. [", access)) return failed;
-        status = access->GetStatusCode();
+        const std::int32_t status = access->GetStatusCode();
         const ScheduleModel model(access->GetResponseParser()->GetHexData(), ScheduleModel::kUpdateScheduleKind);
         if (!model.IsResult()) {
             LoggerLog::Warning(kTag, "Schedule parse failed. [" + model.GetMessage() + "]");
-            return Failure(3, status, model.GetMessage());
+            return Failure(FailureReason::kPayloadInvalid, status, model.GetMessage());
         }
         const std::vector<ScheduleRow> slots = model.GetSlots();
         if (slots.empty()) {
             LoggerLog::Warning(kTag, "Schedule update failed. Schedule data is nothing.");
-            return Failure(4, status, "Schedule data is nothing.");
+            return Failure(FailureReason::kNoSlots, status, "Schedule data is nothing.");
         }
         Poco::Mutex::ScopedLock lock(flowMutex_);
-        if (ResetSince(resets, "Schedule update failed.")) return Failure(5, status, "Database update error.");
+        if (ResetSince(resets, "Schedule update failed.")) return Failure(FailureReason::kDatabaseWriteFailed, status, "Database update error.");
         if (!UpdateWithUpdateSchedule(model.GetUpdateInfo(), slots)) {
             LoggerLog::Warning(kTag, "Schedule update failed. Database update error.");
-            return Failure(5, status, "Database update error.");
+            return Failure(FailureReason::kDatabaseWriteFailed, status, "Database update error.");
         }
         return Success();
-    } catch (const Poco::Exception& e) {
-        LoggerLog::Error(kTag, "Schedule update failed. EXCEPTION[" + e.displayText() + "]");
-        return Failure(12, 0, e.displayText());
-    } catch (const std::exception& e) {
-        LoggerLog::Error(kTag, "Schedule update failed. exception");
-        return Failure(12, 0, e.what());
-    }
+    });
 }
 
 std::shared_ptr<UpdateResult> ScheduleUpdateManager::UpdateFixedSchedule() {
     LoggerLog::Debug(kTag, "UpdateFixedSchedule");
-    try {
+    return GuardedFlow("Fixed schedule update failed. ", [&]() -> std::shared_ptr<UpdateResult> {
         ScheduleUpdateInfo info;
         std::uint64_t resets = 0;
         {
@@ -362,7 +370,7 @@ std::shared_ptr<UpdateResult> ScheduleUpdateManager::UpdateFixedSchedule() {
         if (info.plantId.empty()) {
             const std::string message = "Update information of fixed schedule does not exist.";
             LoggerLog::Warning(kTag, message);
-            return Failure(1, -1, message);
+            return Failure(FailureReason::kAccessFailed, -1, message);
         }
         const std::string kbn = kFixedScheduleKbnPrefix + std::to_string(info.fixedScheduleUpdateFlag);
         std::shared_ptr<ServerAccessResult> access = ServerAccess_c(kbn).get();
@@ -371,27 +379,21 @@ std::shared_ptr<UpdateResult> ScheduleUpdateManager::UpdateFixedSchedule() {
         const ScheduleModel model(access->GetResponseParser()->GetHexData(), 0);
         if (!model.IsResult()) {
             LoggerLog::Warning(kTag, "Fixed schedule parse failed. [" + model.GetMessage() + "]");
-            return Failure(3, status, model.GetMessage());
+            return Failure(FailureReason::kPayloadInvalid, status, model.GetMessage());
         }
         const std::vector<ScheduleRow> slots = model.GetSlots();
         if (slots.empty()) {
             LoggerLog::Warning(kTag, "Fixed schedule update failed. Schedule data is nothing.");
-            return Failure(4, status, "Schedule data is nothing.");
+            return Failure(FailureReason::kNoSlots, status, "Schedule data is nothing.");
         }
         Poco::Mutex::ScopedLock lock(flowMutex_);
-        if (ResetSince(resets, "Fixed schedule update failed.")) return Failure(5, status, "Database update error.");
+        if (ResetSince(resets, "Fixed schedule update failed.")) return Failure(FailureReason::kDatabaseWriteFailed, status, "Database update error.");
         if (!UpdateWithFixedSchedule(slots, model.GetPlantId())) {
             LoggerLog::Warning(kTag, "Fixed schedule update failed. Database update error.");
-            return Failure(5, status, "Database update error.");
+            return Failure(FailureReason::kDatabaseWriteFailed, status, "Database update error.");
         }
         return Success();
-    } catch (const Poco::Exception& e) {
-        LoggerLog::Error(kTag, "Fixed schedule update failed. EXCEPTION[" + e.displayText() + "]");
-        return Failure(12, 0, e.displayText());
-    } catch (const std::exception& e) {
-        LoggerLog::Error(kTag, "Fixed schedule update failed. exception");
-        return Failure(12, 0, e.what());
-    }
+    });
 }
 
 bool ScheduleUpdateManager::UpdateWithUpdateSchedule(const ScheduleUpdateInfo& received,
@@ -462,19 +464,13 @@ void ScheduleUpdateManager::DeleteAllUpdateControlInfoFromDB() {
 std::shared_ptr<UpdateResult> ScheduleUpdateManager::CheckAndUpdateWithSystemSetting(bool& started,
                                                                                      bool startIfUnchanged) {
     LoggerLog::Debug(kTag, "CheckAndUpdateWithSystemSetting");
-    try {
+    return GuardedFlow("Check System Setting failed. ", [&]() -> std::shared_ptr<UpdateResult> {
         if (!BringInfoInStep(startIfUnchanged)) return Success();
         std::shared_ptr<UpdateResult> result = UpdateOutputControlSchedule();
         if (result->IsResult()) started = true;
         Start();
         return result;
-    } catch (const Poco::Exception& e) {
-        LoggerLog::Error(kTag, "Check System Setting failed. EXCEPTION[" + e.displayText() + "]");
-        return Failure(12, 0, e.displayText());
-    } catch (const std::exception& e) {
-        LoggerLog::Error(kTag, "Check System Setting failed. exception");
-        return Failure(12, 0, e.what());
-    }
+    });
 }
 
 // The locked part of the settings check: true when a new plant needs its
@@ -517,18 +513,18 @@ std::shared_ptr<UpdateResult> ScheduleUpdateManager::UpdateWithFixedData(
     const std::shared_ptr<ScheduleModel>& model, bool force) {
     Poco::Mutex::ScopedLock lock(flowMutex_);
     LoggerLog::Debug(kTag, "UpdateWithFixedData");
-    try {
+    return GuardedFlow("Fixed schedule send failed. ", [&]() -> std::shared_ptr<UpdateResult> {
         if (!model || !model->IsResult()) {
             const std::string message = model ? model->GetMessage() : std::string();
             LoggerLog::Limited(LoggerLog::kWarning, kTag, "Fixed schedule file parse failed",
                                "Fixed schedule parse failed. " + message);
-            return Failure(3, 0, message);
+            return Failure(FailureReason::kPayloadInvalid, 0, message);
         }
         const std::vector<ScheduleRow> slots = model->GetSlots();
         if (slots.empty()) {
             LoggerLog::Limited(LoggerLog::kWarning, kTag, "Fixed schedule file without data",
                                "Fixed schedule update failed. Schedule data is nothing.");
-            return Failure(4, 0, "Schedule data is nothing.");
+            return Failure(FailureReason::kNoSlots, 0, "Schedule data is nothing.");
         }
         const std::string stored = infoDatabase_->SelectUpdateInfo().plantId;
         const std::string received = model->GetPlantId();
@@ -537,12 +533,12 @@ std::shared_ptr<UpdateResult> ScheduleUpdateManager::UpdateWithFixedData(
             const std::string ids = "[" + stored + "] : [" + received + "]";
             LoggerLog::Limited(LoggerLog::kWarning, kTag, "Fixed schedule file of another plant",
                                "Fixed schedule update failed. id not match. " + ids);
-            return Failure(7, 0, ids);
+            return Failure(FailureReason::kPlantIdMismatch, 0, ids);
         }
         if (differs) DeleteAllUpdateControlInfoFromDB();
         if (!UpdateWithFixedSchedule(slots, received)) {
             LoggerLog::Warning(kTag, "Fixed schedule update failed. Database update error.");
-            return Failure(5, 0, "Database update error.");
+            return Failure(FailureReason::kDatabaseWriteFailed, 0, "Database update error.");
         }
         SystemSettingXmlManager& settings = SystemSettings();
         if (!settings.HasGeneral()) settings.Load();
@@ -551,30 +547,18 @@ std::shared_ptr<UpdateResult> ScheduleUpdateManager::UpdateWithFixedData(
         settings.SetOutputControlPlantId(received);
         Stop();
         return std::make_shared<UpdateResult>(settingChanged, received);
-    } catch (const Poco::Exception& e) {
-        LoggerLog::Error(kTag, "Fixed schedule send failed. EXCEPTION[" + e.displayText() + "]");
-        return Failure(12, 0, e.displayText());
-    } catch (const std::exception& e) {
-        LoggerLog::Error(kTag, "Fixed schedule send failed. exception");
-        return Failure(12, 0, e.what());
-    }
+    });
 }
 
 std::shared_ptr<UpdateResult> ScheduleUpdateManager::CheckPlantId(const std::string& plantId,
                                                                   const std::string& url) {
     LoggerLog::Debug(kTag, "CheckPlantId");
-    try {
+    return GuardedFlow("Check plant id failed. ", [&]() -> std::shared_ptr<UpdateResult> {
         std::shared_ptr<ServerAccessResult> access = ServerAccess_i(kCheckPlantIdKbn, plantId, url).get();
         if (auto failed = AccessFailure("Check plant id failed. [", access)) return failed;
         if (access->GetResponseParser()->OCCheckIDModel()) return Success();
-        return Failure(6, access->GetStatusCode(), "Plant ID is not registered");
-    } catch (const Poco::Exception& e) {
-        LoggerLog::Error(kTag, "Check plant id failed. EXCEPTION[" + e.displayText() + "]");
-        return Failure(12, 0, e.displayText());
-    } catch (const std::exception& e) {
-        LoggerLog::Error(kTag, "Check plant id failed. exception");
-        return Failure(12, 0, e.what());
-    }
+        return Failure(FailureReason::kPlantIdNotRegistered, access->GetStatusCode(), "Plant ID is not registered");
+    });
 }
 
 int ScheduleUpdateManager::SendScheduleData() {
@@ -597,8 +581,15 @@ bool ScheduleUpdateManager::IsRetryable(const UpdateResult& result) {
     if (status >= 300 && status <= 399) return true;
     if (status >= 400 && status <= 499) return false;
     if (status >= 500 && status <= 599) return true;
-    const std::int32_t reason = result.GetFailureReason();
-    return reason == 1 || reason == 3 || reason == 4 || reason == 12;
+    switch (result.GetFailureReason()) {
+        case FailureReason::kAccessFailed:
+        case FailureReason::kPayloadInvalid:
+        case FailureReason::kNoSlots:
+        case FailureReason::kException:
+            return true;
+        default:
+            return false;
+    }
 }
 
 long ScheduleUpdateManager::MonitoringIntervalMs() const {

@@ -3,9 +3,9 @@
 namespace brvo {
 
 TargetPowerResult::TargetPowerResult(double targetPower, const std::string& timeText)
-    : success_(true), code_(kSuccess), timeText_(timeText), targetPower_(targetPower) {}
+    : success_(true), code_(Code::kSuccess), timeText_(timeText), targetPower_(targetPower) {}
 
-TargetPowerResult::TargetPowerResult(double targetPower, std::int32_t code, const std::string& message)
+TargetPowerResult::TargetPowerResult(double targetPower, Code code, const std::string& message)
     : success_(false), code_(code), targetPower_(targetPower), message_(message) {}
 
 TargetPowerResult::~TargetPowerResult() {}

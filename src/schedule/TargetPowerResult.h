@@ -10,33 +10,45 @@ namespace brvo {
 
 class TargetPowerResult {
 public:
-    // Result codes.
-    static constexpr std::int32_t kSuccess = 0;
-    static constexpr std::int32_t kNoSchedule = 5;
-    static constexpr std::int32_t kDateError = 10;
-    static constexpr std::int32_t kPlantIdNotFound = 11;
+    // Result codes; the numbers travel to clients in the target power answer.
+    enum class Code : std::int32_t {
+        kSuccess = 0,          // the slot's power limit
+        kNoSchedule = 5,       // no slot stored for the time asked
+        kDateError = 10,       // the clock stands before any plausible date
+        kPlantIdNotFound = 11, // the settings hold no plant ID
+    };
 
     // Success: `targetPower` for the slot starting at `timeText`
     // ("%Y%m%d%H%M%S", UTC); code 0, empty message.
     TargetPowerResult(double targetPower, const std::string& timeText);
     // Failure with `code` and `message`; `targetPower` is the fallback the
     // client receives; empty time text.
-    TargetPowerResult(double targetPower, std::int32_t code, const std::string& message);
+    TargetPowerResult(double targetPower, Code code, const std::string& message);
     virtual ~TargetPowerResult();
 
+    // True for a slot's power limit.
     bool IsSuccess() const { return success_; }
-    std::int32_t GetCode() const { return code_; }
+    // The result code; Code::kSuccess on success.
+    Code GetCode() const { return code_; }
+    // The slot's start ("%Y%m%d%H%M%S", UTC); empty on failure.
     const std::string& GetTimeText() const { return timeText_; }
+    // The power the client receives: the limit, or the failure's fallback.
     double GetTargetPower() const { return targetPower_; }
+    // Why it failed; empty on success.
     const std::string& GetMessage() const { return message_; }
 
 private:
     bool success_;
-    std::int32_t code_;
+    Code code_;
     std::string timeText_;
     double targetPower_;
     std::string message_;
 };
+
+// The code's number as clients see it.
+inline std::int32_t ToWire(TargetPowerResult::Code code) {
+    return static_cast<std::int32_t>(code);
+}
 
 } // namespace brvo
 

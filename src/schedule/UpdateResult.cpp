@@ -5,9 +5,9 @@
 namespace brvo {
 
 UpdateResult::UpdateResult()
-    : result_(true), failureReason_(0), statusCode_(0), settingChanged_(false) {}
+    : result_(true), failureReason_(FailureReason::kNone), statusCode_(0), settingChanged_(false) {}
 
-UpdateResult::UpdateResult(std::int32_t failureReason, std::int32_t statusCode,
+UpdateResult::UpdateResult(FailureReason failureReason, std::int32_t statusCode,
                            const std::string& message)
     : result_(false),
       failureReason_(failureReason),
@@ -17,7 +17,7 @@ UpdateResult::UpdateResult(std::int32_t failureReason, std::int32_t statusCode,
 
 UpdateResult::UpdateResult(bool settingChanged, const std::string& plantId)
     : result_(true),
-      failureReason_(0),
+      failureReason_(FailureReason::kNone),
       statusCode_(0),
       settingChanged_(settingChanged),
       plantId_(plantId) {}
@@ -29,7 +29,7 @@ UpdateResult::~UpdateResult() = default;
 std::string UpdateResult::ToString() const {
     std::ostringstream text;
     text << "UpdateResult [" << (result_ ? "true" : "false") << "] "
-         << " FailureReason:" << failureReason_
+         << " FailureReason:" << ToWire(failureReason_)
          << " StatusCode:" << statusCode_
          << " Message:" << message_;
     return text.str();

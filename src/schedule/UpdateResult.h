@@ -1,7 +1,9 @@
-// Outcome of one schedule flow: success, or a numeric failure reason with the
+// Outcome of one schedule flow: success, or a failure reason with the
 // HTTP status of the server access the flow made and a failure text.
 #ifndef BRVO_SCHEDULE_UPDATERESULT_H
 #define BRVO_SCHEDULE_UPDATERESULT_H
+
+#include "schedule/FailureReason.h"
 
 #include <cstdint>
 #include <string>
@@ -14,7 +16,7 @@ public:
     UpdateResult();
     // Failure with the given reason, HTTP status (0 when no access was made,
     // -1 when the flow stopped before any access) and message.
-    UpdateResult(std::int32_t failureReason, std::int32_t statusCode, const std::string& message);
+    UpdateResult(FailureReason failureReason, std::int32_t statusCode, const std::string& message);
     // Success of a fixed-data update: whether the settings changed and the
     // plant ID the data belongs to.
     UpdateResult(bool settingChanged, const std::string& plantId);
@@ -22,8 +24,8 @@ public:
 
     // True on success.
     bool IsResult() const { return result_; }
-    // The failure reason; 0 on success.
-    std::int32_t GetFailureReason() const { return failureReason_; }
+    // The failure reason; FailureReason::kNone on success.
+    FailureReason GetFailureReason() const { return failureReason_; }
     // The HTTP status of the flow's server access (0 none, -1 not reached).
     std::int32_t GetStatusCode() const { return statusCode_; }
     // The failure text; empty on success.
@@ -39,7 +41,7 @@ public:
 
 private:
     bool result_;
-    std::int32_t failureReason_;
+    FailureReason failureReason_;
     std::int32_t statusCode_;
     std::string message_;
     bool settingChanged_;

@@ -55,7 +55,7 @@ std::vector<unsigned char> Answer(std::size_t size, std::int32_t type) {
 }
 
 std::shared_ptr<UpdateResult> NotRunning() {
-    return std::make_shared<UpdateResult>(12, 0, "Schedule update manager is not running.");
+    return std::make_shared<UpdateResult>(FailureReason::kException, 0, "Schedule update manager is not running.");
 }
 
 } // namespace
@@ -197,7 +197,7 @@ std::string OutSocketWork::Tag(const std::string& text) const {
 
 std::vector<unsigned char> OutSocketWork::UpdateAnswer(std::int32_t type, const UpdateResult& result) {
     std::vector<unsigned char> answer = Answer(kUpdateAnswerSize, type);
-    PutI32(answer, 8, result.GetFailureReason());
+    PutI32(answer, 8, ToWire(result.GetFailureReason()));
     PutI32(answer, 12, result.GetStatusCode());
     PutText(answer, 16, kMessageSize, result.GetMessage());
     return answer;
@@ -207,7 +207,7 @@ std::vector<unsigned char> OutSocketWork::UpdateAnswer(std::int32_t type, const 
 std::vector<unsigned char> OutSocketWork::FixedScheduleAnswer(const UpdateResult& result) {
     std::vector<unsigned char> answer = Answer(kFixedAnswerSize, kUpdateFixedSchedule);
     if (result.IsSettingChanged()) PutText(answer, 8, kFixedPlantIdSize, result.GetPlantId());
-    PutI32(answer, 35, result.GetFailureReason());
+    PutI32(answer, 35, ToWire(result.GetFailureReason()));
     PutI32(answer, 39, result.GetStatusCode());
     PutText(answer, 43, kMessageSize, result.GetMessage());
     return answer;
@@ -218,7 +218,7 @@ std::vector<unsigned char> OutSocketWork::TargetPowerAnswer(std::int32_t type, c
     const double power = result.GetTargetPower();
     std::memcpy(answer.data() + 8, &power, sizeof power);
     PutText(answer, 16, kTimeTextSize, result.GetTimeText());
-    PutI32(answer, 31, result.GetCode());
+    PutI32(answer, 31, ToWire(result.GetCode()));
     PutText(answer, 39, kMessageSize, result.GetMessage());
     return answer;
 }
@@ -345,16 +345,16 @@ std::vector<unsigned char> OutSocketWork::ServeFixedSchedule(bool& sendAfter) {
     LoggerLog::Debug(kTag, "UpdateFixedSchedule Param file_path [" + path + "]  update_flg [" +
                                (force ? "1" : "0") + "]");
     if (!FileUtil::Exists(path)) {
-        return FixedScheduleAnswer(UpdateResult(kFileNotFound, 0, "file not found."));
+        return FixedScheduleAnswer(UpdateResult(FailureReason::kFileNotFound, 0, "file not found."));
     }
     // Only a regular file of a schedule's size is read: a FIFO or a device
     // named here must not hold the worker, nor an endless file its memory.
     FileUtil::ReadResult file = FileUtil::ReadFile(path, kMaxFixedScheduleBytes);
-    if (file.missing) return FixedScheduleAnswer(UpdateResult(kFileNotFound, 0, "file not found."));
+    if (file.missing) return FixedScheduleAnswer(UpdateResult(FailureReason::kFileNotFound, 0, "file not found."));
     if (!file.ok) {
         LoggerLog::Limited(LoggerLog::kWarning, kTag, "UpdateFixedSchedule file not usable",
                            "UpdateFixedSchedule file not usable. [" + path + "] [" + file.reason + "]");
-        return FixedScheduleAnswer(UpdateResult(kFileNotFound, 0, "file not usable. [" + file.reason + "]"));
+        return FixedScheduleAnswer(UpdateResult(FailureReason::kFileNotFound, 0, "file not usable. [" + file.reason + "]"));
     }
     std::shared_ptr<ScheduleModel> model = std::make_shared<ScheduleModel>(file.text, 0);
     const ScheduleUpdateManager::Pin updates;

@@ -47,8 +47,6 @@ public:
     static constexpr std::size_t kUpdateAnswerSize = 144;
     static constexpr std::size_t kFixedAnswerSize = 171;
     static constexpr std::size_t kTargetAnswerSize = 167;
-    // Failure reason of a fixed-schedule request whose file is missing.
-    static constexpr std::int32_t kFileNotFound = 9;
 
     // How far reading the request got.
     enum ReadState {

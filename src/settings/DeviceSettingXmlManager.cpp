@@ -8,6 +8,7 @@
 #include "settings/XmlSettingsParser.h"
 #include "util/FileChangeWatch.h"
 #include "util/FileUtil.h"
+#include "util/GuardedCall.h"
 #include "util/LoggerLog.h"
 
 #include <Poco/AutoPtr.h>
@@ -118,15 +119,13 @@ bool DeviceSettingXmlManager::GetLimit(Limit& limit) {
                            " missing device xml file. [" + path + "]");
         return false;
     }
-    try {
-        return ReadLimitFile(path, limit);
-    } catch (const Poco::Exception& e) {
+    bool read = false;
+    const Caught caught = GuardedCall([&] { read = ReadLimitFile(path, limit); });
+    if (caught) {
         LoggerLog::Limited(LoggerLog::kError, kTag, "Device setting xml error",
-                           "Device setting xml error. EXCEPTION[" + e.displayText() + "]");
-    } catch (const std::exception&) {
-        LoggerLog::Limited(LoggerLog::kError, kTag, "Device setting xml error", "Device setting xml error. exception");
+                           caught.DescribeTagged("Device setting xml error. "));
     }
-    return false;
+    return read;
 }
 
 bool DeviceSettingXmlManager::CachedLimitFile(const std::string& path, LimitFile& file) {

@@ -5,6 +5,7 @@
 #include "settings/XmlNode.h"
 #include "settings/XmlSettingsParser.h"
 #include "util/FileUtil.h"
+#include "util/GuardedCall.h"
 #include "util/LoggerLog.h"
 
 #include <Poco/AutoPtr.h>
@@ -137,7 +138,7 @@ void LoggerSettingManager::SetDefaults() {
 // and is not logged: the log itself is configured from these values
 // afterwards.
 void LoggerSettingManager::Load() {
-    try {
+    GuardedCall([this] {
         const std::string path = FileUtil::GetLoggerSettingFile();
         std::string text;
         std::string unusable;
@@ -149,9 +150,7 @@ void LoggerSettingManager::Load() {
         for (const XmlNode* child : tree.GetChildren()) {
             (*table_)[child->GetName()] = child->GetValue();
         }
-    } catch (const Poco::Exception&) {
-    } catch (const std::exception&) {
-    }
+    });
 }
 
 // Lookups never insert, so the table is strictly read-only once built and

@@ -7,6 +7,7 @@
 #include "settings/XmlSettingsParser.h"
 #include "util/FileChangeWatch.h"
 #include "util/FileUtil.h"
+#include "util/GuardedCall.h"
 #include "util/LoggerLog.h"
 
 #include <Poco/AutoPtr.h>
@@ -121,16 +122,12 @@ std::shared_ptr<XmlNode> SystemSettingXmlManager::LoadAndGetTree() {
 
 bool SystemSettingXmlManager::Load(const std::shared_ptr<XmlNode>& tree) {
     if (!tree) return false;
-    try {
+    const Caught caught = GuardedCall([&] {
         Poco::FastMutex::ScopedLock lock(mutex_);
         Fill(tree);
-        return true;
-    } catch (const Poco::Exception& e) {
-        LoggerLog::Error(kTag, "SystemSettingXml Load error(Poco::XmlNode) [" + e.displayText() + "]");
-    } catch (const std::exception&) {
-        LoggerLog::Error(kTag, "SystemSettingXml Load error(Poco::XmlNode) exception");
-    }
-    return false;
+    });
+    if (caught) LoggerLog::Error(kTag, caught.Describe("SystemSettingXml Load error(Poco::XmlNode) "));
+    return !caught;
 }
 
 std::shared_ptr<XmlNode> SystemSettingXmlManager::LoadSystemSettingXmlNode() {

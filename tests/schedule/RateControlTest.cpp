@@ -95,7 +95,7 @@ TEST_F(RateControlTest, HalfOfFivePointFiveIsTwoPointSevenFive) {
     Store({Row(kSlot, 50), Row(kSlot + 1800, 80)});
     std::shared_ptr<TargetPowerResult> result = Target(5.5, RateControl::kCurrentTargetPower);
     ASSERT_TRUE(result->IsSuccess()) << result->GetMessage();
-    EXPECT_EQ(0, result->GetCode());
+    EXPECT_EQ(0, ToWire(result->GetCode()));
     EXPECT_DOUBLE_EQ(2.75, result->GetTargetPower());
     EXPECT_EQ("20220119030000", result->GetTimeText());
     EXPECT_EQ("", result->GetMessage());
@@ -180,7 +180,7 @@ TEST_F(RateControlTest, NoPlantIdIsCodeElevenWithTheCapacity) {
     Store({Row(kSlot, 50)});
     std::shared_ptr<TargetPowerResult> result = Target(7.5, RateControl::kCurrentTargetPower);
     EXPECT_FALSE(result->IsSuccess());
-    EXPECT_EQ(11, result->GetCode());
+    EXPECT_EQ(11, ToWire(result->GetCode()));
     EXPECT_EQ("Plantid not found.", result->GetMessage());
     EXPECT_DOUBLE_EQ(7.5, result->GetTargetPower());
     EXPECT_EQ("", result->GetTimeText());
@@ -193,9 +193,9 @@ TEST_F(RateControlTest, DateCheckPassesFromNewYearInHomeTime) {
     // 2019-12-31 15:00:00 UTC is 2020-01-01 00:00 at UTC+9.
     const std::int64_t newYear = 1577804400;
     std::shared_ptr<TargetPowerResult> passed = Target(10.0, RateControl::kCurrentTargetPower, newYear);
-    EXPECT_NE(10, passed->GetCode());
+    EXPECT_NE(10, ToWire(passed->GetCode()));
     std::shared_ptr<TargetPowerResult> early = Target(10.0, RateControl::kCurrentTargetPower, newYear - 1);
-    EXPECT_EQ(10, early->GetCode());
+    EXPECT_EQ(10, ToWire(early->GetCode()));
     EXPECT_EQ("Current date error.", early->GetMessage());
     EXPECT_DOUBLE_EQ(2.0, early->GetTargetPower());
     EXPECT_TRUE(test::HasLogLine(LogLines(), "W", kTag, "Get Target Power failed. Current date error."));
@@ -209,22 +209,22 @@ TEST_F(RateControlTest, TestModeMovesTheEarliestDateTo2016) {
     ASSERT_TRUE(result->IsSuccess()) << result->GetMessage();
     EXPECT_DOUBLE_EQ(4.0, result->GetTargetPower());
     // 2015-12-31 14:59:59 UTC is still 2015 at UTC+9.
-    EXPECT_EQ(10, Target(10.0, RateControl::kCurrentTargetPower, 1451573999)->GetCode());
-    EXPECT_NE(10, Target(10.0, RateControl::kCurrentTargetPower, 1451574000)->GetCode());
+    EXPECT_EQ(10, ToWire(Target(10.0, RateControl::kCurrentTargetPower, 1451573999)->GetCode()));
+    EXPECT_NE(10, ToWire(Target(10.0, RateControl::kCurrentTargetPower, 1451574000)->GetCode()));
 }
 
 TEST_F(RateControlTest, NoNextSlotIsCodeFive) {
     WriteDevice("ValueMin=\"1\"");
     Store({Row(kSlot, 50)});
     std::shared_ptr<TargetPowerResult> result = Target(10.0, RateControl::kNextTargetPower);
-    EXPECT_EQ(5, result->GetCode());
+    EXPECT_EQ(5, ToWire(result->GetCode()));
     EXPECT_EQ("can not get.", result->GetMessage());
     EXPECT_DOUBLE_EQ(1.0, result->GetTargetPower());
     EXPECT_TRUE(test::HasLogLine(LogLines(), "W", kTag, "Get Target Power failed. can not get."));
 }
 
 TEST_F(RateControlTest, EmptyTableIsCodeFiveForTheCurrentSlotToo) {
-    EXPECT_EQ(5, Target(10.0, RateControl::kCurrentTargetPower)->GetCode());
+    EXPECT_EQ(5, ToWire(Target(10.0, RateControl::kCurrentTargetPower)->GetCode()));
 }
 
 TEST_F(RateControlTest, MissingDeviceKeepsTheDefaults) {
@@ -239,7 +239,7 @@ TEST_F(RateControlTest, ChangedSystemSettingsTakeEffectAtTheNextRequest) {
     Store({Row(kSlot, 50)});
     ASSERT_TRUE(Target(4.0, RateControl::kCurrentTargetPower)->IsSuccess());
     WriteSystemSetting("");
-    EXPECT_EQ(11, Target(4.0, RateControl::kCurrentTargetPower)->GetCode());
+    EXPECT_EQ(11, ToWire(Target(4.0, RateControl::kCurrentTargetPower)->GetCode()));
     WriteSystemSetting("P2");
     WriteDevice("ValueMin=\"3\"");
     EXPECT_DOUBLE_EQ(3.0, Target(4.0, RateControl::kCurrentTargetPower)->GetTargetPower());

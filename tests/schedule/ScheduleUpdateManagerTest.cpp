@@ -120,19 +120,21 @@ protected:
 
 TEST_F(ScheduleUpdateManagerTest, RetryRule) {
     EXPECT_FALSE(ScheduleUpdateManager::IsRetryable(UpdateResult()));
-    EXPECT_TRUE(ScheduleUpdateManager::IsRetryable(UpdateResult(2, 100, "")));
-    EXPECT_TRUE(ScheduleUpdateManager::IsRetryable(UpdateResult(2, 199, "")));
-    EXPECT_FALSE(ScheduleUpdateManager::IsRetryable(UpdateResult(3, 200, "")));
-    EXPECT_FALSE(ScheduleUpdateManager::IsRetryable(UpdateResult(1, 299, "")));
-    EXPECT_TRUE(ScheduleUpdateManager::IsRetryable(UpdateResult(5, 302, "")));
-    EXPECT_FALSE(ScheduleUpdateManager::IsRetryable(UpdateResult(1, 404, "")));
-    EXPECT_TRUE(ScheduleUpdateManager::IsRetryable(UpdateResult(5, 503, "")));
-    for (int reason : {1, 3, 4, 12}) {
-        EXPECT_TRUE(ScheduleUpdateManager::IsRetryable(UpdateResult(reason, 0, ""))) << reason;
-        EXPECT_TRUE(ScheduleUpdateManager::IsRetryable(UpdateResult(reason, -1, ""))) << reason;
+    EXPECT_TRUE(ScheduleUpdateManager::IsRetryable(UpdateResult(FailureReason::kResponseUnparsable, 100, "")));
+    EXPECT_TRUE(ScheduleUpdateManager::IsRetryable(UpdateResult(FailureReason::kResponseUnparsable, 199, "")));
+    EXPECT_FALSE(ScheduleUpdateManager::IsRetryable(UpdateResult(FailureReason::kPayloadInvalid, 200, "")));
+    EXPECT_FALSE(ScheduleUpdateManager::IsRetryable(UpdateResult(FailureReason::kAccessFailed, 299, "")));
+    EXPECT_TRUE(ScheduleUpdateManager::IsRetryable(UpdateResult(FailureReason::kDatabaseWriteFailed, 302, "")));
+    EXPECT_FALSE(ScheduleUpdateManager::IsRetryable(UpdateResult(FailureReason::kAccessFailed, 404, "")));
+    EXPECT_TRUE(ScheduleUpdateManager::IsRetryable(UpdateResult(FailureReason::kDatabaseWriteFailed, 503, "")));
+    for (FailureReason reason : {FailureReason::kAccessFailed, FailureReason::kPayloadInvalid, FailureReason::kNoSlots,
+                                 FailureReason::kException}) {
+        EXPECT_TRUE(ScheduleUpdateManager::IsRetryable(UpdateResult(reason, 0, ""))) << ToWire(reason);
+        EXPECT_TRUE(ScheduleUpdateManager::IsRetryable(UpdateResult(reason, -1, ""))) << ToWire(reason);
     }
-    for (int reason : {2, 5, 6, 7}) {
-        EXPECT_FALSE(ScheduleUpdateManager::IsRetryable(UpdateResult(reason, 0, ""))) << reason;
+    for (FailureReason reason : {FailureReason::kResponseUnparsable, FailureReason::kDatabaseWriteFailed,
+                                 FailureReason::kPlantIdNotRegistered, FailureReason::kPlantIdMismatch}) {
+        EXPECT_FALSE(ScheduleUpdateManager::IsRetryable(UpdateResult(reason, 0, ""))) << ToWire(reason);
     }
 }
 
@@ -159,7 +161,7 @@ TEST_F(ScheduleUpdateManagerTest, UpdateFixedScheduleNeedsUpdateInformation) {
     ScheduleUpdateManager& manager = Manager(kPlant, "http://127.0.0.1:1/");
     std::shared_ptr<UpdateResult> result = manager.UpdateFixedSchedule();
     EXPECT_FALSE(result->IsResult());
-    EXPECT_EQ(1, result->GetFailureReason());
+    EXPECT_EQ(1, ToWire(result->GetFailureReason()));
     EXPECT_EQ(-1, result->GetStatusCode());
     EXPECT_EQ("Update information of fixed schedule does not exist.", result->GetMessage());
 }
@@ -172,17 +174,17 @@ TEST_F(ScheduleUpdateManagerTest, UpdateScheduleFailureReasons) {
                                           test::kUpdateSchedule)});
     ScheduleUpdateManager& manager = Manager(kPlant, server.Url("/s"));
     std::shared_ptr<UpdateResult> result = manager.UpdateSchedule();
-    EXPECT_EQ(1, result->GetFailureReason());
+    EXPECT_EQ(1, ToWire(result->GetFailureReason()));
     EXPECT_EQ(500, result->GetStatusCode());
     EXPECT_EQ("Data is not found.", result->GetMessage());
     result = manager.UpdateSchedule();
-    EXPECT_EQ(2, result->GetFailureReason());
+    EXPECT_EQ(2, ToWire(result->GetFailureReason()));
     EXPECT_EQ("702", result->GetMessage());
     result = manager.UpdateSchedule();
-    EXPECT_EQ(3, result->GetFailureReason());
+    EXPECT_EQ(3, ToWire(result->GetFailureReason()));
     EXPECT_EQ("data is missing.", result->GetMessage());
     result = manager.UpdateSchedule();
-    EXPECT_EQ(4, result->GetFailureReason());
+    EXPECT_EQ(4, ToWire(result->GetFailureReason()));
     EXPECT_EQ("Schedule data is nothing.", result->GetMessage());
     const std::vector<std::string> lines = LogLines();
     EXPECT_TRUE(test::HasLogLineStarting(lines, "W", kTag, "Schedule update failed. [ServerAccessResult [false]"));
@@ -212,15 +214,15 @@ TEST_F(ScheduleUpdateManagerTest, RefusedAnswersStoreNothing) {
     const ScheduleUpdateInfo before = manager.GetUpdateInfo();
 
     std::shared_ptr<UpdateResult> result = manager.UpdateSchedule();
-    EXPECT_EQ(2, result->GetFailureReason());
+    EXPECT_EQ(2, ToWire(result->GetFailureReason()));
     EXPECT_EQ("Parser error. part is truncated. Content-Length[" + std::to_string(payload.size() + 100) +
                   "] received[" + std::to_string(payload.size() + 2) + "]",
               result->GetMessage());
     result = manager.UpdateSchedule();
-    EXPECT_EQ(3, result->GetFailureReason());
+    EXPECT_EQ(3, ToWire(result->GetFailureReason()));
     EXPECT_EQ("Schedule data error. data is truncated.", result->GetMessage());
     result = manager.UpdateSchedule();
-    EXPECT_EQ(3, result->GetFailureReason());
+    EXPECT_EQ(3, ToWire(result->GetFailureReason()));
     EXPECT_EQ("Schedule data error. number out of range. [255255255255255255]", result->GetMessage());
 
     EXPECT_EQ("0", StoredSlots());
@@ -243,7 +245,7 @@ TEST_F(ScheduleUpdateManagerTest, DataOfAnotherPlantIsNotStored) {
     row.controlRate = 5;
     ASSERT_TRUE(manager.UpdateWithFixedSchedule({row}, stored.plantId));
     std::shared_ptr<UpdateResult> result = manager.UpdateSchedule();
-    EXPECT_EQ(5, result->GetFailureReason());
+    EXPECT_EQ(5, ToWire(result->GetFailureReason()));
     EXPECT_EQ("Database update error.", result->GetMessage());
     EXPECT_TRUE(test::HasLogLine(LogLines(), "E", kTag,
                                  "It is data of a different power station ID. Expected[" + stored.plantId +
@@ -391,7 +393,7 @@ TEST_F(ScheduleUpdateManagerTest, FixedDataOfAnotherPlantNeedsForce) {
     second.plantId = "222";
     auto other = std::make_shared<ScheduleModel>(test::BuildSchedulePayload({second}, 0).hex, 0);
     result = manager.UpdateWithFixedData(other, false);
-    EXPECT_EQ(7, result->GetFailureReason());
+    EXPECT_EQ(7, ToWire(result->GetFailureReason()));
     EXPECT_EQ("[00000000000000000000000111] : [00000000000000000000000222]", result->GetMessage());
     result = manager.UpdateWithFixedData(other, true);
     ASSERT_TRUE(result->IsResult());
@@ -471,7 +473,7 @@ TEST_F(ScheduleUpdateManagerTest, ShutdownEndsAnUpdateWaitingOnAStalledServer) {
     const std::shared_ptr<UpdateResult> result = fetch.get();
     ASSERT_NE(nullptr, result);
     EXPECT_FALSE(result->IsResult());
-    EXPECT_EQ(1, result->GetFailureReason());
+    EXPECT_EQ(1, ToWire(result->GetFailureReason()));
     EXPECT_EQ("0", StoredSlots());
     EXPECT_EQ("", manager.GetUpdateInfo().plantId);
     EXPECT_TRUE(test::HasLogLineStarting(LogLines(), "W", kTag, "Schedule update failed. [ServerAccessResult [false]"));
@@ -485,7 +487,7 @@ TEST_F(ScheduleUpdateManagerTest, FetchAfterShutdownFailsWithoutAskingTheServer)
     ASSERT_EQ(std::future_status::ready, fetch.wait_for(Scaled(3000)));
     const std::shared_ptr<UpdateResult> result = fetch.get();
     ASSERT_NE(nullptr, result);
-    EXPECT_EQ(1, result->GetFailureReason());
+    EXPECT_EQ(1, ToWire(result->GetFailureReason()));
     EXPECT_EQ("0", StoredSlots());
     // The server would have recorded a request within this time.
     Poco::Thread::sleep(300);
@@ -524,7 +526,7 @@ TEST_F(ScheduleUpdateManagerTest, AnswerOfAFetchBegunBeforeTheTablesWereEmptiedI
     const std::shared_ptr<UpdateResult> result = fetch.get();
     ASSERT_NE(nullptr, result);
     // The answer did come (status 200) and was dropped.
-    EXPECT_EQ(5, result->GetFailureReason());
+    EXPECT_EQ(5, ToWire(result->GetFailureReason()));
     EXPECT_EQ(200, result->GetStatusCode());
     EXPECT_EQ("Database update error.", result->GetMessage());
     EXPECT_EQ("0", StoredSlots());
@@ -549,7 +551,7 @@ TEST_F(ScheduleUpdateManagerTest, AnswerOfAFetchForAPlantRemovedFromTheSettingsM
     ASSERT_EQ(std::future_status::ready, fetch.wait_for(Scaled(10000)));
     const std::shared_ptr<UpdateResult> result = fetch.get();
     ASSERT_NE(nullptr, result);
-    EXPECT_EQ(5, result->GetFailureReason());
+    EXPECT_EQ(5, ToWire(result->GetFailureReason()));
     EXPECT_EQ(200, result->GetStatusCode());
     EXPECT_EQ("0", StoredSlots());
     EXPECT_EQ("", manager.GetUpdateInfo().plantId);
@@ -572,7 +574,7 @@ TEST_F(ScheduleUpdateManagerTest, AnswerOfAFixedFetchBegunBeforeTheTablesWereEmp
     ASSERT_EQ(std::future_status::ready, fetch.wait_for(Scaled(10000)));
     const std::shared_ptr<UpdateResult> result = fetch.get();
     ASSERT_NE(nullptr, result);
-    EXPECT_EQ(5, result->GetFailureReason());
+    EXPECT_EQ(5, ToWire(result->GetFailureReason()));
     EXPECT_EQ(200, result->GetStatusCode());
     EXPECT_EQ("0", StoredSlots());
     EXPECT_EQ("", manager.GetUpdateInfo().plantId);
@@ -593,7 +595,7 @@ TEST_F(ScheduleUpdateManagerTest, DeleteInstanceReturnsPromptlyWhileAFlowWaitsOn
     ASSERT_EQ(std::future_status::ready, fetch.wait_for(Scaled(3000)));
     const std::shared_ptr<UpdateResult> result = fetch.get();
     ASSERT_NE(nullptr, result);
-    EXPECT_EQ(1, result->GetFailureReason());
+    EXPECT_EQ(1, ToWire(result->GetFailureReason()));
     EXPECT_EQ("0", StoredSlots());
 }
 

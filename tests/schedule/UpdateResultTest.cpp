@@ -10,11 +10,24 @@ namespace {
 TEST(UpdateResultTest, DefaultIsSuccess) {
     UpdateResult result;
     EXPECT_TRUE(result.IsResult());
-    EXPECT_EQ(0, result.GetFailureReason());
+    EXPECT_EQ(0, ToWire(result.GetFailureReason()));
     EXPECT_EQ(0, result.GetStatusCode());
     EXPECT_EQ("", result.GetMessage());
     EXPECT_FALSE(result.IsSettingChanged());
     EXPECT_EQ("", result.GetPlantId());
+}
+
+TEST(UpdateResultTest, ReasonsKeepTheNumbersClientsRead) {
+    EXPECT_EQ(0, ToWire(FailureReason::kNone));
+    EXPECT_EQ(1, ToWire(FailureReason::kAccessFailed));
+    EXPECT_EQ(2, ToWire(FailureReason::kResponseUnparsable));
+    EXPECT_EQ(3, ToWire(FailureReason::kPayloadInvalid));
+    EXPECT_EQ(4, ToWire(FailureReason::kNoSlots));
+    EXPECT_EQ(5, ToWire(FailureReason::kDatabaseWriteFailed));
+    EXPECT_EQ(6, ToWire(FailureReason::kPlantIdNotRegistered));
+    EXPECT_EQ(7, ToWire(FailureReason::kPlantIdMismatch));
+    EXPECT_EQ(9, ToWire(FailureReason::kFileNotFound));
+    EXPECT_EQ(12, ToWire(FailureReason::kException));
 }
 
 TEST(UpdateResultTest, DefaultPrintsWithTwoBlanksAfterBracket) {
@@ -22,9 +35,9 @@ TEST(UpdateResultTest, DefaultPrintsWithTwoBlanksAfterBracket) {
 }
 
 TEST(UpdateResultTest, FailureCarriesReasonStatusAndMessage) {
-    UpdateResult result(3, 200, "Output rate data Checksum error.");
+    UpdateResult result(FailureReason::kPayloadInvalid, 200, "Output rate data Checksum error.");
     EXPECT_FALSE(result.IsResult());
-    EXPECT_EQ(3, result.GetFailureReason());
+    EXPECT_EQ(3, ToWire(result.GetFailureReason()));
     EXPECT_EQ(200, result.GetStatusCode());
     EXPECT_EQ("Output rate data Checksum error.", result.GetMessage());
     EXPECT_FALSE(result.IsSettingChanged());
@@ -34,7 +47,7 @@ TEST(UpdateResultTest, FailureCarriesReasonStatusAndMessage) {
 }
 
 TEST(UpdateResultTest, FailureBeforeAnyAccessPrintsMinusOne) {
-    UpdateResult result(1, -1, "Update information of fixed schedule does not exist.");
+    UpdateResult result(FailureReason::kAccessFailed, -1, "Update information of fixed schedule does not exist.");
     EXPECT_EQ("UpdateResult [false]  FailureReason:1 StatusCode:-1 "
               "Message:Update information of fixed schedule does not exist.",
               result.ToString());
@@ -43,7 +56,7 @@ TEST(UpdateResultTest, FailureBeforeAnyAccessPrintsMinusOne) {
 TEST(UpdateResultTest, SuccessWithSettingsFlagAndPlantId) {
     UpdateResult result(true, "01234567890123456789012345");
     EXPECT_TRUE(result.IsResult());
-    EXPECT_EQ(0, result.GetFailureReason());
+    EXPECT_EQ(0, ToWire(result.GetFailureReason()));
     EXPECT_EQ(0, result.GetStatusCode());
     EXPECT_EQ("", result.GetMessage());
     EXPECT_TRUE(result.IsSettingChanged());
@@ -57,7 +70,7 @@ TEST(UpdateResultTest, SuccessWithSettingsFlagAndPlantId) {
 }
 
 TEST(UpdateResultTest, HeldBySharedPointerThroughBase) {
-    std::shared_ptr<UpdateResult> result = std::make_shared<UpdateResult>(12, 0, "boom");
+    std::shared_ptr<UpdateResult> result = std::make_shared<UpdateResult>(FailureReason::kException, 0, "boom");
     EXPECT_EQ("UpdateResult [false]  FailureReason:12 StatusCode:0 Message:boom", result->ToString());
 }
 

@@ -113,13 +113,13 @@ protected:
 };
 
 TEST_F(OutSocketWorkTest, UpdateAnswerLayout) {
-    const std::string answer = Bytes(OutSocketWork::UpdateAnswer(3, UpdateResult(6, 200, "Plant ID is not registered")));
+    const std::string answer = Bytes(OutSocketWork::UpdateAnswer(3, UpdateResult(FailureReason::kPlantIdNotRegistered, 200, "Plant ID is not registered")));
     ASSERT_EQ(144u, answer.size());
     EXPECT_EQ(Word(144) + Word(3) + Word(6) + Word(200) + Field("Plant ID is not registered", 128), answer);
 }
 
 TEST_F(OutSocketWorkTest, UpdateAnswerCutsTheMessageAt127Bytes) {
-    const std::string answer = Bytes(OutSocketWork::UpdateAnswer(2, UpdateResult(1, 0, std::string(300, 'm'))));
+    const std::string answer = Bytes(OutSocketWork::UpdateAnswer(2, UpdateResult(FailureReason::kAccessFailed, 0, std::string(300, 'm'))));
     EXPECT_EQ(std::string(127, 'm') + '\0', answer.substr(16));
 }
 
@@ -129,7 +129,7 @@ TEST_F(OutSocketWorkTest, FixedScheduleAnswerLayoutIsUnaligned) {
     EXPECT_EQ(Word(171) + Word(4) + Field("PLANT9", 27) + Word(0) + Word(0) + std::string(128, '\0'), changed);
     const std::string unchanged = Bytes(OutSocketWork::FixedScheduleAnswer(UpdateResult(false, "PLANT9")));
     EXPECT_EQ(std::string(27, '\0'), unchanged.substr(8, 27));
-    const std::string failed = Bytes(OutSocketWork::FixedScheduleAnswer(UpdateResult(7, 0, "[A] : [B]")));
+    const std::string failed = Bytes(OutSocketWork::FixedScheduleAnswer(UpdateResult(FailureReason::kPlantIdMismatch, 0, "[A] : [B]")));
     EXPECT_EQ(7, WordAt(failed, 35));
     EXPECT_EQ(0, WordAt(failed, 39));
     EXPECT_EQ(Field("[A] : [B]", 128), failed.substr(43));
@@ -145,7 +145,7 @@ TEST_F(OutSocketWorkTest, TargetPowerAnswerLayout) {
                   std::string(128, '\0'),
               answer);
     const std::string failed =
-        Bytes(OutSocketWork::TargetPowerAnswer(7, TargetPowerResult(1.0, 5, "can not get.")));
+        Bytes(OutSocketWork::TargetPowerAnswer(7, TargetPowerResult(1.0, TargetPowerResult::Code::kNoSchedule, "can not get.")));
     EXPECT_EQ(5, WordAt(failed, 31));
     EXPECT_EQ(Field("can not get.", 128), failed.substr(39));
 }
