@@ -4,7 +4,7 @@
 #ifndef BRVO_CLIENT_BRVFDACCESSREQUEST_H
 #define BRVO_CLIENT_BRVFDACCESSREQUEST_H
 
-#include "server/Request.h"
+#include "client/Request.h"
 
 #include <Poco/Mutex.h>
 

@@ -5,7 +5,7 @@
 #ifndef BRVO_CLIENT_SCHEDULESERVERACCESSREQUEST_H
 #define BRVO_CLIENT_SCHEDULESERVERACCESSREQUEST_H
 
-#include "server/Request.h"
+#include "client/Request.h"
 
 #include <Poco/Exception.h>
 #include <Poco/Mutex.h>

@@ -1,7 +1,7 @@
 #include "client/ScheduleServerSendRequest.h"
 
+#include "client/ServerAccessResult.h"
 #include "client/ServerResponseParser.h"
-#include "schedule/ServerAccessResult.h"
 
 namespace brvo {
 

@@ -2,7 +2,7 @@
 
 #include <atomic>
 
-#include "app/Constants.h"
+#include "database/TableNames.h"
 #include "settings/LoggerSettingManager.h"
 #include "util/GuardedCall.h"
 #include "util/LoggerLog.h"

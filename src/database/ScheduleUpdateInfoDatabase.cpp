@@ -1,6 +1,6 @@
 #include "database/ScheduleUpdateInfoDatabase.h"
 
-#include "app/Constants.h"
+#include "database/TableNames.h"
 #include "util/LoggerLog.h"
 
 #include <Poco/Data/Statement.h>

@@ -1,6 +1,5 @@
 #include "schedule/RateControl.h"
 
-#include "app/Constants.h"
 #include "database/ScheduleDatabase.h"
 #include "settings/DeviceSettingXmlManager.h"
 #include "settings/LoggerSettingManager.h"
@@ -18,6 +17,9 @@ namespace {
 
 const std::string kTag = "RateControl";
 const std::string kDateFormat = "%Y%m%d";
+// The earliest date the clock may show, in test mode and in normal use.
+const std::string kDate20160101 = "20160101";
+const std::string kDate20200101 = "20200101";
 
 Poco::Timestamp WallClock() {
     return Poco::Timestamp(SystemClock::NowMicroseconds());

@@ -12,7 +12,7 @@
 #ifndef BRVO_SERVER_OUTSOCKETWORK_H
 #define BRVO_SERVER_OUTSOCKETWORK_H
 
-#include "server/Request.h"
+#include "client/Request.h"
 
 #include <atomic>
 #include <cstddef>

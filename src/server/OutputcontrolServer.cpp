@@ -1,6 +1,6 @@
 #include "server/OutputcontrolServer.h"
 
-#include "server/Channel.h"
+#include "client/Channel.h"
 #include "server/OutSocketWork.h"
 #include "settings/LoggerSettingManager.h"
 #include "util/FileUtil.h"

@@ -66,8 +66,14 @@ std::string Bracketed(const std::string& label, const std::string& value) {
 
 } // namespace
 
+// The values are handed down before the instance is published; they cannot
+// change afterwards, since the table is read-only once built.
 void LoggerSettingManager::CreateInstance() {
-    if (instance == nullptr) instance = new LoggerSettingManager();
+    if (instance != nullptr) return;
+    LoggerSettingManager* created = new LoggerSettingManager();
+    FileUtil::SetSdcardPath(created->GetSdcardPath());
+    LoggerLog::SetFileSettings(created->GetLogFileSettings());
+    instance = created;
 }
 
 std::vector<std::string> LoggerSettingManager::KnownKeys() {
@@ -97,7 +103,10 @@ const LoggerSettingManager& LoggerSettingManager::Current() {
 }
 
 void LoggerSettingManager::DeleteInstance() {
-    delete instance.exchange(nullptr);
+    LoggerSettingManager* deleted = instance.exchange(nullptr);
+    LoggerLog::ClearFileSettings();
+    FileUtil::SetSdcardPath(FileUtil::kDefaultSdcardPath);
+    delete deleted;
 }
 
 LoggerSettingManager::LoggerSettingManager(bool load)
@@ -204,6 +213,17 @@ int LoggerSettingManager::GetOutputScheduleMonitoringInterval() const {
 int LoggerSettingManager::GetOutputControlSocketTimeout() const { return GetInt(kSocketTimeout, kDefaultSocketTimeout); }
 
 std::string LoggerSettingManager::GetLogDirectory() const { return GetSdcardPath() + kLogDirectorySuffix; }
+
+LoggerLog::FileSettings LoggerSettingManager::GetLogFileSettings() const {
+    LoggerLog::FileSettings settings;
+    settings.directory = GetLogDirectory();
+    settings.maxFileSize = GetOutputScheduleLogMaxFileSize();
+    settings.maxRollIndex = GetOutputScheduleLogMaxRollIndex();
+    settings.logLevel = GetLogLevel();
+    settings.bufferedIO = GetOutputScheduleEnableLogBufferedIO();
+    settings.maxBufferedSize = GetOutputScheduleLogMaxBufferedSize();
+    return settings;
+}
 
 void LoggerSettingManager::Dump() {
     LoggerLog::Debug(kTag, kRule);

@@ -4,6 +4,9 @@
 #ifndef BRVO_SETTINGS_LOGGERSETTINGMANAGER_H
 #define BRVO_SETTINGS_LOGGERSETTINGMANAGER_H
 
+#include "util/FileUtil.h"
+#include "util/LoggerLog.h"
+
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -12,11 +15,15 @@ namespace brvo {
 
 class LoggerSettingManager {
 public:
-    // Creates the instance (defaults, then the file) if none exists.
+    // Creates the instance (defaults, then the file) if none exists, and
+    // hands its SD card path to FileUtil and its log file settings to
+    // LoggerLog.
     static void CreateInstance();
     // The instance, or null before CreateInstance.
     static LoggerSettingManager* GetInstance();
-    // Deletes the instance. The daemon never does; tests do.
+    // Deletes the instance and gives FileUtil and LoggerLog back what they
+    // use without one: the built-in SD card path and no log file settings.
+    // The daemon never does; tests do.
     static void DeleteInstance();
     // Names of every element of LoggerSetting.xml that is read.
     static std::vector<std::string> KnownKeys();
@@ -37,7 +44,7 @@ public:
     // Built-in seconds between touches of the watchdog file.
     static constexpr int kDefaultWatchdogFileUpdateInterval = 30;
     // Built-in mount point of the SD card.
-    static constexpr const char kDefaultSdcardPath[] = "/media/sdcard";
+    static constexpr const char* kDefaultSdcardPath = FileUtil::kDefaultSdcardPath;
     // Built-in number of rolled log files kept.
     static constexpr int kDefaultLogMaxRollIndex = 12;
     // Built-in buffered-log switch.
@@ -87,6 +94,9 @@ public:
     int GetOutputControlSocketTimeout() const;
     // SdcardPath + "/kestrovanyx/Log/OutputScheduleLog".
     std::string GetLogDirectory() const;
+
+    // The log file's part of these settings, as LoggerLog takes it.
+    LoggerLog::FileSettings GetLogFileSettings() const;
 
     // Writes every value to the log, one Debug line each.
     void Dump();

@@ -2,7 +2,7 @@
 
 #include <atomic>
 
-#include "app/Constants.h"
+#include "settings/SettingKeys.h"
 #include "settings/XmlNode.h"
 #include "settings/XmlSettingsParser.h"
 #include "util/FileChangeWatch.h"

@@ -1,6 +1,6 @@
 #include "settings/XmlDataGeneral.h"
 
-#include "app/Constants.h"
+#include "settings/SettingKeys.h"
 #include "settings/XmlNode.h"
 
 namespace brvo {

@@ -1,6 +1,6 @@
 #include "settings/XmlDataLoggerAttribute.h"
 
-#include "app/Constants.h"
+#include "settings/SettingKeys.h"
 #include "settings/XmlNode.h"
 #include "util/LoggerLog.h"
 

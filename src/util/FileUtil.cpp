@@ -1,6 +1,5 @@
 #include "util/FileUtil.h"
 
-#include "settings/LoggerSettingManager.h"
 #include "util/LoggerLog.h"
 
 #include <Poco/Exception.h>
@@ -23,9 +22,10 @@ namespace {
 const std::string kTag = "FileUtil";
 const std::string kProduct = "kestrovanyx";
 const std::string kEtcBase = "/usr/local/etc/" + kProduct;
-const std::string kDefaultSdcardPath = "/media/sdcard";
 
 Poco::FastMutex dataRootMutex;
+// The SD card's mount point the data root is built on; guarded by dataRootMutex.
+std::string sdcardMountPoint = FileUtil::kDefaultSdcardPath;
 std::string dataRoot;
 bool dataRootChecked = false;
 
@@ -90,13 +90,16 @@ std::string FileUtil::FallbackDataRoot() { return "/tmp/" + kProduct; }
 
 std::string FileUtil::OutputControlSubdirectory() { return "/Database/OutputControl"; }
 
+void FileUtil::SetSdcardPath(const std::string& sdcardPath) {
+    Poco::FastMutex::ScopedLock lock(dataRootMutex);
+    sdcardMountPoint = sdcardPath;
+}
+
 // Decided once per run: the card when it can be written, else /tmp.
 std::string FileUtil::GetDataRoot() {
     Poco::FastMutex::ScopedLock lock(dataRootMutex);
     if (dataRoot.empty()) {
-        LoggerSettingManager* settings = LoggerSettingManager::GetInstance();
-        const std::string card = settings != nullptr ? settings->GetSdcardPath() : kDefaultSdcardPath;
-        dataRoot = CardDataRoot(card);
+        dataRoot = CardDataRoot(sdcardMountPoint);
         if (!dataRootChecked) {
             dataRootChecked = true;
             if (!IsWritableDirectory(dataRoot)) dataRoot = FallbackDataRoot();

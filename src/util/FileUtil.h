@@ -24,7 +24,13 @@ public:
     static std::string GetLoggerSettingFile();
     // "/usr/local/etc/kestrovanyx/DeviceXML".
     static std::string GetDeviceDirectory();
-    // SdcardPath + "/kestrovanyx", or "/tmp/kestrovanyx" when the card path
+    // Built-in mount point of the SD card, used until SetSdcardPath names another.
+    static constexpr const char kDefaultSdcardPath[] = "/media/sdcard";
+    // Sets the SD card's mount point that GetDataRoot builds on. The logger
+    // settings set theirs when they are created and the built-in one when
+    // they are deleted.
+    static void SetSdcardPath(const std::string& sdcardPath);
+    // SD card path + "/kestrovanyx", or "/tmp/kestrovanyx" when the card path
     // could not be written on the first call; cached for the whole run.
     static std::string GetDataRoot();
     // Data root + "/Database".

@@ -2,7 +2,6 @@
 
 #include <atomic>
 
-#include "settings/LoggerSettingManager.h"
 #include "util/FileUtil.h"
 #include "util/LogFileOutput.h"
 #include "util/StringUtil.h"
@@ -26,6 +25,10 @@ std::atomic<LoggerLog*> instance(nullptr);
 // line logged while the output is being replaced or finalised never touches
 // a deleted writer.
 std::shared_ptr<LogFileOutput> output;
+
+// The file settings handed down by the logger settings; null while there
+// are none. Replaced and read atomically, like the output.
+std::shared_ptr<const LoggerLog::FileSettings> fileSettings;
 
 // The calling thread's ID as the log shows it; formatted once per thread,
 // since every log line carries it.
@@ -58,20 +61,27 @@ LoggerLog::~LoggerLog() {
     Finalize();
 }
 
+void LoggerLog::SetFileSettings(const FileSettings& settings) {
+    std::atomic_store(&fileSettings, std::shared_ptr<const FileSettings>(std::make_shared<FileSettings>(settings)));
+}
+
+void LoggerLog::ClearFileSettings() {
+    std::atomic_store(&fileSettings, std::shared_ptr<const FileSettings>());
+}
+
 void LoggerLog::Initialize() {
-    LoggerSettingManager* settings = LoggerSettingManager::GetInstance();
-    if (settings == nullptr) return;
-    const std::string directory = settings->GetLogDirectory();
+    const std::shared_ptr<const FileSettings> settings = std::atomic_load(&fileSettings);
+    if (!settings) return;
+    const std::string directory = settings->directory;
     if (!FileUtil::Exists(directory)) {
         FileUtil::CreateDirectory(directory, true);
     }
     std::shared_ptr<LogFileOutput> created = std::make_shared<LogFileOutput>();
-    created->SetMaxFileSize(static_cast<Poco::UInt32>(
-        StringUtil::SizeTextToBytes(settings->GetOutputScheduleLogMaxFileSize())));
-    created->SetMaxRollIndex(settings->GetOutputScheduleLogMaxRollIndex());
-    created->SetLogLevel(settings->GetLogLevel());
-    created->SetBufferedIO(settings->GetOutputScheduleEnableLogBufferedIO());
-    created->SetMaxBufferedSize(settings->GetOutputScheduleLogMaxBufferedSize());
+    created->SetMaxFileSize(static_cast<Poco::UInt32>(StringUtil::SizeTextToBytes(settings->maxFileSize)));
+    created->SetMaxRollIndex(settings->maxRollIndex);
+    created->SetLogLevel(settings->logLevel);
+    created->SetBufferedIO(settings->bufferedIO);
+    created->SetMaxBufferedSize(settings->maxBufferedSize);
     created->SetFilePath(directory + kLogFileName);
     std::atomic_store(&output, created);
 }

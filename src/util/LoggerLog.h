@@ -1,6 +1,7 @@
 // Front end of the daemon's log: one entry point per level, callable from
 // any thread. Lines go to the single LogFileOutput, which writes them to
-// "OutputSchedule_pvocd.log" under the log directory of the logger settings.
+// "OutputSchedule_pvocd.log" under the log directory the logger settings
+// hand down.
 #ifndef BRVO_UTIL_LOGGERLOG_H
 #define BRVO_UTIL_LOGGERLOG_H
 
@@ -23,9 +24,31 @@ public:
     // Deletes the instance; its destructor finalises the output.
     static void DeleteInstance();
 
-    // Builds the output from the logger settings: log directory (created
-    // if missing), size limit, roll count, level, buffering. Replaces an
-    // output that already exists.
+    // The log file's part of the logger settings, as they hand it down.
+    struct FileSettings {
+        // Directory of the log file; created if missing.
+        std::string directory;
+        // Size at which the log is rolled, as text ("500KB").
+        std::string maxFileSize;
+        // Number of rolled log files kept.
+        int maxRollIndex = 0;
+        // Lowest level written.
+        int logLevel = 0;
+        // Whether lines are written through a buffer.
+        bool bufferedIO = false;
+        // Bytes buffered before the log is written.
+        int maxBufferedSize = 0;
+    };
+    // Sets the file settings that Initialize builds the output from. The
+    // logger settings set theirs when they are created.
+    static void SetFileSettings(const FileSettings& settings);
+    // Forgets the file settings, so that Initialize builds no output, as
+    // before any were set. The logger settings do this when deleted.
+    static void ClearFileSettings();
+
+    // Builds the output from the file settings: log directory (created if
+    // missing), size limit, roll count, level, buffering. Replaces an output
+    // that already exists. Does nothing while no file settings are set.
     static void Initialize();
     // Writes what is still buffered and drops the output; later lines are
     // dropped.

@@ -2,7 +2,7 @@
 
 #include "client/BrvfdAccessRequestCallback.h"
 #include "client/BrvfdSendCommandRequest.h"
-#include "server/Channel.h"
+#include "client/Channel.h"
 #include "settings/LoggerSettingManager.h"
 #include "support/TestFiles.h"
 #include "support/UnixPeer.h"

@@ -1,7 +1,7 @@
 #include "client/ScheduleServerAccessRequest.h"
 
+#include "client/Channel.h"
 #include "client/ScheduleServerAccessRequestCallback.h"
-#include "server/Channel.h"
 #include "settings/LoggerSettingManager.h"
 #include "support/HttpTestServer.h"
 #include "support/SchedulePayload.h"

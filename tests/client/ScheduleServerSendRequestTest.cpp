@@ -1,9 +1,9 @@
 #include "client/ScheduleServerSendRequest.h"
 
+#include "client/Channel.h"
 #include "client/ScheduleServerAccessRequest.h"
+#include "client/ServerAccessResult.h"
 #include "client/ServerResponseParser.h"
-#include "schedule/ServerAccessResult.h"
-#include "server/Channel.h"
 #include "settings/LoggerSettingManager.h"
 #include "support/HttpTestServer.h"
 #include "support/SchedulePayload.h"

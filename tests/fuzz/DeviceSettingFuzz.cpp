@@ -4,8 +4,8 @@
 // list the devices (the description they name is a valid one).
 #include "fuzz/FuzzEnvironment.h"
 
-#include "app/Constants.h"
 #include "settings/DeviceSettingXmlManager.h"
+#include "settings/SettingKeys.h"
 #include "settings/SystemSettingXmlManager.h"
 #include "util/FileUtil.h"
 

@@ -1,7 +1,7 @@
 #include "server/OutputcontrolServer.h"
 
-#include "server/Channel.h"
-#include "server/SlowRequest.h"
+#include "client/Channel.h"
+#include "client/SlowRequest.h"
 #include "settings/LoggerSettingManager.h"
 #include "support/TestFiles.h"
 #include "util/LoggerLog.h"

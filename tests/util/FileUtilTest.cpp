@@ -73,6 +73,19 @@ TEST_F(FileUtilTest, DataRootIsDecidedOnce) {
     EXPECT_EQ("/media/sdcard/card/kestrovanyx", FileUtil::GetDataRoot());
 }
 
+TEST_F(FileUtilTest, SdcardPathSetDirectlyHoldsTheData) {
+    FileUtil::SetSdcardPath("/media/sdcard/direct");
+    EXPECT_EQ("/media/sdcard/direct/kestrovanyx", FileUtil::GetDataRoot());
+}
+
+TEST_F(FileUtilTest, DeletedSettingsGiveBackTheBuiltInCard) {
+    UseSettings("<SdcardPath>/media/sdcard/card</SdcardPath>");
+    ASSERT_EQ("/media/sdcard/card/kestrovanyx", FileUtil::GetDataRoot());
+    LoggerSettingManager::DeleteInstance();
+    FileUtil::ResetDataRoot();
+    EXPECT_EQ("/media/sdcard/kestrovanyx", FileUtil::GetDataRoot());
+}
+
 TEST_F(FileUtilTest, OutputControlDirectoryIsCreatedOnEveryCall) {
     UseSettings("");
     const std::string dir = FileUtil::GetOutputControlDirectory();

@@ -97,6 +97,35 @@ TEST_F(LoggerLogTest, CreatesLogDirectory) {
     EXPECT_TRUE(test::FileExists("/media/sdcard/card2/kestrovanyx/Log/OutputScheduleLog"));
 }
 
+TEST_F(LoggerLogTest, FileSettingsSetDirectlyBuildTheOutput) {
+    LoggerLog::FileSettings settings;
+    settings.directory = "/media/sdcard/direct/log";
+    settings.maxFileSize = "1KB";
+    settings.maxRollIndex = 3;
+    settings.logLevel = 0;
+    settings.bufferedIO = false;
+    settings.maxBufferedSize = 100;
+    LoggerLog::SetFileSettings(settings);
+    LoggerLog::CreateInstance();
+    ASSERT_TRUE(LoggerLog::Output());
+    EXPECT_EQ(3, LoggerLog::Output()->GetMaxRollIndex());
+    EXPECT_EQ(0, LoggerLog::Output()->GetLogLevel());
+    EXPECT_FALSE(LoggerLog::Output()->IsBufferedIO());
+    EXPECT_EQ(100, LoggerLog::Output()->GetMaxBufferedSize());
+    LoggerLog::Verbose("Tag", "direct");
+    LoggerLog::DeleteInstance();
+    EXPECT_NE(std::string::npos,
+              test::ReadFile("/media/sdcard/direct/log/OutputSchedule_pvocd.log").find("direct"));
+}
+
+TEST_F(LoggerLogTest, DeletedSettingsLeaveNoOutput) {
+    Start("");
+    LoggerLog::DeleteInstance();
+    LoggerSettingManager::DeleteInstance();
+    LoggerLog::Initialize();
+    EXPECT_FALSE(LoggerLog::Output());
+}
+
 TEST_F(LoggerLogTest, FlushOnlyWhenBuffered) {
     Start("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>");
     LoggerLog::Flush();

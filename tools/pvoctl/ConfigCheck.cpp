@@ -2,9 +2,9 @@
 
 #include "StorageLocation.h"
 
-#include "app/Constants.h"
 #include "settings/DeviceSettingXmlManager.h"
 #include "settings/LoggerSettingManager.h"
+#include "settings/SettingKeys.h"
 #include "util/FileUtil.h"
 
 #include <Poco/Crypto/X509Certificate.h>

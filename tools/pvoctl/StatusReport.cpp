@@ -4,7 +4,7 @@
 #include "JsonValue.h"
 #include "StorageLocation.h"
 
-#include "app/Constants.h"
+#include "database/TableNames.h"
 #include "settings/LoggerSettingManager.h"
 #include "settings/SystemSettingXmlManager.h"
 #include "util/LogFileOutput.h"

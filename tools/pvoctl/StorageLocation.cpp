@@ -1,6 +1,6 @@
 #include "StorageLocation.h"
 
-#include "app/Constants.h"
+#include "database/TableNames.h"
 #include "util/FileUtil.h"
 
 #include <cstdint>

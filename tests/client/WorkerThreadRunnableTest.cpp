@@ -1,6 +1,6 @@
-#include "server/WorkerThreadRunnable.h"
+#include "client/WorkerThreadRunnable.h"
 
-#include "server/SlowRequest.h"
+#include "client/SlowRequest.h"
 #include "support/TestFiles.h"
 
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
 // The worker pool: a queue of requests and the worker threads that run them.
-#ifndef BRVO_SERVER_CHANNEL_H
-#define BRVO_SERVER_CHANNEL_H
+#ifndef BRVO_CLIENT_CHANNEL_H
+#define BRVO_CLIENT_CHANNEL_H
 
 #include <Poco/NotificationQueue.h>
 #include <Poco/ThreadPool.h>

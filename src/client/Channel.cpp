@@ -1,7 +1,7 @@
-#include "server/Channel.h"
+#include "client/Channel.h"
 
-#include "server/Request.h"
-#include "server/WorkerThreadRunnable.h"
+#include "client/Request.h"
+#include "client/WorkerThreadRunnable.h"
 
 #include <Poco/AutoPtr.h>
 

@@ -1,8 +1,8 @@
 // A request that holds its worker until the test releases it.
-#ifndef BRVO_TESTS_SERVER_SLOWREQUEST_H
-#define BRVO_TESTS_SERVER_SLOWREQUEST_H
+#ifndef BRVO_TESTS_CLIENT_SLOWREQUEST_H
+#define BRVO_TESTS_CLIENT_SLOWREQUEST_H
 
-#include "server/Request.h"
+#include "client/Request.h"
 
 #include <Poco/Event.h>
 

@@ -1,4 +1,4 @@
-#include "schedule/ServerAccessResult.h"
+#include "client/ServerAccessResult.h"
 
 #include "client/ServerResponseParser.h"
 #include "support/SchedulePayload.h"

@@ -1,8 +1,8 @@
 // Outcome of one exchange with the schedule server: whether an answer came
 // that could be parsed, the HTTP status, a failure text, and the parser of
 // the answer once attached.
-#ifndef BRVO_SCHEDULE_SERVERACCESSRESULT_H
-#define BRVO_SCHEDULE_SERVERACCESSRESULT_H
+#ifndef BRVO_CLIENT_SERVERACCESSRESULT_H
+#define BRVO_CLIENT_SERVERACCESSRESULT_H
 
 #include <cstdint>
 #include <memory>

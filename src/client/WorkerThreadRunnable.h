@@ -1,7 +1,7 @@
 // One worker of the pool: takes requests from the shared queue and runs them
 // until it is told to stop.
-#ifndef BRVO_SERVER_WORKERTHREADRUNNABLE_H
-#define BRVO_SERVER_WORKERTHREADRUNNABLE_H
+#ifndef BRVO_CLIENT_WORKERTHREADRUNNABLE_H
+#define BRVO_CLIENT_WORKERTHREADRUNNABLE_H
 
 #include <Poco/NotificationQueue.h>
 #include <Poco/Runnable.h>

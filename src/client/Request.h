@@ -1,7 +1,7 @@
 // A unit of queued work: the worker threads take requests from the pool's
 // queue and run their Execute.
-#ifndef BRVO_SERVER_REQUEST_H
-#define BRVO_SERVER_REQUEST_H
+#ifndef BRVO_CLIENT_REQUEST_H
+#define BRVO_CLIENT_REQUEST_H
 
 #include <Poco/Notification.h>
 

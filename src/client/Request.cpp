@@ -1,4 +1,4 @@
-#include "server/Request.h"
+#include "client/Request.h"
 
 namespace brvo {
 

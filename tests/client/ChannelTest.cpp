@@ -1,6 +1,6 @@
-#include "server/Channel.h"
+#include "client/Channel.h"
 
-#include "server/SlowRequest.h"
+#include "client/SlowRequest.h"
 #include "support/TestFiles.h"
 
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
-#include "server/WorkerThreadRunnable.h"
+#include "client/WorkerThreadRunnable.h"
 
-#include "server/Request.h"
+#include "client/Request.h"
 
 #include <Poco/AutoPtr.h>
 
