@@ -114,8 +114,7 @@ TEST_F(LoggerLogTest, FileSettingsSetDirectlyBuildTheOutput) {
     EXPECT_EQ(100, LoggerLog::Output()->GetMaxBufferedSize());
     LoggerLog::Verbose("Tag", "direct");
     LoggerLog::DeleteInstance();
-    EXPECT_NE(std::string::npos,
-              test::ReadFile("/media/sdcard/direct/log/OutputSchedule_pvocd.log").find("direct"));
+    EXPECT_NE(std::string::npos, test::ReadFile("/media/sdcard/direct/log/OutputSchedule_pvocd.log").find("direct"));
 }
 
 TEST_F(LoggerLogTest, DeletedSettingsLeaveNoOutput) {
