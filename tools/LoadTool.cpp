@@ -192,7 +192,7 @@ public:
 
 private:
     struct Connection : Poco::Notification {
-        explicit Connection(int fd) : fd(fd) {}
+        explicit Connection(int acceptedFd) : fd(acceptedFd) {}
         int fd;
     };
 

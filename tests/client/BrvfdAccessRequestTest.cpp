@@ -40,10 +40,10 @@ std::string Reply(std::int32_t result) {
 // Records what the exchange reports.
 class Recorder : public BrvfdAccessRequestCallback {
 public:
-    void OnResult(int status, const unsigned char* reply) override {
+    void OnResult(int resultStatus, const unsigned char* resultReply) override {
         calls++;
-        this->status = status;
-        if (reply != nullptr) this->reply.assign(reinterpret_cast<const char*>(reply), 12);
+        status = resultStatus;
+        if (resultReply != nullptr) reply.assign(reinterpret_cast<const char*>(resultReply), 12);
         done.set();
     }
     int calls = 0;

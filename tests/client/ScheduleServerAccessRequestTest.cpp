@@ -42,16 +42,16 @@ const int kStalledMs = 600000;
 // Records the report of an exchange, with a copy of the body.
 class Recorder : public ScheduleServerAccessRequestCallback {
 public:
-    void OnResult(int status, int httpStatus, const std::string& contentType, const char* data,
-                  std::int64_t dataLength, const std::string& message) override {
+    void OnResult(int resultStatus, int resultHttpStatus, const std::string& resultContentType, const char* data,
+                  std::int64_t resultDataLength, const std::string& resultMessage) override {
         ++calls;
-        this->status = status;
-        this->httpStatus = httpStatus;
-        this->contentType = contentType;
-        this->dataLength = dataLength;
-        this->hasData = data != nullptr;
-        if (data != nullptr) body.assign(data, static_cast<std::size_t>(dataLength));
-        this->message = message;
+        status = resultStatus;
+        httpStatus = resultHttpStatus;
+        contentType = resultContentType;
+        dataLength = resultDataLength;
+        hasData = data != nullptr;
+        if (data != nullptr) body.assign(data, static_cast<std::size_t>(resultDataLength));
+        message = resultMessage;
         done.set();
     }
     int calls = 0;

@@ -44,7 +44,9 @@ std::size_t FirstRateOffset() {
 
 std::vector<int> Rates(std::size_t count, int seed) {
     std::vector<int> rates;
-    for (std::size_t i = 0; i < count; ++i) rates.push_back(static_cast<int>((i * 37 + seed) % 101));
+    for (std::size_t i = 0; i < count; ++i) {
+        rates.push_back(static_cast<int>((i * 37 + static_cast<std::size_t>(seed)) % 101));
+    }
     return rates;
 }
 

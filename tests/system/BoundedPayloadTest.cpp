@@ -168,7 +168,7 @@ TEST_F(BoundedPayloadTest, RepeatedSkippedRecordsLeaveTheLogAlone) {
     EXPECT_EQ(before.front(), after.front());
     std::size_t about = 0;
     for (const std::string& line : after) {
-        about += line.find("Schedule start date error. [202201191215]") != std::string::npos ? 1 : 0;
+        if (line.find("Schedule start date error. [202201191215]") != std::string::npos) ++about;
     }
     EXPECT_EQ(2u, about);
 }

@@ -172,9 +172,9 @@ TEST_P(LoggerDaemonFaultTest, RowsStayUnsentAndClientsAreServed) {
 
 INSTANTIATE_TEST_SUITE_P(LoggerDaemonFault, LoggerDaemonFaultTest,
                          ::testing::Values(LoggerFault::kAbsent, LoggerFault::kRefusing, LoggerFault::kSilent),
-                         [](const ::testing::TestParamInfo<LoggerFault>& info) {
+                         [](const ::testing::TestParamInfo<LoggerFault>& faultInfo) {
                              std::ostringstream name;
-                             name << info.param;
+                             name << faultInfo.param;
                              return name.str();
                          });
 

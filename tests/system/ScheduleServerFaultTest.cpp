@@ -161,7 +161,7 @@ INSTANTIATE_TEST_SUITE_P(
                         return CutBody(full, body.find("Content-Length:") + 10);
                     },
                     1, 0, kAccessFailed + "I/O error: answer ended after ", true, kAccessLogged}),
-    [](const ::testing::TestParamInfo<ServerFault>& info) { return std::string(info.param.name); });
+    [](const ::testing::TestParamInfo<ServerFault>& faultInfo) { return std::string(faultInfo.param.name); });
 
 // A server that takes the request and then says nothing: the requesting
 // client waits for the exchange, every other client is served meanwhile,

@@ -378,7 +378,8 @@ TEST_F(StorageFaultTest, KillWhileStoringAYearLeavesOldOrNewRows) {
             }
             if (afterJournalUs[attempt] > 0) Poco::Thread::sleep(afterJournalUs[attempt] / 1000);
         } else {
-            const Poco::Timestamp::TimeDiff delayUs = static_cast<Poco::Timestamp::TimeDiff>(requestUs * ofRequest[attempt]);
+            const Poco::Timestamp::TimeDiff delayUs =
+                static_cast<Poco::Timestamp::TimeDiff>(static_cast<double>(requestUs) * ofRequest[attempt]);
             while (asked.elapsed() < delayUs) Poco::Thread::sleep(1);
         }
         const Poco::Timestamp::TimeDiff killedAtUs = asked.elapsed();
