@@ -3,6 +3,7 @@
 #include "server/OutputcontrolServer.h"
 #include "settings/LoggerSettingManager.h"
 #include "support/ChildProcess.h"
+#include "support/SingletonTest.h"
 #include "support/TestFiles.h"
 #include "util/LoggerLog.h"
 
@@ -28,7 +29,7 @@ public:
     void run() override { BrevantaOutputControlManager::GetInstance()->Start(); }
 };
 
-class BrevantaOutputControlManagerTest : public ::testing::Test {
+class BrevantaOutputControlManagerTest : public test::SingletonTest {
 protected:
     void SetUp() override {
         test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>");
@@ -43,9 +44,7 @@ protected:
         for (auto& thread : threads_) {
             if (thread->isRunning()) thread->join();
         }
-        BrevantaOutputControlManager::DeleteInstance();
-        LoggerLog::DeleteInstance();
-        LoggerSettingManager::DeleteInstance();
+        SingletonTest::TearDown();
     }
 
     void StartInBackground() {

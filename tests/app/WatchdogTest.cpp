@@ -1,6 +1,7 @@
 #include "app/Watchdog.h"
 
 #include "settings/LoggerSettingManager.h"
+#include "support/SingletonTest.h"
 #include "support/TestFiles.h"
 #include "util/LoggerLog.h"
 
@@ -17,14 +18,13 @@ namespace {
 
 const std::string kDefaultFile = "/mnt/system/check/brvo";
 
-class WatchdogTest : public ::testing::Test {
+class WatchdogTest : public test::SingletonTest {
 protected:
     void SetUp() override { UseSettings(""); }
 
     void TearDown() override {
         watchdog_.reset();
-        LoggerLog::DeleteInstance();
-        LoggerSettingManager::DeleteInstance();
+        SingletonTest::TearDown();
     }
 
     void UseSettings(const std::string& innerXml) {

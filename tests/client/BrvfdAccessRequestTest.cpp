@@ -4,6 +4,7 @@
 #include "client/BrvfdSendCommandRequest.h"
 #include "server/Channel.h"
 #include "settings/LoggerSettingManager.h"
+#include "support/SingletonTest.h"
 #include "support/TestFiles.h"
 #include "support/UnixPeer.h"
 #include "util/LoggerLog.h"
@@ -52,14 +53,13 @@ public:
     Poco::Event done;
 };
 
-class BrvfdAccessRequestTest : public ::testing::Test {
+class BrvfdAccessRequestTest : public test::SingletonTest {
 protected:
     void SetUp() override { UseSettings(""); }
 
     void TearDown() override {
         channel_.reset();
-        LoggerLog::DeleteInstance();
-        LoggerSettingManager::DeleteInstance();
+        SingletonTest::TearDown();
     }
 
     void UseSettings(const std::string& innerXml) {

@@ -5,6 +5,7 @@
 #include "settings/LoggerSettingManager.h"
 #include "support/HttpTestServer.h"
 #include "support/SchedulePayload.h"
+#include "support/SingletonTest.h"
 #include "support/TestFiles.h"
 #include "util/LoggerLog.h"
 
@@ -111,7 +112,7 @@ private:
     int port_;
 };
 
-class ScheduleServerAccessRequestTest : public ::testing::Test {
+class ScheduleServerAccessRequestTest : public test::SingletonTest {
 protected:
     void SetUp() override {
         test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>");
@@ -119,11 +120,6 @@ protected:
         LoggerLog::CreateInstance();
         test::WriteFile(kMacFile, "00:1a:2b:3c:4d:5e\n");
         channel_.StartWorkers();
-    }
-
-    void TearDown() override {
-        LoggerLog::DeleteInstance();
-        LoggerSettingManager::DeleteInstance();
     }
 
     // Runs one exchange on the pool with the given parameters.

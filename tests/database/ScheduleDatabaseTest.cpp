@@ -3,6 +3,7 @@
 #include "schedule/ScheduleModel.h"
 #include "settings/LoggerSettingManager.h"
 #include "support/SchedulePayload.h"
+#include "support/SingletonTest.h"
 #include "support/SqliteFile.h"
 #include "support/TestFiles.h"
 #include "util/FileUtil.h"
@@ -72,15 +73,13 @@ std::chrono::milliseconds Scaled(long long ms) {
     return std::chrono::milliseconds(ms * test::TimeScale());
 }
 
-class ScheduleDatabaseTest : public ::testing::Test {
+class ScheduleDatabaseTest : public test::SingletonTest {
 protected:
     void SetUp() override { UseSettings(""); }
 
     void TearDown() override {
         database_.reset();
-        LoggerLog::DeleteInstance();
-        LoggerSettingManager::DeleteInstance();
-        FileUtil::ResetDataRoot();
+        SingletonTest::TearDown();
     }
 
     void UseSettings(const std::string& innerXml) {

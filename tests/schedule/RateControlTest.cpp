@@ -1,11 +1,9 @@
 #include "schedule/RateControl.h"
 
 #include "database/ScheduleDatabase.h"
-#include "settings/DeviceSettingXmlManager.h"
 #include "settings/LoggerSettingManager.h"
-#include "settings/SystemSettingXmlManager.h"
+#include "support/SingletonTest.h"
 #include "support/TestFiles.h"
-#include "util/FileUtil.h"
 #include "util/LoggerLog.h"
 #include "util/TimeStamp.h"
 
@@ -33,21 +31,12 @@ Poco::Timestamp At(std::int64_t seconds) {
     return Poco::Timestamp(static_cast<Poco::Timestamp::TimeVal>(seconds) * 1000000);
 }
 
-class RateControlTest : public ::testing::Test {
+class RateControlTest : public test::SingletonTest {
 protected:
     void SetUp() override {
         UseLoggerSettings("");
         WriteSystemSetting("PLANT1");
         WriteDevice("Value0=\"0\" Value100=\"100\" ValueMin=\"0\"");
-    }
-
-    void TearDown() override {
-        ScheduleDatabase::DeleteInstance();
-        DeviceSettingXmlManager::DeleteInstance();
-        SystemSettingXmlManager::DeleteInstance();
-        LoggerLog::DeleteInstance();
-        LoggerSettingManager::DeleteInstance();
-        FileUtil::ResetDataRoot();
     }
 
     void UseLoggerSettings(const std::string& innerXml) {

@@ -2,11 +2,11 @@
 
 #include "database/ScheduleDatabase.h"
 #include "schedule/ScheduleModel.h"
-#include "settings/DeviceSettingXmlManager.h"
 #include "settings/LoggerSettingManager.h"
 #include "settings/SystemSettingXmlManager.h"
 #include "support/HttpTestServer.h"
 #include "support/SchedulePayload.h"
+#include "support/SingletonTest.h"
 #include "support/SqliteFile.h"
 #include "support/TestFiles.h"
 #include "support/UnixPeer.h"
@@ -57,7 +57,7 @@ std::string StoredSlots() {
     return test::QueryValue(kDbFile, "SELECT COUNT(*) FROM output_control_schedule");
 }
 
-class ScheduleUpdateManagerTest : public ::testing::Test {
+class ScheduleUpdateManagerTest : public test::SingletonTest {
 protected:
     void SetUp() override {
         UseLoggerSettings("");
@@ -71,16 +71,6 @@ protected:
         fixed_ = update_;
         fixed_.start = ServerTime(tomorrow_ + 86400, "%Y%m%d%H%M");
         fixed_.rates = std::vector<int>(48, 30);
-    }
-
-    void TearDown() override {
-        ScheduleUpdateManager::DeleteInstance();
-        ScheduleDatabase::DeleteInstance();
-        DeviceSettingXmlManager::DeleteInstance();
-        SystemSettingXmlManager::DeleteInstance();
-        LoggerLog::DeleteInstance();
-        LoggerSettingManager::DeleteInstance();
-        FileUtil::ResetDataRoot();
     }
 
     void UseLoggerSettings(const std::string& innerXml) {

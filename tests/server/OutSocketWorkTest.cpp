@@ -6,9 +6,9 @@
 #include "schedule/UpdateResult.h"
 #include "settings/LoggerSettingManager.h"
 #include "settings/SystemSettingXmlManager.h"
-#include "settings/DeviceSettingXmlManager.h"
 #include "support/HttpTestServer.h"
 #include "support/SchedulePayload.h"
+#include "support/SingletonTest.h"
 #include "support/SqliteFile.h"
 #include "support/TestFiles.h"
 #include "support/UnixPeer.h"
@@ -61,7 +61,7 @@ std::string Field(const std::string& text, std::size_t size) {
     return field;
 }
 
-class OutSocketWorkTest : public ::testing::Test {
+class OutSocketWorkTest : public test::SingletonTest {
 protected:
     void SetUp() override {
         test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>"
@@ -70,16 +70,6 @@ protected:
         LoggerLog::CreateInstance();
         FileUtil::ResetDataRoot();
         test::WriteFile("/sys/class/net/eth0/address", "00:1a:2b:3c:4d:5e\n");
-    }
-
-    void TearDown() override {
-        ScheduleUpdateManager::DeleteInstance();
-        ScheduleDatabase::DeleteInstance();
-        DeviceSettingXmlManager::DeleteInstance();
-        SystemSettingXmlManager::DeleteInstance();
-        LoggerLog::DeleteInstance();
-        LoggerSettingManager::DeleteInstance();
-        FileUtil::ResetDataRoot();
     }
 
     // Sends `request` over a socket pair, runs the work item and returns

@@ -3,6 +3,7 @@
 #include "server/Channel.h"
 #include "server/SlowRequest.h"
 #include "settings/LoggerSettingManager.h"
+#include "support/SingletonTest.h"
 #include "support/TestFiles.h"
 #include "util/LoggerLog.h"
 
@@ -93,15 +94,14 @@ bool IsSocket(const std::string& path) {
     return stat(path.c_str(), &info) == 0 && S_ISSOCK(info.st_mode);
 }
 
-class OutputcontrolServerTest : public ::testing::Test {
+class OutputcontrolServerTest : public test::SingletonTest {
 protected:
     void TearDown() override {
         // Frees any slow request still holding a worker, so that deleting the
         // pool does not wait for it.
         release_.set();
         StopServer();
-        LoggerLog::DeleteInstance();
-        LoggerSettingManager::DeleteInstance();
+        SingletonTest::TearDown();
     }
 
     // Settings with an unbuffered log at level 0 plus `innerXml`, then the

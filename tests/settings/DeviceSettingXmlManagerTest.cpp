@@ -2,6 +2,7 @@
 
 #include "settings/LoggerSettingManager.h"
 #include "settings/SystemSettingXmlManager.h"
+#include "support/SingletonTest.h"
 #include "support/TestFiles.h"
 #include "util/LoggerLog.h"
 
@@ -47,7 +48,7 @@ std::string Description(const std::vector<std::string>& variables) {
            "</lggrdev:EchonetLiteDevices>";
 }
 
-class DeviceSettingXmlManagerTest : public ::testing::Test {
+class DeviceSettingXmlManagerTest : public test::SingletonTest {
 protected:
     void SetUp() override {
         test::WriteLoggerSetting(
@@ -55,11 +56,6 @@ protected:
             "<LogLevel>0</LogLevel>");
         LoggerSettingManager::CreateInstance();
         LoggerLog::CreateInstance();
-    }
-
-    void TearDown() override {
-        LoggerLog::DeleteInstance();
-        LoggerSettingManager::DeleteInstance();
     }
 
     static std::vector<std::string> LogLines() {

@@ -1,5 +1,6 @@
 #include "settings/LoggerSettingManager.h"
 
+#include "support/SingletonTest.h"
 #include "support/TestFiles.h"
 #include "util/LoggerLog.h"
 
@@ -14,13 +15,8 @@ namespace {
 
 using test::WriteLoggerSetting;
 
-class LoggerSettingManagerTest : public ::testing::Test {
+class LoggerSettingManagerTest : public test::SingletonTest {
 protected:
-    void TearDown() override {
-        LoggerLog::DeleteInstance();
-        LoggerSettingManager::DeleteInstance();
-    }
-
     LoggerSettingManager& Load(const std::string& innerXml) {
         WriteLoggerSetting(innerXml);
         return Create();

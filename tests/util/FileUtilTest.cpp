@@ -1,6 +1,7 @@
 #include "util/FileUtil.h"
 
 #include "settings/LoggerSettingManager.h"
+#include "support/SingletonTest.h"
 #include "support/TestFiles.h"
 #include "util/LoggerLog.h"
 
@@ -17,15 +18,9 @@ namespace {
 const std::string kLogFile =
     "/media/sdcard/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd.log";
 
-class FileUtilTest : public ::testing::Test {
+class FileUtilTest : public test::SingletonTest {
 protected:
     void SetUp() override { FileUtil::ResetDataRoot(); }
-
-    void TearDown() override {
-        LoggerLog::DeleteInstance();
-        LoggerSettingManager::DeleteInstance();
-        FileUtil::ResetDataRoot();
-    }
 
     static void UseSettings(const std::string& innerXml) {
         test::WriteLoggerSetting(innerXml);

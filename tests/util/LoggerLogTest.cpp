@@ -1,6 +1,7 @@
 #include "util/LoggerLog.h"
 
 #include "settings/LoggerSettingManager.h"
+#include "support/SingletonTest.h"
 #include "support/TestFiles.h"
 #include "util/LogFileOutput.h"
 
@@ -16,13 +17,8 @@ namespace {
 
 const std::string kLogFile = "/media/sdcard/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd.log";
 
-class LoggerLogTest : public ::testing::Test {
+class LoggerLogTest : public test::SingletonTest {
 protected:
-    void TearDown() override {
-        LoggerLog::DeleteInstance();
-        LoggerSettingManager::DeleteInstance();
-    }
-
     void Start(const std::string& innerXml) {
         test::WriteLoggerSetting(innerXml);
         LoggerSettingManager::CreateInstance();
