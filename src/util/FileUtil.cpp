@@ -25,6 +25,14 @@ const std::string kProduct = "kestrovanyx";
 const std::string kEtcBase = "/usr/local/etc/" + kProduct;
 const std::string kDefaultSdcardPath = "/media/sdcard";
 
+// Built on first use, so that test code may set it while static objects
+// are still being built, and never destroyed, so that a thread still
+// reading settings while the process exits finds it intact.
+std::string& RootPrefix() {
+    static std::string* const prefix = new std::string();
+    return *prefix;
+}
+
 Poco::FastMutex dataRootMutex;
 std::string dataRoot;
 bool dataRootChecked = false;
@@ -72,7 +80,11 @@ void ReadAtMost(int fd, std::size_t maxBytes, FileUtil::ReadResult& result) {
 
 FileUtil::~FileUtil() {}
 
-std::string FileUtil::GetSettingsDirectory() { return kEtcBase + "/SettingsXML"; }
+void FileUtil::SetRootPrefix(const std::string& prefix) { RootPrefix() = prefix; }
+
+std::string FileUtil::UnderRoot(const std::string& path) { return RootPrefix() + path; }
+
+std::string FileUtil::GetSettingsDirectory() { return UnderRoot(kEtcBase) + "/SettingsXML"; }
 
 std::string FileUtil::GetSystemSettingFile() { return GetSettingsDirectory() + "/SystemSetting.xml"; }
 
@@ -82,11 +94,11 @@ std::string FileUtil::GetDefaultSystemSettingFile() {
 
 std::string FileUtil::GetLoggerSettingFile() { return GetSettingsDirectory() + "/LoggerSetting.xml"; }
 
-std::string FileUtil::GetDeviceDirectory() { return kEtcBase + "/DeviceXML"; }
+std::string FileUtil::GetDeviceDirectory() { return UnderRoot(kEtcBase) + "/DeviceXML"; }
 
 std::string FileUtil::CardDataRoot(const std::string& sdcardPath) { return sdcardPath + "/" + kProduct; }
 
-std::string FileUtil::FallbackDataRoot() { return "/tmp/" + kProduct; }
+std::string FileUtil::FallbackDataRoot() { return UnderRoot("/tmp/" + kProduct); }
 
 std::string FileUtil::OutputControlSubdirectory() { return "/Database/OutputControl"; }
 
@@ -95,7 +107,7 @@ std::string FileUtil::GetDataRoot() {
     Poco::FastMutex::ScopedLock lock(dataRootMutex);
     if (dataRoot.empty()) {
         LoggerSettingManager* settings = LoggerSettingManager::GetInstance();
-        const std::string card = settings != nullptr ? settings->GetSdcardPath() : kDefaultSdcardPath;
+        const std::string card = settings != nullptr ? settings->GetSdcardPath() : UnderRoot(kDefaultSdcardPath);
         dataRoot = CardDataRoot(card);
         if (!dataRootChecked) {
             dataRootChecked = true;

@@ -28,7 +28,7 @@ protected:
         test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>");
         LoggerSettingManager::CreateInstance();
         LoggerLog::CreateInstance();
-        test::WriteFile("/sys/class/net/eth0/address", "00:1a:2b:3c:4d:5e\n");
+        test::WriteFile(test::FixedPath("/sys/class/net/eth0/address"), "00:1a:2b:3c:4d:5e\n");
         channel_.StartWorkers();
     }
 

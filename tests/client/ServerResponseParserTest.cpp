@@ -17,7 +17,8 @@
 namespace brvo {
 namespace {
 
-const std::string kLogFile = "/media/sdcard/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd.log";
+const std::string kLogFile =
+    test::FixedPath("/media/sdcard/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd.log");
 const std::string kCrlf = "\r\n";
 const std::string kBinaryType = "Content-Type: application/octet-stream";
 const std::string kTextType = "Content-Type: text/plain; charset=UTF-8";

@@ -21,9 +21,9 @@ namespace brvo {
 namespace {
 
 const std::string kTag = "ProbeTable";
-const std::string kProbeFile = "/media/sdcard/probe.db";
+const std::string kProbeFile = test::FixedPath("/media/sdcard/probe.db");
 const std::string kScheduleFile =
-    "/media/sdcard/kestrovanyx/Database/OutputControl/output_control_schedule.db";
+    test::FixedPath("/media/sdcard/kestrovanyx/Database/OutputControl/output_control_schedule.db");
 
 // A table of its own on the common base, to read the session's settings.
 class ProbeTable : public DatabaseManager {

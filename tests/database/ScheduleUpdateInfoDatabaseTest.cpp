@@ -18,7 +18,7 @@ namespace {
 
 const std::string kTag = "ScheduleUpdateDataInfo";
 const std::string kDbFile =
-    "/media/sdcard/kestrovanyx/Database/OutputControl/output_control_schedule_update_info.db";
+    test::FixedPath("/media/sdcard/kestrovanyx/Database/OutputControl/output_control_schedule_update_info.db");
 
 ScheduleUpdateInfo Info(const std::string& plantId, const std::string& next = "2022-01-20 00:00:00",
                         int flag = 3, bool need = true) {

@@ -60,12 +60,14 @@ protected:
     }
 
     static void WriteDevice(const std::string& limitAttributes) {
-        test::WriteFile("/usr/local/etc/kestrovanyx/DeviceXML/pv.xml",
+        test::WriteFile(test::FixedPath("/usr/local/etc/kestrovanyx/DeviceXML/pv.xml"),
                         "<lggrdev:EchonetLiteDevices xmlns:lggrdev=\"urn:x\"><lggrdev:Device>"
                         "<lggrdev:Properties><lggrdev:Property><lggrdev:Variables>"
-                        "<lggrdev:VariableInfo Name=\"Limit\" " + limitAttributes + "/>"
-                        "</lggrdev:Variables></lggrdev:Property></lggrdev:Properties>"
-                        "</lggrdev:Device></lggrdev:EchonetLiteDevices>");
+                        "<lggrdev:VariableInfo Name=\"Limit\" " +
+                            limitAttributes +
+                            "/>"
+                            "</lggrdev:Variables></lggrdev:Property></lggrdev:Properties>"
+                            "</lggrdev:Device></lggrdev:EchonetLiteDevices>");
     }
 
     static void Store(const std::vector<ScheduleRow>& rows) {
@@ -217,7 +219,7 @@ TEST_F(RateControlTest, EmptyTableIsCodeFiveForTheCurrentSlotToo) {
 }
 
 TEST_F(RateControlTest, MissingDeviceKeepsTheDefaults) {
-    test::RemoveAll("/usr/local/etc/kestrovanyx/DeviceXML/pv.xml");
+    test::RemoveAll(test::FixedPath("/usr/local/etc/kestrovanyx/DeviceXML/pv.xml"));
     Store({Row(kSlot, 50)});
     std::shared_ptr<TargetPowerResult> result = Target(4.0, RateControl::kCurrentTargetPower);
     ASSERT_TRUE(result->IsSuccess());

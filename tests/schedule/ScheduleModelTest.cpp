@@ -25,7 +25,8 @@ using test::BuildSchedulePayload;
 using test::ScheduleRecord;
 using test::SchedulePayload;
 
-const std::string kLogFile = "/media/sdcard/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd.log";
+const std::string kLogFile =
+    test::FixedPath("/media/sdcard/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd.log");
 const std::string kPlantId = "01234567890123456789012345";
 const std::string kChecksumError = "Output rate data Checksum error.";
 const std::string kDataError = "Schedule data error. exception";

@@ -22,7 +22,7 @@ namespace brvo {
 namespace {
 
 const std::string kLogFile =
-    "/media/sdcard/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd.log";
+    test::FixedPath("/media/sdcard/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd.log");
 
 class SystemSettingXmlManagerTest : public test::SingletonTest {
 protected:

@@ -149,8 +149,8 @@ TEST(XmlNodeTest, ToStringFixedForm) {
 
 TEST(XmlNodeTest, WriteProducesParsableXml) {
     std::unique_ptr<XmlNode> root = Tree("<r k=\"v\"><a>1</a><b x=\"y\"/></r>");
-    ASSERT_TRUE(root->Write("/tmp/written.xml"));
-    const std::string text = test::ReadFile("/tmp/written.xml");
+    ASSERT_TRUE(root->Write(test::FixedPath("/tmp/written.xml")));
+    const std::string text = test::ReadFile(test::FixedPath("/tmp/written.xml"));
     EXPECT_EQ(0u, text.find("<?xml")) << text;
     std::unique_ptr<XmlNode> again = Tree(text);
     EXPECT_EQ("v", XmlNode::GetAttribute(again.get(), "k"));
@@ -163,13 +163,13 @@ TEST(XmlNodeTest, WriteFailureIsLoggedAndFalse) {
     LoggerSettingManager::CreateInstance();
     LoggerLog::CreateInstance();
     XmlNode node("r");
-    EXPECT_FALSE(node.Write("/tmp/no/such/dir/out.xml"));
+    EXPECT_FALSE(node.Write(test::FixedPath("/tmp/no/such/dir/out.xml")));
     LoggerLog::DeleteInstance();
     LoggerSettingManager::DeleteInstance();
     const std::string log =
-        test::ReadFile("/media/sdcard/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd.log");
+        test::ReadFile(test::FixedPath("/media/sdcard/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd.log"));
     const std::string text =
-        "] XmlNode Write xml failed (Exception). path[/tmp/no/such/dir/out.xml] message[";
+        "] XmlNode Write xml failed (Exception). path[" + test::FixedPath("/tmp/no/such/dir/out.xml") + "] message[";
     const std::size_t at = log.find(text);
     ASSERT_NE(std::string::npos, at) << log;
     const std::size_t lineStart = log.rfind('\n', at) == std::string::npos ? 0 : log.rfind('\n', at) + 1;
@@ -275,19 +275,20 @@ TEST(XmlNodeTest, WriteTakesTreesUpToTheParserCapOnly) {
     LoggerLog::CreateInstance();
     {
         DeepDom dom(64, "v");
-        ASSERT_TRUE(XmlNode(nullptr, dom.Top()).Write("/tmp/deep64.xml"));
-        const std::unique_ptr<XmlNode> again = Tree(test::ReadFile("/tmp/deep64.xml"));
+        ASSERT_TRUE(XmlNode(nullptr, dom.Top()).Write(test::FixedPath("/tmp/deep64.xml")));
+        const std::unique_ptr<XmlNode> again = Tree(test::ReadFile(test::FixedPath("/tmp/deep64.xml")));
         EXPECT_EQ("v", again->FindNode(ChainPath(63))->GetValue());
     }
     DeepDom dom(65, "v");
-    EXPECT_FALSE(XmlNode(nullptr, dom.Top()).Write("/tmp/deep65.xml"));
-    EXPECT_FALSE(test::FileExists("/tmp/deep65.xml"));
+    EXPECT_FALSE(XmlNode(nullptr, dom.Top()).Write(test::FixedPath("/tmp/deep65.xml")));
+    EXPECT_FALSE(test::FileExists(test::FixedPath("/tmp/deep65.xml")));
     LoggerLog::DeleteInstance();
     LoggerSettingManager::DeleteInstance();
     const std::string log =
-        test::ReadFile("/media/sdcard/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd.log");
+        test::ReadFile(test::FixedPath("/media/sdcard/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd.log"));
     EXPECT_NE(std::string::npos,
-              log.find("] XmlNode Write xml failed (Exception). path[/tmp/deep65.xml] "
+              log.find("] XmlNode Write xml failed (Exception). path[" + test::FixedPath("/tmp/deep65.xml") +
+                       "] "
                        "message[elements nested deeper than 64 levels]"))
         << log;
 }

@@ -15,7 +15,8 @@
 namespace brvo {
 namespace {
 
-const std::string kLogFile = "/media/sdcard/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd.log";
+const std::string kLogFile =
+    test::FixedPath("/media/sdcard/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd.log");
 
 class LoggerLogTest : public test::SingletonTest {
 protected:
@@ -89,8 +90,8 @@ TEST_F(LoggerLogTest, ZeroSettingsLeaveWriterDefaults) {
 }
 
 TEST_F(LoggerLogTest, CreatesLogDirectory) {
-    Start("<SdcardPath>/media/sdcard/card2</SdcardPath>");
-    EXPECT_TRUE(test::FileExists("/media/sdcard/card2/kestrovanyx/Log/OutputScheduleLog"));
+    Start("<SdcardPath>" + test::FixedPath("/media/sdcard/card2") + "</SdcardPath>");
+    EXPECT_TRUE(test::FileExists(test::FixedPath("/media/sdcard/card2/kestrovanyx/Log/OutputScheduleLog")));
 }
 
 TEST_F(LoggerLogTest, FlushOnlyWhenBuffered) {
