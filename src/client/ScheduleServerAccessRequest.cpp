@@ -347,9 +347,10 @@ void ScheduleServerAccessRequest::SetParameters(const std::string& scheduleKbn,
 }
 
 std::string ScheduleServerAccessRequest::GetMacAddress() {
-    std::ifstream file(kMacAddressFile);
+    const std::string path = FileUtil::UnderRoot(kMacAddressFile);
+    std::ifstream file(path);
     if (!file.is_open()) {
-        LoggerLog::Error(kTag, "failed to open " + kMacAddressFile);
+        LoggerLog::Error(kTag, "failed to open " + path);
         return std::string();
     }
     std::string word;

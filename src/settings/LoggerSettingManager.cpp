@@ -105,7 +105,7 @@ const LoggerSettingManager& LoggerSettingManager::Current() {
 void LoggerSettingManager::DeleteInstance() {
     LoggerSettingManager* deleted = instance.exchange(nullptr);
     LoggerLog::ClearFileSettings();
-    FileUtil::SetSdcardPath(FileUtil::kDefaultSdcardPath);
+    FileUtil::SetSdcardPath(std::string());
     delete deleted;
 }
 
@@ -121,11 +121,11 @@ LoggerSettingManager::~LoggerSettingManager() {
 
 std::unordered_map<std::string, std::string> LoggerSettingManager::Defaults() {
     std::unordered_map<std::string, std::string> table(10);
-    table[kLoggerSocketPath] = kDefaultLoggerSocketPath;
-    table[kOutputControlSocketPath] = kDefaultOutputControlSocketPath;
-    table[kWatchdogFile] = kDefaultWatchdogFile;
+    table[kLoggerSocketPath] = FileUtil::UnderRoot(kDefaultLoggerSocketPath);
+    table[kOutputControlSocketPath] = FileUtil::UnderRoot(kDefaultOutputControlSocketPath);
+    table[kWatchdogFile] = FileUtil::UnderRoot(kDefaultWatchdogFile);
     table[kWatchdogInterval] = std::to_string(kDefaultWatchdogFileUpdateInterval);
-    table[kSdcardPath] = kDefaultSdcardPath;
+    table[kSdcardPath] = FileUtil::UnderRoot(kDefaultSdcardPath);
     table[kMaxRollIndex] = std::to_string(kDefaultLogMaxRollIndex);
     table[kEnableBufferedIO] = std::to_string(kDefaultEnableLogBufferedIO);
     // LogLevel has no default on purpose: its getter falls back to 1.

@@ -23,9 +23,18 @@ const std::string kTag = "FileUtil";
 const std::string kProduct = "kestrovanyx";
 const std::string kEtcBase = "/usr/local/etc/" + kProduct;
 
+// Built on first use, so that test code may set it while static objects
+// are still being built, and never destroyed, so that a thread still
+// reading settings while the process exits finds it intact.
+std::string& RootPrefix() {
+    static std::string* const prefix = new std::string();
+    return *prefix;
+}
+
 Poco::FastMutex dataRootMutex;
-// The SD card's mount point the data root is built on; guarded by dataRootMutex.
-std::string sdcardMountPoint = FileUtil::kDefaultSdcardPath;
+// The SD card's mount point the data root is built on, empty for the
+// built-in one; guarded by dataRootMutex.
+std::string sdcardMountPoint;
 std::string dataRoot;
 bool dataRootChecked = false;
 
@@ -72,7 +81,11 @@ void ReadAtMost(int fd, std::size_t maxBytes, FileUtil::ReadResult& result) {
 
 FileUtil::~FileUtil() {}
 
-std::string FileUtil::GetSettingsDirectory() { return kEtcBase + "/SettingsXML"; }
+void FileUtil::SetRootPrefix(const std::string& prefix) { RootPrefix() = prefix; }
+
+std::string FileUtil::UnderRoot(const std::string& path) { return RootPrefix() + path; }
+
+std::string FileUtil::GetSettingsDirectory() { return UnderRoot(kEtcBase) + "/SettingsXML"; }
 
 std::string FileUtil::GetSystemSettingFile() { return GetSettingsDirectory() + "/SystemSetting.xml"; }
 
@@ -82,11 +95,11 @@ std::string FileUtil::GetDefaultSystemSettingFile() {
 
 std::string FileUtil::GetLoggerSettingFile() { return GetSettingsDirectory() + "/LoggerSetting.xml"; }
 
-std::string FileUtil::GetDeviceDirectory() { return kEtcBase + "/DeviceXML"; }
+std::string FileUtil::GetDeviceDirectory() { return UnderRoot(kEtcBase) + "/DeviceXML"; }
 
 std::string FileUtil::CardDataRoot(const std::string& sdcardPath) { return sdcardPath + "/" + kProduct; }
 
-std::string FileUtil::FallbackDataRoot() { return "/tmp/" + kProduct; }
+std::string FileUtil::FallbackDataRoot() { return UnderRoot("/tmp/" + kProduct); }
 
 std::string FileUtil::OutputControlSubdirectory() { return "/Database/OutputControl"; }
 
@@ -99,7 +112,7 @@ void FileUtil::SetSdcardPath(const std::string& sdcardPath) {
 std::string FileUtil::GetDataRoot() {
     Poco::FastMutex::ScopedLock lock(dataRootMutex);
     if (dataRoot.empty()) {
-        dataRoot = CardDataRoot(sdcardMountPoint);
+        dataRoot = CardDataRoot(sdcardMountPoint.empty() ? UnderRoot(kDefaultSdcardPath) : sdcardMountPoint);
         if (!dataRootChecked) {
             dataRootChecked = true;
             if (!IsWritableDirectory(dataRoot)) dataRoot = FallbackDataRoot();

@@ -14,6 +14,16 @@ class FileUtil {
 public:
     virtual ~FileUtil();
 
+    // Tests only: a directory put in front of every fixed absolute path of
+    // the machine (the settings and device directories, the card's and the
+    // fallback data root, the logger settings' default paths, the MAC
+    // address file, the log's I/O error mark), so that the unit tests need
+    // neither root nor a sandbox. Empty, and never set, in the daemon.
+    static void SetRootPrefix(const std::string& prefix);
+    // `path`, a fixed absolute path of the machine, with the root prefix in
+    // front; `path` itself while the prefix is empty.
+    static std::string UnderRoot(const std::string& path);
+
     // "/usr/local/etc/kestrovanyx/SettingsXML".
     static std::string GetSettingsDirectory();
     // Settings directory + "/SystemSetting.xml".
@@ -26,9 +36,9 @@ public:
     static std::string GetDeviceDirectory();
     // Built-in mount point of the SD card, used until SetSdcardPath names another.
     static constexpr const char kDefaultSdcardPath[] = "/media/sdcard";
-    // Sets the SD card's mount point that GetDataRoot builds on. The logger
-    // settings set theirs when they are created and the built-in one when
-    // they are deleted.
+    // Sets the SD card's mount point that GetDataRoot builds on; empty
+    // stands for the built-in one. The logger settings set theirs when they
+    // are created and the built-in one when they are deleted.
     static void SetSdcardPath(const std::string& sdcardPath);
     // SD card path + "/kestrovanyx", or "/tmp/kestrovanyx" when the card path
     // could not be written on the first call; cached for the whole run.

@@ -60,6 +60,8 @@ void AppendEscaped(std::string& line, const std::string& text) {
 
 const std::string LogFileOutput::kErrorFilePath = "/tmp/logger_io_file_error";
 
+std::string LogFileOutput::ErrorFilePath() { return FileUtil::UnderRoot(kErrorFilePath); }
+
 LogFileOutput::LogFileOutput(const LogLimiter::Clock& repeatClock)
     : active_(&buffers_[0]),
       activeIndex_(0),
@@ -356,16 +358,17 @@ void LogFileOutput::ReportFileError() {
     if (errorRecorded_) return;
     try {
         Poco::Mutex::ScopedLock lock(FileMutex());
-        std::ofstream file(kErrorFilePath, std::ios::out | std::ios::app | std::ios::binary);
+        const std::string errorFile = ErrorFilePath();
+        std::ofstream file(errorFile, std::ios::out | std::ios::app | std::ios::binary);
         if (!file.is_open()) return;
         const std::string time = FormatNow();
         if (!time.empty()) file << "[" << time << " UTC] ";
         file << filePath_ << "\n";
         file.flush();
         if (file.fail()) {
-            PrintLine("log_file error " + kErrorFilePath + "\n");
+            PrintLine("log_file error " + errorFile + "\n");
         } else if (file.bad()) {
-            PrintLine("log_file bad error " + kErrorFilePath + "\n");
+            PrintLine("log_file bad error " + errorFile + "\n");
         } else {
             errorRecorded_ = true;
         }

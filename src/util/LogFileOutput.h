@@ -26,6 +26,9 @@ class LogFileOutput {
 public:
     // Path of the file that records the log's own write failures.
     static const std::string kErrorFilePath;
+    // kErrorFilePath under the root prefix (FileUtil::UnderRoot): the file
+    // this process records its write failures in.
+    static std::string ErrorFilePath();
 
     // `repeatClock` times the periods of repeated lines (the steady clock
     // when empty); tests pass their own.

@@ -3,6 +3,7 @@
 #include "server/OutputcontrolServer.h"
 #include "settings/LoggerSettingManager.h"
 #include "support/ChildProcess.h"
+#include "support/SingletonTest.h"
 #include "support/TestFiles.h"
 #include "util/LoggerLog.h"
 
@@ -21,14 +22,14 @@ namespace brvo {
 namespace {
 
 const std::string kLogFile =
-    "/media/sdcard/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd.log";
+    test::FixedPath("/media/sdcard/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd.log");
 
 class StartRunner : public Poco::Runnable {
 public:
     void run() override { BrevantaOutputControlManager::GetInstance()->Start(); }
 };
 
-class BrevantaOutputControlManagerTest : public ::testing::Test {
+class BrevantaOutputControlManagerTest : public test::SingletonTest {
 protected:
     void SetUp() override {
         test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>");
@@ -43,9 +44,7 @@ protected:
         for (auto& thread : threads_) {
             if (thread->isRunning()) thread->join();
         }
-        BrevantaOutputControlManager::DeleteInstance();
-        LoggerLog::DeleteInstance();
-        LoggerSettingManager::DeleteInstance();
+        SingletonTest::TearDown();
     }
 
     void StartInBackground() {
@@ -115,9 +114,8 @@ TEST_F(BrevantaOutputControlManagerTest, SecondStartCreatesNoSecondTimer) {
 TEST_F(BrevantaOutputControlManagerTest, StartOpensTheCommandSocket) {
     StartInBackground();
     ASSERT_TRUE(test::WaitFor([this] { return manager_->IsRunning(); }, 5000));
-    EXPECT_TRUE(test::WaitFor([] {
-        return test::FileExists("/mnt/system/pvoctrl/brevanta.octrl");
-    }, 5000));
+    EXPECT_TRUE(
+        test::WaitFor([] { return test::FileExists(test::FixedPath("/mnt/system/pvoctrl/brevanta.octrl")); }, 5000));
     ASSERT_NE(nullptr, manager_->GetServer());
     EXPECT_GE(manager_->GetServer()->GetListenSocket(), 0);
 }
@@ -137,7 +135,7 @@ bool CanConnect(const std::string& path) {
 // Kill leaves the command server serving; only deleting the manager ends
 // it. A second manager in the same process then serves the socket again.
 TEST_F(BrevantaOutputControlManagerTest, DeletedManagerEndsItsServerAndANewOneServesAgain) {
-    const std::string path = "/mnt/system/pvoctrl/brevanta.octrl";
+    const std::string path = test::FixedPath("/mnt/system/pvoctrl/brevanta.octrl");
     for (int round = 0; round < 2; ++round) {
         if (round > 0) {
             BrevantaOutputControlManager::CreateInstance();
@@ -159,7 +157,7 @@ TEST_F(BrevantaOutputControlManagerTest, DeletedManagerEndsItsServerAndANewOneSe
 TEST_F(BrevantaOutputControlManagerTest, WatchdogRunsFromStartUntilKill) {
     ASSERT_NE(nullptr, manager_->GetWatchdog());
     StartInBackground();
-    EXPECT_TRUE(test::WaitFor([] { return test::FileExists("/mnt/system/check/brvo"); }, 5000));
+    EXPECT_TRUE(test::WaitFor([] { return test::FileExists(test::FixedPath("/mnt/system/check/brvo")); }, 5000));
     BrevantaOutputControlManager::RequestKill();
     ASSERT_TRUE(threads_[0]->tryJoin(2000));
     EXPECT_EQ(nullptr, manager_->GetWatchdog());
@@ -187,10 +185,10 @@ TEST_F(BrevantaOutputControlManagerTest, FlushTimerWritesBufferedLinesEveryFiveM
     // The probe runs the manager under a fake clock thirty times faster than
     // real time, so five minutes pass in ten seconds.
     test::ChildProcess probe;
-    ASSERT_TRUE(probe.Start(test::ChildProcess::Command(FLUSH_PROBE_BINARY), "/tmp/probe.out",
+    ASSERT_TRUE(probe.Start(test::ChildProcess::Command(FLUSH_PROBE_BINARY), test::FixedPath("/tmp/probe.out"),
                             test::ChildProcess::FakeTimeEnv("+0 x30")));
-    ASSERT_TRUE(probe.WaitExit(90000)) << test::ReadFile("/tmp/probe.out");
-    EXPECT_EQ(0, probe.ExitCode()) << test::ReadFile("/tmp/probe.out");
+    ASSERT_TRUE(probe.WaitExit(90000)) << test::ReadFile(test::FixedPath("/tmp/probe.out"));
+    EXPECT_EQ(0, probe.ExitCode()) << test::ReadFile(test::FixedPath("/tmp/probe.out"));
 }
 
 } // namespace

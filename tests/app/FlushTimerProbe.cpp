@@ -5,6 +5,7 @@
 #include "app/BrevantaOutputControlManager.h"
 #include "settings/LoggerSettingManager.h"
 #include "support/TestFiles.h"
+#include "support/TestRoot.h"
 #include "util/LoggerLog.h"
 
 #include <Poco/Runnable.h>
@@ -17,7 +18,7 @@
 namespace {
 
 const std::string kLogFile =
-    "/media/sdcard/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd.log";
+    brvo::test::FixedPath("/media/sdcard/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd.log");
 
 class StartRunner : public Poco::Runnable {
 public:
@@ -42,6 +43,8 @@ double SecondsUntilWritten(const Poco::Timestamp& start, const std::string& text
 } // namespace
 
 int main() {
+    // The test that starts the probe names its root in PVOC_TEST_ROOT.
+    brvo::test::TestRoot::Prefix();
     brvo::test::WriteLoggerSetting(
         "<OutputScheduleLogMaxBufferedSize>1000000</OutputScheduleLogMaxBufferedSize>");
     brvo::LoggerSettingManager::CreateInstance();

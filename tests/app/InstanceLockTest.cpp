@@ -12,7 +12,7 @@
 namespace brvo {
 namespace {
 
-const std::string kSocket = "/mnt/system/pvoctrl-lock-test/brevanta.octrl";
+const std::string kSocket = test::FixedPath("/mnt/system/pvoctrl-lock-test/brevanta.octrl");
 
 // Whether a separate process (which opens the file anew) can take the lock
 // beside kSocket now.
@@ -28,7 +28,7 @@ bool OtherProcessCanLock() {
 }
 
 TEST(InstanceLockTest, CreatesTheDirectoryAndTheLockFileBesideTheSocket) {
-    test::RemoveAll("/mnt/system/pvoctrl-lock-test");
+    test::RemoveAll(test::FixedPath("/mnt/system/pvoctrl-lock-test"));
     umask(022);
     InstanceLock lock;
     ASSERT_EQ(InstanceLock::kAcquired, lock.Acquire(kSocket));

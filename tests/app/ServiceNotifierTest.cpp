@@ -1,6 +1,7 @@
 #include "app/ServiceNotifier.h"
 
 #include "support/NotifyListener.h"
+#include "support/TestFiles.h"
 
 #include <gtest/gtest.h>
 
@@ -9,7 +10,7 @@
 namespace brvo {
 namespace {
 
-const std::string kNotifySocket = "/tmp/pvocd-notify-unit.sock";
+const std::string kNotifySocket = test::FixedPath("/tmp/pvocd-notify-unit.sock");
 
 class ServiceNotifierTest : public ::testing::Test {
 protected:

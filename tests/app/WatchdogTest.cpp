@@ -1,6 +1,7 @@
 #include "app/Watchdog.h"
 
 #include "settings/LoggerSettingManager.h"
+#include "support/SingletonTest.h"
 #include "support/TestFiles.h"
 #include "util/LoggerLog.h"
 
@@ -15,16 +16,15 @@
 namespace brvo {
 namespace {
 
-const std::string kDefaultFile = "/mnt/system/check/brvo";
+const std::string kDefaultFile = test::FixedPath("/mnt/system/check/brvo");
 
-class WatchdogTest : public ::testing::Test {
+class WatchdogTest : public test::SingletonTest {
 protected:
     void SetUp() override { UseSettings(""); }
 
     void TearDown() override {
         watchdog_.reset();
-        LoggerLog::DeleteInstance();
-        LoggerSettingManager::DeleteInstance();
+        SingletonTest::TearDown();
     }
 
     void UseSettings(const std::string& innerXml) {
@@ -42,7 +42,7 @@ protected:
 };
 
 TEST_F(WatchdogTest, DefaultFileIsTouchedSoonAfterStartThenEveryThirtySeconds) {
-    ASSERT_FALSE(test::FileExists("/mnt/system/check"));
+    ASSERT_FALSE(test::FileExists(test::FixedPath("/mnt/system/check")));
     const Poco::Timestamp started;
     watchdog_->Start();
     ASSERT_TRUE(test::WaitFor([] { return test::FileExists(kDefaultFile); }, 5000));
@@ -89,14 +89,17 @@ TEST_F(WatchdogTest, StopLeavesTheFileBeingTouched) {
 }
 
 TEST_F(WatchdogTest, PathWithABlankIsPassedWhole) {
-    UseSettings("<PVOutputControlWatchdogFile>/mnt/system/my check/alive file</PVOutputControlWatchdogFile>");
+    UseSettings("<PVOutputControlWatchdogFile>" + test::FixedPath("/mnt/system/my check/alive file") +
+                "</PVOutputControlWatchdogFile>");
     watchdog_->Start();
-    EXPECT_TRUE(test::WaitFor([] { return test::FileExists("/mnt/system/my check/alive file"); }, 5000));
-    EXPECT_FALSE(test::FileExists("/mnt/system/my"));
+    EXPECT_TRUE(
+        test::WaitFor([] { return test::FileExists(test::FixedPath("/mnt/system/my check/alive file")); }, 5000));
+    EXPECT_FALSE(test::FileExists(test::FixedPath("/mnt/system/my")));
 }
 
 TEST_F(WatchdogTest, PathWithADoubleQuoteBreaksTheCommand) {
-    UseSettings("<PVOutputControlWatchdogFile>/mnt/system/q/a\"b</PVOutputControlWatchdogFile>");
+    UseSettings("<PVOutputControlWatchdogFile>" + test::FixedPath("/mnt/system/q/a\"b") +
+                "</PVOutputControlWatchdogFile>");
     watchdog_->Start();
     // Polls the file as the writer's tick leaves it: LogLines() replaces the
     // log while it reads, and a line the timer thread logs in that moment
@@ -107,10 +110,12 @@ TEST_F(WatchdogTest, PathWithADoubleQuoteBreaksTheCommand) {
     EXPECT_TRUE(test::HasLogLineStarting(LogLines(), "D", "Watchdog", "status ["));
     bool commandShown = false;
     for (const std::string& line : LogLines()) {
-        if (line.find("] [/usr/bin/touch \"/mnt/system/q/a\"b\"]") != std::string::npos) commandShown = true;
+        if (line.find("] [/usr/bin/touch \"" + test::FixedPath("/mnt/system/q/a\"b") + "\"]") != std::string::npos) {
+            commandShown = true;
+        }
     }
     EXPECT_TRUE(commandShown);
-    EXPECT_FALSE(test::FileExists("/mnt/system/q/a\"b"));
+    EXPECT_FALSE(test::FileExists(test::FixedPath("/mnt/system/q/a\"b")));
 }
 
 } // namespace

@@ -4,6 +4,7 @@
 #include "client/BrvfdSendCommandRequest.h"
 #include "client/Channel.h"
 #include "settings/LoggerSettingManager.h"
+#include "support/SingletonTest.h"
 #include "support/TestFiles.h"
 #include "support/UnixPeer.h"
 #include "util/LoggerLog.h"
@@ -27,7 +28,7 @@ namespace {
 
 using test::UnixPeer;
 
-const std::string kLoggerSocket = "/mnt/system/brvlogger/brevanta.logger";
+const std::string kLoggerSocket = test::FixedPath("/mnt/system/brvlogger/brevanta.logger");
 const std::string kCommandBytes("\x08\x00\x00\x00\x01\x00\x00\x00", 8);
 
 // A 12-byte reply with `result` in the word at offset 8.
@@ -52,14 +53,13 @@ public:
     Poco::Event done;
 };
 
-class BrvfdAccessRequestTest : public ::testing::Test {
+class BrvfdAccessRequestTest : public test::SingletonTest {
 protected:
     void SetUp() override { UseSettings(""); }
 
     void TearDown() override {
         channel_.reset();
-        LoggerLog::DeleteInstance();
-        LoggerSettingManager::DeleteInstance();
+        SingletonTest::TearDown();
     }
 
     void UseSettings(const std::string& innerXml) {
@@ -69,7 +69,7 @@ protected:
             "<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>" + innerXml);
         LoggerSettingManager::CreateInstance();
         LoggerLog::CreateInstance();
-        test::WriteFile("/mnt/system/brvlogger/.keep", "");
+        test::WriteFile(test::FixedPath("/mnt/system/brvlogger/.keep"), "");
     }
 
     // Runs one exchange on the pool, as the schedule update manager does,
@@ -195,8 +195,8 @@ TEST_F(BrvfdAccessRequestTest, PeerThatHangsUpAtOnceDoesNotKillTheDaemon) {
 }
 
 TEST_F(BrvfdAccessRequestTest, SocketPathFromTheSettings) {
-    UseSettings("<LoggerSocketPath>/tmp/other.sock</LoggerSocketPath>");
-    UnixPeer peer("/tmp/other.sock", UnixPeer::kReply, Reply(3), 8);
+    UseSettings("<LoggerSocketPath>" + test::FixedPath("/tmp/other.sock") + "</LoggerSocketPath>");
+    UnixPeer peer(test::FixedPath("/tmp/other.sock"), UnixPeer::kReply, Reply(3), 8);
     EXPECT_EQ(3, SendScheduleData());
 }
 

@@ -1,6 +1,7 @@
 #include "client/BrvfdSendCommandRequest.h"
 
 #include "settings/LoggerSettingManager.h"
+#include "support/SingletonTest.h"
 #include "support/TestFiles.h"
 #include "util/LoggerLog.h"
 
@@ -20,7 +21,11 @@ std::string Reply(std::int32_t result) {
     return reply;
 }
 
-TEST(BrvfdSendCommandRequestTest, FulfilsItsPromiseOnce) {
+// The tests that log leave no process-wide instance behind, even when one
+// fails before it deletes them itself.
+class BrvfdSendCommandRequestTest : public test::SingletonTest {};
+
+TEST_F(BrvfdSendCommandRequestTest, FulfilsItsPromiseOnce) {
     BrvfdSendCommandRequest callback(1);
     EXPECT_EQ(1, callback.GetCommand());
     std::future<int> result = callback.GetFuture();
@@ -30,7 +35,7 @@ TEST(BrvfdSendCommandRequestTest, FulfilsItsPromiseOnce) {
     EXPECT_EQ(9, result.get());
 }
 
-TEST(BrvfdSendCommandRequestTest, ReplyWithoutSuccessStatusIsAFailure) {
+TEST_F(BrvfdSendCommandRequestTest, ReplyWithoutSuccessStatusIsAFailure) {
     BrvfdSendCommandRequest callback(1);
     std::future<int> result = callback.GetFuture();
     const std::string reply = Reply(0);
@@ -38,7 +43,7 @@ TEST(BrvfdSendCommandRequestTest, ReplyWithoutSuccessStatusIsAFailure) {
     EXPECT_EQ(1, result.get());
 }
 
-TEST(BrvfdSendCommandRequestTest, FailureIsLoggedWithItsStatus) {
+TEST_F(BrvfdSendCommandRequestTest, FailureIsLoggedWithItsStatus) {
     test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>");
     LoggerSettingManager::CreateInstance();
     LoggerLog::CreateInstance();

@@ -5,6 +5,7 @@
 #include "settings/LoggerSettingManager.h"
 #include "support/HttpTestServer.h"
 #include "support/SchedulePayload.h"
+#include "support/SingletonTest.h"
 #include "support/TestFiles.h"
 #include "util/LoggerLog.h"
 
@@ -32,7 +33,7 @@ namespace {
 
 using test::HttpTestServer;
 
-const std::string kMacFile = "/sys/class/net/eth0/address";
+const std::string kMacFile = test::FixedPath("/sys/class/net/eth0/address");
 const std::string kTag = "ScheduleServerAccessRequest";
 const std::string kFailurePrefix = "schedule server access failed. EXCEPTION[";
 // Longer than any test runs: a server that never answers. Its delay ends
@@ -111,7 +112,7 @@ private:
     int port_;
 };
 
-class ScheduleServerAccessRequestTest : public ::testing::Test {
+class ScheduleServerAccessRequestTest : public test::SingletonTest {
 protected:
     void SetUp() override {
         test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>");
@@ -119,11 +120,6 @@ protected:
         LoggerLog::CreateInstance();
         test::WriteFile(kMacFile, "00:1a:2b:3c:4d:5e\n");
         channel_.StartWorkers();
-    }
-
-    void TearDown() override {
-        LoggerLog::DeleteInstance();
-        LoggerSettingManager::DeleteInstance();
     }
 
     // Runs one exchange on the pool with the given parameters.
@@ -223,7 +219,8 @@ TEST_F(ScheduleServerAccessRequestTest, MissingMacFileStillSendsTheRequest) {
     Exchange(recorder, "0000", "P", server.Url("/"));
     EXPECT_EQ(0, recorder.status);
     EXPECT_EQ("power_plant_id=P&mac_address=&schedule_kbn=0000", server.Requests().at(0).body);
-    EXPECT_TRUE(test::HasLogLine(LogLines(), "E", kTag, "failed to open /sys/class/net/eth0/address"));
+    EXPECT_TRUE(
+        test::HasLogLine(LogLines(), "E", kTag, "failed to open " + test::FixedPath("/sys/class/net/eth0/address")));
 }
 
 TEST_F(ScheduleServerAccessRequestTest, OtherStatusIsReportedAsAnAnswer) {
@@ -341,12 +338,13 @@ TEST_F(ScheduleServerAccessRequestTest, GarbageAnswerIsALibraryException) {
 }
 
 TEST_F(ScheduleServerAccessRequestTest, HttpsServerTrustedThroughTheCertificatesDirectory) {
-    ASSERT_TRUE(test::MakeCertificate("/tmp/server.pem", "/tmp/server.key"));
+    ASSERT_TRUE(test::MakeCertificate(test::FixedPath("/tmp/server.pem"), test::FixedPath("/tmp/server.key")));
     // The certificates directory lies under the data root on the card.
-    test::WriteFile("/media/sdcard/kestrovanyx/Certificates/server.pem", test::ReadFile("/tmp/server.pem"));
+    test::WriteFile(test::FixedPath("/media/sdcard/kestrovanyx/Certificates/server.pem"),
+                    test::ReadFile(test::FixedPath("/tmp/server.pem")));
     const std::string body = test::BinaryPartBody("b1", std::string("\x05\x06", 2));
     HttpTestServer server(HttpTestServer::Answer(200, test::MultipartContentType("b1"), body),
-                          HttpTestServer::Tls{"/tmp/server.pem", "/tmp/server.key"});
+                          HttpTestServer::Tls{test::FixedPath("/tmp/server.pem"), test::FixedPath("/tmp/server.key")});
     ASSERT_EQ(0u, server.Url("/s").find("https://127.0.0.1:"));
     Recorder recorder;
     Exchange(recorder, "0000", "P", server.Url("/tls/schedule?x=1"));
@@ -359,9 +357,9 @@ TEST_F(ScheduleServerAccessRequestTest, HttpsServerTrustedThroughTheCertificates
 }
 
 TEST_F(ScheduleServerAccessRequestTest, HttpsServerWithAnUnknownCertificateFails) {
-    ASSERT_TRUE(test::MakeCertificate("/tmp/server.pem", "/tmp/server.key"));
+    ASSERT_TRUE(test::MakeCertificate(test::FixedPath("/tmp/server.pem"), test::FixedPath("/tmp/server.key")));
     HttpTestServer server(HttpTestServer::Answer(200, "text/plain", "x"),
-                          HttpTestServer::Tls{"/tmp/server.pem", "/tmp/server.key"});
+                          HttpTestServer::Tls{test::FixedPath("/tmp/server.pem"), test::FixedPath("/tmp/server.key")});
     Recorder recorder;
     Exchange(recorder, "0000", "P", server.Url("/s"));
     EXPECT_EQ(1, recorder.status);
@@ -374,10 +372,11 @@ TEST_F(ScheduleServerAccessRequestTest, HttpsServerWithAnUnknownCertificateFails
 // The handshake runs on a socket the exchange made itself: the server's
 // certificate must still name the host asked for.
 TEST_F(ScheduleServerAccessRequestTest, HttpsServerWhoseCertificateNamesAnotherHostFails) {
-    ASSERT_TRUE(test::MakeCertificate("/tmp/server.pem", "/tmp/server.key"));
-    test::WriteFile("/media/sdcard/kestrovanyx/Certificates/server.pem", test::ReadFile("/tmp/server.pem"));
+    ASSERT_TRUE(test::MakeCertificate(test::FixedPath("/tmp/server.pem"), test::FixedPath("/tmp/server.key")));
+    test::WriteFile(test::FixedPath("/media/sdcard/kestrovanyx/Certificates/server.pem"),
+                    test::ReadFile(test::FixedPath("/tmp/server.pem")));
     HttpTestServer server(HttpTestServer::Answer(200, "text/plain", "x"),
-                          HttpTestServer::Tls{"/tmp/server.pem", "/tmp/server.key"});
+                          HttpTestServer::Tls{test::FixedPath("/tmp/server.pem"), test::FixedPath("/tmp/server.key")});
     Recorder recorder;
     Exchange(recorder, "0000", "P", "https://localhost:" + std::to_string(server.Port()) + "/s");
     EXPECT_EQ(1, recorder.status);
@@ -585,10 +584,11 @@ TEST_F(ScheduleServerAccessRequestTest, HandshakeThatNeverEndsEndsAtTheDeadline)
 }
 
 TEST_F(ScheduleServerAccessRequestTest, TrickleOverTlsEndsAtTheDeadline) {
-    ASSERT_TRUE(test::MakeCertificate("/tmp/server.pem", "/tmp/server.key"));
-    test::WriteFile("/media/sdcard/kestrovanyx/Certificates/server.pem", test::ReadFile("/tmp/server.pem"));
+    ASSERT_TRUE(test::MakeCertificate(test::FixedPath("/tmp/server.pem"), test::FixedPath("/tmp/server.key")));
+    test::WriteFile(test::FixedPath("/media/sdcard/kestrovanyx/Certificates/server.pem"),
+                    test::ReadFile(test::FixedPath("/tmp/server.pem")));
     HttpTestServer server(HttpTestServer::Answer(200, "text/plain", std::string(100, 't')),
-                          HttpTestServer::Tls{"/tmp/server.pem", "/tmp/server.key"});
+                          HttpTestServer::Tls{test::FixedPath("/tmp/server.pem"), test::FixedPath("/tmp/server.key")});
     server.Drip(100);
     Recorder recorder;
     ScheduleServerAccessRequest* request = new ScheduleServerAccessRequest(&recorder);

@@ -7,6 +7,7 @@
 #include "settings/LoggerSettingManager.h"
 #include "support/HttpTestServer.h"
 #include "support/SchedulePayload.h"
+#include "support/SingletonTest.h"
 #include "support/TestFiles.h"
 #include "util/LoggerLog.h"
 
@@ -21,19 +22,14 @@ namespace {
 
 using test::HttpTestServer;
 
-class ScheduleServerSendRequestTest : public ::testing::Test {
+class ScheduleServerSendRequestTest : public test::SingletonTest {
 protected:
     void SetUp() override {
         test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>");
         LoggerSettingManager::CreateInstance();
         LoggerLog::CreateInstance();
-        test::WriteFile("/sys/class/net/eth0/address", "00:1a:2b:3c:4d:5e\n");
+        test::WriteFile(test::FixedPath("/sys/class/net/eth0/address"), "00:1a:2b:3c:4d:5e\n");
         channel_.StartWorkers();
-    }
-
-    void TearDown() override {
-        LoggerLog::DeleteInstance();
-        LoggerSettingManager::DeleteInstance();
     }
 
     // Starts an exchange the way the schedule update manager does and waits

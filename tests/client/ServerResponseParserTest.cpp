@@ -2,6 +2,7 @@
 
 #include "settings/LoggerSettingManager.h"
 #include "support/SchedulePayload.h"
+#include "support/SingletonTest.h"
 #include "support/TestFiles.h"
 #include "util/LoggerLog.h"
 
@@ -16,7 +17,8 @@
 namespace brvo {
 namespace {
 
-const std::string kLogFile = "/media/sdcard/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd.log";
+const std::string kLogFile =
+    test::FixedPath("/media/sdcard/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd.log");
 const std::string kCrlf = "\r\n";
 const std::string kBinaryType = "Content-Type: application/octet-stream";
 const std::string kTextType = "Content-Type: text/plain; charset=UTF-8";
@@ -48,16 +50,12 @@ std::string Bytes(std::initializer_list<int> values) {
     return bytes;
 }
 
-class ServerResponseParserLogTest : public ::testing::Test {
+class ServerResponseParserLogTest : public test::SingletonTest {
 protected:
     void SetUp() override {
         test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>");
         LoggerSettingManager::CreateInstance();
         LoggerLog::CreateInstance();
-    }
-    void TearDown() override {
-        LoggerLog::DeleteInstance();
-        LoggerSettingManager::DeleteInstance();
     }
     // Ends the log so that everything is on disk, then reads it.
     std::string LogText() {

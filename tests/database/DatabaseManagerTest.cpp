@@ -2,9 +2,9 @@
 
 #include "database/ScheduleDatabase.h"
 #include "settings/LoggerSettingManager.h"
+#include "support/SingletonTest.h"
 #include "support/SqliteFile.h"
 #include "support/TestFiles.h"
-#include "util/FileUtil.h"
 #include "util/LoggerLog.h"
 
 #include <gtest/gtest.h>
@@ -21,9 +21,9 @@ namespace brvo {
 namespace {
 
 const std::string kTag = "ProbeTable";
-const std::string kProbeFile = "/media/sdcard/probe.db";
+const std::string kProbeFile = test::FixedPath("/media/sdcard/probe.db");
 const std::string kScheduleFile =
-    "/media/sdcard/kestrovanyx/Database/OutputControl/output_control_schedule.db";
+    test::FixedPath("/media/sdcard/kestrovanyx/Database/OutputControl/output_control_schedule.db");
 
 // A table of its own on the common base, to read the session's settings.
 class ProbeTable : public DatabaseManager {
@@ -73,7 +73,7 @@ Extension AsExtension(int (*entry)(sqlite3*, char**, const sqlite3_api_routines*
     return reinterpret_cast<Extension>(reinterpret_cast<void*>(entry));
 }
 
-class DatabaseManagerTest : public ::testing::Test {
+class DatabaseManagerTest : public test::SingletonTest {
 protected:
     void SetUp() override {
         test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>");
@@ -84,9 +84,7 @@ protected:
     void TearDown() override {
         sqlite3_reset_auto_extension();
         probe_.reset();
-        LoggerLog::DeleteInstance();
-        LoggerSettingManager::DeleteInstance();
-        FileUtil::ResetDataRoot();
+        SingletonTest::TearDown();
     }
 
     ProbeTable& Probe() {

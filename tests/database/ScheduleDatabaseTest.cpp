@@ -3,6 +3,7 @@
 #include "schedule/ScheduleModel.h"
 #include "settings/LoggerSettingManager.h"
 #include "support/SchedulePayload.h"
+#include "support/SingletonTest.h"
 #include "support/SqliteFile.h"
 #include "support/TestFiles.h"
 #include "util/FileUtil.h"
@@ -28,7 +29,7 @@ namespace {
 
 const std::string kTag = "ScheduleDatabase";
 const std::string kDbFile =
-    "/media/sdcard/kestrovanyx/Database/OutputControl/output_control_schedule.db";
+    test::FixedPath("/media/sdcard/kestrovanyx/Database/OutputControl/output_control_schedule.db");
 const std::int64_t kDay = 86400;
 
 std::int64_t Now() {
@@ -72,15 +73,13 @@ std::chrono::milliseconds Scaled(long long ms) {
     return std::chrono::milliseconds(ms * test::TimeScale());
 }
 
-class ScheduleDatabaseTest : public ::testing::Test {
+class ScheduleDatabaseTest : public test::SingletonTest {
 protected:
     void SetUp() override { UseSettings(""); }
 
     void TearDown() override {
         database_.reset();
-        LoggerLog::DeleteInstance();
-        LoggerSettingManager::DeleteInstance();
-        FileUtil::ResetDataRoot();
+        SingletonTest::TearDown();
     }
 
     void UseSettings(const std::string& innerXml) {
@@ -129,10 +128,11 @@ TEST_F(ScheduleDatabaseTest, CreatesItsFileAndTableInTheDatabaseDirectory) {
 }
 
 TEST_F(ScheduleDatabaseTest, UnwritableCardMovesTheFileUnderTmp) {
-    test::WriteFile("/media/sdcard/blocked", "");
-    UseSettings("<SdcardPath>/media/sdcard/blocked</SdcardPath>");
+    test::WriteFile(test::FixedPath("/media/sdcard/blocked"), "");
+    UseSettings("<SdcardPath>" + test::FixedPath("/media/sdcard/blocked") + "</SdcardPath>");
     EXPECT_TRUE(Database().InsertUpdateSchedule({Row(Now() + 3600, 40)}));
-    EXPECT_TRUE(test::FileExists("/tmp/kestrovanyx/Database/OutputControl/output_control_schedule.db"));
+    EXPECT_TRUE(
+        test::FileExists(test::FixedPath("/tmp/kestrovanyx/Database/OutputControl/output_control_schedule.db")));
 }
 
 TEST_F(ScheduleDatabaseTest, DeleteAllTellsWhetherRowsWentAway) {

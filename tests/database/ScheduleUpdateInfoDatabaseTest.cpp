@@ -1,6 +1,7 @@
 #include "database/ScheduleUpdateInfoDatabase.h"
 
 #include "settings/LoggerSettingManager.h"
+#include "support/SingletonTest.h"
 #include "support/SqliteFile.h"
 #include "support/TestFiles.h"
 #include "util/FileUtil.h"
@@ -17,7 +18,7 @@ namespace {
 
 const std::string kTag = "ScheduleUpdateDataInfo";
 const std::string kDbFile =
-    "/media/sdcard/kestrovanyx/Database/OutputControl/output_control_schedule_update_info.db";
+    test::FixedPath("/media/sdcard/kestrovanyx/Database/OutputControl/output_control_schedule_update_info.db");
 
 ScheduleUpdateInfo Info(const std::string& plantId, const std::string& next = "2022-01-20 00:00:00",
                         int flag = 3, bool need = true) {
@@ -30,7 +31,7 @@ ScheduleUpdateInfo Info(const std::string& plantId, const std::string& next = "2
     return info;
 }
 
-class ScheduleUpdateInfoDatabaseTest : public ::testing::Test {
+class ScheduleUpdateInfoDatabaseTest : public test::SingletonTest {
 protected:
     void SetUp() override {
         test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>");
@@ -41,9 +42,7 @@ protected:
 
     void TearDown() override {
         database_.reset();
-        LoggerLog::DeleteInstance();
-        LoggerSettingManager::DeleteInstance();
-        FileUtil::ResetDataRoot();
+        SingletonTest::TearDown();
     }
 
     static std::vector<std::string> LogLines() { return test::FlushedLogLines(); }

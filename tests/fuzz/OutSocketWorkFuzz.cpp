@@ -21,15 +21,11 @@
 // libFuzzer's crash report names the last one.
 #include "fuzz/FuzzEnvironment.h"
 
-#include "database/ScheduleDatabase.h"
 #include "schedule/ScheduleUpdateManager.h"
 #include "server/OutSocketWork.h"
-#include "settings/DeviceSettingXmlManager.h"
-#include "settings/LoggerSettingManager.h"
-#include "settings/SystemSettingXmlManager.h"
 #include "support/SchedulePayload.h"
+#include "support/SingletonScope.h"
 #include "util/FileUtil.h"
-#include "util/LoggerLog.h"
 
 #include <Poco/AutoPtr.h>
 #include <Poco/DateTimeFormatter.h>
@@ -115,14 +111,7 @@ bool WriteAll(int fd, const std::uint8_t* data, std::size_t size) {
 
 // As the daemon's stop does: the manager's timers end and the log is written
 // out, instead of the exit waiting for timer threads that never finish.
-void TearDown() {
-    brvo::ScheduleUpdateManager::DeleteInstance();
-    brvo::ScheduleDatabase::DeleteInstance();
-    brvo::DeviceSettingXmlManager::DeleteInstance();
-    brvo::SystemSettingXmlManager::DeleteInstance();
-    brvo::LoggerLog::DeleteInstance();
-    brvo::LoggerSettingManager::DeleteInstance();
-}
+void TearDown() { brvo::test::SingletonScope::DeleteAll(); }
 
 } // namespace
 

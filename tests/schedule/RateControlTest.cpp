@@ -1,11 +1,9 @@
 #include "schedule/RateControl.h"
 
 #include "database/ScheduleDatabase.h"
-#include "settings/DeviceSettingXmlManager.h"
 #include "settings/LoggerSettingManager.h"
-#include "settings/SystemSettingXmlManager.h"
+#include "support/SingletonTest.h"
 #include "support/TestFiles.h"
-#include "util/FileUtil.h"
 #include "util/LoggerLog.h"
 #include "util/TimeStamp.h"
 
@@ -33,21 +31,12 @@ Poco::Timestamp At(std::int64_t seconds) {
     return Poco::Timestamp(static_cast<Poco::Timestamp::TimeVal>(seconds) * 1000000);
 }
 
-class RateControlTest : public ::testing::Test {
+class RateControlTest : public test::SingletonTest {
 protected:
     void SetUp() override {
         UseLoggerSettings("");
         WriteSystemSetting("PLANT1");
         WriteDevice("Value0=\"0\" Value100=\"100\" ValueMin=\"0\"");
-    }
-
-    void TearDown() override {
-        ScheduleDatabase::DeleteInstance();
-        DeviceSettingXmlManager::DeleteInstance();
-        SystemSettingXmlManager::DeleteInstance();
-        LoggerLog::DeleteInstance();
-        LoggerSettingManager::DeleteInstance();
-        FileUtil::ResetDataRoot();
     }
 
     void UseLoggerSettings(const std::string& innerXml) {
@@ -71,12 +60,14 @@ protected:
     }
 
     static void WriteDevice(const std::string& limitAttributes) {
-        test::WriteFile("/usr/local/etc/kestrovanyx/DeviceXML/pv.xml",
+        test::WriteFile(test::FixedPath("/usr/local/etc/kestrovanyx/DeviceXML/pv.xml"),
                         "<lggrdev:EchonetLiteDevices xmlns:lggrdev=\"urn:x\"><lggrdev:Device>"
                         "<lggrdev:Properties><lggrdev:Property><lggrdev:Variables>"
-                        "<lggrdev:VariableInfo Name=\"Limit\" " + limitAttributes + "/>"
-                        "</lggrdev:Variables></lggrdev:Property></lggrdev:Properties>"
-                        "</lggrdev:Device></lggrdev:EchonetLiteDevices>");
+                        "<lggrdev:VariableInfo Name=\"Limit\" " +
+                            limitAttributes +
+                            "/>"
+                            "</lggrdev:Variables></lggrdev:Property></lggrdev:Properties>"
+                            "</lggrdev:Device></lggrdev:EchonetLiteDevices>");
     }
 
     static void Store(const std::vector<ScheduleRow>& rows) {
@@ -228,7 +219,7 @@ TEST_F(RateControlTest, EmptyTableIsCodeFiveForTheCurrentSlotToo) {
 }
 
 TEST_F(RateControlTest, MissingDeviceKeepsTheDefaults) {
-    test::RemoveAll("/usr/local/etc/kestrovanyx/DeviceXML/pv.xml");
+    test::RemoveAll(test::FixedPath("/usr/local/etc/kestrovanyx/DeviceXML/pv.xml"));
     Store({Row(kSlot, 50)});
     std::shared_ptr<TargetPowerResult> result = Target(4.0, RateControl::kCurrentTargetPower);
     ASSERT_TRUE(result->IsSuccess());

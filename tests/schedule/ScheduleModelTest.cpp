@@ -2,6 +2,7 @@
 
 #include "settings/LoggerSettingManager.h"
 #include "support/SchedulePayload.h"
+#include "support/SingletonTest.h"
 #include "support/TestFiles.h"
 #include "util/LoggerLog.h"
 #include "util/TimeStamp.h"
@@ -24,7 +25,8 @@ using test::BuildSchedulePayload;
 using test::ScheduleRecord;
 using test::SchedulePayload;
 
-const std::string kLogFile = "/media/sdcard/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd.log";
+const std::string kLogFile =
+    test::FixedPath("/media/sdcard/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd.log");
 const std::string kPlantId = "01234567890123456789012345";
 const std::string kChecksumError = "Output rate data Checksum error.";
 const std::string kDataError = "Schedule data error. exception";
@@ -63,16 +65,12 @@ void ExpectSlots(const std::vector<ScheduleRow>& slots, std::size_t offset, std:
     }
 }
 
-class ScheduleModelLogTest : public ::testing::Test {
+class ScheduleModelLogTest : public test::SingletonTest {
 protected:
     void SetUp() override {
         test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>");
         LoggerSettingManager::CreateInstance();
         LoggerLog::CreateInstance();
-    }
-    void TearDown() override {
-        LoggerLog::DeleteInstance();
-        LoggerSettingManager::DeleteInstance();
     }
     // Ends the log so that everything is on disk, then reads its lines.
     std::vector<std::string> LogLines() {

@@ -2,11 +2,11 @@
 
 #include "database/ScheduleDatabase.h"
 #include "schedule/ScheduleModel.h"
-#include "settings/DeviceSettingXmlManager.h"
 #include "settings/LoggerSettingManager.h"
 #include "settings/SystemSettingXmlManager.h"
 #include "support/HttpTestServer.h"
 #include "support/SchedulePayload.h"
+#include "support/SingletonTest.h"
 #include "support/SqliteFile.h"
 #include "support/TestFiles.h"
 #include "support/UnixPeer.h"
@@ -30,7 +30,8 @@ namespace {
 using test::HttpTestServer;
 
 const std::string kTag = "ScheduleUpdateManager";
-const std::string kDbFile = "/media/sdcard/kestrovanyx/Database/OutputControl/output_control_schedule.db";
+const std::string kDbFile =
+    test::FixedPath("/media/sdcard/kestrovanyx/Database/OutputControl/output_control_schedule.db");
 const std::string kPlant = "00000000000000000000000777";
 // Longer than any test runs: a schedule server that never answers. Its
 // delay ends when the server is destroyed.
@@ -57,11 +58,11 @@ std::string StoredSlots() {
     return test::QueryValue(kDbFile, "SELECT COUNT(*) FROM output_control_schedule");
 }
 
-class ScheduleUpdateManagerTest : public ::testing::Test {
+class ScheduleUpdateManagerTest : public test::SingletonTest {
 protected:
     void SetUp() override {
         UseLoggerSettings("");
-        test::WriteFile("/sys/class/net/eth0/address", "00:1a:2b:3c:4d:5e\n");
+        test::WriteFile(test::FixedPath("/sys/class/net/eth0/address"), "00:1a:2b:3c:4d:5e\n");
         tomorrow_ = TimeStamp().EpochSeconds() / 86400 * 86400 + 86400;
         update_.plantId = "777";
         update_.start = ServerTime(tomorrow_, "%Y%m%d%H%M");
@@ -71,16 +72,6 @@ protected:
         fixed_ = update_;
         fixed_.start = ServerTime(tomorrow_ + 86400, "%Y%m%d%H%M");
         fixed_.rates = std::vector<int>(48, 30);
-    }
-
-    void TearDown() override {
-        ScheduleUpdateManager::DeleteInstance();
-        ScheduleDatabase::DeleteInstance();
-        DeviceSettingXmlManager::DeleteInstance();
-        SystemSettingXmlManager::DeleteInstance();
-        LoggerLog::DeleteInstance();
-        LoggerSettingManager::DeleteInstance();
-        FileUtil::ResetDataRoot();
     }
 
     void UseLoggerSettings(const std::string& innerXml) {
@@ -208,8 +199,9 @@ TEST_F(ScheduleUpdateManagerTest, RefusedAnswersStoreNothing) {
                                                     payload, false)),
          HttpTestServer::Answer(200, type, test::BinaryPartBody("b", payload.substr(0, payload.size() - 1))),
          HttpTestServer::Answer(200, type, test::BinaryPartBody("b", overflowed))});
-    test::WriteFile("/mnt/system/brvlogger/.keep", "");
-    test::UnixPeer logger("/mnt/system/brvlogger/brevanta.logger", test::UnixPeer::kReply, std::string(12, '\0'), 8);
+    test::WriteFile(test::FixedPath("/mnt/system/brvlogger/.keep"), "");
+    test::UnixPeer logger(test::FixedPath("/mnt/system/brvlogger/brevanta.logger"), test::UnixPeer::kReply,
+                          std::string(12, '\0'), 8);
     ScheduleUpdateManager& manager = Manager(kPlant, server.Url("/s"));
     const ScheduleUpdateInfo before = manager.GetUpdateInfo();
 
@@ -295,8 +287,9 @@ TEST_F(ScheduleUpdateManagerTest, UpdateTimerFiresAtTheStoredTime) {
     UseLoggerSettings("<OutputScheduleMonitoringInterval>1</OutputScheduleMonitoringInterval>");
     HttpTestServer server({HttpTestServer::Answer(503, "text/plain", "busy"), test::ScheduleServerAnswer(update_, test::kUpdateSchedule),
                            test::ScheduleServerAnswer(fixed_, test::kFixedSchedule)});
-    test::WriteFile("/mnt/system/brvlogger/.keep", "");
-    test::UnixPeer logger("/mnt/system/brvlogger/brevanta.logger", test::UnixPeer::kReply, std::string(12, '\0'), 8);
+    test::WriteFile(test::FixedPath("/mnt/system/brvlogger/.keep"), "");
+    test::UnixPeer logger(test::FixedPath("/mnt/system/brvlogger/brevanta.logger"), test::UnixPeer::kReply,
+                          std::string(12, '\0'), 8);
     ScheduleUpdateManager& manager = Manager(kPlant, server.Url("/s"));
     bool started = false;
     manager.CheckAndUpdateWithSystemSetting(started, true);
@@ -304,9 +297,10 @@ TEST_F(ScheduleUpdateManagerTest, UpdateTimerFiresAtTheStoredTime) {
     // Bring the stored next update time to two seconds from now.
     ScheduleUpdateInfo info = manager.GetUpdateInfo();
     const std::int64_t due = TimeStamp().EpochSeconds() + 2;
-    test::QueryFile("/media/sdcard/kestrovanyx/Database/OutputControl/output_control_schedule_update_info.db",
-                    "UPDATE output_control_schedule_update_info SET nextUpdateTime = '" +
-                        TimeStamp::FromEpochSeconds(due)->FormatDisplay() + "'");
+    test::QueryFile(
+        test::FixedPath("/media/sdcard/kestrovanyx/Database/OutputControl/output_control_schedule_update_info.db"),
+        "UPDATE output_control_schedule_update_info SET nextUpdateTime = '" +
+            TimeStamp::FromEpochSeconds(due)->FormatDisplay() + "'");
     manager.Start();
     ASSERT_EQ(due, manager.GetScheduleUpdateTime()->EpochSeconds());
     ASSERT_TRUE(test::WaitFor([&] { return server.Requests().size() >= 2; }, 10000));
@@ -326,9 +320,10 @@ TEST_F(ScheduleUpdateManagerTest, UpdateTimerFiresAtTheStoredTime) {
 std::vector<std::string> TimerRunAgainst(ScheduleUpdateManager& manager, HttpTestServer& server) {
     bool started = false;
     manager.CheckAndUpdateWithSystemSetting(started, true);
-    test::QueryFile("/media/sdcard/kestrovanyx/Database/OutputControl/output_control_schedule_update_info.db",
-                    "UPDATE output_control_schedule_update_info SET nextUpdateTime = '" +
-                        TimeStamp::FromEpochSeconds(TimeStamp().EpochSeconds() + 1)->FormatDisplay() + "'");
+    test::QueryFile(
+        test::FixedPath("/media/sdcard/kestrovanyx/Database/OutputControl/output_control_schedule_update_info.db"),
+        "UPDATE output_control_schedule_update_info SET nextUpdateTime = '" +
+            TimeStamp::FromEpochSeconds(TimeStamp().EpochSeconds() + 1)->FormatDisplay() + "'");
     manager.Start();
     EXPECT_TRUE(test::WaitFor([&] { return server.Requests().size() >= 2; }, 10000));
     Poco::Thread::sleep(300);
@@ -369,9 +364,10 @@ TEST_F(ScheduleUpdateManagerTest, StopCancelsASleepingCallbackPromptly) {
     ScheduleUpdateManager& manager = Manager(kPlant, server.Url("/s"));
     bool started = false;
     manager.CheckAndUpdateWithSystemSetting(started, true);
-    test::QueryFile("/media/sdcard/kestrovanyx/Database/OutputControl/output_control_schedule_update_info.db",
-                    "UPDATE output_control_schedule_update_info SET nextUpdateTime = '" +
-                        TimeStamp::FromEpochSeconds(TimeStamp().EpochSeconds() + 30)->FormatDisplay() + "'");
+    test::QueryFile(
+        test::FixedPath("/media/sdcard/kestrovanyx/Database/OutputControl/output_control_schedule_update_info.db"),
+        "UPDATE output_control_schedule_update_info SET nextUpdateTime = '" +
+            TimeStamp::FromEpochSeconds(TimeStamp().EpochSeconds() + 30)->FormatDisplay() + "'");
     manager.Start();
     Poco::Thread::sleep(1500);
     const Poco::Timestamp stopping;
@@ -498,8 +494,8 @@ TEST_F(ScheduleUpdateManagerTest, ShutdownEndsAForwardingWaitingOnASilentLoggerD
     // Declared before the logger daemon: its end lets a stalled forwarding
     // finish, whatever happens in the test.
     std::future<int> forwarded;
-    test::WriteFile("/mnt/system/brvlogger/.keep", "");
-    test::UnixPeer logger("/mnt/system/brvlogger/brevanta.logger", test::UnixPeer::kSilent, "", 8);
+    test::WriteFile(test::FixedPath("/mnt/system/brvlogger/.keep"), "");
+    test::UnixPeer logger(test::FixedPath("/mnt/system/brvlogger/brevanta.logger"), test::UnixPeer::kSilent, "", 8);
     ScheduleUpdateManager& manager = Manager(kPlant, "http://127.0.0.1:1/");
     forwarded = std::async(std::launch::async, [] {
         ScheduleUpdateManager::Pin pinned;

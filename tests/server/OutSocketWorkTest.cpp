@@ -6,9 +6,9 @@
 #include "schedule/UpdateResult.h"
 #include "settings/LoggerSettingManager.h"
 #include "settings/SystemSettingXmlManager.h"
-#include "settings/DeviceSettingXmlManager.h"
 #include "support/HttpTestServer.h"
 #include "support/SchedulePayload.h"
+#include "support/SingletonTest.h"
 #include "support/SqliteFile.h"
 #include "support/TestFiles.h"
 #include "support/UnixPeer.h"
@@ -32,7 +32,7 @@ using test::HttpTestServer;
 
 const std::string kTag = "OutputcontrolServer";
 const std::string kDbFile =
-    "/media/sdcard/kestrovanyx/Database/OutputControl/output_control_schedule.db";
+    test::FixedPath("/media/sdcard/kestrovanyx/Database/OutputControl/output_control_schedule.db");
 
 std::string Bytes(const std::vector<unsigned char>& data) {
     return std::string(data.begin(), data.end());
@@ -61,7 +61,7 @@ std::string Field(const std::string& text, std::size_t size) {
     return field;
 }
 
-class OutSocketWorkTest : public ::testing::Test {
+class OutSocketWorkTest : public test::SingletonTest {
 protected:
     void SetUp() override {
         test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>"
@@ -69,17 +69,7 @@ protected:
         LoggerSettingManager::CreateInstance();
         LoggerLog::CreateInstance();
         FileUtil::ResetDataRoot();
-        test::WriteFile("/sys/class/net/eth0/address", "00:1a:2b:3c:4d:5e\n");
-    }
-
-    void TearDown() override {
-        ScheduleUpdateManager::DeleteInstance();
-        ScheduleDatabase::DeleteInstance();
-        DeviceSettingXmlManager::DeleteInstance();
-        SystemSettingXmlManager::DeleteInstance();
-        LoggerLog::DeleteInstance();
-        LoggerSettingManager::DeleteInstance();
-        FileUtil::ResetDataRoot();
+        test::WriteFile(test::FixedPath("/sys/class/net/eth0/address"), "00:1a:2b:3c:4d:5e\n");
     }
 
     // Sends `request` over a socket pair, runs the work item and returns
@@ -165,34 +155,37 @@ TEST_F(OutSocketWorkTest, UnknownTypesGetNoAnswer) {
 }
 
 TEST_F(OutSocketWorkTest, FixedScheduleFileMissing) {
-    const std::string answer = Serve(Request(4, Field("/tmp/none.hex", 256) + std::string(1, '\1')));
+    const std::string answer = Serve(Request(4, Field(test::FixedPath("/tmp/none.hex"), 256) + std::string(1, '\1')));
     ASSERT_EQ(171u, answer.size());
     EXPECT_EQ(9, WordAt(answer, 35));
     EXPECT_EQ(0, WordAt(answer, 39));
     EXPECT_EQ(Field("file not found.", 128), answer.substr(43));
     EXPECT_TRUE(test::HasLogLine(LogLines(), "D", kTag,
-                                 "UpdateFixedSchedule Param file_path [/tmp/none.hex]  update_flg [1]"));
+                                 "UpdateFixedSchedule Param file_path [" + test::FixedPath("/tmp/none.hex") +
+                                     "]  update_flg [1]"));
 }
 
 TEST_F(OutSocketWorkTest, EmptyFixedScheduleFileIsPassedOnAsEmptyText) {
     ScheduleUpdateManager::CreateInstance();
-    test::WriteFile("/tmp/empty.hex", "");
-    const std::string answer = Serve(Request(4, Field("/tmp/empty.hex", 256) + std::string(1, '\2')));
+    test::WriteFile(test::FixedPath("/tmp/empty.hex"), "");
+    const std::string answer = Serve(Request(4, Field(test::FixedPath("/tmp/empty.hex"), 256) + std::string(1, '\2')));
     ASSERT_EQ(171u, answer.size());
     EXPECT_EQ(3, WordAt(answer, 35));
     EXPECT_EQ(Field("data is missing.", 128), answer.substr(43));
     // A flag of 2 is not 1: no force.
     EXPECT_TRUE(test::HasLogLine(LogLines(), "D", kTag,
-                                 "UpdateFixedSchedule Param file_path [/tmp/empty.hex]  update_flg [0]"));
+                                 "UpdateFixedSchedule Param file_path [" + test::FixedPath("/tmp/empty.hex") +
+                                     "]  update_flg [0]"));
 }
 
 // Only a regular file is read: anything else is refused at once, without
 // a model, and logged.
 TEST_F(OutSocketWorkTest, FixedSchedulePathThatIsNoRegularFileIsRefused) {
     ScheduleUpdateManager::CreateInstance();
-    test::WriteFile("/tmp/adir/.keep", "");
-    test::MakeFifo("/tmp/fixed.fifo");
-    for (const std::string path : {"/tmp/adir", "/tmp/fixed.fifo", "/dev/zero"}) {
+    test::WriteFile(test::FixedPath("/tmp/adir/.keep"), "");
+    test::MakeFifo(test::FixedPath("/tmp/fixed.fifo"));
+    for (const std::string& path :
+         {test::FixedPath("/tmp/adir"), test::FixedPath("/tmp/fixed.fifo"), std::string("/dev/zero")}) {
         const std::string answer = Serve(Request(4, Field(path, 256) + std::string(1, '\1')));
         ASSERT_EQ(171u, answer.size()) << path;
         EXPECT_EQ(std::string(27, '\0'), answer.substr(8, 27)) << path;
@@ -204,22 +197,22 @@ TEST_F(OutSocketWorkTest, FixedSchedulePathThatIsNoRegularFileIsRefused) {
             << path;
     }
     EXPECT_EQ(Word(144) + Word(8) + std::string(136, '\0'), Serve(Request(8)));
-    test::RemoveAll("/tmp/fixed.fifo");
+    test::RemoveAll(test::FixedPath("/tmp/fixed.fifo"));
 }
 
 TEST_F(OutSocketWorkTest, FixedScheduleFileOverFourMebibytesIsRefused) {
     ScheduleUpdateManager::CreateInstance();
     const std::size_t cap = 4 * 1024 * 1024;
-    test::WriteFile("/tmp/large.hex", std::string(cap, '0'));
-    const std::string atCap = Serve(Request(4, Field("/tmp/large.hex", 256) + std::string(1, '\0')));
+    test::WriteFile(test::FixedPath("/tmp/large.hex"), std::string(cap, '0'));
+    const std::string atCap = Serve(Request(4, Field(test::FixedPath("/tmp/large.hex"), 256) + std::string(1, '\0')));
     ASSERT_EQ(171u, atCap.size());
     EXPECT_NE(9, WordAt(atCap, 35));
-    test::WriteFile("/tmp/large.hex", std::string(cap + 1, '0'));
-    const std::string over = Serve(Request(4, Field("/tmp/large.hex", 256) + std::string(1, '\0')));
+    test::WriteFile(test::FixedPath("/tmp/large.hex"), std::string(cap + 1, '0'));
+    const std::string over = Serve(Request(4, Field(test::FixedPath("/tmp/large.hex"), 256) + std::string(1, '\0')));
     ASSERT_EQ(171u, over.size());
     EXPECT_EQ(9, WordAt(over, 35));
     EXPECT_EQ(Field("file not usable. [larger than 4194304 bytes]", 128), over.substr(43));
-    test::RemoveAll("/tmp/large.hex");
+    test::RemoveAll(test::FixedPath("/tmp/large.hex"));
 }
 
 TEST_F(OutSocketWorkTest, FixedScheduleFileIsStoredAndSwitchesToStandAlone) {
@@ -230,8 +223,8 @@ TEST_F(OutSocketWorkTest, FixedScheduleFileIsStoredAndSwitchesToStandAlone) {
     const std::int64_t tomorrow = TimeStamp().EpochSeconds() / 86400 * 86400 + 86400;
     record.start = TimeStamp::FromEpochSeconds(tomorrow + 9 * 3600)->Format("%Y%m%d%H%M");
     record.rates = std::vector<int>(48, 70);
-    test::WriteFile("/tmp/fixed.hex", test::BuildSchedulePayload({record}, test::kFixedSchedule).hex);
-    const std::string answer = Serve(Request(4, Field("/tmp/fixed.hex", 256) + std::string(1, '\0')));
+    test::WriteFile(test::FixedPath("/tmp/fixed.hex"), test::BuildSchedulePayload({record}, test::kFixedSchedule).hex);
+    const std::string answer = Serve(Request(4, Field(test::FixedPath("/tmp/fixed.hex"), 256) + std::string(1, '\0')));
     ASSERT_EQ(171u, answer.size());
     EXPECT_EQ(0, WordAt(answer, 35)) << answer.substr(43);
     EXPECT_EQ(Field("00000000000000000000012345", 27), answer.substr(8, 27));
@@ -327,8 +320,8 @@ TEST_F(OutSocketWorkTest, UpdateScheduleStoresAndForwardsAfterAnswering) {
     };
     HttpTestServer server({answer(update, test::kUpdateSchedule), answer(fixed, test::kFixedSchedule)});
     WriteSystemSetting("00000000000000000000000777", server.Url("/s"), false);
-    test::WriteFile("/mnt/system/brvlogger/.keep", "");
-    test::UnixPeer logger("/mnt/system/brvlogger/brevanta.logger", test::UnixPeer::kReply,
+    test::WriteFile(test::FixedPath("/mnt/system/brvlogger/.keep"), "");
+    test::UnixPeer logger(test::FixedPath("/mnt/system/brvlogger/brevanta.logger"), test::UnixPeer::kReply,
                           std::string(12, '\0'), 8);
     // As after the daemon's start-up check: the system settings are loaded.
     SystemSettingXmlManager::CreateInstance();

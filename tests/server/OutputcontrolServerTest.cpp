@@ -3,6 +3,7 @@
 #include "client/Channel.h"
 #include "client/SlowRequest.h"
 #include "settings/LoggerSettingManager.h"
+#include "support/SingletonTest.h"
 #include "support/TestFiles.h"
 #include "util/LoggerLog.h"
 
@@ -25,7 +26,7 @@ namespace brvo {
 namespace {
 
 const std::string kTag = "OutputcontrolServer";
-const std::string kDefaultPath = "/mnt/system/pvoctrl/brevanta.octrl";
+const std::string kDefaultPath = test::FixedPath("/mnt/system/pvoctrl/brevanta.octrl");
 const std::int32_t kChangeSettingNotify = 5;
 const std::int32_t kCurrentTargetPower = 6;
 const std::int32_t kFlushLog = 8;
@@ -93,15 +94,14 @@ bool IsSocket(const std::string& path) {
     return stat(path.c_str(), &info) == 0 && S_ISSOCK(info.st_mode);
 }
 
-class OutputcontrolServerTest : public ::testing::Test {
+class OutputcontrolServerTest : public test::SingletonTest {
 protected:
     void TearDown() override {
         // Frees any slow request still holding a worker, so that deleting the
         // pool does not wait for it.
         release_.set();
         StopServer();
-        LoggerLog::DeleteInstance();
-        LoggerSettingManager::DeleteInstance();
+        SingletonTest::TearDown();
     }
 
     // Settings with an unbuffered log at level 0 plus `innerXml`, then the
@@ -213,8 +213,8 @@ TEST_F(OutputcontrolServerTest, StaleSocketOfAnEarlierRunIsRemovedAndBoundAfresh
 }
 
 TEST_F(OutputcontrolServerTest, MissingDirectoryIsCreatedBeforeBinding) {
-    const std::string path = "/mnt/system/new/deeper/control.sock";
-    ASSERT_FALSE(test::FileExists("/mnt/system/new"));
+    const std::string path = test::FixedPath("/mnt/system/new/deeper/control.sock");
+    ASSERT_FALSE(test::FileExists(test::FixedPath("/mnt/system/new")));
     StartServer("<OutputControlSocketPath>" + path + "</OutputControlSocketPath>");
     ASSERT_TRUE(Listening(path));
     EXPECT_TRUE(IsSocket(path));
@@ -356,8 +356,9 @@ TEST_F(OutputcontrolServerTest, ConnectionsPastTheCapCloseTheOldestIdleOne) {
 TEST_F(OutputcontrolServerTest, BindFailureGoesOnToListenWhichEndsTheServer) {
     // A plain file where the socket's directory should be: the directory
     // cannot be created and bind fails; an unbound socket cannot listen.
-    test::WriteFile("/mnt/system/blocked", "");
-    StartServer("<OutputControlSocketPath>/mnt/system/blocked/x.sock</OutputControlSocketPath>");
+    test::WriteFile(test::FixedPath("/mnt/system/blocked"), "");
+    StartServer("<OutputControlSocketPath>" + test::FixedPath("/mnt/system/blocked/x.sock") +
+                "</OutputControlSocketPath>");
     ASSERT_TRUE(ServerThreadEnds());
     const std::vector<std::string> lines = LogLines();
     EXPECT_TRUE(test::HasLogLine(lines, "D", kTag, "bind start"));
@@ -376,7 +377,7 @@ TEST_F(OutputcontrolServerTest, FailedAcceptEndsTheServerThread) {
 }
 
 TEST_F(OutputcontrolServerTest, PathTooLongForTheAddressIsNotBound) {
-    const std::string directory = "/mnt/system/" + std::string(120, 'p');
+    const std::string directory = test::FixedPath("/mnt/system/") + std::string(120, 'p');
     StartServer("<OutputControlSocketPath>" + directory + "/s.sock</OutputControlSocketPath>");
     ASSERT_TRUE(ServerThreadEnds());
     const std::vector<std::string> lines = LogLines();

@@ -2,6 +2,7 @@
 
 #include "settings/LoggerSettingManager.h"
 #include "settings/SystemSettingXmlManager.h"
+#include "support/SingletonTest.h"
 #include "support/TestFiles.h"
 #include "util/LoggerLog.h"
 
@@ -15,8 +16,8 @@ namespace brvo {
 namespace {
 
 const std::string kLogFile =
-    "/media/sdcard/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd.log";
-const std::string kDeviceDir = "/usr/local/etc/kestrovanyx/DeviceXML/";
+    test::FixedPath("/media/sdcard/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd.log");
+const std::string kDeviceDir = test::FixedPath("/usr/local/etc/kestrovanyx/DeviceXML/");
 
 // One address entry of the device list.
 std::string Address(const std::string& type, const std::string& file) {
@@ -47,7 +48,7 @@ std::string Description(const std::vector<std::string>& variables) {
            "</lggrdev:EchonetLiteDevices>";
 }
 
-class DeviceSettingXmlManagerTest : public ::testing::Test {
+class DeviceSettingXmlManagerTest : public test::SingletonTest {
 protected:
     void SetUp() override {
         test::WriteLoggerSetting(
@@ -55,11 +56,6 @@ protected:
             "<LogLevel>0</LogLevel>");
         LoggerSettingManager::CreateInstance();
         LoggerLog::CreateInstance();
-    }
-
-    void TearDown() override {
-        LoggerLog::DeleteInstance();
-        LoggerSettingManager::DeleteInstance();
     }
 
     static std::vector<std::string> LogLines() {
@@ -187,7 +183,8 @@ TEST_F(DeviceSettingXmlManagerTest, EveryChangeOfEitherFileIsSeen) {
     EXPECT_TRUE(devices_.GetLimit(limit));
     test::RemoveAll(kDeviceDir + "pw.xml");
     EXPECT_FALSE(devices_.GetLimit(limit));
-    EXPECT_TRUE(Logged("W", " missing device xml file. [/usr/local/etc/kestrovanyx/DeviceXML/pw.xml]"));
+    EXPECT_TRUE(Logged("W", " missing device xml file. [" +
+                                test::FixedPath("/usr/local/etc/kestrovanyx/DeviceXML/pw.xml") + "]"));
     // A description without its root after a good one.
     test::WriteFile(kDeviceDir + "pw.xml", "<Devices/>");
     EXPECT_FALSE(devices_.GetLimit(limit));
@@ -201,11 +198,12 @@ TEST_F(DeviceSettingXmlManagerTest, DescriptionGoneAfterAReadIsReported) {
     DeviceSettingXmlManager::Limit limit;
     ASSERT_TRUE(devices_.GetLimit(limit));
     ASSERT_TRUE(devices_.GetLimit(limit));
-    const std::string moved = "/usr/local/etc/kestrovanyx/DeviceXML.moved";
+    const std::string moved = test::FixedPath("/usr/local/etc/kestrovanyx/DeviceXML.moved");
     ASSERT_EQ(0, std::rename(kDeviceDir.c_str(), moved.c_str()));
     DeviceSettingXmlManager::Limit after;
     EXPECT_FALSE(devices_.GetLimit(after));
-    EXPECT_TRUE(Logged("W", " missing device xml file. [/usr/local/etc/kestrovanyx/DeviceXML/pv.xml]"));
+    EXPECT_TRUE(Logged("W", " missing device xml file. [" +
+                                test::FixedPath("/usr/local/etc/kestrovanyx/DeviceXML/pv.xml") + "]"));
     ASSERT_EQ(0, std::rename(moved.c_str(), kDeviceDir.c_str()));
     ASSERT_TRUE(devices_.GetLimit(after));
     EXPECT_EQ(4, after.valueMin);
@@ -219,7 +217,8 @@ TEST_F(DeviceSettingXmlManagerTest, MissingDescriptionFileIsReported) {
     WriteDevices({Address("HouseHoldSolarPowerGeneration", "absent")});
     DeviceSettingXmlManager::Limit limit;
     EXPECT_FALSE(devices_.GetLimit(limit));
-    EXPECT_TRUE(Logged("W", " missing device xml file. [/usr/local/etc/kestrovanyx/DeviceXML/absent.xml]"));
+    EXPECT_TRUE(Logged("W", " missing device xml file. [" +
+                                test::FixedPath("/usr/local/etc/kestrovanyx/DeviceXML/absent.xml") + "]"));
 }
 
 TEST_F(DeviceSettingXmlManagerTest, OtherRootIsReported) {

@@ -1,5 +1,6 @@
 #include "settings/LoggerSettingManager.h"
 
+#include "support/SingletonTest.h"
 #include "support/TestFiles.h"
 #include "util/LoggerLog.h"
 
@@ -14,13 +15,8 @@ namespace {
 
 using test::WriteLoggerSetting;
 
-class LoggerSettingManagerTest : public ::testing::Test {
+class LoggerSettingManagerTest : public test::SingletonTest {
 protected:
-    void TearDown() override {
-        LoggerLog::DeleteInstance();
-        LoggerSettingManager::DeleteInstance();
-    }
-
     LoggerSettingManager& Load(const std::string& innerXml) {
         WriteLoggerSetting(innerXml);
         return Create();
@@ -32,11 +28,11 @@ protected:
     }
 
     static void ExpectDefaults(const LoggerSettingManager& settings) {
-        EXPECT_EQ("/mnt/system/brvlogger/brevanta.logger", settings.GetLoggerSocketPath());
-        EXPECT_EQ("/mnt/system/pvoctrl/brevanta.octrl", settings.GetOutputControlSocketPath());
-        EXPECT_EQ("/mnt/system/check/brvo", settings.GetPVOutputControlWatchdogFile());
+        EXPECT_EQ(test::FixedPath("/mnt/system/brvlogger/brevanta.logger"), settings.GetLoggerSocketPath());
+        EXPECT_EQ(test::FixedPath("/mnt/system/pvoctrl/brevanta.octrl"), settings.GetOutputControlSocketPath());
+        EXPECT_EQ(test::FixedPath("/mnt/system/check/brvo"), settings.GetPVOutputControlWatchdogFile());
         EXPECT_EQ(30, settings.GetWatchdogFileUpdateInterval());
-        EXPECT_EQ("/media/sdcard", settings.GetSdcardPath());
+        EXPECT_EQ(test::FixedPath("/media/sdcard"), settings.GetSdcardPath());
         EXPECT_EQ(12, settings.GetOutputScheduleLogMaxRollIndex());
         EXPECT_TRUE(settings.GetOutputScheduleEnableLogBufferedIO());
         EXPECT_EQ(1, settings.GetLogLevel());
@@ -46,7 +42,7 @@ protected:
         EXPECT_EQ(0, settings.GetOutputControlTestMode());
         EXPECT_EQ(180, settings.GetOutputScheduleMonitoringInterval());
         EXPECT_EQ(60, settings.GetOutputControlSocketTimeout());
-        EXPECT_EQ("/media/sdcard/kestrovanyx/Log/OutputScheduleLog", settings.GetLogDirectory());
+        EXPECT_EQ(test::FixedPath("/media/sdcard/kestrovanyx/Log/OutputScheduleLog"), settings.GetLogDirectory());
     }
 };
 
@@ -145,7 +141,7 @@ TEST_F(LoggerSettingManagerTest, KnownKeysAreTheElementsRead) {
     EXPECT_EQ(9u, LoggerSettingManager::NumericKeys().size());
     EXPECT_EQ(13u, LoggerSettingManager::Defaults().size());
     EXPECT_EQ(0u, LoggerSettingManager::Defaults().count("LogLevel"));
-    EXPECT_EQ("/media/sdcard", LoggerSettingManager::Defaults().at("SdcardPath"));
+    EXPECT_EQ(test::FixedPath("/media/sdcard"), LoggerSettingManager::Defaults().at("SdcardPath"));
 }
 
 TEST_F(LoggerSettingManagerTest, IntervalNotANumberFallsBack) {
@@ -298,7 +294,7 @@ TEST_F(LoggerSettingManagerTest, UnknownKeysAttributesAndCommentsCarryNothing) {
         "<!-- <SdcardPath>/comment</SdcardPath> -->"
         "<Unknown>1</Unknown>"
         "<LogLevel unit=\"level\">3</LogLevel>");
-    EXPECT_EQ("/media/sdcard", settings.GetSdcardPath());
+    EXPECT_EQ(test::FixedPath("/media/sdcard"), settings.GetSdcardPath());
     EXPECT_EQ(3, settings.GetLogLevel());
 }
 
@@ -307,7 +303,7 @@ TEST_F(LoggerSettingManagerTest, KeyNamesAreExact) {
         "<OutputControlScheduleRetentionCycle>5</OutputControlScheduleRetentionCycle>"
         "<sdcardpath>/x</sdcardpath>");
     EXPECT_EQ(90, settings.GetOutputControlScheduleRetensionCycle());
-    EXPECT_EQ("/media/sdcard", settings.GetSdcardPath());
+    EXPECT_EQ(test::FixedPath("/media/sdcard"), settings.GetSdcardPath());
 }
 
 TEST_F(LoggerSettingManagerTest, LogLevelNotANumberIsOne) {
@@ -322,20 +318,20 @@ TEST_F(LoggerSettingManagerTest, DumpWritesEveryValueInOrder) {
     settings.Dump();
     LoggerLog::DeleteInstance();
 
-    const std::vector<std::string> lines = test::ReadLines(
-        "/media/sdcard/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd.log");
+    const std::vector<std::string> lines =
+        test::ReadLines(test::FixedPath("/media/sdcard/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd.log"));
     const std::vector<std::string> expected = {
         "---------------------------",
-        "[LoggerSocketPath] = [/mnt/system/brvlogger/brevanta.logger]",
-        "[OutputControlSocketPath] = [/mnt/system/pvoctrl/brevanta.octrl]",
-        "[PVOutputControlWatchdogFile] = [/mnt/system/check/brvo]",
+        "[LoggerSocketPath] = [" + test::FixedPath("/mnt/system/brvlogger/brevanta.logger") + "]",
+        "[OutputControlSocketPath] = [" + test::FixedPath("/mnt/system/pvoctrl/brevanta.octrl") + "]",
+        "[PVOutputControlWatchdogFile] = [" + test::FixedPath("/mnt/system/check/brvo") + "]",
         "[WatchdogFileUpdateInterval] = [30]",
-        "[SdcardPath] = [/media/sdcard]",
+        "[SdcardPath] = [" + test::FixedPath("/media/sdcard") + "]",
         "[OutputScheduleLogMaxRollIndex] = [12]",
         "[OutputScheduleEnableLogBufferedIO] = [0]",
         "[OutputScheduleLogMaxBufferedSize] = [4096]",
         "[OutputScheduleLogMaxFileSize] = [500KB]",
-        "[GetLogDirectory] = [/media/sdcard/kestrovanyx/Log/OutputScheduleLog]",
+        "[GetLogDirectory] = [" + test::FixedPath("/media/sdcard/kestrovanyx/Log/OutputScheduleLog") + "]",
         "[OCScheduleRetensionCycle] = [90]",
         "[OutputControlTestMode] = [0]",
         "[OutputScheduleMonitoringInterval] = [180]",

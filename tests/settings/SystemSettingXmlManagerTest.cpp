@@ -2,6 +2,7 @@
 
 #include "settings/LoggerSettingManager.h"
 #include "settings/XmlNode.h"
+#include "support/SingletonTest.h"
 #include "support/TestFiles.h"
 #include "util/LoggerLog.h"
 
@@ -21,9 +22,9 @@ namespace brvo {
 namespace {
 
 const std::string kLogFile =
-    "/media/sdcard/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd.log";
+    test::FixedPath("/media/sdcard/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd.log");
 
-class SystemSettingXmlManagerTest : public ::testing::Test {
+class SystemSettingXmlManagerTest : public test::SingletonTest {
 protected:
     void SetUp() override {
         // Unbuffered, level 0: every line reaches the file at the next tick.
@@ -34,11 +35,6 @@ protected:
             "<LogLevel>0</LogLevel>");
         LoggerSettingManager::CreateInstance();
         LoggerLog::CreateInstance();
-    }
-
-    void TearDown() override {
-        LoggerLog::DeleteInstance();
-        LoggerSettingManager::DeleteInstance();
     }
 
     // Writes SystemSetting.xml with a logger root holding `attributes` and

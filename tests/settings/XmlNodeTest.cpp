@@ -1,6 +1,7 @@
 #include "settings/XmlNode.h"
 
 #include "settings/LoggerSettingManager.h"
+#include "support/SingletonTest.h"
 #include "support/TestFiles.h"
 #include "util/LoggerLog.h"
 
@@ -29,7 +30,11 @@ std::unique_ptr<XmlNode> Tree(const std::string& xml, bool namespaces = true) {
     return std::unique_ptr<XmlNode>(new XmlNode(nullptr, document->documentElement()));
 }
 
-TEST(XmlNodeTest, FindNodeTakesLastMatchFindNodesTakesAll) {
+// The tests that log leave no process-wide instance behind, even when one
+// fails before it deletes them itself.
+class XmlNodeTest : public test::SingletonTest {};
+
+TEST_F(XmlNodeTest, FindNodeTakesLastMatchFindNodesTakesAll) {
     std::unique_ptr<XmlNode> root =
         Tree("<r><a><b>1</b></a><a><b>2</b></a></r>");
     XmlNode* found = root->FindNode("a/b");
@@ -41,7 +46,7 @@ TEST(XmlNodeTest, FindNodeTakesLastMatchFindNodesTakesAll) {
     EXPECT_EQ("2", (*all)[1]->GetValue());
 }
 
-TEST(XmlNodeTest, FindNodeFollowsOnlyTheLastMatchAtEachLevel) {
+TEST_F(XmlNodeTest, FindNodeFollowsOnlyTheLastMatchAtEachLevel) {
     // The b exists only under the first a: FindNode follows the last a and
     // finds nothing, FindNodes follows both.
     std::unique_ptr<XmlNode> root = Tree("<r><a><b>1</b></a><a/></r>");
@@ -49,7 +54,7 @@ TEST(XmlNodeTest, FindNodeFollowsOnlyTheLastMatchAtEachLevel) {
     EXPECT_EQ(1u, root->FindNodes("a/b")->size());
 }
 
-TEST(XmlNodeTest, SelectorMatchesExactAttributeValue) {
+TEST_F(XmlNodeTest, SelectorMatchesExactAttributeValue) {
     std::unique_ptr<XmlNode> root = Tree(
         "<r><item id=\"7\">seven</item><item>none</item><item id=\"70\">seventy</item>"
         "<other id=\"7\">other</other></r>");
@@ -63,7 +68,7 @@ TEST(XmlNodeTest, SelectorMatchesExactAttributeValue) {
     EXPECT_TRUE(root->FindNodes("item[name:7]")->empty());
 }
 
-TEST(XmlNodeTest, PathWithLeadingSlashFindsNothing) {
+TEST_F(XmlNodeTest, PathWithLeadingSlashFindsNothing) {
     std::unique_ptr<XmlNode> root = Tree("<r><a><b/></a></r>");
     EXPECT_EQ(nullptr, root->FindNode("/a/b"));
     EXPECT_TRUE(root->FindNodes("/a/b")->empty());
@@ -71,19 +76,19 @@ TEST(XmlNodeTest, PathWithLeadingSlashFindsNothing) {
     EXPECT_NE(nullptr, root->FindNode("a/b"));
 }
 
-TEST(XmlNodeTest, LookupStartsBelowTheNode) {
+TEST_F(XmlNodeTest, LookupStartsBelowTheNode) {
     std::unique_ptr<XmlNode> root = Tree("<r><a/></r>");
     EXPECT_EQ(nullptr, root->FindNode("r/a"));
     EXPECT_NE(nullptr, root->FindNode("a"));
 }
 
-TEST(XmlNodeTest, TextOnlyElementGetsItsText) {
+TEST_F(XmlNodeTest, TextOnlyElementGetsItsText) {
     std::unique_ptr<XmlNode> root = Tree("<x>abc</x>");
     EXPECT_EQ("abc", root->GetValue());
     EXPECT_TRUE(root->GetChildren().empty());
 }
 
-TEST(XmlNodeTest, LastTextPieceWins) {
+TEST_F(XmlNodeTest, LastTextPieceWins) {
     std::unique_ptr<XmlNode> root = Tree("<x> <y/>  </x>");
     EXPECT_EQ("  ", root->GetValue());
     ASSERT_EQ(1u, root->GetChildren().size());
@@ -91,13 +96,13 @@ TEST(XmlNodeTest, LastTextPieceWins) {
     EXPECT_EQ("", root->GetChildren()[0]->GetValue());
 }
 
-TEST(XmlNodeTest, CommentsAreSkipped) {
+TEST_F(XmlNodeTest, CommentsAreSkipped) {
     std::unique_ptr<XmlNode> root = Tree("<x><!-- c --><y>1</y><?pi data?></x>");
     ASSERT_EQ(1u, root->GetChildren().size());
     EXPECT_EQ("1", root->GetChildValue("y"));
 }
 
-TEST(XmlNodeTest, TopNodeRecordsDefaultNamespace) {
+TEST_F(XmlNodeTest, TopNodeRecordsDefaultNamespace) {
     std::unique_ptr<XmlNode> root =
         Tree("<r xmlns=\"urn:example:devices\"><a><b/></a></r>");
     EXPECT_EQ("urn:example:devices", XmlNode::GetAttribute(root.get(), "xmlns"));
@@ -107,13 +112,13 @@ TEST(XmlNodeTest, TopNodeRecordsDefaultNamespace) {
     EXPECT_EQ("", XmlNode::GetAttribute(root->FindNode("a/b"), "xmlns"));
 }
 
-TEST(XmlNodeTest, InnerNodeKeepsExplicitXmlnsAttribute) {
+TEST_F(XmlNodeTest, InnerNodeKeepsExplicitXmlnsAttribute) {
     // Without namespace processing the attribute is an ordinary one.
     std::unique_ptr<XmlNode> root = Tree("<r><a xmlns=\"urn:x\"/></r>", false);
     EXPECT_EQ("urn:x", XmlNode::GetAttribute(root->FindNode("a"), "xmlns"));
 }
 
-TEST(XmlNodeTest, PrefixedNamesKeepTheirPrefix) {
+TEST_F(XmlNodeTest, PrefixedNamesKeepTheirPrefix) {
     std::unique_ptr<XmlNode> root = Tree(
         "<lggrdev:Devices><lggrdev:VariableInfo Name=\"Other\" ValueMin=\"1\"/>"
         "<lggrdev:VariableInfo Name=\"Limit\" ValueMin=\"5\"/></lggrdev:Devices>",
@@ -132,7 +137,7 @@ TEST(XmlNodeTest, PrefixedNamesKeepTheirPrefix) {
     EXPECT_EQ("5", XmlNode::GetAttribute(plain, "ValueMin"));
 }
 
-TEST(XmlNodeTest, AttributeAndChildValueLookups) {
+TEST_F(XmlNodeTest, AttributeAndChildValueLookups) {
     std::unique_ptr<XmlNode> root = Tree("<r k=\"v\"><a>1</a><a>2</a></r>");
     EXPECT_EQ("v", XmlNode::GetAttribute(root.get(), "k"));
     EXPECT_EQ("", XmlNode::GetAttribute(root.get(), "missing"));
@@ -142,15 +147,15 @@ TEST(XmlNodeTest, AttributeAndChildValueLookups) {
     EXPECT_EQ("", XmlNode("empty").GetChildValue("a"));
 }
 
-TEST(XmlNodeTest, ToStringFixedForm) {
+TEST_F(XmlNodeTest, ToStringFixedForm) {
     std::unique_ptr<XmlNode> root = Tree("<r k=\"v\"><a>1</a><b/></r>");
     EXPECT_EQ("<r k=\"v\">\n<a>1<a/>\n<b><b/>\n<r/>\n", root->ToString());
 }
 
-TEST(XmlNodeTest, WriteProducesParsableXml) {
+TEST_F(XmlNodeTest, WriteProducesParsableXml) {
     std::unique_ptr<XmlNode> root = Tree("<r k=\"v\"><a>1</a><b x=\"y\"/></r>");
-    ASSERT_TRUE(root->Write("/tmp/written.xml"));
-    const std::string text = test::ReadFile("/tmp/written.xml");
+    ASSERT_TRUE(root->Write(test::FixedPath("/tmp/written.xml")));
+    const std::string text = test::ReadFile(test::FixedPath("/tmp/written.xml"));
     EXPECT_EQ(0u, text.find("<?xml")) << text;
     std::unique_ptr<XmlNode> again = Tree(text);
     EXPECT_EQ("v", XmlNode::GetAttribute(again.get(), "k"));
@@ -158,25 +163,25 @@ TEST(XmlNodeTest, WriteProducesParsableXml) {
     EXPECT_EQ("y", XmlNode::GetAttribute(again->FindNode("b"), "x"));
 }
 
-TEST(XmlNodeTest, WriteFailureIsLoggedAndFalse) {
+TEST_F(XmlNodeTest, WriteFailureIsLoggedAndFalse) {
     test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>");
     LoggerSettingManager::CreateInstance();
     LoggerLog::CreateInstance();
     XmlNode node("r");
-    EXPECT_FALSE(node.Write("/tmp/no/such/dir/out.xml"));
+    EXPECT_FALSE(node.Write(test::FixedPath("/tmp/no/such/dir/out.xml")));
     LoggerLog::DeleteInstance();
     LoggerSettingManager::DeleteInstance();
     const std::string log =
-        test::ReadFile("/media/sdcard/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd.log");
+        test::ReadFile(test::FixedPath("/media/sdcard/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd.log"));
     const std::string text =
-        "] XmlNode Write xml failed (Exception). path[/tmp/no/such/dir/out.xml] message[";
+        "] XmlNode Write xml failed (Exception). path[" + test::FixedPath("/tmp/no/such/dir/out.xml") + "] message[";
     const std::size_t at = log.find(text);
     ASSERT_NE(std::string::npos, at) << log;
     const std::size_t lineStart = log.rfind('\n', at) == std::string::npos ? 0 : log.rfind('\n', at) + 1;
     EXPECT_NE(std::string::npos, log.substr(lineStart, at - lineStart).find(" UTC] [E] [")) << log;
 }
 
-TEST(XmlNodeTest, NullDomNodeGivesEmptyNode) {
+TEST_F(XmlNodeTest, NullDomNodeGivesEmptyNode) {
     XmlNode node(nullptr, nullptr);
     EXPECT_EQ("", node.GetName());
     EXPECT_TRUE(node.GetChildren().empty());
@@ -225,7 +230,7 @@ std::string ChainPath(std::size_t steps) {
     return path;
 }
 
-TEST(XmlNodeTest, DeepTreeIsBuiltSearchedAndFreed) {
+TEST_F(XmlNodeTest, DeepTreeIsBuiltSearchedAndFreed) {
     DeepDom dom(kDeep, "bottom");
     std::unique_ptr<XmlNode> root(new XmlNode(nullptr, dom.Top()));
     const XmlNode* node = root.get();
@@ -248,7 +253,7 @@ TEST(XmlNodeTest, DeepTreeIsBuiltSearchedAndFreed) {
     root.reset();
 }
 
-TEST(XmlNodeTest, DeepTreeToStringKeepsTheFixedForm) {
+TEST_F(XmlNodeTest, DeepTreeToStringKeepsTheFixedForm) {
     DeepDom dom(kDeep, "v");
     const XmlNode root(nullptr, dom.Top());
     std::string expected;
@@ -260,7 +265,7 @@ TEST(XmlNodeTest, DeepTreeToStringKeepsTheFixedForm) {
 
 // FindNodes goes depth first: what lies under an earlier match comes
 // before a later sibling, at every level.
-TEST(XmlNodeTest, FindNodesKeepsDocumentOrderAcrossLevels) {
+TEST_F(XmlNodeTest, FindNodesKeepsDocumentOrderAcrossLevels) {
     std::unique_ptr<XmlNode> root = Tree(
         "<r><a><b><c>1</c><c>2</c></b><b><c>3</c></b></a><x/><a><b><c>4</c></b></a></r>");
     std::shared_ptr<XmlNode::NodeList> found = root->FindNodes("a/b/c");
@@ -269,25 +274,26 @@ TEST(XmlNodeTest, FindNodesKeepsDocumentOrderAcrossLevels) {
     EXPECT_EQ("4", root->FindNode("a/b/c")->GetValue());
 }
 
-TEST(XmlNodeTest, WriteTakesTreesUpToTheParserCapOnly) {
+TEST_F(XmlNodeTest, WriteTakesTreesUpToTheParserCapOnly) {
     test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>");
     LoggerSettingManager::CreateInstance();
     LoggerLog::CreateInstance();
     {
         DeepDom dom(64, "v");
-        ASSERT_TRUE(XmlNode(nullptr, dom.Top()).Write("/tmp/deep64.xml"));
-        const std::unique_ptr<XmlNode> again = Tree(test::ReadFile("/tmp/deep64.xml"));
+        ASSERT_TRUE(XmlNode(nullptr, dom.Top()).Write(test::FixedPath("/tmp/deep64.xml")));
+        const std::unique_ptr<XmlNode> again = Tree(test::ReadFile(test::FixedPath("/tmp/deep64.xml")));
         EXPECT_EQ("v", again->FindNode(ChainPath(63))->GetValue());
     }
     DeepDom dom(65, "v");
-    EXPECT_FALSE(XmlNode(nullptr, dom.Top()).Write("/tmp/deep65.xml"));
-    EXPECT_FALSE(test::FileExists("/tmp/deep65.xml"));
+    EXPECT_FALSE(XmlNode(nullptr, dom.Top()).Write(test::FixedPath("/tmp/deep65.xml")));
+    EXPECT_FALSE(test::FileExists(test::FixedPath("/tmp/deep65.xml")));
     LoggerLog::DeleteInstance();
     LoggerSettingManager::DeleteInstance();
     const std::string log =
-        test::ReadFile("/media/sdcard/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd.log");
+        test::ReadFile(test::FixedPath("/media/sdcard/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd.log"));
     EXPECT_NE(std::string::npos,
-              log.find("] XmlNode Write xml failed (Exception). path[/tmp/deep65.xml] "
+              log.find("] XmlNode Write xml failed (Exception). path[" + test::FixedPath("/tmp/deep65.xml") +
+                       "] "
                        "message[elements nested deeper than 64 levels]"))
         << log;
 }

@@ -17,7 +17,7 @@
 namespace brvo {
 namespace {
 
-const std::string kPath = "/tmp/settings/Test.xml";
+const std::string kPath = test::FixedPath("/tmp/settings/Test.xml");
 
 // The display text of what parsing `text` throws; empty when it parses.
 std::string ParseFailure(const std::string& text, bool namespaces = true) {

@@ -1,5 +1,7 @@
 #include "support/ChildProcess.h"
 
+#include "support/TestFiles.h"
+
 #include <Poco/StringTokenizer.h>
 #include <Poco/Thread.h>
 #include <Poco/Timestamp.h>
@@ -62,7 +64,7 @@ int ChildProcess::RunToEnd(const std::string& binary, const std::vector<std::str
     const std::vector<std::string> tool = Command(binary);
     command.insert(command.end(), tool.begin(), tool.end());
     command.insert(command.end(), args.begin(), args.end());
-    const std::string outputPath = "/tmp/tool.out";
+    const std::string outputPath = FixedPath("/tmp/tool.out");
     ChildProcess child;
     if (!child.Start(command, outputPath) || !child.WaitExit(60000)) return -1;
     std::ifstream file(outputPath, std::ios::binary);

@@ -1,5 +1,6 @@
 #include "support/TestFiles.h"
 
+#include "support/TestRoot.h"
 #include "util/LoggerLog.h"
 
 #include <gtest/gtest.h>
@@ -17,6 +18,10 @@
 
 namespace brvo {
 namespace test {
+
+std::string FixedPath(const std::string& path) {
+    return TestRoot::Prefix() + path;
+}
 
 void WriteFile(const std::string& path, const std::string& content) {
     Poco::File(Poco::Path(path).parent()).createDirectories();
@@ -80,11 +85,11 @@ bool WaitFor(const std::function<bool()>& condition, int timeoutMs) {
 }
 
 std::string LoggerSettingPath() {
-    return "/usr/local/etc/kestrovanyx/SettingsXML/LoggerSetting.xml";
+    return FixedPath("/usr/local/etc/kestrovanyx/SettingsXML/LoggerSetting.xml");
 }
 
 std::string SystemSettingPath() {
-    return "/usr/local/etc/kestrovanyx/SettingsXML/SystemSetting.xml";
+    return FixedPath("/usr/local/etc/kestrovanyx/SettingsXML/SystemSetting.xml");
 }
 
 void WriteLoggerSetting(const std::string& innerXml) {
@@ -142,7 +147,7 @@ long long TimeScale() {
 }
 
 std::string LogFilePath() {
-    return "/media/sdcard/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd.log";
+    return FixedPath("/media/sdcard/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd.log");
 }
 
 namespace {

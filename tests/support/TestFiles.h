@@ -1,5 +1,5 @@
 // File helpers shared by the tests. Every path they touch lies inside the
-// sandbox's private tmpfs mounts.
+// sandbox's private tmpfs mounts, or below the test root (TestRoot).
 #ifndef BRVO_TESTS_SUPPORT_TESTFILES_H
 #define BRVO_TESTS_SUPPORT_TESTFILES_H
 
@@ -11,6 +11,9 @@
 namespace brvo {
 namespace test {
 
+// `path`, one of the daemon's fixed absolute paths (or a path below one),
+// where this test process finds it: below the test root's prefix.
+std::string FixedPath(const std::string& path);
 // Writes `content` to `path`, creating parent directories. Fails the test on error.
 void WriteFile(const std::string& path, const std::string& content);
 // The whole file, or empty text when it cannot be read.

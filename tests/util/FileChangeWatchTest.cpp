@@ -14,7 +14,7 @@
 namespace brvo {
 namespace {
 
-const std::string kRoot = "/tmp/watched";
+const std::string kRoot = test::FixedPath("/tmp/watched");
 const std::string kDirectory = kRoot + "/settings";
 const std::string kFile = kDirectory + "/System.xml";
 
@@ -39,17 +39,17 @@ protected:
 };
 
 TEST_F(FileChangeWatchTest, ReadingAndUnrelatedChangesLeaveTheFileUnchanged) {
-    test::WriteFile("/tmp/other/file.txt", "");
+    test::WriteFile(test::FixedPath("/tmp/other/file.txt"), "");
     const std::int64_t generation = Arm();
     ASSERT_NE(FileChangeWatch::kNotWatched, generation);
     EXPECT_EQ("<logger/>", Read());
     EXPECT_EQ("<logger/>", Read());
     // Directories off the path: only an entry of a directory on it counts.
-    test::WriteFile("/media/sdcard/elsewhere.txt", "x");
-    test::WriteFile("/tmp/other/file.txt", "x");
+    test::WriteFile(test::FixedPath("/media/sdcard/elsewhere.txt"), "x");
+    test::WriteFile(test::FixedPath("/tmp/other/file.txt"), "x");
     EXPECT_TRUE(Unchanged(generation));
     EXPECT_TRUE(Unchanged(generation));
-    test::RemoveAll("/tmp/other");
+    test::RemoveAll(test::FixedPath("/tmp/other"));
 }
 
 TEST_F(FileChangeWatchTest, EveryWriteIsAChangeEvenOfTheSameBytes) {
@@ -123,22 +123,22 @@ TEST_F(FileChangeWatchTest, ParentDirectoryRenamedAndReplacedIsAChange) {
 
 TEST_F(FileChangeWatchTest, DirectoryHigherUpReplacedIsAChange) {
     const std::int64_t generation = Arm();
-    ASSERT_EQ(0, std::rename(kRoot.c_str(), "/tmp/watched-old"));
+    ASSERT_EQ(0, std::rename(kRoot.c_str(), test::FixedPath("/tmp/watched-old").c_str()));
     test::WriteFile(kFile, "<other/>");
-    test::RemoveAll("/tmp/watched-old");
+    test::RemoveAll(test::FixedPath("/tmp/watched-old"));
     EXPECT_FALSE(Unchanged(generation));
 }
 
 TEST_F(FileChangeWatchTest, ChangeThroughAHardLinkIsAChange) {
-    test::WriteFile("/tmp/linked/placeholder", "");
-    ASSERT_EQ(0, ::link(kFile.c_str(), "/tmp/linked/alias.xml"));
+    test::WriteFile(test::FixedPath("/tmp/linked/placeholder"), "");
+    ASSERT_EQ(0, ::link(kFile.c_str(), test::FixedPath("/tmp/linked/alias.xml").c_str()));
     const std::int64_t generation = Arm();
-    const int fd = ::open("/tmp/linked/alias.xml", O_WRONLY | O_APPEND);
+    const int fd = ::open(test::FixedPath("/tmp/linked/alias.xml").c_str(), O_WRONLY | O_APPEND);
     ASSERT_GE(fd, 0);
     ASSERT_EQ(1, ::write(fd, "x", 1));
     ::close(fd);
     EXPECT_FALSE(Unchanged(generation));
-    test::RemoveAll("/tmp/linked");
+    test::RemoveAll(test::FixedPath("/tmp/linked"));
 }
 
 TEST_F(FileChangeWatchTest, MountOverTheDirectoryIsAChange) {

@@ -1,6 +1,7 @@
 #include "util/FileUtil.h"
 
 #include "settings/LoggerSettingManager.h"
+#include "support/SingletonTest.h"
 #include "support/TestFiles.h"
 #include "util/LoggerLog.h"
 
@@ -15,17 +16,11 @@ namespace brvo {
 namespace {
 
 const std::string kLogFile =
-    "/media/sdcard/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd.log";
+    test::FixedPath("/media/sdcard/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd.log");
 
-class FileUtilTest : public ::testing::Test {
+class FileUtilTest : public test::SingletonTest {
 protected:
     void SetUp() override { FileUtil::ResetDataRoot(); }
-
-    void TearDown() override {
-        LoggerLog::DeleteInstance();
-        LoggerSettingManager::DeleteInstance();
-        FileUtil::ResetDataRoot();
-    }
 
     static void UseSettings(const std::string& innerXml) {
         test::WriteLoggerSetting(innerXml);
@@ -34,62 +29,62 @@ protected:
 };
 
 TEST_F(FileUtilTest, FixedLayout) {
-    EXPECT_EQ("/usr/local/etc/kestrovanyx/SettingsXML", FileUtil::GetSettingsDirectory());
-    EXPECT_EQ("/usr/local/etc/kestrovanyx/SettingsXML/SystemSetting.xml",
+    EXPECT_EQ(test::FixedPath("/usr/local/etc/kestrovanyx/SettingsXML"), FileUtil::GetSettingsDirectory());
+    EXPECT_EQ(test::FixedPath("/usr/local/etc/kestrovanyx/SettingsXML/SystemSetting.xml"),
               FileUtil::GetSystemSettingFile());
-    EXPECT_EQ("/usr/local/etc/kestrovanyx/SettingsXML/DefaultSystemSetting.xml",
+    EXPECT_EQ(test::FixedPath("/usr/local/etc/kestrovanyx/SettingsXML/DefaultSystemSetting.xml"),
               FileUtil::GetDefaultSystemSettingFile());
-    EXPECT_EQ("/usr/local/etc/kestrovanyx/SettingsXML/LoggerSetting.xml",
+    EXPECT_EQ(test::FixedPath("/usr/local/etc/kestrovanyx/SettingsXML/LoggerSetting.xml"),
               FileUtil::GetLoggerSettingFile());
-    EXPECT_EQ("/usr/local/etc/kestrovanyx/DeviceXML", FileUtil::GetDeviceDirectory());
+    EXPECT_EQ(test::FixedPath("/usr/local/etc/kestrovanyx/DeviceXML"), FileUtil::GetDeviceDirectory());
 }
 
 TEST_F(FileUtilTest, WritableCardHoldsTheData) {
-    UseSettings("<SdcardPath>/media/sdcard/card</SdcardPath>");
-    EXPECT_EQ("/media/sdcard/card/kestrovanyx", FileUtil::GetDataRoot());
-    EXPECT_EQ("/media/sdcard/card/kestrovanyx/Database", FileUtil::GetDatabaseDirectory());
-    EXPECT_EQ("/media/sdcard/card/kestrovanyx/Certificates/", FileUtil::GetCertificatesDirectory());
+    UseSettings("<SdcardPath>" + test::FixedPath("/media/sdcard/card") + "</SdcardPath>");
+    EXPECT_EQ(test::FixedPath("/media/sdcard/card/kestrovanyx"), FileUtil::GetDataRoot());
+    EXPECT_EQ(test::FixedPath("/media/sdcard/card/kestrovanyx/Database"), FileUtil::GetDatabaseDirectory());
+    EXPECT_EQ(test::FixedPath("/media/sdcard/card/kestrovanyx/Certificates/"), FileUtil::GetCertificatesDirectory());
     // The probe file is removed again.
-    EXPECT_FALSE(test::FileExists("/media/sdcard/card/kestrovanyx/write_test"));
+    EXPECT_FALSE(test::FileExists(test::FixedPath("/media/sdcard/card/kestrovanyx/write_test")));
 }
 
 TEST_F(FileUtilTest, UnwritableCardMovesDatabaseAndCertificatesUnderTmp) {
     // A plain file where the card's directory should be: nothing can be
     // created below it, not even by root.
-    test::WriteFile("/media/sdcard/blocked", "");
-    UseSettings("<SdcardPath>/media/sdcard/blocked</SdcardPath>");
-    EXPECT_EQ("/tmp/kestrovanyx", FileUtil::GetDataRoot());
-    EXPECT_EQ("/tmp/kestrovanyx/Database", FileUtil::GetDatabaseDirectory());
-    EXPECT_EQ("/tmp/kestrovanyx/Database/OutputControl", FileUtil::GetOutputControlDirectory());
-    EXPECT_TRUE(test::FileExists("/tmp/kestrovanyx/Database/OutputControl"));
-    EXPECT_EQ("/tmp/kestrovanyx/Certificates/", FileUtil::GetCertificatesDirectory());
+    test::WriteFile(test::FixedPath("/media/sdcard/blocked"), "");
+    UseSettings("<SdcardPath>" + test::FixedPath("/media/sdcard/blocked") + "</SdcardPath>");
+    EXPECT_EQ(test::FixedPath("/tmp/kestrovanyx"), FileUtil::GetDataRoot());
+    EXPECT_EQ(test::FixedPath("/tmp/kestrovanyx/Database"), FileUtil::GetDatabaseDirectory());
+    EXPECT_EQ(test::FixedPath("/tmp/kestrovanyx/Database/OutputControl"), FileUtil::GetOutputControlDirectory());
+    EXPECT_TRUE(test::FileExists(test::FixedPath("/tmp/kestrovanyx/Database/OutputControl")));
+    EXPECT_EQ(test::FixedPath("/tmp/kestrovanyx/Certificates/"), FileUtil::GetCertificatesDirectory());
 }
 
 TEST_F(FileUtilTest, DataRootIsDecidedOnce) {
-    UseSettings("<SdcardPath>/media/sdcard/card</SdcardPath>");
-    ASSERT_EQ("/media/sdcard/card/kestrovanyx", FileUtil::GetDataRoot());
-    test::RemoveAll("/media/sdcard/card");
-    test::WriteFile("/media/sdcard/card", "");
-    EXPECT_EQ("/media/sdcard/card/kestrovanyx", FileUtil::GetDataRoot());
+    UseSettings("<SdcardPath>" + test::FixedPath("/media/sdcard/card") + "</SdcardPath>");
+    ASSERT_EQ(test::FixedPath("/media/sdcard/card/kestrovanyx"), FileUtil::GetDataRoot());
+    test::RemoveAll(test::FixedPath("/media/sdcard/card"));
+    test::WriteFile(test::FixedPath("/media/sdcard/card"), "");
+    EXPECT_EQ(test::FixedPath("/media/sdcard/card/kestrovanyx"), FileUtil::GetDataRoot());
 }
 
 TEST_F(FileUtilTest, SdcardPathSetDirectlyHoldsTheData) {
-    FileUtil::SetSdcardPath("/media/sdcard/direct");
-    EXPECT_EQ("/media/sdcard/direct/kestrovanyx", FileUtil::GetDataRoot());
+    FileUtil::SetSdcardPath(test::FixedPath("/media/sdcard/direct"));
+    EXPECT_EQ(test::FixedPath("/media/sdcard/direct/kestrovanyx"), FileUtil::GetDataRoot());
 }
 
 TEST_F(FileUtilTest, DeletedSettingsGiveBackTheBuiltInCard) {
-    UseSettings("<SdcardPath>/media/sdcard/card</SdcardPath>");
-    ASSERT_EQ("/media/sdcard/card/kestrovanyx", FileUtil::GetDataRoot());
+    UseSettings("<SdcardPath>" + test::FixedPath("/media/sdcard/card") + "</SdcardPath>");
+    ASSERT_EQ(test::FixedPath("/media/sdcard/card/kestrovanyx"), FileUtil::GetDataRoot());
     LoggerSettingManager::DeleteInstance();
     FileUtil::ResetDataRoot();
-    EXPECT_EQ("/media/sdcard/kestrovanyx", FileUtil::GetDataRoot());
+    EXPECT_EQ(test::FixedPath("/media/sdcard/kestrovanyx"), FileUtil::GetDataRoot());
 }
 
 TEST_F(FileUtilTest, OutputControlDirectoryIsCreatedOnEveryCall) {
     UseSettings("");
     const std::string dir = FileUtil::GetOutputControlDirectory();
-    EXPECT_EQ("/media/sdcard/kestrovanyx/Database/OutputControl", dir);
+    EXPECT_EQ(test::FixedPath("/media/sdcard/kestrovanyx/Database/OutputControl"), dir);
     test::RemoveAll(dir);
     ASSERT_FALSE(test::FileExists(dir));
     FileUtil::GetOutputControlDirectory();
@@ -100,45 +95,50 @@ TEST_F(FileUtilTest, EmptyPathDoesNotExist) {
     // The working directory exists, so asking the file system about "" the
     // way a relative path is resolved would answer true.
     EXPECT_FALSE(FileUtil::Exists(""));
-    EXPECT_TRUE(FileUtil::Exists("/tmp"));
-    EXPECT_FALSE(FileUtil::Exists("/tmp/absent"));
+    EXPECT_TRUE(FileUtil::Exists(test::FixedPath("/tmp")));
+    EXPECT_FALSE(FileUtil::Exists(test::FixedPath("/tmp/absent")));
 }
 
 TEST_F(FileUtilTest, CreateFileReplacesAnExistingFileWithAnEmptyOne) {
-    test::WriteFile("/tmp/f.txt", "old content");
-    EXPECT_TRUE(FileUtil::CreateFile("/tmp/f.txt"));
-    EXPECT_TRUE(test::FileExists("/tmp/f.txt"));
-    EXPECT_EQ("", test::ReadFile("/tmp/f.txt"));
-    EXPECT_TRUE(FileUtil::CreateFile("/tmp/new.txt"));
-    EXPECT_TRUE(test::FileExists("/tmp/new.txt"));
+    test::WriteFile(test::FixedPath("/tmp/f.txt"), "old content");
+    EXPECT_TRUE(FileUtil::CreateFile(test::FixedPath("/tmp/f.txt")));
+    EXPECT_TRUE(test::FileExists(test::FixedPath("/tmp/f.txt")));
+    EXPECT_EQ("", test::ReadFile(test::FixedPath("/tmp/f.txt")));
+    EXPECT_TRUE(FileUtil::CreateFile(test::FixedPath("/tmp/new.txt")));
+    EXPECT_TRUE(test::FileExists(test::FixedPath("/tmp/new.txt")));
 }
 
 TEST_F(FileUtilTest, FailuresAreLoggedAndFalse) {
     UseSettings("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>");
     LoggerLog::CreateInstance();
-    EXPECT_FALSE(FileUtil::CreateFile("/tmp/none/f.txt"));
-    EXPECT_FALSE(FileUtil::Rename("/tmp/none/a", "/tmp/none/b"));
-    EXPECT_EQ(0u, FileUtil::GetSize("/tmp/none/a"));
-    test::WriteFile("/tmp/plain", "");
-    EXPECT_FALSE(FileUtil::CreateDirectory("/tmp/plain/sub", true));
+    EXPECT_FALSE(FileUtil::CreateFile(test::FixedPath("/tmp/none/f.txt")));
+    EXPECT_FALSE(FileUtil::Rename(test::FixedPath("/tmp/none/a"), test::FixedPath("/tmp/none/b")));
+    EXPECT_EQ(0u, FileUtil::GetSize(test::FixedPath("/tmp/none/a")));
+    test::WriteFile(test::FixedPath("/tmp/plain"), "");
+    EXPECT_FALSE(FileUtil::CreateDirectory(test::FixedPath("/tmp/plain/sub"), true));
     LoggerLog::DeleteInstance();
     const std::string log = test::ReadFile(kLogFile);
-    EXPECT_NE(std::string::npos, log.find("] FileUtil Create file. file:[/tmp/none/f.txt] [")) << log;
     EXPECT_NE(std::string::npos,
-              log.find("] FileUtil Rename file. file:[/tmp/none/a] -> [/tmp/none/b] [")) << log;
+              log.find("] FileUtil Create file. file:[" + test::FixedPath("/tmp/none/f.txt") + "] ["))
+        << log;
+    EXPECT_NE(std::string::npos, log.find("] FileUtil Rename file. file:[" + test::FixedPath("/tmp/none/a") + "] -> [" +
+                                          test::FixedPath("/tmp/none/b") + "] ["))
+        << log;
     EXPECT_NE(std::string::npos,
-              log.find("] FileUtil Get fail size fail. file:[/tmp/none/a] [")) << log;
+              log.find("] FileUtil Get fail size fail. file:[" + test::FixedPath("/tmp/none/a") + "] ["))
+        << log;
     EXPECT_NE(std::string::npos,
-              log.find("] FileUtil Create directory failed. file:[/tmp/plain/sub] [")) << log;
+              log.find("] FileUtil Create directory failed. file:[" + test::FixedPath("/tmp/plain/sub") + "] ["))
+        << log;
 }
 
 TEST_F(FileUtilTest, RenameReplacesTheTarget) {
-    test::WriteFile("/tmp/a", "A");
-    test::WriteFile("/tmp/b", "B");
-    EXPECT_TRUE(FileUtil::Rename("/tmp/a", "/tmp/b"));
-    EXPECT_FALSE(test::FileExists("/tmp/a"));
-    EXPECT_EQ("A", test::ReadFile("/tmp/b"));
-    EXPECT_EQ(1u, FileUtil::GetSize("/tmp/b"));
+    test::WriteFile(test::FixedPath("/tmp/a"), "A");
+    test::WriteFile(test::FixedPath("/tmp/b"), "B");
+    EXPECT_TRUE(FileUtil::Rename(test::FixedPath("/tmp/a"), test::FixedPath("/tmp/b")));
+    EXPECT_FALSE(test::FileExists(test::FixedPath("/tmp/a")));
+    EXPECT_EQ("A", test::ReadFile(test::FixedPath("/tmp/b")));
+    EXPECT_EQ(1u, FileUtil::GetSize(test::FixedPath("/tmp/b")));
 }
 
 TEST_F(FileUtilTest, PathParts) {
@@ -148,16 +148,16 @@ TEST_F(FileUtilTest, PathParts) {
 }
 
 TEST_F(FileUtilTest, WritableDirectoryProbe) {
-    EXPECT_TRUE(FileUtil::IsWritableDirectory("/tmp/x/y"));
-    EXPECT_TRUE(test::FileExists("/tmp/x/y"));
-    EXPECT_FALSE(test::FileExists("/tmp/x/y/write_test"));
-    test::WriteFile("/tmp/file", "");
-    EXPECT_FALSE(FileUtil::IsWritableDirectory("/tmp/file/y"));
+    EXPECT_TRUE(FileUtil::IsWritableDirectory(test::FixedPath("/tmp/x/y")));
+    EXPECT_TRUE(test::FileExists(test::FixedPath("/tmp/x/y")));
+    EXPECT_FALSE(test::FileExists(test::FixedPath("/tmp/x/y/write_test")));
+    test::WriteFile(test::FixedPath("/tmp/file"), "");
+    EXPECT_FALSE(FileUtil::IsWritableDirectory(test::FixedPath("/tmp/file/y")));
 }
 
 // --- ReadFile ----------------------------------------------------------------
 
-const std::string kReadPath = "/tmp/read/file.txt";
+const std::string kReadPath = test::FixedPath("/tmp/read/file.txt");
 
 TEST_F(FileUtilTest, ReadFileGivesTheWholeRegularFile) {
     test::WriteFile(kReadPath, std::string("a\0b\n", 4));
@@ -203,7 +203,8 @@ TEST_F(FileUtilTest, ReadFileRefusesAFifoWithoutAWriterAtOnce) {
 }
 
 TEST_F(FileUtilTest, ReadFileRefusesDevicesAndDirectories) {
-    for (const std::string& path : {std::string("/dev/zero"), std::string("/dev/null"), std::string("/tmp")}) {
+    for (const std::string& path :
+         {std::string("/dev/zero"), std::string("/dev/null"), std::string(test::FixedPath("/tmp"))}) {
         const FileUtil::ReadResult file = FileUtil::ReadFile(path, 100);
         EXPECT_FALSE(file.ok) << path;
         EXPECT_EQ("not a regular file", file.reason) << path;

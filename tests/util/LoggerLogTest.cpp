@@ -1,6 +1,7 @@
 #include "util/LoggerLog.h"
 
 #include "settings/LoggerSettingManager.h"
+#include "support/SingletonTest.h"
 #include "support/TestFiles.h"
 #include "util/LogFileOutput.h"
 
@@ -14,15 +15,11 @@
 namespace brvo {
 namespace {
 
-const std::string kLogFile = "/media/sdcard/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd.log";
+const std::string kLogFile =
+    test::FixedPath("/media/sdcard/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd.log");
 
-class LoggerLogTest : public ::testing::Test {
+class LoggerLogTest : public test::SingletonTest {
 protected:
-    void TearDown() override {
-        LoggerLog::DeleteInstance();
-        LoggerSettingManager::DeleteInstance();
-    }
-
     void Start(const std::string& innerXml) {
         test::WriteLoggerSetting(innerXml);
         LoggerSettingManager::CreateInstance();
@@ -93,13 +90,13 @@ TEST_F(LoggerLogTest, ZeroSettingsLeaveWriterDefaults) {
 }
 
 TEST_F(LoggerLogTest, CreatesLogDirectory) {
-    Start("<SdcardPath>/media/sdcard/card2</SdcardPath>");
-    EXPECT_TRUE(test::FileExists("/media/sdcard/card2/kestrovanyx/Log/OutputScheduleLog"));
+    Start("<SdcardPath>" + test::FixedPath("/media/sdcard/card2") + "</SdcardPath>");
+    EXPECT_TRUE(test::FileExists(test::FixedPath("/media/sdcard/card2/kestrovanyx/Log/OutputScheduleLog")));
 }
 
 TEST_F(LoggerLogTest, FileSettingsSetDirectlyBuildTheOutput) {
     LoggerLog::FileSettings settings;
-    settings.directory = "/media/sdcard/direct/log";
+    settings.directory = test::FixedPath("/media/sdcard/direct/log");
     settings.maxFileSize = "1KB";
     settings.maxRollIndex = 3;
     settings.logLevel = 0;
@@ -114,7 +111,7 @@ TEST_F(LoggerLogTest, FileSettingsSetDirectlyBuildTheOutput) {
     EXPECT_EQ(100, LoggerLog::Output()->GetMaxBufferedSize());
     LoggerLog::Verbose("Tag", "direct");
     LoggerLog::DeleteInstance();
-    EXPECT_NE(std::string::npos, test::ReadFile("/media/sdcard/direct/log/OutputSchedule_pvocd.log").find("direct"));
+    EXPECT_NE(std::string::npos, test::ReadFile(test::FixedPath("/media/sdcard/direct/log/OutputSchedule_pvocd.log")).find("direct"));
 }
 
 TEST_F(LoggerLogTest, DeletedSettingsLeaveNoOutput) {
