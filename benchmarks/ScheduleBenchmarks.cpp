@@ -61,8 +61,10 @@ void WriteSettings(int variant) {
     WriteFile("/usr/local/etc/kestrovanyx/DeviceXML/pv.xml",
               "<lggrdev:EchonetLiteDevices xmlns:lggrdev=\"urn:x\"><lggrdev:Device><lggrdev:Properties>"
               "<lggrdev:Property><lggrdev:Variables><lggrdev:VariableInfo Name=\"Limit\" Value0=\"0\" "
-              "Value100=\"100\" ValueMin=\"" + n + "\"/></lggrdev:Variables></lggrdev:Property></lggrdev:Properties>"
-              "</lggrdev:Device></lggrdev:EchonetLiteDevices>");
+              "Value100=\"100\" ValueMin=\"" +
+                  n +
+                  "\"/></lggrdev:Variables></lggrdev:Property></lggrdev:Properties>"
+                  "</lggrdev:Device></lggrdev:EchonetLiteDevices>");
 }
 
 // Settings with a plant ID and a device description, as on a device.
@@ -121,8 +123,8 @@ void SelectEvery(benchmark::State& state, std::int64_t step) {
     std::int64_t offset = 0;
     for (auto _ : state) {
         offset = step - offset;
-        benchmark::DoNotOptimize(brvo::ScheduleDatabase::GetInstance()->SelectSchedule(
-            start + 86400 * 180 + 77 + offset, current));
+        benchmark::DoNotOptimize(
+            brvo::ScheduleDatabase::GetInstance()->SelectSchedule(start + 86400 * 180 + 77 + offset, current));
     }
 }
 
@@ -174,8 +176,8 @@ void ParseYearAnswer(benchmark::State& state) {
     brvo::test::ScheduleRecord record;
     record.start = "203001010000";
     record.rates.assign(17520, 60);
-    const std::string body = brvo::test::BinaryPartBody(
-        "b", brvo::test::BytesText(brvo::test::BuildSchedulePayload({record}, 1).bytes));
+    const std::string body =
+        brvo::test::BinaryPartBody("b", brvo::test::BytesText(brvo::test::BuildSchedulePayload({record}, 1).bytes));
     const std::string type = brvo::test::MultipartContentType("b");
     for (auto _ : state) {
         brvo::ServerResponseParser parser(type, body.data(), static_cast<std::int64_t>(body.size()));

@@ -27,8 +27,8 @@
 #include <iterator>
 #include <memory>
 #include <poll.h>
-#include <sys/select.h>
 #include <string>
+#include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <thread>
@@ -370,11 +370,11 @@ int main(int argc, char** argv) {
         Print("pvocd", clients, daemon);
         Print("floor", clients, minimal);
         Print("handoff", clients, handedOff);
-        std::printf("ratio  %2d clients: median latency %.1fx the floor, throughput %.2f of the floor\n",
-                    clients, minimal.p50 > 0 ? daemon.p50 / minimal.p50 : 0.0,
+        std::printf("ratio  %2d clients: median latency %.1fx the floor, throughput %.2f of the floor\n", clients,
+                    minimal.p50 > 0 ? daemon.p50 / minimal.p50 : 0.0,
                     minimal.perSecond > 0 ? daemon.perSecond / minimal.perSecond : 0.0);
-        std::printf("       %2d clients: median latency %.1fx the hand-off floor, throughput %.2f of it\n\n",
-                    clients, handedOff.p50 > 0 ? daemon.p50 / handedOff.p50 : 0.0,
+        std::printf("       %2d clients: median latency %.1fx the hand-off floor, throughput %.2f of it\n\n", clients,
+                    handedOff.p50 > 0 ? daemon.p50 / handedOff.p50 : 0.0,
                     handedOff.perSecond > 0 ? daemon.perSecond / handedOff.perSecond : 0.0);
         failures += daemon.failures;
     }

@@ -6,14 +6,14 @@
 #include "support/SchedulePayload.h"
 #include "util/TimeStamp.h"
 
+#include <Poco/Net/Context.h>
+#include <Poco/Net/HTMLForm.h>
 #include <Poco/Net/HTTPRequestHandler.h>
 #include <Poco/Net/HTTPRequestHandlerFactory.h>
 #include <Poco/Net/HTTPServer.h>
 #include <Poco/Net/HTTPServerParams.h>
-#include <Poco/Net/HTMLForm.h>
 #include <Poco/Net/HTTPServerRequest.h>
 #include <Poco/Net/HTTPServerResponse.h>
-#include <Poco/Net/Context.h>
 #include <Poco/Net/NetException.h>
 #include <Poco/Net/SSLManager.h>
 #include <Poco/Net/SecureServerSocket.h>
@@ -24,34 +24,33 @@
 
 #include <csignal>
 #include <cstdio>
-#include <stdexcept>
 #include <cstdlib>
 #include <iostream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 namespace {
 
-const char kUsage[] =
-    "usage: schedule-server-sim [options]\n"
-    "Serves the schedule server's answers (on 127.0.0.1 unless --listen says otherwise).\n"
-    "  --port N              port (default 8080)\n"
-    "  --listen ADDR         address to listen on: HOST:PORT, or :PORT for every address\n"
-    "                        (default 127.0.0.1 and --port)\n"
-    "  --tls CERT KEY        serve HTTPS with the PEM certificate CERT and its key KEY\n"
-    "  --plant-id DIGITS     plant ID of the schedules (default 777)\n"
-    "  --start YYYYMMDDhhmm  first slot in server time, UTC+9 (default: today 00:00 server time)\n"
-    "  --rates LIST          rates in percent: \"60,60,30\" or \"48x60\" (default 48x60)\n"
-    "  --fixed-rates LIST    rates of the fixed schedule (default: the same)\n"
-    "  --next-update YYYYMMDDhhmmss  next update time, server time (default: start + 1 day)\n"
-    "  --fixed-flag N        fixed schedule update flag, 0-9 (default 3)\n"
-    "  --unregistered        plant-ID checks answer \"not registered\"\n"
-    "failures:\n"
-    "  --status N            answer every request with HTTP status N\n"
-    "  --bad-checksum        send a wrong checksum\n"
-    "  --text MSG            answer with a text part MSG instead of a schedule\n"
-    "  --delay-ms N          wait N ms before answering\n"
-    "  --close-early         announce the full length, send half the body and close\n";
+const char kUsage[] = "usage: schedule-server-sim [options]\n"
+                      "Serves the schedule server's answers (on 127.0.0.1 unless --listen says otherwise).\n"
+                      "  --port N              port (default 8080)\n"
+                      "  --listen ADDR         address to listen on: HOST:PORT, or :PORT for every address\n"
+                      "                        (default 127.0.0.1 and --port)\n"
+                      "  --tls CERT KEY        serve HTTPS with the PEM certificate CERT and its key KEY\n"
+                      "  --plant-id DIGITS     plant ID of the schedules (default 777)\n"
+                      "  --start YYYYMMDDhhmm  first slot in server time, UTC+9 (default: today 00:00 server time)\n"
+                      "  --rates LIST          rates in percent: \"60,60,30\" or \"48x60\" (default 48x60)\n"
+                      "  --fixed-rates LIST    rates of the fixed schedule (default: the same)\n"
+                      "  --next-update YYYYMMDDhhmmss  next update time, server time (default: start + 1 day)\n"
+                      "  --fixed-flag N        fixed schedule update flag, 0-9 (default 3)\n"
+                      "  --unregistered        plant-ID checks answer \"not registered\"\n"
+                      "failures:\n"
+                      "  --status N            answer every request with HTTP status N\n"
+                      "  --bad-checksum        send a wrong checksum\n"
+                      "  --text MSG            answer with a text part MSG instead of a schedule\n"
+                      "  --delay-ms N          wait N ms before answering\n"
+                      "  --close-early         announce the full length, send half the body and close\n";
 
 struct Settings {
     std::string host = "127.0.0.1";
@@ -105,8 +104,8 @@ void RequireDigits(const std::string& text, std::size_t low, std::size_t high, c
     const bool digits = !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
     if (!digits || text.size() < low || text.size() > high) {
         throw std::invalid_argument(what + " must be " + std::to_string(low) +
-                                    (low == high ? "" : " to " + std::to_string(high)) + " digits, not \"" +
-                                    text + "\"");
+                                    (low == high ? "" : " to " + std::to_string(high)) + " digits, not \"" + text +
+                                    "\"");
     }
 }
 
@@ -134,16 +133,15 @@ public:
     void handleRequest(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTPServerResponse& response) override {
         Poco::Net::HTMLForm form(request, request.stream());
         const std::string kbn = form.get("schedule_kbn", "");
-        std::cout << "request " << request.getMethod() << " " << request.getURI() << " power_plant_id="
-                  << form.get("power_plant_id", "") << " mac_address=" << form.get("mac_address", "")
-                  << " schedule_kbn=" << kbn << std::endl;
+        std::cout << "request " << request.getMethod() << " " << request.getURI()
+                  << " power_plant_id=" << form.get("power_plant_id", "")
+                  << " mac_address=" << form.get("mac_address", "") << " schedule_kbn=" << kbn << std::endl;
         if (settings.delayMs > 0) Poco::Thread::sleep(settings.delayMs);
         response.setStatus(static_cast<Poco::Net::HTTPResponse::HTTPStatus>(settings.status));
         const std::string boundary = "pvocsim";
         response.setContentType(brvo::test::MultipartContentType(boundary));
-        const std::string body = settings.text.empty()
-                                     ? brvo::test::BinaryPartBody(boundary, Payload(kbn))
-                                     : brvo::test::TextPartBody(boundary, settings.text);
+        const std::string body = settings.text.empty() ? brvo::test::BinaryPartBody(boundary, Payload(kbn))
+                                                       : brvo::test::TextPartBody(boundary, settings.text);
         response.setContentLength64(static_cast<Poco::Int64>(body.size()));
         std::ostream& out = response.send();
         out << (settings.closeEarly ? body.substr(0, body.size() / 2) : body);
@@ -170,7 +168,8 @@ void OnSignal(int) {
 // "HOST:PORT" or ":PORT" (every address); an IPv6 host stands in brackets.
 void ParseListen(const std::string& text) {
     const std::size_t colon = text.rfind(':');
-    if (colon == std::string::npos) throw std::invalid_argument("--listen must be HOST:PORT or :PORT, not \"" + text + "\"");
+    if (colon == std::string::npos)
+        throw std::invalid_argument("--listen must be HOST:PORT or :PORT, not \"" + text + "\"");
     std::string host = text.substr(0, colon);
     if (host.size() >= 2 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
     settings.host = host.empty() ? std::string("0.0.0.0") : host;
@@ -193,9 +192,18 @@ bool Parse(int argc, char** argv) {
         const std::string arg = argv[i];
         const bool hasValue = i + 1 < argc;
         const std::string value = hasValue ? argv[i + 1] : std::string();
-        if (arg == "--unregistered") { settings.registered = false; continue; }
-        if (arg == "--bad-checksum") { settings.badChecksum = true; continue; }
-        if (arg == "--close-early") { settings.closeEarly = true; continue; }
+        if (arg == "--unregistered") {
+            settings.registered = false;
+            continue;
+        }
+        if (arg == "--bad-checksum") {
+            settings.badChecksum = true;
+            continue;
+        }
+        if (arg == "--close-early") {
+            settings.closeEarly = true;
+            continue;
+        }
         if (arg == "--tls") {
             if (i + 2 >= argc) throw std::invalid_argument("--tls needs CERT and KEY");
             settings.certificate = argv[++i];
@@ -206,21 +214,33 @@ bool Parse(int argc, char** argv) {
         }
         if (!hasValue) throw std::invalid_argument("unknown option or missing value: " + arg);
         ++i;
-        if (arg == "--port") settings.port = Number(value, 0, 65535, "--port");
-        else if (arg == "--listen") ParseListen(value);
-        else if (arg == "--plant-id") { RequireDigits(value, 1, 26, "--plant-id"); settings.plantId = value; }
-        else if (arg == "--start") { RequireDigits(value, 12, 12, "--start (YYYYMMDDhhmm)"); settings.start = value; }
-        else if (arg == "--rates") settings.rates = ParseRates(value);
-        else if (arg == "--fixed-rates") settings.fixedRates = ParseRates(value);
+        if (arg == "--port")
+            settings.port = Number(value, 0, 65535, "--port");
+        else if (arg == "--listen")
+            ParseListen(value);
+        else if (arg == "--plant-id") {
+            RequireDigits(value, 1, 26, "--plant-id");
+            settings.plantId = value;
+        } else if (arg == "--start") {
+            RequireDigits(value, 12, 12, "--start (YYYYMMDDhhmm)");
+            settings.start = value;
+        } else if (arg == "--rates")
+            settings.rates = ParseRates(value);
+        else if (arg == "--fixed-rates")
+            settings.fixedRates = ParseRates(value);
         else if (arg == "--next-update") {
             RequireDigits(value, 14, 14, "--next-update (YYYYMMDDhhmmss)");
             settings.nextUpdate = value;
-        }
-        else if (arg == "--fixed-flag") settings.fixedFlag = Number(value, 0, 9, "--fixed-flag");
-        else if (arg == "--status") settings.status = Number(value, 100, 599, "--status");
-        else if (arg == "--text") settings.text = value;
-        else if (arg == "--delay-ms") settings.delayMs = Number(value, 0, 3600000, "--delay-ms");
-        else throw std::invalid_argument("unknown option: " + arg);
+        } else if (arg == "--fixed-flag")
+            settings.fixedFlag = Number(value, 0, 9, "--fixed-flag");
+        else if (arg == "--status")
+            settings.status = Number(value, 100, 599, "--status");
+        else if (arg == "--text")
+            settings.text = value;
+        else if (arg == "--delay-ms")
+            settings.delayMs = Number(value, 0, 3600000, "--delay-ms");
+        else
+            throw std::invalid_argument("unknown option: " + arg);
     }
     return true;
 }

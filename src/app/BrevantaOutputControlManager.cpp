@@ -127,8 +127,8 @@ void BrevantaOutputControlManager::LogIgnoredSignals() {
 
 BrevantaOutputControlManager::BrevantaOutputControlManager()
     : serverThread_(nullptr), server_(nullptr), startupThread_(nullptr),
-      startupCheck_(*this, &BrevantaOutputControlManager::RunStartupCheck), watchdog_(new Watchdog()), flushTimer_(nullptr),
-      running_(false) {}
+      startupCheck_(*this, &BrevantaOutputControlManager::RunStartupCheck), watchdog_(new Watchdog()),
+      flushTimer_(nullptr), running_(false) {}
 
 BrevantaOutputControlManager::~BrevantaOutputControlManager() {
     Kill();
@@ -220,8 +220,8 @@ void BrevantaOutputControlManager::OnListening(bool listening, const std::string
 void BrevantaOutputControlManager::StartFlushTimer() {
     if (flushTimer_ != nullptr) return;
     flushTimer_ = new Poco::Timer(kFlushIntervalMs, kFlushIntervalMs);
-    flushTimer_->start(Poco::TimerCallback<BrevantaOutputControlManager>(
-        *this, &BrevantaOutputControlManager::OnTimer));
+    flushTimer_->start(
+        Poco::TimerCallback<BrevantaOutputControlManager>(*this, &BrevantaOutputControlManager::OnTimer));
 }
 
 // Brings the stored schedule in step with the system settings; when that

@@ -10,9 +10,9 @@
 #include "util/LoggerLog.h"
 
 #include <clocale>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <csignal>
 #include <sys/stat.h>
 
 namespace {

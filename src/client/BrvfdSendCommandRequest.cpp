@@ -12,7 +12,7 @@ namespace {
 const std::string kTag = "BrvfdSendCommandRequest";
 const std::size_t kResultOffset = 8;
 const int kFailure = 1;
-}
+} // namespace
 
 BrvfdSendCommandRequest::BrvfdSendCommandRequest(int command)
     : command_(command), promise_(new std::promise<int>()), fulfilled_(false) {}

@@ -10,11 +10,10 @@ namespace brvo {
 namespace {
 const int kMaxThreads = 16;
 const int kIdleSeconds = 60;
-}
+} // namespace
 
 Channel::Channel(int workerCount)
-    : pool_(new Poco::ThreadPool(workerCount, kMaxThreads, kIdleSeconds, 0)),
-      queue_(new Poco::NotificationQueue()),
+    : pool_(new Poco::ThreadPool(workerCount, kMaxThreads, kIdleSeconds, 0)), queue_(new Poco::NotificationQueue()),
       workers_(new std::vector<WorkerThreadRunnable*>()) {
     for (int i = 0; i < workerCount; ++i) workers_->push_back(new WorkerThreadRunnable(queue_));
 }

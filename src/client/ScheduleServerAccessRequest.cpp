@@ -14,23 +14,23 @@
 #include <Poco/File.h>
 #include <Poco/Net/Context.h>
 #include <Poco/Net/HTTPClientSession.h>
+#include <Poco/Net/HTTPRequest.h>
+#include <Poco/Net/HTTPResponse.h>
 #include <Poco/Net/HTTPSClientSession.h>
 #include <Poco/Net/SecureStreamSocket.h>
 #include <Poco/Net/SocketAddress.h>
 #include <Poco/Net/StreamSocket.h>
-#include <Poco/Net/HTTPRequest.h>
-#include <Poco/Net/HTTPResponse.h>
 #include <Poco/String.h>
 #include <Poco/Thread.h>
 #include <Poco/URI.h>
 
 #include <algorithm>
 #include <cctype>
-#include <sys/socket.h>
 #include <fstream>
 #include <functional>
 #include <iostream>
 #include <memory>
+#include <sys/socket.h>
 #include <vector>
 
 namespace brvo {
@@ -54,8 +54,8 @@ const Poco::Int64 kMaxAnswerBytes = 256 * 1024;
 // certificate must chain to the system's CA store or to a certificate in
 // the certificates directory, and must name the host.
 Poco::Net::Context::Ptr TlsContext() {
-    Poco::Net::Context::Ptr context = new Poco::Net::Context(
-        Poco::Net::Context::TLS_CLIENT_USE, "", "", "", Poco::Net::Context::VERIFY_STRICT, 9, true);
+    Poco::Net::Context::Ptr context = new Poco::Net::Context(Poco::Net::Context::TLS_CLIENT_USE, "", "", "",
+                                                             Poco::Net::Context::VERIFY_STRICT, 9, true);
     const std::string directory = FileUtil::GetCertificatesDirectory();
     if (!FileUtil::Exists(directory)) return context;
     for (Poco::DirectoryIterator it(directory), end; it != end; ++it) {
@@ -139,7 +139,7 @@ private:
 
 // The session for `uri`: TLS for https, plain HTTP otherwise.
 std::unique_ptr<Poco::Net::HTTPClientSession> OpenSession(const Poco::URI& uri, const Poco::Clock& deadline,
-                                                         const std::function<void(int)>& publish) {
+                                                          const std::function<void(int)>& publish) {
     if (uri.getScheme() == "https") {
         return std::unique_ptr<Poco::Net::HTTPClientSession>(
             new AbortableTlsSession(uri, TlsContext(), deadline, publish));
@@ -219,8 +219,8 @@ Poco::URI ServerUri(const std::string& url) {
 // Whether `ch` is sent as it is in a form value: ASCII letters and digits
 // and "-._~", whatever the locale says.
 bool IsPlainFormCharacter(char ch) {
-    return (ch >= '0' && ch <= '9') || (ch >= 'A' && ch <= 'Z') || (ch >= 'a' && ch <= 'z') || ch == '-' ||
-           ch == '.' || ch == '_' || ch == '~';
+    return (ch >= '0' && ch <= '9') || (ch >= 'A' && ch <= 'Z') || (ch >= 'a' && ch <= 'z') || ch == '-' || ch == '.' ||
+           ch == '_' || ch == '~';
 }
 
 // `value` as a form value: plain characters as they are, every other byte
@@ -335,12 +335,11 @@ std::string ScheduleServerAccessRequest::FailureText(const Poco::Exception& e) {
 void ScheduleServerAccessRequest::SetParameters(const std::string& scheduleKbn) {
     SystemSettingXmlManager settings;
     settings.Load();
-    SetParameters(scheduleKbn, settings.GetOutputControlPlantId(),
-                  settings.GetOutputScheduleInformationServerUrl());
+    SetParameters(scheduleKbn, settings.GetOutputControlPlantId(), settings.GetOutputScheduleInformationServerUrl());
 }
 
-void ScheduleServerAccessRequest::SetParameters(const std::string& scheduleKbn,
-                                                const std::string& powerPlantId, const std::string& url) {
+void ScheduleServerAccessRequest::SetParameters(const std::string& scheduleKbn, const std::string& powerPlantId,
+                                                const std::string& url) {
     scheduleKbn_ = scheduleKbn;
     powerPlantId_ = powerPlantId;
     url_ = url;
@@ -405,8 +404,7 @@ void ScheduleServerAccessRequest::Exchange(const std::string& body, std::string&
     const SocketTrack untrack(publish);
     const DeadlineWatch watch(deadline, [this] { Expire(); });
     ThrowIfAborted();
-    Poco::Net::HTTPRequest request(Poco::Net::HTTPRequest::HTTP_POST, uri.getPath(),
-                                   Poco::Net::HTTPMessage::HTTP_1_1);
+    Poco::Net::HTTPRequest request(Poco::Net::HTTPRequest::HTTP_POST, uri.getPath(), Poco::Net::HTTPMessage::HTTP_1_1);
     session.setTimeout(kSessionTimeout);
     request.setKeepAlive(false);
     request.setContentType("application/x-www-form-urlencoded");

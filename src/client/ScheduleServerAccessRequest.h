@@ -27,8 +27,7 @@ public:
     // system settings (reloaded).
     void SetParameters(const std::string& scheduleKbn);
     // Sets all three parameters.
-    void SetParameters(const std::string& scheduleKbn, const std::string& powerPlantId,
-                       const std::string& url);
+    void SetParameters(const std::string& scheduleKbn, const std::string& powerPlantId, const std::string& url);
 
     // Keeps `owner` (normally the callback itself) alive until this request
     // is released, so that the callback outlives its own report.

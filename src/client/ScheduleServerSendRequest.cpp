@@ -17,9 +17,8 @@ std::future<std::shared_ptr<ServerAccessResult>> ScheduleServerSendRequest::GetF
     return promise_.get_future();
 }
 
-void ScheduleServerSendRequest::OnResult(int status, int httpStatus, const std::string& contentType,
-                                         const char* data, std::int64_t dataLength,
-                                         const std::string& message) {
+void ScheduleServerSendRequest::OnResult(int status, int httpStatus, const std::string& contentType, const char* data,
+                                         std::int64_t dataLength, const std::string& message) {
     if (fulfilled_) return;
     std::shared_ptr<ServerAccessResult> result;
     if (status == 0 && httpStatus == kHttpOk) {

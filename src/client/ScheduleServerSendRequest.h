@@ -25,8 +25,8 @@ public:
     // status: a failed result with that code and "Data is not found.";
     // a failed exchange: a failed result with code 0 and its message. A
     // second report is ignored, so the promise is fulfilled exactly once.
-    void OnResult(int status, int httpStatus, const std::string& contentType, const char* data,
-                  std::int64_t dataLength, const std::string& message) override;
+    void OnResult(int status, int httpStatus, const std::string& contentType, const char* data, std::int64_t dataLength,
+                  const std::string& message) override;
 
 private:
     std::promise<std::shared_ptr<ServerAccessResult>> promise_;

@@ -6,8 +6,7 @@
 
 namespace brvo {
 
-ServerAccessResult::ServerAccessResult(bool result, std::int32_t statusCode,
-                                       const std::string& failureReason)
+ServerAccessResult::ServerAccessResult(bool result, std::int32_t statusCode, const std::string& failureReason)
     : result_(result), failureReason_(failureReason), statusCode_(statusCode) {}
 
 ServerAccessResult::~ServerAccessResult() = default;
@@ -21,9 +20,7 @@ void ServerAccessResult::SetResponseParser(const std::shared_ptr<ServerResponseP
 std::string ServerAccessResult::ToString() const {
     std::ostringstream text;
     text << "ServerAccessResult [" << (result_ ? "true" : "false") << "] "
-         << " Failure Reason:" << failureReason_
-         << " StatusCode:" << statusCode_
-         << " Response Parser:";
+         << " Failure Reason:" << failureReason_ << " StatusCode:" << statusCode_ << " Response Parser:";
     if (responseParser_) text << responseParser_->ToString();
     return text.str();
 }

@@ -70,14 +70,9 @@ std::int32_t UsableLength(const char* data, std::int64_t length) {
 
 } // namespace
 
-ServerResponseParser::ServerResponseParser(const std::string& contentType, const char* data,
-                                           std::int64_t dataLength)
-    : isBinary_(false),
-      isText_(1),
-      dataLength_(UsableLength(data, dataLength)),
-      contentLength_(0),
-      data_(reinterpret_cast<const unsigned char*>(data)),
-      contentType_(contentType) {
+ServerResponseParser::ServerResponseParser(const std::string& contentType, const char* data, std::int64_t dataLength)
+    : isBinary_(false), isText_(1), dataLength_(UsableLength(data, dataLength)), contentLength_(0),
+      data_(reinterpret_cast<const unsigned char*>(data)), contentType_(contentType) {
     const Caught caught = GuardedCall([this] { Parse(); });
     if (caught) {
         message_ = caught.DescribeTagged("Parser error. ");
@@ -141,16 +136,14 @@ std::int64_t ServerResponseParser::FindLineEnd(std::int64_t start) const {
 // The line from `start` to `end`. Throws std::out_of_range when `start` lies
 // beyond the text (a NUL byte cut the text short); a line cut short by the
 // end of the text is what there is.
-std::string ServerResponseParser::LineAt(const std::string& text, std::int64_t start,
-                                         std::int64_t end) const {
+std::string ServerResponseParser::LineAt(const std::string& text, std::int64_t start, std::int64_t end) const {
     const std::size_t count = end > start ? static_cast<std::size_t>(end - start) : 0;
     return text.substr(static_cast<std::size_t>(start), count);
 }
 
 // Reads lines up to the delimiter line or the end of the data; returns the
 // end of the last line read.
-std::int64_t ServerResponseParser::SkipPreamble(const std::string& text,
-                                                const std::string& delimiter) const {
+std::int64_t ServerResponseParser::SkipPreamble(const std::string& text, const std::string& delimiter) const {
     std::int64_t start = 0;
     for (;;) {
         const std::int64_t end = FindLineEnd(start);
@@ -164,8 +157,7 @@ std::int64_t ServerResponseParser::SkipPreamble(const std::string& text,
 // Reads the headers of the part that starts after the line ending at `end`,
 // then its content. Only lines closed by a CRLF count; an unterminated last
 // line cannot be the empty line that opens the content.
-void ServerResponseParser::ReadFirstPart(const std::string& text, std::int64_t end,
-                                         const std::string& closing) {
+void ServerResponseParser::ReadFirstPart(const std::string& text, std::int64_t end, const std::string& closing) {
     std::int64_t start = end + 2;
     for (;;) {
         end = FindLineEnd(start);
@@ -205,8 +197,8 @@ void ServerResponseParser::ReadContent(std::int64_t start) {
     }
     const std::int64_t available = std::max<std::int64_t>(dataLength_ - start, 0);
     if (contentLength_ > available) {
-        message_ = "Parser error. part is truncated. Content-Length[" + std::to_string(contentLength_) +
-                   "] received[" + std::to_string(available) + "]";
+        message_ = "Parser error. part is truncated. Content-Length[" + std::to_string(contentLength_) + "] received[" +
+                   std::to_string(available) + "]";
         LoggerLog::Error(kTag, message_);
         return;
     }

@@ -6,8 +6,7 @@
 
 namespace brvo {
 
-WorkerThreadRunnable::WorkerThreadRunnable(Poco::NotificationQueue* queue)
-    : queue_(queue), stop_(false) {}
+WorkerThreadRunnable::WorkerThreadRunnable(Poco::NotificationQueue* queue) : queue_(queue), stop_(false) {}
 
 WorkerThreadRunnable::~WorkerThreadRunnable() {}
 

@@ -43,8 +43,7 @@ bool OnlyBlanksAndComments(const char* text) {
 
 } // namespace
 
-DatabaseManager::DatabaseManager(const std::string& tag, const std::string& table)
-    : tag_(tag), table_(table) {
+DatabaseManager::DatabaseManager(const std::string& tag, const std::string& table) : tag_(tag), table_(table) {
     Poco::Data::SQLite::Connector::registerConnector();
 }
 

@@ -73,9 +73,9 @@ void ScheduleDatabase::SetForwarder(const Forwarder& forwarder) {
 
 std::string ScheduleDatabase::CreateTableStatement() const {
     std::ostringstream sql;
-    sql << "CREATE TABLE IF NOT EXISTS " << kTableSchedule << " (" << kColumnTime
-        << " INTEGER PRIMARY KEY ," << kColumnControlRate << " INTEGER," << kColumnSent
-        << " BOOLEAN DEFAULT 0 " << ")";
+    sql << "CREATE TABLE IF NOT EXISTS " << kTableSchedule << " (" << kColumnTime << " INTEGER PRIMARY KEY ,"
+        << kColumnControlRate << " INTEGER," << kColumnSent << " BOOLEAN DEFAULT 0 "
+        << ")";
     return sql.str();
 }
 
@@ -97,7 +97,8 @@ void ScheduleDatabase::DeleteOldData() {
     Operate("Delete old data error. ", [&] {
         const std::int64_t cutoff = NowSeconds() - static_cast<std::int64_t>(RetentionDays()) * kSecondsPerDay;
         std::ostringstream sql;
-        sql << "DELETE FROM " << kTableSchedule << " " << "WHERE " << kColumnTime << " < " << cutoff;
+        sql << "DELETE FROM " << kTableSchedule << " "
+            << "WHERE " << kColumnTime << " < " << cutoff;
         Execute(sql.str());
     });
 }
@@ -141,13 +142,21 @@ ScheduleRow ScheduleDatabase::RunSelect(std::int64_t time, bool current, bool lo
     row.time = -1;
     const Caught caught = GuardedCall([&] {
         std::ostringstream sql;
-        sql << "SELECT " << " " << kColumnTime << " " << ", " << kColumnControlRate << " " << ", "
-            << kColumnSent << " " << " FROM " << kTableSchedule << " " << " WHERE " << " " << kColumnTime
-            << " ";
+        sql << "SELECT "
+            << " " << kColumnTime << " "
+            << ", " << kColumnControlRate << " "
+            << ", " << kColumnSent << " "
+            << " FROM " << kTableSchedule << " "
+            << " WHERE "
+            << " " << kColumnTime << " ";
         if (current) {
-            sql << " " << " <= " << time << " " << " ORDER BY " << kColumnTime << " DESC LIMIT 1 ";
+            sql << " "
+                << " <= " << time << " "
+                << " ORDER BY " << kColumnTime << " DESC LIMIT 1 ";
         } else {
-            sql << " " << " > " << time << " " << " ORDER BY " << kColumnTime << " ASC LIMIT 1 ";
+            sql << " "
+                << " > " << time << " "
+                << " ORDER BY " << kColumnTime << " ASC LIMIT 1 ";
         }
         const std::string text = sql.str();
         CheckSingleStatement(text);
@@ -173,8 +182,11 @@ ScheduleRow ScheduleDatabase::RunSelect(std::int64_t time, bool current, bool lo
 
 std::string ScheduleDatabase::ValuesGroup(const ScheduleRow& row) const {
     std::ostringstream group;
-    group << " ( " << " '" << row.time << "'" << ",'" << row.controlRate << "'" << ",'"
-          << (row.sent ? 1 : 0) << "'" << " ) ";
+    group << " ( "
+          << " '" << row.time << "'"
+          << ",'" << row.controlRate << "'"
+          << ",'" << (row.sent ? 1 : 0) << "'"
+          << " ) ";
     return group.str();
 }
 
@@ -219,8 +231,13 @@ bool ScheduleDatabase::InsertUpdateSchedule(const std::vector<ScheduleRow>& rows
     bool inserted = false;
     Operate("Insert Update Schedule error. ", [&] {
         std::ostringstream header;
-        header << "INSERT OR REPLACE INTO " << kTableSchedule << " " << " ( " << " " << kColumnTime << " "
-               << ", " << kColumnControlRate << " " << ", " << kColumnSent << " " << " )" << " VALUES ";
+        header << "INSERT OR REPLACE INTO " << kTableSchedule << " "
+               << " ( "
+               << " " << kColumnTime << " "
+               << ", " << kColumnControlRate << " "
+               << ", " << kColumnSent << " "
+               << " )"
+               << " VALUES ";
         inserted = InsertRows(header.str(), rows) > 0;
     });
     return inserted;
@@ -236,7 +253,8 @@ bool ScheduleDatabase::InsertFixedSchedule(const std::vector<ScheduleRow>& rows)
             if (row.time > cutoff) later.push_back(row);
         }
         std::ostringstream header;
-        header << "INSERT OR IGNORE INTO " << kTableSchedule << " " << " VALUES ";
+        header << "INSERT OR IGNORE INTO " << kTableSchedule << " "
+               << " VALUES ";
         if (!later.empty()) InsertRows(header.str(), later);
     });
 }
@@ -262,8 +280,11 @@ void ScheduleDatabase::UpdateSentFlag() {
     }
     Operate("Update Sent Flag error. ", [&] {
         std::ostringstream sql;
-        sql << "UPDATE " << kTableSchedule << " " << " SET " << kColumnSent << " = " << " 1 " << " WHERE "
-            << kColumnSent << " = " << " 0 ";
+        sql << "UPDATE " << kTableSchedule << " "
+            << " SET " << kColumnSent << " = "
+            << " 1 "
+            << " WHERE " << kColumnSent << " = "
+            << " 0 ";
         Execute(sql.str());
     });
 }

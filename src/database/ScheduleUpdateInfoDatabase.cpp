@@ -14,18 +14,17 @@ namespace {
 const std::string kTag = "ScheduleUpdateDataInfo";
 }
 
-ScheduleUpdateInfoDatabase::ScheduleUpdateInfoDatabase()
-    : DatabaseManager(kTag, kTableScheduleUpdateInfo) {}
+ScheduleUpdateInfoDatabase::ScheduleUpdateInfoDatabase() : DatabaseManager(kTag, kTableScheduleUpdateInfo) {}
 
 ScheduleUpdateInfoDatabase::~ScheduleUpdateInfoDatabase() {}
 
 std::string ScheduleUpdateInfoDatabase::CreateTableStatement() const {
     std::ostringstream sql;
-    sql << "CREATE TABLE IF NOT EXISTS " << kTableScheduleUpdateInfo << " (" << kColumnPlantId
-        << " VARCHAR(26)," << kColumnLastUpdateTime << " VARCHAR(19)," << kColumnNextUpdateTime
-        << " VARCHAR(19)," << kColumnFixedScheduleUpdateFlag << " INTEGER,"
-        << kColumnIsNeedUpdateFixedSchedule << " BOOLEAN DEFAULT 0," << " PRIMARY KEY( " << kColumnPlantId
-        << ") " << ")";
+    sql << "CREATE TABLE IF NOT EXISTS " << kTableScheduleUpdateInfo << " (" << kColumnPlantId << " VARCHAR(26),"
+        << kColumnLastUpdateTime << " VARCHAR(19)," << kColumnNextUpdateTime << " VARCHAR(19),"
+        << kColumnFixedScheduleUpdateFlag << " INTEGER," << kColumnIsNeedUpdateFixedSchedule << " BOOLEAN DEFAULT 0,"
+        << " PRIMARY KEY( " << kColumnPlantId << ") "
+        << ")";
     return sql.str();
 }
 
@@ -36,13 +35,19 @@ bool ScheduleUpdateInfoDatabase::InsertUpdateInfo(const ScheduleUpdateInfo& info
     bool inserted = false;
     Operate("Insert Update error. ", [&] {
         std::ostringstream sql;
-        sql << "INSERT OR REPLACE INTO " << kTableScheduleUpdateInfo << " " << " ( " << " " << kColumnPlantId
-            << " " << ", " << kColumnLastUpdateTime << " " << ", " << kColumnNextUpdateTime << " " << ", "
-            << kColumnFixedScheduleUpdateFlag << " " << ", " << kColumnIsNeedUpdateFixedSchedule << " "
+        sql << "INSERT OR REPLACE INTO " << kTableScheduleUpdateInfo << " "
+            << " ( "
+            << " " << kColumnPlantId << " "
+            << ", " << kColumnLastUpdateTime << " "
+            << ", " << kColumnNextUpdateTime << " "
+            << ", " << kColumnFixedScheduleUpdateFlag << " "
+            << ", " << kColumnIsNeedUpdateFixedSchedule << " "
             << " )";
-        sql << " VALUES ( " << " " << Quoted(info.plantId) << "," << Quoted(info.lastUpdateTime) << ","
-            << Quoted(info.nextUpdateTime) << ",'" << info.fixedScheduleUpdateFlag << "'" << ",'"
-            << (info.isNeedUpdateFixedSchedule ? 1 : 0) << "'" << " )";
+        sql << " VALUES ( "
+            << " " << Quoted(info.plantId) << "," << Quoted(info.lastUpdateTime) << "," << Quoted(info.nextUpdateTime)
+            << ",'" << info.fixedScheduleUpdateFlag << "'"
+            << ",'" << (info.isNeedUpdateFixedSchedule ? 1 : 0) << "'"
+            << " )";
         inserted = Execute(sql.str()) > 0;
     });
     return inserted;
@@ -52,13 +57,12 @@ ScheduleUpdateInfo ScheduleUpdateInfoDatabase::SelectUpdateInfo() {
     ScheduleUpdateInfo info;
     Operate("Select error. ", [&] {
         std::ostringstream sql;
-        sql << "SELECT " << kColumnPlantId << ", " << kColumnLastUpdateTime << ", " << kColumnNextUpdateTime
-            << ", " << kColumnFixedScheduleUpdateFlag << ", " << kColumnIsNeedUpdateFixedSchedule << " FROM "
+        sql << "SELECT " << kColumnPlantId << ", " << kColumnLastUpdateTime << ", " << kColumnNextUpdateTime << ", "
+            << kColumnFixedScheduleUpdateFlag << ", " << kColumnIsNeedUpdateFixedSchedule << " FROM "
             << kTableScheduleUpdateInfo;
         Poco::Data::Statement select(GetSession());
-        select << sql.str(), Poco::Data::Keywords::into(info.plantId),
-            Poco::Data::Keywords::into(info.lastUpdateTime), Poco::Data::Keywords::into(info.nextUpdateTime),
-            Poco::Data::Keywords::into(info.fixedScheduleUpdateFlag),
+        select << sql.str(), Poco::Data::Keywords::into(info.plantId), Poco::Data::Keywords::into(info.lastUpdateTime),
+            Poco::Data::Keywords::into(info.nextUpdateTime), Poco::Data::Keywords::into(info.fixedScheduleUpdateFlag),
             Poco::Data::Keywords::into(info.isNeedUpdateFixedSchedule), Poco::Data::Keywords::limit(1);
         if (!select.done()) select.execute();
     });

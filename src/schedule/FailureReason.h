@@ -9,16 +9,16 @@
 namespace brvo {
 
 enum class FailureReason : std::int32_t {
-    kNone = 0,                   // success
-    kAccessFailed = 1,           // server access failed, or no update information exists
-    kResponseUnparsable = 2,     // the server's response could not be parsed
-    kPayloadInvalid = 3,         // the schedule payload is not valid
-    kNoSlots = 4,                // the payload holds no slots
-    kDatabaseWriteFailed = 5,    // the database write failed
-    kPlantIdNotRegistered = 6,   // the server does not know the plant ID
-    kPlantIdMismatch = 7,        // fixed data of another plant ID, not forced
-    kFileNotFound = 9,           // a fixed-schedule file handed in locally is missing or unusable
-    kException = 12,             // an exception inside the flow
+    kNone = 0,                 // success
+    kAccessFailed = 1,         // server access failed, or no update information exists
+    kResponseUnparsable = 2,   // the server's response could not be parsed
+    kPayloadInvalid = 3,       // the schedule payload is not valid
+    kNoSlots = 4,              // the payload holds no slots
+    kDatabaseWriteFailed = 5,  // the database write failed
+    kPlantIdNotRegistered = 6, // the server does not know the plant ID
+    kPlantIdMismatch = 7,      // fixed data of another plant ID, not forced
+    kFileNotFound = 9,         // a fixed-schedule file handed in locally is missing or unusable
+    kException = 12,           // an exception inside the flow
 };
 
 // The reason's number as clients and log lines see it.

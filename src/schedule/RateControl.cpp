@@ -53,8 +53,7 @@ DeviceSettingXmlManager& DeviceSettings() {
 // the earliest date a schedule can be for.
 bool DateIsPlausible(const Poco::Timestamp& now) {
     const bool testMode = LoggerSettingManager::Current().GetOutputControlTestMode() != 0;
-    std::shared_ptr<TimeStamp> minimum =
-        TimeStamp::Parse(kDateFormat, testMode ? kDate20160101 : kDate20200101);
+    std::shared_ptr<TimeStamp> minimum = TimeStamp::Parse(kDateFormat, testMode ? kDate20160101 : kDate20200101);
     TimeStamp shifted(now);
     shifted.AddServerOffset();
     return minimum != nullptr && shifted.Value() >= minimum->Value();
@@ -68,8 +67,8 @@ bool DateIsPlausible(const Poco::Timestamp& now) {
 std::int64_t ScaleRate(std::int32_t rate, const DeviceSettingXmlManager::Limit& limit) {
     if (limit.value100 == 100 && limit.value0 == 0) return rate;
     const std::int64_t span = static_cast<std::int64_t>(limit.value100) - limit.value0;
-    const float scaled = (static_cast<float>(rate) / 100.0f) * static_cast<float>(span) +
-                         static_cast<float>(limit.value0);
+    const float scaled =
+        (static_cast<float>(rate) / 100.0f) * static_cast<float>(span) + static_cast<float>(limit.value0);
     return static_cast<std::int64_t>(std::roundf(scaled));
 }
 

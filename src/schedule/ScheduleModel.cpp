@@ -172,7 +172,8 @@ bool ScheduleModel::ParseRecord(const std::string& hex, std::size_t& position) {
     position += kPlantIdChars;
     const std::string start = Field(hex, position, kStartChars);
     std::shared_ptr<TimeStamp> startTime = TimeStamp::Parse(kStartFormat, start);
-    if (!startTime || !IsPlausible(*startTime) || HasZeroMonthOrDay(start)) throw Refusal{"Schedule start date error. [" + start + "]"};
+    if (!startTime || !IsPlausible(*startTime) || HasZeroMonthOrDay(start))
+        throw Refusal{"Schedule start date error. [" + start + "]"};
     if (!std::regex_search(start, SlotStartPattern())) {
         Fail(LoggerLog::kWarning, "Schedule start date error. [" + start + "]");
         return false;
@@ -215,8 +216,8 @@ void ScheduleModel::CheckSlotCount(const std::string& hex, std::size_t position,
 
 // Appends `count` slots from `position` on and returns the sum of their
 // rates. A rate is one byte's value and is kept as it is, above 100 too.
-std::int64_t ScheduleModel::ReadSlots(const std::string& hex, std::size_t& position,
-                                      std::int32_t count, std::int64_t firstTime) {
+std::int64_t ScheduleModel::ReadSlots(const std::string& hex, std::size_t& position, std::int32_t count,
+                                      std::int64_t firstTime) {
     slots_.reserve(slots_.size() + static_cast<std::size_t>(count));
     std::int64_t sum = 0;
     for (std::int32_t i = 0; i < count; ++i) {

@@ -47,11 +47,9 @@ private:
     void Parse(const std::string& hex);
     bool ParseRecord(const std::string& hex, std::size_t& position);
     void CheckSlotCount(const std::string& hex, std::size_t position, std::int32_t count) const;
-    std::int64_t ReadSlots(const std::string& hex, std::size_t& position, std::int32_t count,
-                           std::int64_t firstTime);
+    std::int64_t ReadSlots(const std::string& hex, std::size_t& position, std::int32_t count, std::int64_t firstTime);
     void ReadNextUpdateTime(const std::string& hex, std::size_t position);
-    std::int32_t SkipRepeats(const std::string& hex, std::size_t begin, std::size_t& position,
-                             std::int32_t left);
+    std::int32_t SkipRepeats(const std::string& hex, std::size_t begin, std::size_t& position, std::int32_t left);
     void Refuse(const std::string& message);
     void Fail(int level, const std::string& message);
 

@@ -182,15 +182,9 @@ bool ScheduleUpdateManager::HasParked() {
 }
 
 ScheduleUpdateManager::ScheduleUpdateManager()
-    : channel_(new Channel(kRequestWorkers)),
-      infoDatabase_(new ScheduleUpdateInfoDatabase()),
-      resets_(0),
-      schedule_timer_(nullptr),
-      fixed_schedule_timer_(nullptr),
-      updateCancel_(std::make_shared<CancelEvent>()),
-      fixedCancel_(std::make_shared<CancelEvent>()),
-      stopEvent_(new CancelEvent()),
-      users_(0) {
+    : channel_(new Channel(kRequestWorkers)), infoDatabase_(new ScheduleUpdateInfoDatabase()), resets_(0),
+      schedule_timer_(nullptr), fixed_schedule_timer_(nullptr), updateCancel_(std::make_shared<CancelEvent>()),
+      fixedCancel_(std::make_shared<CancelEvent>()), stopEvent_(new CancelEvent()), users_(0) {
     channel_->StartWorkers();
     ScheduleDatabase::CreateInstance();
     ScheduleDatabase::GetInstance()->SetForwarder([this] { return SendScheduleData(); });
@@ -285,14 +279,14 @@ ScheduleUpdateInfo ScheduleUpdateManager::GetUpdateInfo() {
     return infoDatabase_->SelectUpdateInfo();
 }
 
-std::future<std::shared_ptr<ServerAccessResult>> ScheduleUpdateManager::ServerAccess_c(
-    const std::string& scheduleKbn) {
+std::future<std::shared_ptr<ServerAccessResult>> ScheduleUpdateManager::ServerAccess_c(const std::string& scheduleKbn) {
     LoggerLog::Debug(kTag, "ServerAccess_c");
     return StartExchange([&](ScheduleServerAccessRequest& request) { request.SetParameters(scheduleKbn); });
 }
 
-std::future<std::shared_ptr<ServerAccessResult>> ScheduleUpdateManager::ServerAccess_i(
-    const std::string& scheduleKbn, const std::string& plantId, const std::string& url) {
+std::future<std::shared_ptr<ServerAccessResult>> ScheduleUpdateManager::ServerAccess_i(const std::string& scheduleKbn,
+                                                                                       const std::string& plantId,
+                                                                                       const std::string& url) {
     LoggerLog::Debug(kTag, "ServerAccess_i");
     return StartExchange(
         [&](ScheduleServerAccessRequest& request) { request.SetParameters(scheduleKbn, plantId, url); });
@@ -300,8 +294,8 @@ std::future<std::shared_ptr<ServerAccessResult>> ScheduleUpdateManager::ServerAc
 
 // Queues one exchange whose parameters `setParameters` fills in. The
 // callback lives as long as the request, so it outlives its own report.
-std::future<std::shared_ptr<ServerAccessResult>> ScheduleUpdateManager::StartExchange(
-    const std::function<void(ScheduleServerAccessRequest&)>& setParameters) {
+std::future<std::shared_ptr<ServerAccessResult>>
+ScheduleUpdateManager::StartExchange(const std::function<void(ScheduleServerAccessRequest&)>& setParameters) {
     auto callback = std::make_shared<ScheduleServerSendRequest>();
     std::future<std::shared_ptr<ServerAccessResult>> future = callback->GetFuture();
     ScheduleServerAccessRequest* request = new ScheduleServerAccessRequest(callback.get());
@@ -314,12 +308,13 @@ std::future<std::shared_ptr<ServerAccessResult>> ScheduleUpdateManager::StartExc
 
 // Reports a failed exchange or an answer the parser could not read; null
 // when the answer can be used.
-std::shared_ptr<UpdateResult> ScheduleUpdateManager::AccessFailure(
-    const std::string& failureText, const std::shared_ptr<ServerAccessResult>& access) {
+std::shared_ptr<UpdateResult> ScheduleUpdateManager::AccessFailure(const std::string& failureText,
+                                                                   const std::shared_ptr<ServerAccessResult>& access) {
     if (!access || !access->IsResult()) {
         const std::string printed = access ? access->ToString() : std::string();
         LoggerLog::Warning(kTag, failureText + printed + "]");
-        return Failure(FailureReason::kAccessFailed, access ? access->GetStatusCode() : 0, access ? access->GetFailureReason() : "");
+        return Failure(FailureReason::kAccessFailed, access ? access->GetStatusCode() : 0,
+                       access ? access->GetFailureReason() : "");
     }
     std::shared_ptr<ServerResponseParser> parser = access->GetResponseParser();
     if (!parser || !parser->IsBinary()) {
@@ -348,7 +343,8 @@ std::shared_ptr<UpdateResult> ScheduleUpdateManager::UpdateSchedule() {
             return Failure(FailureReason::kNoSlots, status, "Schedule data is nothing.");
         }
         Poco::Mutex::ScopedLock lock(flowMutex_);
-        if (ResetSince(resets, "Schedule update failed.")) return Failure(FailureReason::kDatabaseWriteFailed, status, "Database update error.");
+        if (ResetSince(resets, "Schedule update failed."))
+            return Failure(FailureReason::kDatabaseWriteFailed, status, "Database update error.");
         if (!UpdateWithUpdateSchedule(model.GetUpdateInfo(), slots)) {
             LoggerLog::Warning(kTag, "Schedule update failed. Database update error.");
             return Failure(FailureReason::kDatabaseWriteFailed, status, "Database update error.");
@@ -387,7 +383,8 @@ std::shared_ptr<UpdateResult> ScheduleUpdateManager::UpdateFixedSchedule() {
             return Failure(FailureReason::kNoSlots, status, "Schedule data is nothing.");
         }
         Poco::Mutex::ScopedLock lock(flowMutex_);
-        if (ResetSince(resets, "Fixed schedule update failed.")) return Failure(FailureReason::kDatabaseWriteFailed, status, "Database update error.");
+        if (ResetSince(resets, "Fixed schedule update failed."))
+            return Failure(FailureReason::kDatabaseWriteFailed, status, "Database update error.");
         if (!UpdateWithFixedSchedule(slots, model.GetPlantId())) {
             LoggerLog::Warning(kTag, "Fixed schedule update failed. Database update error.");
             return Failure(FailureReason::kDatabaseWriteFailed, status, "Database update error.");
@@ -402,8 +399,8 @@ bool ScheduleUpdateManager::UpdateWithUpdateSchedule(const ScheduleUpdateInfo& r
     LoggerLog::Debug(kTag, "UpdateWithUpdateSchedule");
     ScheduleUpdateInfo info = infoDatabase_->SelectUpdateInfo();
     if (!info.plantId.empty() && info.plantId != received.plantId) {
-        LoggerLog::Error(kTag, "It is data of a different power station ID. Expected[" + info.plantId +
-                                   "], but [" + received.plantId + "]");
+        LoggerLog::Error(kTag, "It is data of a different power station ID. Expected[" + info.plantId + "], but [" +
+                                   received.plantId + "]");
         return false;
     }
     if (!info.plantId.empty()) {
@@ -425,8 +422,7 @@ bool ScheduleUpdateManager::UpdateWithUpdateSchedule(const ScheduleUpdateInfo& r
     return infoDatabase_->InsertUpdateInfo(info);
 }
 
-bool ScheduleUpdateManager::UpdateWithFixedSchedule(const std::vector<ScheduleRow>& slots,
-                                                    const std::string& plantId) {
+bool ScheduleUpdateManager::UpdateWithFixedSchedule(const std::vector<ScheduleRow>& slots, const std::string& plantId) {
     Poco::Mutex::ScopedLock lock(flowMutex_);
     LoggerLog::Debug(kTag, "UpdateWithFixedSchedule");
     ScheduleDatabase* database = ScheduleDatabase::GetInstance();
@@ -509,8 +505,8 @@ bool ScheduleUpdateManager::BringInfoInStep(bool startIfUnchanged) {
     return false;
 }
 
-std::shared_ptr<UpdateResult> ScheduleUpdateManager::UpdateWithFixedData(
-    const std::shared_ptr<ScheduleModel>& model, bool force) {
+std::shared_ptr<UpdateResult> ScheduleUpdateManager::UpdateWithFixedData(const std::shared_ptr<ScheduleModel>& model,
+                                                                         bool force) {
     Poco::Mutex::ScopedLock lock(flowMutex_);
     LoggerLog::Debug(kTag, "UpdateWithFixedData");
     return GuardedFlow("Fixed schedule send failed. ", [&]() -> std::shared_ptr<UpdateResult> {
@@ -550,8 +546,7 @@ std::shared_ptr<UpdateResult> ScheduleUpdateManager::UpdateWithFixedData(
     });
 }
 
-std::shared_ptr<UpdateResult> ScheduleUpdateManager::CheckPlantId(const std::string& plantId,
-                                                                  const std::string& url) {
+std::shared_ptr<UpdateResult> ScheduleUpdateManager::CheckPlantId(const std::string& plantId, const std::string& url) {
     LoggerLog::Debug(kTag, "CheckPlantId");
     return GuardedFlow("Check plant id failed. ", [&]() -> std::shared_ptr<UpdateResult> {
         std::shared_ptr<ServerAccessResult> access = ServerAccess_i(kCheckPlantIdKbn, plantId, url).get();
@@ -582,13 +577,13 @@ bool ScheduleUpdateManager::IsRetryable(const UpdateResult& result) {
     if (status >= 400 && status <= 499) return false;
     if (status >= 500 && status <= 599) return true;
     switch (result.GetFailureReason()) {
-        case FailureReason::kAccessFailed:
-        case FailureReason::kPayloadInvalid:
-        case FailureReason::kNoSlots:
-        case FailureReason::kException:
-            return true;
-        default:
-            return false;
+    case FailureReason::kAccessFailed:
+    case FailureReason::kPayloadInvalid:
+    case FailureReason::kNoSlots:
+    case FailureReason::kException:
+        return true;
+    default:
+        return false;
     }
 }
 
@@ -700,14 +695,14 @@ void ScheduleUpdateManager::SetupUpdateScheduleAlarm(bool keepTimer, bool retry)
     std::int64_t seconds = next->EpochSeconds();
     while (seconds <= now.EpochSeconds()) seconds += kHalfHourSeconds;
     // Keep the sub-second part of a time read from the table (none) and of now.
-    next = std::make_shared<TimeStamp>(Poco::Timestamp(next->Value() +
-        (seconds - next->EpochSeconds()) * Poco::Timestamp::resolution()));
+    next = std::make_shared<TimeStamp>(
+        Poco::Timestamp(next->Value() + (seconds - next->EpochSeconds()) * Poco::Timestamp::resolution()));
     {
         Poco::Mutex::ScopedLock lock(timerMutex_);
         schedule_update_time_ = next;
     }
-    LoggerLog::Debug(kTag, std::string(retry ? "retry. " : "") + "schedule_update_time_ [" +
-                               next->FormatDisplay() + "]");
+    LoggerLog::Debug(kTag,
+                     std::string(retry ? "retry. " : "") + "schedule_update_time_ [" + next->FormatDisplay() + "]");
     if (!keepTimer) {
         ReplaceTimer(schedule_timer_, "schedule_timer_ delete", &ScheduleUpdateManager::CallbackUpdateSchedule);
     }
@@ -737,8 +732,7 @@ void ScheduleUpdateManager::SetupFixedScheduleAlarm() {
         fixed_schedule_update_time_ = next;
     }
     LoggerLog::Debug(kTag, "fixed_schedule_update_time_ [" + next->FormatDisplay() + "]");
-    ReplaceTimer(fixed_schedule_timer_, "fixed_schedule_timer_ delete",
-                 &ScheduleUpdateManager::CallbackFixedSchedule);
+    ReplaceTimer(fixed_schedule_timer_, "fixed_schedule_timer_ delete", &ScheduleUpdateManager::CallbackFixedSchedule);
 }
 
 void ScheduleUpdateManager::StopFixedScheduleAlarm() {

@@ -117,8 +117,7 @@ public:
     // from the system settings, or as given.
     std::future<std::shared_ptr<ServerAccessResult>> ServerAccess_c(const std::string& scheduleKbn);
     std::future<std::shared_ptr<ServerAccessResult>> ServerAccess_i(const std::string& scheduleKbn,
-                                                                    const std::string& plantId,
-                                                                    const std::string& url);
+                                                                    const std::string& plantId, const std::string& url);
 
     // Fetches and stores the update schedule.
     std::shared_ptr<UpdateResult> UpdateSchedule();
@@ -173,8 +172,8 @@ private:
     ScheduleUpdateManager(const ScheduleUpdateManager&) = delete;
     ScheduleUpdateManager& operator=(const ScheduleUpdateManager&) = delete;
 
-    std::future<std::shared_ptr<ServerAccessResult>> StartExchange(
-        const std::function<void(ScheduleServerAccessRequest&)>& setParameters);
+    std::future<std::shared_ptr<ServerAccessResult>>
+    StartExchange(const std::function<void(ScheduleServerAccessRequest&)>& setParameters);
     bool BringInfoInStep(bool startIfUnchanged);
     void Register(Request* request);
     void EnterUse();

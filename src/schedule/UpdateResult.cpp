@@ -7,19 +7,12 @@ namespace brvo {
 UpdateResult::UpdateResult()
     : result_(true), failureReason_(FailureReason::kNone), statusCode_(0), settingChanged_(false) {}
 
-UpdateResult::UpdateResult(FailureReason failureReason, std::int32_t statusCode,
-                           const std::string& message)
-    : result_(false),
-      failureReason_(failureReason),
-      statusCode_(statusCode),
-      message_(message),
+UpdateResult::UpdateResult(FailureReason failureReason, std::int32_t statusCode, const std::string& message)
+    : result_(false), failureReason_(failureReason), statusCode_(statusCode), message_(message),
       settingChanged_(false) {}
 
 UpdateResult::UpdateResult(bool settingChanged, const std::string& plantId)
-    : result_(true),
-      failureReason_(FailureReason::kNone),
-      statusCode_(0),
-      settingChanged_(settingChanged),
+    : result_(true), failureReason_(FailureReason::kNone), statusCode_(0), settingChanged_(settingChanged),
       plantId_(plantId) {}
 
 UpdateResult::~UpdateResult() = default;
@@ -29,9 +22,7 @@ UpdateResult::~UpdateResult() = default;
 std::string UpdateResult::ToString() const {
     std::ostringstream text;
     text << "UpdateResult [" << (result_ ? "true" : "false") << "] "
-         << " FailureReason:" << ToWire(failureReason_)
-         << " StatusCode:" << statusCode_
-         << " Message:" << message_;
+         << " FailureReason:" << ToWire(failureReason_) << " StatusCode:" << statusCode_ << " Message:" << message_;
     return text.str();
 }
 

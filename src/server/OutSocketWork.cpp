@@ -342,8 +342,8 @@ std::vector<unsigned char> OutSocketWork::ServeFixedSchedule(bool& sendAfter) {
     const char* start = reinterpret_cast<const char*>(block);
     const std::string path(start, std::find(start, start + kFilePathSize, '\0'));
     const bool force = block[kFilePathSize] == 1;
-    LoggerLog::Debug(kTag, "UpdateFixedSchedule Param file_path [" + path + "]  update_flg [" +
-                               (force ? "1" : "0") + "]");
+    LoggerLog::Debug(kTag,
+                     "UpdateFixedSchedule Param file_path [" + path + "]  update_flg [" + (force ? "1" : "0") + "]");
     if (!FileUtil::Exists(path)) {
         return FixedScheduleAnswer(UpdateResult(FailureReason::kFileNotFound, 0, "file not found."));
     }
@@ -354,7 +354,8 @@ std::vector<unsigned char> OutSocketWork::ServeFixedSchedule(bool& sendAfter) {
     if (!file.ok) {
         LoggerLog::Limited(LoggerLog::kWarning, kTag, "UpdateFixedSchedule file not usable",
                            "UpdateFixedSchedule file not usable. [" + path + "] [" + file.reason + "]");
-        return FixedScheduleAnswer(UpdateResult(FailureReason::kFileNotFound, 0, "file not usable. [" + file.reason + "]"));
+        return FixedScheduleAnswer(
+            UpdateResult(FailureReason::kFileNotFound, 0, "file not usable. [" + file.reason + "]"));
     }
     std::shared_ptr<ScheduleModel> model = std::make_shared<ScheduleModel>(file.text, 0);
     const ScheduleUpdateManager::Pin updates;
@@ -370,9 +371,8 @@ std::vector<unsigned char> OutSocketWork::ServeTargetPower(std::int32_t type) {
     std::snprintf(text, sizeof text, "%f", capacity);
     LoggerLog::Debug(kTag, std::string("TargetPower Param capacity [") + text + "]");
     RateControl control;
-    std::shared_ptr<TargetPowerResult> result =
-        control.GetTargetPower(capacity, type == kCurrentTargetPower ? RateControl::kCurrentTargetPower
-                                                                     : RateControl::kNextTargetPower);
+    std::shared_ptr<TargetPowerResult> result = control.GetTargetPower(
+        capacity, type == kCurrentTargetPower ? RateControl::kCurrentTargetPower : RateControl::kNextTargetPower);
     return TargetPowerAnswer(type, *result);
 }
 

@@ -50,9 +50,9 @@ public:
 
     // How far reading the request got.
     enum ReadState {
-        kReading,     // more bytes are due
-        kRead,        // complete, or the client ended its side early
-        kReadFailed,  // the header could not be read
+        kReading,    // more bytes are due
+        kRead,       // complete, or the client ended its side early
+        kReadFailed, // the header could not be read
     };
 
     // Takes over the accepted client descriptor `socket`.

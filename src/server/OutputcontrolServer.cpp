@@ -64,8 +64,8 @@ bool SocketAddress(const std::string& path, sockaddr_un& address) {
 } // namespace
 
 OutputcontrolServer::OutputcontrolServer()
-    : channel_(new Channel(kWorkerCount)), answerChannel_(new Channel(kAnswerWorkerCount)), listenSocket_(-1), stopping_(false), connectionCap_(0), epoll_(-1),
-      spare_(-1), shed_(0), shedLogged_(false) {
+    : channel_(new Channel(kWorkerCount)), answerChannel_(new Channel(kAnswerWorkerCount)), listenSocket_(-1),
+      stopping_(false), connectionCap_(0), epoll_(-1), spare_(-1), shed_(0), shedLogged_(false) {
     channel_->StartWorkers();
     answerChannel_->StartWorkers();
     LoggerLog::Debug(kTag, "StartWorkers done");
@@ -104,7 +104,8 @@ void OutputcontrolServer::run() {
     const long descriptors = getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY
                                  ? static_cast<long>(std::min<rlim_t>(limit.rlim_cur, 1L << 20))
                                  : kMaxConnections + kReservedDescriptors;
-    connectionCap_ = static_cast<int>(std::max(1L, std::min<long>(kMaxConnections, descriptors - kReservedDescriptors)));
+    connectionCap_ =
+        static_cast<int>(std::max(1L, std::min<long>(kMaxConnections, descriptors - kReservedDescriptors)));
     spare_ = open("/dev/null", O_RDONLY | O_CLOEXEC);
     epoll_ = epoll_create1(EPOLL_CLOEXEC);
     epoll_event listening = {};
@@ -136,8 +137,7 @@ bool OutputcontrolServer::BindAndListen(int socket, std::string& failure) {
     if (fits) unlink(address.sun_path);
     LoggerLog::Debug(kTag, "bind start");
     errno = fits ? 0 : ENAMETOOLONG;
-    const int bound =
-        fits ? bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) : -1;
+    const int bound = fits ? bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) : -1;
     const int bindError = bound == 0 ? 0 : errno;
     if (bound != 0) LoggerLog::Fatal(kTag, "bind failed. [" + std::to_string(bound) + "]");
     // Commands can start schedule fetches and, on a plant change, wipe the
@@ -147,8 +147,8 @@ bool OutputcontrolServer::BindAndListen(int socket, std::string& failure) {
     const int listening = listen(socket, kBacklog);
     if (listening != 0) {
         const int listenError = errno;
-        LoggerLog::Fatal(kTag, "listen failed. [" + std::to_string(listening) + "][" +
-                                   std::to_string(listenError) + "]");
+        LoggerLog::Fatal(kTag,
+                         "listen failed. [" + std::to_string(listening) + "][" + std::to_string(listenError) + "]");
         failure = "command socket [" + path + "] not listening: bind error [" + std::strerror(bindError) +
                   "], listen error [" + std::strerror(listenError) + "]";
         return false;

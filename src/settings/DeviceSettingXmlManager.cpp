@@ -25,9 +25,8 @@ namespace {
 
 const std::string kTag = "DeviceSettingXmlManager";
 const std::string kAddressPath = "channelList/channel/addressList/address";
-const std::string kLimitPath =
-    "lggrdev:Device/lggrdev:Properties/lggrdev:Property/lggrdev:Variables/"
-    "lggrdev:VariableInfo[Name:Limit]";
+const std::string kLimitPath = "lggrdev:Device/lggrdev:Properties/lggrdev:Property/lggrdev:Variables/"
+                               "lggrdev:VariableInfo[Name:Limit]";
 
 // Replaces `value` with the number in `text` when the whole text is one
 // (decimal, 0x hex or leading-0 octal) that fits an int; else leaves it.

@@ -85,8 +85,8 @@ std::vector<std::string> LoggerSettingManager::KnownKeys() {
 }
 
 std::vector<std::string> LoggerSettingManager::NumericKeys() {
-    return {kWatchdogInterval, kMaxRollIndex,  kEnableBufferedIO,   kLogLevel,     kMaxBufferedSize,
-            kRetentionCycle,   kTestMode,      kMonitoringInterval, kSocketTimeout};
+    return {kWatchdogInterval, kMaxRollIndex, kEnableBufferedIO,   kLogLevel,     kMaxBufferedSize,
+            kRetentionCycle,   kTestMode,     kMonitoringInterval, kSocketTimeout};
 }
 
 LoggerSettingManager* LoggerSettingManager::GetInstance() {
@@ -109,8 +109,7 @@ void LoggerSettingManager::DeleteInstance() {
     delete deleted;
 }
 
-LoggerSettingManager::LoggerSettingManager(bool load)
-    : table_(new std::unordered_map<std::string, std::string>(10)) {
+LoggerSettingManager::LoggerSettingManager(bool load) : table_(new std::unordered_map<std::string, std::string>(10)) {
     SetDefaults();
     if (load) Load();
 }
@@ -176,43 +175,65 @@ int LoggerSettingManager::GetInt(const std::string& key, int fallback) const {
     return ParseInt32(text, value) ? value : fallback;
 }
 
-std::string LoggerSettingManager::GetLoggerSocketPath() const { return GetString(kLoggerSocketPath); }
+std::string LoggerSettingManager::GetLoggerSocketPath() const {
+    return GetString(kLoggerSocketPath);
+}
 
 std::string LoggerSettingManager::GetOutputControlSocketPath() const {
     return GetString(kOutputControlSocketPath);
 }
 
-std::string LoggerSettingManager::GetPVOutputControlWatchdogFile() const { return GetString(kWatchdogFile); }
+std::string LoggerSettingManager::GetPVOutputControlWatchdogFile() const {
+    return GetString(kWatchdogFile);
+}
 
-int LoggerSettingManager::GetWatchdogFileUpdateInterval() const { return GetInt(kWatchdogInterval, kDefaultWatchdogFileUpdateInterval); }
+int LoggerSettingManager::GetWatchdogFileUpdateInterval() const {
+    return GetInt(kWatchdogInterval, kDefaultWatchdogFileUpdateInterval);
+}
 
-std::string LoggerSettingManager::GetSdcardPath() const { return GetString(kSdcardPath); }
+std::string LoggerSettingManager::GetSdcardPath() const {
+    return GetString(kSdcardPath);
+}
 
-int LoggerSettingManager::GetOutputScheduleLogMaxRollIndex() const { return GetInt(kMaxRollIndex, kDefaultLogMaxRollIndex); }
+int LoggerSettingManager::GetOutputScheduleLogMaxRollIndex() const {
+    return GetInt(kMaxRollIndex, kDefaultLogMaxRollIndex);
+}
 
 bool LoggerSettingManager::GetOutputScheduleEnableLogBufferedIO() const {
     return GetInt(kEnableBufferedIO, kDefaultEnableLogBufferedIO) != 0;
 }
 
-int LoggerSettingManager::GetLogLevel() const { return GetInt(kLogLevel, kDefaultLogLevel); }
+int LoggerSettingManager::GetLogLevel() const {
+    return GetInt(kLogLevel, kDefaultLogLevel);
+}
 
 int LoggerSettingManager::GetOutputScheduleLogMaxBufferedSize() const {
     return GetInt(kMaxBufferedSize, kDefaultLogMaxBufferedSize);
 }
 
-std::string LoggerSettingManager::GetOutputScheduleLogMaxFileSize() const { return GetString(kMaxFileSize); }
+std::string LoggerSettingManager::GetOutputScheduleLogMaxFileSize() const {
+    return GetString(kMaxFileSize);
+}
 
-int LoggerSettingManager::GetOutputControlScheduleRetensionCycle() const { return GetInt(kRetentionCycle, kDefaultScheduleRetensionCycle); }
+int LoggerSettingManager::GetOutputControlScheduleRetensionCycle() const {
+    return GetInt(kRetentionCycle, kDefaultScheduleRetensionCycle);
+}
 
-int LoggerSettingManager::GetOutputControlTestMode() const { return GetInt(kTestMode, kDefaultTestMode); }
+int LoggerSettingManager::GetOutputControlTestMode() const {
+    return GetInt(kTestMode, kDefaultTestMode);
+}
 
 int LoggerSettingManager::GetOutputScheduleMonitoringInterval() const {
     return GetInt(kMonitoringInterval, kDefaultMonitoringInterval);
 }
 
-int LoggerSettingManager::GetOutputControlSocketTimeout() const { return GetInt(kSocketTimeout, kDefaultSocketTimeout); }
+int LoggerSettingManager::GetOutputControlSocketTimeout() const {
+    return GetInt(kSocketTimeout, kDefaultSocketTimeout);
+}
 
-std::string LoggerSettingManager::GetLogDirectory() const { return GetSdcardPath() + kLogDirectorySuffix; }
+std::string LoggerSettingManager::GetLogDirectory() const {
+    return GetSdcardPath() + kLogDirectorySuffix;
+}
 
 LoggerLog::FileSettings LoggerSettingManager::GetLogFileSettings() const {
     LoggerLog::FileSettings settings;
@@ -233,19 +254,16 @@ void LoggerSettingManager::Dump() {
     LoggerLog::Debug(kTag, Bracketed(kWatchdogInterval, std::to_string(GetWatchdogFileUpdateInterval())));
     LoggerLog::Debug(kTag, Bracketed(kSdcardPath, GetSdcardPath()));
     LoggerLog::Debug(kTag, Bracketed(kMaxRollIndex, std::to_string(GetOutputScheduleLogMaxRollIndex())));
-    LoggerLog::Debug(kTag, Bracketed(kEnableBufferedIO,
-                                     GetOutputScheduleEnableLogBufferedIO() ? "1" : "0"));
-    LoggerLog::Debug(kTag, Bracketed(kMaxBufferedSize,
-                                     std::to_string(GetOutputScheduleLogMaxBufferedSize())));
+    LoggerLog::Debug(kTag, Bracketed(kEnableBufferedIO, GetOutputScheduleEnableLogBufferedIO() ? "1" : "0"));
+    LoggerLog::Debug(kTag, Bracketed(kMaxBufferedSize, std::to_string(GetOutputScheduleLogMaxBufferedSize())));
     LoggerLog::Debug(kTag, Bracketed(kMaxFileSize, GetOutputScheduleLogMaxFileSize()));
     LoggerLog::Debug(kTag, Bracketed("GetLogDirectory", GetLogDirectory()));
-    LoggerLog::Debug(kTag, Bracketed("OCScheduleRetensionCycle",
-                                     std::to_string(GetOutputControlScheduleRetensionCycle())));
+    LoggerLog::Debug(kTag,
+                     Bracketed("OCScheduleRetensionCycle", std::to_string(GetOutputControlScheduleRetensionCycle())));
     LoggerLog::Debug(kTag, Bracketed(kTestMode, std::to_string(GetOutputControlTestMode())));
-    LoggerLog::Debug(kTag, Bracketed(kMonitoringInterval,
-                                     std::to_string(GetOutputScheduleMonitoringInterval())));
-    LoggerLog::Debug(kTag, Bracketed("SettingTagOutputControlSocketTimeout",
-                                     std::to_string(GetOutputControlSocketTimeout())));
+    LoggerLog::Debug(kTag, Bracketed(kMonitoringInterval, std::to_string(GetOutputScheduleMonitoringInterval())));
+    LoggerLog::Debug(
+        kTag, Bracketed("SettingTagOutputControlSocketTimeout", std::to_string(GetOutputControlSocketTimeout())));
     LoggerLog::Debug(kTag, kRule);
 }
 

@@ -14,7 +14,6 @@
 #include <Poco/DOM/Document.h>
 #include <Poco/Exception.h>
 
-
 namespace brvo {
 
 namespace {
@@ -110,12 +109,14 @@ std::shared_ptr<XmlNode> SystemSettingXmlManager::LoadAndGetTree() {
         Fill(tree);
         return tree;
     } catch (const MissingRoot&) {
-        LoggerLog::Limited(LoggerLog::kError, kTag, kLoadErrorKind, "SystemSettingXml Load error(logger tag not found.) ");
+        LoggerLog::Limited(LoggerLog::kError, kTag, kLoadErrorKind,
+                           "SystemSettingXml Load error(logger tag not found.) ");
     } catch (const Poco::Exception& e) {
         LoggerLog::Limited(LoggerLog::kError, kTag, kLoadErrorKind,
                            "SystemSettingXml Load error(Load from file) [" + e.displayText() + "]");
     } catch (const std::exception&) {
-        LoggerLog::Limited(LoggerLog::kError, kTag, kLoadErrorKind, "SystemSettingXml Load error(Load from file) exception");
+        LoggerLog::Limited(LoggerLog::kError, kTag, kLoadErrorKind,
+                           "SystemSettingXml Load error(Load from file) exception");
     }
     return nullptr;
 }
@@ -140,9 +141,11 @@ std::shared_ptr<XmlNode> SystemSettingXmlManager::LoadSystemSettingXmlNode() {
         }
         return tree;
     } catch (const MissingRoot&) {
-        LoggerLog::Limited(LoggerLog::kError, kTag, kNodeLoadErrorKind, "SystemSettingXml Load error(logger tag not found.) ");
+        LoggerLog::Limited(LoggerLog::kError, kTag, kNodeLoadErrorKind,
+                           "SystemSettingXml Load error(logger tag not found.) ");
     } catch (const Poco::Exception& e) {
-        LoggerLog::Limited(LoggerLog::kError, kTag, kNodeLoadErrorKind, "LoadSystemSettingXmlNode failed. [" + e.displayText() + "]");
+        LoggerLog::Limited(LoggerLog::kError, kTag, kNodeLoadErrorKind,
+                           "LoadSystemSettingXmlNode failed. [" + e.displayText() + "]");
     } catch (const std::exception&) {
         LoggerLog::Limited(LoggerLog::kError, kTag, kNodeLoadErrorKind, "LoadSystemSettingXmlNode failed. exception");
     }

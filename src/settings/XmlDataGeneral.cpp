@@ -5,8 +5,7 @@
 
 namespace brvo {
 
-XmlDataGeneral::XmlDataGeneral(const XmlNode& node)
-    : cloudCooperation_(false), outputControlStandAlone_(false) {
+XmlDataGeneral::XmlDataGeneral(const XmlNode& node) : cloudCooperation_(false), outputControlStandAlone_(false) {
     for (const XmlNode* child : node.GetChildren()) {
         const std::string& name = child->GetName();
         const std::string& value = child->GetValue();

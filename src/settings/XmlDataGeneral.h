@@ -29,9 +29,7 @@ public:
     const std::string& GetPvStartupDate() const { return pvStartupDate_; }
     const std::string& GetOutputControlPlantId() const { return outputControlPlantId_; }
     bool GetOutputControlStandAlone() const { return outputControlStandAlone_; }
-    const std::string& GetOutputScheduleInformationServerUrl() const {
-        return outputScheduleInformationServerUrl_;
-    }
+    const std::string& GetOutputScheduleInformationServerUrl() const { return outputScheduleInformationServerUrl_; }
     const std::string& GetFacilityCertifiedCapacity() const { return facilityCertifiedCapacity_; }
 
     // Change the loaded values in memory only.

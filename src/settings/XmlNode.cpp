@@ -4,8 +4,8 @@
 #include "util/LoggerLog.h"
 
 #include <Poco/AutoPtr.h>
-#include <Poco/DOM/Document.h>
 #include <Poco/DOM/DOMWriter.h>
+#include <Poco/DOM/Document.h>
 #include <Poco/DOM/Element.h>
 #include <Poco/DOM/NamedNodeMap.h>
 #include <Poco/DOM/Node.h>
@@ -315,8 +315,7 @@ bool XmlNode::Write(const std::string& path) const {
         out.close();
         return true;
     } catch (const Poco::Exception& e) {
-        LoggerLog::Error(kTag, "Write xml failed (Exception). path[" + path + "] message[" +
-                                   e.displayText() + "]");
+        LoggerLog::Error(kTag, "Write xml failed (Exception). path[" + path + "] message[" + e.displayText() + "]");
         return false;
     }
 }

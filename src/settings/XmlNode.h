@@ -11,9 +11,14 @@
 #include <vector>
 
 namespace Poco {
-template <class C> class AutoPtr;
-namespace XML { class Node; class Element; class Document; }
-}
+template <class C>
+class AutoPtr;
+namespace XML {
+class Node;
+class Element;
+class Document;
+} // namespace XML
+} // namespace Poco
 
 namespace brvo {
 

@@ -77,8 +77,7 @@ private:
 // parser then fails at the early end, outside its callbacks.
 class ChunkedText : public std::streambuf {
 public:
-    ChunkedText(const std::string& text, const DepthLimitFilter& filter)
-        : text_(text), filter_(filter), offset_(0) {}
+    ChunkedText(const std::string& text, const DepthLimitFilter& filter) : text_(text), filter_(filter), offset_(0) {}
 
 protected:
     int_type underflow() override {
@@ -110,9 +109,9 @@ void ThrowIfTooDeep(const DepthLimitFilter& filter, const std::string& path) {
     int line = 0;
     int column = 0;
     if (!filter.TooDeep(line, column)) return;
-    throw Poco::XML::SAXParseException(
-        "elements nested deeper than " + std::to_string(XmlSettingsParser::kMaxDepth) + " levels", "", path, line,
-        column);
+    throw Poco::XML::SAXParseException("elements nested deeper than " + std::to_string(XmlSettingsParser::kMaxDepth) +
+                                           " levels",
+                                       "", path, line, column);
 }
 
 } // namespace

@@ -33,8 +33,7 @@ public:
     // namespace processing and prefixes both on or both off. Throws what
     // the parser throws; an element nested deeper than kMaxDepth stops the
     // parse with a Poco::XML::SAXParseException.
-    static Poco::AutoPtr<Poco::XML::Document> Parse(const std::string& path, const std::string& text,
-                                                    bool namespaces);
+    static Poco::AutoPtr<Poco::XML::Document> Parse(const std::string& path, const std::string& text, bool namespaces);
 };
 
 } // namespace brvo

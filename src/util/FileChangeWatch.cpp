@@ -14,29 +14,28 @@ namespace {
 
 // A change of the file's content, its permissions, or the file itself
 // going away or being renamed.
-const std::uint32_t kFileEvents =
-    IN_MODIFY | IN_ATTRIB | IN_CLOSE_WRITE | IN_DELETE_SELF | IN_MOVE_SELF;
+const std::uint32_t kFileEvents = IN_MODIFY | IN_ATTRIB | IN_CLOSE_WRITE | IN_DELETE_SELF | IN_MOVE_SELF;
 // An entry created, removed or renamed in a directory on the path (which
 // includes replacing the file or a directory below), its permissions, or
 // the directory itself going away or being renamed. Reading files raises
 // none of these, so the daemon's own reads never count as a change.
-const std::uint32_t kDirectoryEvents = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO |
-                                       IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
+const std::uint32_t kDirectoryEvents =
+    IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
 
 // File systems whose every change passes through this kernel's VFS, so
 // that inotify reports it. Network and layered file systems are not here.
 const std::uint32_t kLocalFileSystems[] = {
-    0x01021994,  // tmpfs
-    0xEF53,      // ext2, ext3, ext4
-    0x24051905,  // ubifs
-    0x72b6,      // jffs2
-    0xF2F52010,  // f2fs
-    0x9123683E,  // btrfs
-    0x58465342,  // xfs
-    0x4d44,      // vfat
-    0x2011BAB0,  // exfat
-    0x794c7630,  // overlayfs, changed through the overlay (changing its
-                 // layers under a mounted overlay is unsupported anyway)
+    0x01021994, // tmpfs
+    0xEF53,     // ext2, ext3, ext4
+    0x24051905, // ubifs
+    0x72b6,     // jffs2
+    0xF2F52010, // f2fs
+    0x9123683E, // btrfs
+    0x58465342, // xfs
+    0x4d44,     // vfat
+    0x2011BAB0, // exfat
+    0x794c7630, // overlayfs, changed through the overlay (changing its
+                // layers under a mounted overlay is unsupported anyway)
 };
 
 } // namespace
@@ -48,8 +47,7 @@ FileChangeWatch& FileChangeWatch::Instance() {
 
 FileChangeWatch::FileChangeWatch()
     : inotifyFd_(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)),
-      mountsFd_(::open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC)),
-      broken_(inotifyFd_ < 0 || mountsFd_ < 0),
+      mountsFd_(::open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC)), broken_(inotifyFd_ < 0 || mountsFd_ < 0),
       generation_(0) {}
 
 std::int64_t FileChangeWatch::Arm(const std::string& path) {

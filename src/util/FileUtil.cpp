@@ -81,27 +81,45 @@ void ReadAtMost(int fd, std::size_t maxBytes, FileUtil::ReadResult& result) {
 
 FileUtil::~FileUtil() {}
 
-void FileUtil::SetRootPrefix(const std::string& prefix) { RootPrefix() = prefix; }
+void FileUtil::SetRootPrefix(const std::string& prefix) {
+    RootPrefix() = prefix;
+}
 
-std::string FileUtil::UnderRoot(const std::string& path) { return RootPrefix() + path; }
+std::string FileUtil::UnderRoot(const std::string& path) {
+    return RootPrefix() + path;
+}
 
-std::string FileUtil::GetSettingsDirectory() { return UnderRoot(kEtcBase) + "/SettingsXML"; }
+std::string FileUtil::GetSettingsDirectory() {
+    return UnderRoot(kEtcBase) + "/SettingsXML";
+}
 
-std::string FileUtil::GetSystemSettingFile() { return GetSettingsDirectory() + "/SystemSetting.xml"; }
+std::string FileUtil::GetSystemSettingFile() {
+    return GetSettingsDirectory() + "/SystemSetting.xml";
+}
 
 std::string FileUtil::GetDefaultSystemSettingFile() {
     return GetSettingsDirectory() + "/DefaultSystemSetting.xml";
 }
 
-std::string FileUtil::GetLoggerSettingFile() { return GetSettingsDirectory() + "/LoggerSetting.xml"; }
+std::string FileUtil::GetLoggerSettingFile() {
+    return GetSettingsDirectory() + "/LoggerSetting.xml";
+}
 
-std::string FileUtil::GetDeviceDirectory() { return UnderRoot(kEtcBase) + "/DeviceXML"; }
+std::string FileUtil::GetDeviceDirectory() {
+    return UnderRoot(kEtcBase) + "/DeviceXML";
+}
 
-std::string FileUtil::CardDataRoot(const std::string& sdcardPath) { return sdcardPath + "/" + kProduct; }
+std::string FileUtil::CardDataRoot(const std::string& sdcardPath) {
+    return sdcardPath + "/" + kProduct;
+}
 
-std::string FileUtil::FallbackDataRoot() { return UnderRoot("/tmp/" + kProduct); }
+std::string FileUtil::FallbackDataRoot() {
+    return UnderRoot("/tmp/" + kProduct);
+}
 
-std::string FileUtil::OutputControlSubdirectory() { return "/Database/OutputControl"; }
+std::string FileUtil::OutputControlSubdirectory() {
+    return "/Database/OutputControl";
+}
 
 void FileUtil::SetSdcardPath(const std::string& sdcardPath) {
     Poco::FastMutex::ScopedLock lock(dataRootMutex);
@@ -127,7 +145,9 @@ void FileUtil::ResetDataRoot() {
     dataRootChecked = false;
 }
 
-std::string FileUtil::GetDatabaseDirectory() { return GetDataRoot() + "/Database"; }
+std::string FileUtil::GetDatabaseDirectory() {
+    return GetDataRoot() + "/Database";
+}
 
 std::string FileUtil::GetOutputControlDirectory() {
     const std::string directory = GetDataRoot() + OutputControlSubdirectory();
@@ -135,9 +155,13 @@ std::string FileUtil::GetOutputControlDirectory() {
     return directory;
 }
 
-std::string FileUtil::GetCertificatesDirectory() { return GetDataRoot() + CertificatesSubdirectory(); }
+std::string FileUtil::GetCertificatesDirectory() {
+    return GetDataRoot() + CertificatesSubdirectory();
+}
 
-std::string FileUtil::CertificatesSubdirectory() { return "/Certificates/"; }
+std::string FileUtil::CertificatesSubdirectory() {
+    return "/Certificates/";
+}
 
 bool FileUtil::Rename(const std::string& from, const std::string& to) {
     try {

@@ -60,22 +60,14 @@ void AppendEscaped(std::string& line, const std::string& text) {
 
 const std::string LogFileOutput::kErrorFilePath = "/tmp/logger_io_file_error";
 
-std::string LogFileOutput::ErrorFilePath() { return FileUtil::UnderRoot(kErrorFilePath); }
+std::string LogFileOutput::ErrorFilePath() {
+    return FileUtil::UnderRoot(kErrorFilePath);
+}
 
 LogFileOutput::LogFileOutput(const LogLimiter::Clock& repeatClock)
-    : active_(&buffers_[0]),
-      activeIndex_(0),
-      timeFormat_(kDefaultTimeFormat),
-      logLevel_(1),
-      bufferedIO_(true),
-      maxBufferedSize_(8192),
-      maxRollIndex_(1),
-      maxFileSize_(10485760),
-      timer_(nullptr),
-      flushRequested_(false),
-      errorRecorded_(false),
-      bufferedBytes_(0),
-      countedLines_(0),
+    : active_(&buffers_[0]), activeIndex_(0), timeFormat_(kDefaultTimeFormat), logLevel_(1), bufferedIO_(true),
+      maxBufferedSize_(8192), maxRollIndex_(1), maxFileSize_(10485760), timer_(nullptr), flushRequested_(false),
+      errorRecorded_(false), bufferedBytes_(0), countedLines_(0),
       limiter_(LogLimiter::kPeriodMicroseconds, repeatClock) {}
 
 LogFileOutput::~LogFileOutput() {
@@ -167,8 +159,7 @@ bool LogFileOutput::WholeSecondsOnly(const std::string& format) {
     return true;
 }
 
-void LogFileOutput::Output(int level, const std::string& mark, const std::string& prefix,
-                           const std::string& message) {
+void LogFileOutput::Output(int level, const std::string& mark, const std::string& prefix, const std::string& message) {
     if (level < logLevel_) return;
     try {
         std::string line;
@@ -271,10 +262,9 @@ void LogFileOutput::OnTimer(Poco::Timer&) {
 }
 
 bool LogFileOutput::PrepareTarget() {
-    const bool usable =
-        (FileUtil::Exists(directory_) || FileUtil::CreateDirectory(directory_, true)) &&
-        (FileUtil::CanWrite(directory_) || FileUtil::SetWritable(directory_, true)) &&
-        (FileUtil::Exists(filePath_) || FileUtil::CreateFile(filePath_));
+    const bool usable = (FileUtil::Exists(directory_) || FileUtil::CreateDirectory(directory_, true)) &&
+                        (FileUtil::CanWrite(directory_) || FileUtil::SetWritable(directory_, true)) &&
+                        (FileUtil::Exists(filePath_) || FileUtil::CreateFile(filePath_));
     if (!usable) ReportFileError();
     return usable;
 }
@@ -285,8 +275,7 @@ void LogFileOutput::RestoreUnwritten(LineBuffer& lines) {
     Poco::Mutex::ScopedLock lock(mutex_);
     int bytes = 0;
     for (const std::string& line : lines) bytes += static_cast<int>(line.size());
-    active_->insert(active_->begin(), std::make_move_iterator(lines.begin()),
-                    std::make_move_iterator(lines.end()));
+    active_->insert(active_->begin(), std::make_move_iterator(lines.begin()), std::make_move_iterator(lines.end()));
     countedLines_ += static_cast<int>(lines.size());
     bufferedBytes_ += bytes;
     lines.clear();
@@ -345,8 +334,7 @@ bool LogFileOutput::WriteToFile(const std::string& text) {
 
 void LogFileOutput::RollFiles() {
     for (int i = maxRollIndex_; i >= 1; --i) {
-        const std::string source =
-            i == 1 ? fileName_ : Poco::format("%s.%d", fileName_, i - 1);
+        const std::string source = i == 1 ? fileName_ : Poco::format("%s.%d", fileName_, i - 1);
         if (!FileUtil::Exists(directory_ + "/" + source)) continue;
         const std::string target = Poco::format("%s.%d", fileName_, i);
         FileUtil::Rename(directory_ + source, directory_ + target);

@@ -17,8 +17,8 @@
 
 #include <atomic>
 #include <cstdint>
-#include <vector>
 #include <string>
+#include <vector>
 
 namespace brvo {
 
@@ -57,8 +57,7 @@ public:
 
     // Formats one line "[time UTC] [mark] prefix message", echoes it to
     // standard output and queues it. Lines below the level are dropped.
-    void Output(int level, const std::string& mark, const std::string& prefix,
-                const std::string& message);
+    void Output(int level, const std::string& mark, const std::string& prefix, const std::string& message);
     // As Output, for a line that a peer may repeat without end: the first
     // line of `kind` in a period is written, later ones only counted, and
     // one line reports the count when the period is over.

@@ -8,14 +8,12 @@ const std::int64_t LogLimiter::kPeriodMicroseconds;
 const std::size_t LogLimiter::kMaxKinds;
 
 LogLimiter::LogLimiter(std::int64_t periodMicroseconds, const Clock& clock, std::size_t maxKinds)
-    : period_(periodMicroseconds > 0 ? periodMicroseconds : kPeriodMicroseconds),
-      clock_(clock),
+    : period_(periodMicroseconds > 0 ? periodMicroseconds : kPeriodMicroseconds), clock_(clock),
       maxKinds_(maxKinds > 0 ? maxKinds : 1) {}
 
 std::int64_t LogLimiter::Now() const {
     if (clock_) return clock_();
-    return std::chrono::duration_cast<std::chrono::microseconds>(
-               std::chrono::steady_clock::now().time_since_epoch())
+    return std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now().time_since_epoch())
         .count();
 }
 
@@ -61,8 +59,7 @@ std::size_t LogLimiter::TrackedKinds() const {
 void LogLimiter::AppendReport(const Entry& entry, std::vector<Report>& due) const {
     if (entry.held == 0) return;
     due.push_back(Report{entry.last, "[" + entry.last.kind + "] repeated " + std::to_string(entry.held) +
-                                         " more time(s) in the last " + std::to_string(period_ / 1000000) +
-                                         " s."});
+                                         " more time(s) in the last " + std::to_string(period_ / 1000000) + " s."});
 }
 
 // Forgets the kinds whose period is over; when every tracked kind is still

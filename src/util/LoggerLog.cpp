@@ -87,8 +87,7 @@ void LoggerLog::Initialize() {
 }
 
 void LoggerLog::Finalize() {
-    std::shared_ptr<LogFileOutput> previous =
-        std::atomic_exchange(&output, std::shared_ptr<LogFileOutput>());
+    std::shared_ptr<LogFileOutput> previous = std::atomic_exchange(&output, std::shared_ptr<LogFileOutput>());
     // The writer's destructor writes what is still buffered; it runs here
     // unless another thread is in the middle of a line, and then there.
     previous.reset();
@@ -108,8 +107,7 @@ void LoggerLog::Write(int level, const std::string& tag, const std::string& mess
     }
 }
 
-void LoggerLog::Limited(Level level, const std::string& tag, const std::string& kind,
-                        const std::string& message) {
+void LoggerLog::Limited(Level level, const std::string& tag, const std::string& kind, const std::string& message) {
     std::shared_ptr<LogFileOutput> current = std::atomic_load(&output);
     if (!current || level < current->GetLogLevel()) return;
     try {

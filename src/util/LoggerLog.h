@@ -69,8 +69,7 @@ public:
     // more time(s) in the last 60 s." follows when the period is over or the
     // log is finalised. `kind` is a fixed text naming the failure, unique
     // across the daemon, never a value taken from the input.
-    static void Limited(Level level, const std::string& tag, const std::string& kind,
-                        const std::string& message);
+    static void Limited(Level level, const std::string& tag, const std::string& kind, const std::string& message);
 
     // Asks the writer to write its buffer at the next tick; does nothing
     // when there is no output or it writes unbuffered.

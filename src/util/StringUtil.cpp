@@ -30,10 +30,17 @@ bool ReadWholeNumber(const std::string& text, std::int64_t& value) {
 
 std::int64_t MultiplierOf(unsigned char unit) {
     switch (unit) {
-    case 'k': case 'K': return 1024;
-    case 'm': case 'M': return 1048576;
-    case 'g': case 'G': return 1073741824;
-    default: return 1;
+    case 'k':
+    case 'K':
+        return 1024;
+    case 'm':
+    case 'M':
+        return 1048576;
+    case 'g':
+    case 'G':
+        return 1073741824;
+    default:
+        return 1;
     }
 }
 
@@ -100,8 +107,8 @@ std::int32_t StringUtil::SizeTextToBytes(const std::string& text) {
     std::int64_t value = 0;
     if (!ReadWholeNumber(number, value)) value = 1;
     // Sizes past 2 GiB wrap, as they always have on the 32-bit device.
-    return static_cast<std::int32_t>(static_cast<std::uint32_t>(
-        static_cast<std::uint64_t>(multiplier) * static_cast<std::uint64_t>(value)));
+    return static_cast<std::int32_t>(
+        static_cast<std::uint32_t>(static_cast<std::uint64_t>(multiplier) * static_cast<std::uint64_t>(value)));
 }
 
 bool StringUtil::IsSpace(int ch) {

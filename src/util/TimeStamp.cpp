@@ -96,8 +96,8 @@ std::shared_ptr<TimeStamp> TimeStamp::Parse(const std::string& pattern, const st
         Poco::DateTime dateTime;
         int zoneDifferential = 0;
         if (!Poco::DateTimeParser::tryParse(pattern, text, dateTime, zoneDifferential)) return nullptr;
-        if (!Poco::DateTime::isValid(dateTime.year(), dateTime.month(), dateTime.day(),
-                                     dateTime.hour(), dateTime.minute(), dateTime.second())) {
+        if (!Poco::DateTime::isValid(dateTime.year(), dateTime.month(), dateTime.day(), dateTime.hour(),
+                                     dateTime.minute(), dateTime.second())) {
             return nullptr;
         }
         return std::make_shared<TimeStamp>(dateTime.timestamp());

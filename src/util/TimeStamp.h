@@ -44,8 +44,7 @@ public:
     // reads it: literal characters of the pattern are not compared and
     // numbers may stand between any separators. Null when no valid date and
     // time can be read.
-    static std::shared_ptr<TimeStamp> Parse(const std::string& pattern,
-                                            const std::string& text);
+    static std::shared_ptr<TimeStamp> Parse(const std::string& pattern, const std::string& text);
 
     // Formats in UTC.
     std::string FormatCompact() const;

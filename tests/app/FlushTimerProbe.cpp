@@ -45,8 +45,7 @@ double SecondsUntilWritten(const Poco::Timestamp& start, const std::string& text
 int main() {
     // The test that starts the probe names its root in PVOC_TEST_ROOT.
     brvo::test::TestRoot::Prefix();
-    brvo::test::WriteLoggerSetting(
-        "<OutputScheduleLogMaxBufferedSize>1000000</OutputScheduleLogMaxBufferedSize>");
+    brvo::test::WriteLoggerSetting("<OutputScheduleLogMaxBufferedSize>1000000</OutputScheduleLogMaxBufferedSize>");
     brvo::LoggerSettingManager::CreateInstance();
     brvo::LoggerLog::CreateInstance();
     brvo::BrevantaOutputControlManager::CreateInstance();

@@ -30,8 +30,7 @@ protected:
     void UseSettings(const std::string& innerXml) {
         LoggerLog::DeleteInstance();
         LoggerSettingManager::DeleteInstance();
-        test::WriteLoggerSetting(
-            "<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>" + innerXml);
+        test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>" + innerXml);
         LoggerSettingManager::CreateInstance();
         LoggerLog::CreateInstance();
     }
@@ -50,8 +49,8 @@ TEST_F(WatchdogTest, DefaultFileIsTouchedSoonAfterStartThenEveryThirtySeconds) {
     ASSERT_NE(nullptr, watchdog_->GetTimer());
     EXPECT_EQ(100, watchdog_->GetTimer()->getStartInterval());
     EXPECT_EQ(30000, watchdog_->GetTimer()->getPeriodicInterval());
-    EXPECT_TRUE(test::HasLogLine(LogLines(), "D", "Watchdog",
-                                 "Set Watchdog interval [30000] file path[" + kDefaultFile + "]"));
+    EXPECT_TRUE(
+        test::HasLogLine(LogLines(), "D", "Watchdog", "Set Watchdog interval [30000] file path[" + kDefaultFile + "]"));
 }
 
 TEST_F(WatchdogTest, FileIsTouchedAgainAtEveryTick) {
@@ -104,9 +103,9 @@ TEST_F(WatchdogTest, PathWithADoubleQuoteBreaksTheCommand) {
     // Polls the file as the writer's tick leaves it: LogLines() replaces the
     // log while it reads, and a line the timer thread logs in that moment
     // would be dropped.
-    ASSERT_TRUE(test::WaitFor([&] {
-        return test::HasLogLineStarting(test::ReadLines(test::LogFilePath()), "D", "Watchdog", "status [");
-    }, 5000));
+    ASSERT_TRUE(test::WaitFor(
+        [&] { return test::HasLogLineStarting(test::ReadLines(test::LogFilePath()), "D", "Watchdog", "status ["); },
+        5000));
     EXPECT_TRUE(test::HasLogLineStarting(LogLines(), "D", "Watchdog", "status ["));
     bool commandShown = false;
     for (const std::string& line : LogLines()) {

@@ -65,8 +65,7 @@ protected:
     void UseSettings(const std::string& innerXml) {
         LoggerLog::DeleteInstance();
         LoggerSettingManager::DeleteInstance();
-        test::WriteLoggerSetting(
-            "<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>" + innerXml);
+        test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>" + innerXml);
         LoggerSettingManager::CreateInstance();
         LoggerLog::CreateInstance();
         test::WriteFile(test::FixedPath("/mnt/system/brvlogger/.keep"), "");
@@ -189,8 +188,7 @@ TEST_F(BrvfdAccessRequestTest, PeerThatHangsUpAtOnceDoesNotKillTheDaemon) {
     for (int i = 0; i < 20; ++i) {
         Recorder recorder;
         Exchange(recorder);
-        EXPECT_TRUE(recorder.status == 0 || recorder.status == 4 || recorder.status == 5)
-            << recorder.status;
+        EXPECT_TRUE(recorder.status == 0 || recorder.status == 4 || recorder.status == 5) << recorder.status;
     }
 }
 

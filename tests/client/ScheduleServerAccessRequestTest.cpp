@@ -123,8 +123,7 @@ protected:
     }
 
     // Runs one exchange on the pool with the given parameters.
-    void Exchange(Recorder& recorder, const std::string& kbn, const std::string& plantId,
-                  const std::string& url) {
+    void Exchange(Recorder& recorder, const std::string& kbn, const std::string& plantId, const std::string& url) {
         ScheduleServerAccessRequest* request = new ScheduleServerAccessRequest(&recorder);
         request->SetParameters(kbn, plantId, url);
         channel_.Enqueue(request);
@@ -381,17 +380,16 @@ TEST_F(ScheduleServerAccessRequestTest, HttpsServerWhoseCertificateNamesAnotherH
     Exchange(recorder, "0000", "P", "https://localhost:" + std::to_string(server.Port()) + "/s");
     EXPECT_EQ(1, recorder.status);
     EXPECT_EQ(0u, recorder.message.find(kFailurePrefix)) << recorder.message;
-    EXPECT_NE(std::string::npos, recorder.message.find("Unacceptable certificate from localhost"))
-        << recorder.message;
+    EXPECT_NE(std::string::npos, recorder.message.find("Unacceptable certificate from localhost")) << recorder.message;
     EXPECT_TRUE(server.Requests().empty());
 }
 
 TEST_F(ScheduleServerAccessRequestTest, ParametersFromTheSystemSettings) {
     HttpTestServer server(HttpTestServer::Answer(200, "text/plain", "x"));
-    test::WriteFile(test::SystemSettingPath(),
-                    "<logger><general><outputControlPlantId>PLANT7</outputControlPlantId>"
-                    "<outputScheduleInformationServerUrl>" + server.Url("/from/settings") +
-                        "</outputScheduleInformationServerUrl></general></logger>");
+    test::WriteFile(test::SystemSettingPath(), "<logger><general><outputControlPlantId>PLANT7</outputControlPlantId>"
+                                               "<outputScheduleInformationServerUrl>" +
+                                                   server.Url("/from/settings") +
+                                                   "</outputScheduleInformationServerUrl></general></logger>");
     Recorder recorder;
     ScheduleServerAccessRequest* request = new ScheduleServerAccessRequest(&recorder);
     request->SetParameters("0000");
@@ -401,8 +399,7 @@ TEST_F(ScheduleServerAccessRequestTest, ParametersFromTheSystemSettings) {
     channel_.Enqueue(request);
     ASSERT_TRUE(recorder.done.tryWait(30000));
     EXPECT_EQ("POST /from/settings HTTP/1.1", server.Requests().at(0).requestLine);
-    EXPECT_EQ("power_plant_id=PLANT7&mac_address=001A2B3C4D5E&schedule_kbn=0000",
-              server.Requests().at(0).body);
+    EXPECT_EQ("power_plant_id=PLANT7&mac_address=001A2B3C4D5E&schedule_kbn=0000", server.Requests().at(0).body);
 }
 
 // The daemon aborts the exchanges in flight when it stops: a schedule

@@ -49,8 +49,8 @@ protected:
 
 TEST_F(ScheduleServerSendRequestTest, MultipartAnswerYieldsAParsedResult) {
     const std::string payload("\x00\x01\xab\xff", 4);
-    HttpTestServer server(HttpTestServer::Answer(200, test::MultipartContentType("sep"),
-                                                 test::BinaryPartBody("sep", payload)));
+    HttpTestServer server(
+        HttpTestServer::Answer(200, test::MultipartContentType("sep"), test::BinaryPartBody("sep", payload)));
     std::shared_ptr<ServerAccessResult> result = Access(server.Url("/s"));
     ASSERT_NE(nullptr, result);
     EXPECT_TRUE(result->IsResult());
@@ -62,8 +62,8 @@ TEST_F(ScheduleServerSendRequestTest, MultipartAnswerYieldsAParsedResult) {
 }
 
 TEST_F(ScheduleServerSendRequestTest, TextAnswerYieldsTheServersMessage) {
-    HttpTestServer server(HttpTestServer::Answer(200, test::MultipartContentType("sep"),
-                                                 test::TextPartBody("sep", "701")));
+    HttpTestServer server(
+        HttpTestServer::Answer(200, test::MultipartContentType("sep"), test::TextPartBody("sep", "701")));
     std::shared_ptr<ServerAccessResult> result = Access(server.Url("/s"));
     ASSERT_TRUE(result->IsResult());
     ASSERT_NE(nullptr, result->GetResponseParser());

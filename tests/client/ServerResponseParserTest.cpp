@@ -33,8 +33,7 @@ struct Parsed {
 Parsed ParseWith(const std::string& contentType, const std::string& body) {
     Parsed parsed;
     testing::internal::CaptureStdout();
-    parsed.parser.reset(
-        new ServerResponseParser(contentType, body.data(), static_cast<std::int64_t>(body.size())));
+    parsed.parser.reset(new ServerResponseParser(contentType, body.data(), static_cast<std::int64_t>(body.size())));
     std::fflush(stdout);
     parsed.trace = testing::internal::GetCapturedStdout();
     return parsed;
@@ -65,8 +64,8 @@ protected:
 };
 
 TEST(ServerResponseParserTest, BinaryPartBecomesHex) {
-    const std::string body = "--abc\r\n" + kBinaryType + "\r\nContent-Length: 3\r\n\r\n" +
-                             Bytes({1, 171, 255}) + "\r\n--abc--\r\n";
+    const std::string body =
+        "--abc\r\n" + kBinaryType + "\r\nContent-Length: 3\r\n\r\n" + Bytes({1, 171, 255}) + "\r\n--abc--\r\n";
     Parsed parsed = Parse(body);
     const ServerResponseParser& parser = *parsed.parser;
     EXPECT_EQ("01abff", parser.GetHexData());
@@ -90,17 +89,21 @@ TEST(ServerResponseParserTest, TextPartBecomesMessage) {
 }
 
 TEST(ServerResponseParserTest, TracesGoToStandardOutput) {
-    const std::string body = "pre\r\n--abc\r\n" + kBinaryType + "\r\nContent-Length: 1\r\n\r\n" +
-                             Bytes({7}) + "\r\n--abc--\r\n";
+    const std::string body =
+        "pre\r\n--abc\r\n" + kBinaryType + "\r\nContent-Length: 1\r\n\r\n" + Bytes({7}) + "\r\n--abc--\r\n";
     Parsed parsed = Parse(body);
     EXPECT_EQ("boundary_ ::[[abc\n"
-              "data_length_ ::[[" + std::to_string(body.size()) + "\n"
-              "str_linexx01 ::[[pre\n"
-              "str_linexx01 ::[[--abc\n"
-              "end ::[[10\n"
-              "str_linexx02 ::[[" + kBinaryType + "\n"
-              "str_linexx02 ::[[Content-Length: 1\n"
-              "str_linexx02 ::[[\n",
+              "data_length_ ::[[" +
+                  std::to_string(body.size()) +
+                  "\n"
+                  "str_linexx01 ::[[pre\n"
+                  "str_linexx01 ::[[--abc\n"
+                  "end ::[[10\n"
+                  "str_linexx02 ::[[" +
+                  kBinaryType +
+                  "\n"
+                  "str_linexx02 ::[[Content-Length: 1\n"
+                  "str_linexx02 ::[[\n",
               parsed.trace);
     EXPECT_EQ("07", parsed.parser->GetHexData());
 }
@@ -113,8 +116,8 @@ TEST(ServerResponseParserTest, PartWithoutContentTypeIsText) {
 }
 
 TEST(ServerResponseParserTest, NoBlankAfterColonMakesPartBinary) {
-    Parsed parsed = Parse(test::MultipartBody("abc", {"Content-Type:text/plain; charset=UTF-8", "Content-Length: 2"},
-                                              "hi"));
+    Parsed parsed =
+        Parse(test::MultipartBody("abc", {"Content-Type:text/plain; charset=UTF-8", "Content-Length: 2"}, "hi"));
     EXPECT_FALSE(parsed.parser->IsText());
     EXPECT_TRUE(parsed.parser->IsBinary());
     EXPECT_EQ("6869", parsed.parser->GetHexData());
@@ -128,8 +131,8 @@ TEST(ServerResponseParserTest, TextWithoutCharsetIsBinary) {
 }
 
 TEST(ServerResponseParserTest, SeveralBlanksAreAccepted) {
-    Parsed parsed = Parse(test::MultipartBody(
-        "abc", {"Content-Type:   text/plain;   charset=Shift_JIS", "Content-Length:    2"}, "hi"));
+    Parsed parsed = Parse(
+        test::MultipartBody("abc", {"Content-Type:   text/plain;   charset=Shift_JIS", "Content-Length:    2"}, "hi"));
     EXPECT_TRUE(parsed.parser->IsText());
     EXPECT_EQ("hi", parsed.parser->GetMessage());
     EXPECT_EQ(2, parsed.parser->GetContentLength());
@@ -160,8 +163,8 @@ TEST(ServerResponseParserTest, ContentLengthWithoutBlankIsNotRead) {
 }
 
 TEST(ServerResponseParserTest, ContentLengthWithLeadingZeros) {
-    Parsed parsed = Parse(test::MultipartBody("abc", {kBinaryType, "Content-Length: 0000000000000000000002"},
-                                              Bytes({1, 2})));
+    Parsed parsed =
+        Parse(test::MultipartBody("abc", {kBinaryType, "Content-Length: 0000000000000000000002"}, Bytes({1, 2})));
     EXPECT_EQ(2, parsed.parser->GetContentLength());
     EXPECT_EQ("0102", parsed.parser->GetHexData());
 }
@@ -198,7 +201,8 @@ TEST(ServerResponseParserTest, EmptyBoundaryMatchesBareDashes) {
 }
 
 TEST(ServerResponseParserTest, BoundaryFoundAnywhereInContentType) {
-    Parsed parsed = ParseWith("multipart/mixed;charset=x;boundary=\"b-1\";x=y", test::BinaryPartBody("b-1", Bytes({5})));
+    Parsed parsed =
+        ParseWith("multipart/mixed;charset=x;boundary=\"b-1\";x=y", test::BinaryPartBody("b-1", Bytes({5})));
     EXPECT_EQ("b-1", parsed.parser->GetBoundary());
     EXPECT_EQ("05", parsed.parser->GetHexData());
 }
@@ -285,8 +289,8 @@ TEST(ServerResponseParserTest, EmptyContentAfterHeadersAtEndOfData) {
 }
 
 TEST(ServerResponseParserTest, OverflowingContentLengthIsTruncated) {
-    Parsed parsed = Parse("--abc\r\n" + kBinaryType + "\r\nContent-Length: 99999999999999999999999\r\n\r\n" +
-                          Bytes({1, 2, 3}));
+    Parsed parsed =
+        Parse("--abc\r\n" + kBinaryType + "\r\nContent-Length: 99999999999999999999999\r\n\r\n" + Bytes({1, 2, 3}));
     EXPECT_EQ(std::numeric_limits<std::int32_t>::max(), parsed.parser->GetContentLength());
     EXPECT_EQ("", parsed.parser->GetHexData());
     EXPECT_EQ(Truncated(2147483647, 3), parsed.parser->GetMessage());
@@ -369,8 +373,7 @@ TEST(ServerResponseParserTest, YearOfRatesAsBinaryPart) {
     Parsed parsed = Parse(test::BinaryPartBody("abc", content));
     ASSERT_EQ(35040u, parsed.parser->GetHexData().size());
     EXPECT_EQ("000102", parsed.parser->GetHexData().substr(0, 6));
-    EXPECT_EQ(test::HexOf(std::vector<unsigned char>(content.begin(), content.end())),
-              parsed.parser->GetHexData());
+    EXPECT_EQ(test::HexOf(std::vector<unsigned char>(content.begin(), content.end())), parsed.parser->GetHexData());
 }
 
 TEST(ServerResponseParserTest, VeryLongHeaderLinesDoNotExhaustTheStack) {
@@ -441,10 +444,18 @@ TEST_F(ServerResponseParserLogTest, SuccessfulParseLogsNothing) {
 // with NULs and line ends, the closing delimiter; then maybe cut short and
 // with a few bytes overwritten.
 std::string RandomBody(std::mt19937& random) {
-    const std::vector<std::string> headers = {
-        kBinaryType, kTextType, "Content-Type:text/plain; charset=UTF-8", "Content-Type: text/plain",
-        "Content-Length: 0", "Content-Length: 3", "Content-Length: 40", "Content-Length: 99999999999",
-        "Content-Length:", "X-Other: 1", "--abc--", "--abc"};
+    const std::vector<std::string> headers = {kBinaryType,
+                                              kTextType,
+                                              "Content-Type:text/plain; charset=UTF-8",
+                                              "Content-Type: text/plain",
+                                              "Content-Length: 0",
+                                              "Content-Length: 3",
+                                              "Content-Length: 40",
+                                              "Content-Length: 99999999999",
+                                              "Content-Length:",
+                                              "X-Other: 1",
+                                              "--abc--",
+                                              "--abc"};
     std::string body;
     if (random() % 4 == 0) body += "preamble\r\n";
     body += random() % 8 == 0 ? "--abd\r\n" : "--abc\r\n";
@@ -452,7 +463,9 @@ std::string RandomBody(std::mt19937& random) {
     if (random() % 8 != 0) body += kCrlf;
     for (std::size_t n = random() % 48; n > 0; --n) {
         const unsigned pick = random() % 8;
-        body += pick == 0 ? std::string(1, '\0') : pick == 1 ? kCrlf : std::string(1, static_cast<char>(random() % 256));
+        body += pick == 0   ? std::string(1, '\0')
+                : pick == 1 ? kCrlf
+                            : std::string(1, static_cast<char>(random() % 256));
     }
     body += "\r\n--abc--\r\n";
     if (random() % 3 == 0) body.resize(random() % (body.size() + 1));
@@ -482,8 +495,8 @@ TEST(ServerResponseParserTest, RandomBodiesNeverCrash) {
         EXPECT_EQ(0u, parser.GetHexData().size() % 2) << round;
         EXPECT_FALSE(parser.IsBinary() && parser.IsText()) << round;
         // Content never claims more than the part declared.
-        EXPECT_TRUE(!parser.IsBinary() || parser.GetHexData().size() == 2 * static_cast<std::size_t>(
-                                                                           parser.GetContentLength()))
+        EXPECT_TRUE(!parser.IsBinary() ||
+                    parser.GetHexData().size() == 2 * static_cast<std::size_t>(parser.GetContentLength()))
             << round;
         binaries += parser.IsBinary() ? 1 : 0;
         texts += !ownText ? 1 : 0;

@@ -40,9 +40,7 @@ public:
     }
 
 protected:
-    std::string CreateTableStatement() const override {
-        return "CREATE TABLE IF NOT EXISTS probe_table (id INTEGER)";
-    }
+    std::string CreateTableStatement() const override { return "CREATE TABLE IF NOT EXISTS probe_table (id INTEGER)"; }
 };
 
 // Run on every new SQLite connection of the process while registered: as a

@@ -86,8 +86,7 @@ protected:
         LoggerLog::DeleteInstance();
         LoggerSettingManager::DeleteInstance();
         FileUtil::ResetDataRoot();
-        test::WriteLoggerSetting(
-            "<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>" + innerXml);
+        test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>" + innerXml);
         LoggerSettingManager::CreateInstance();
         LoggerLog::CreateInstance();
     }
@@ -105,14 +104,11 @@ protected:
 
     static std::vector<std::string> LogLines() { return test::FlushedLogLines(); }
 
-    static std::string Count() {
-        return test::QueryValue(kDbFile, "SELECT COUNT(*) FROM output_control_schedule");
-    }
+    static std::string Count() { return test::QueryValue(kDbFile, "SELECT COUNT(*) FROM output_control_schedule"); }
 
     static std::string RowText(std::int64_t time) {
         const auto rows = test::QueryFile(
-            kDbFile, "SELECT controlRate, sent FROM output_control_schedule WHERE time = " +
-                         std::to_string(time));
+            kDbFile, "SELECT controlRate, sent FROM output_control_schedule WHERE time = " + std::to_string(time));
         return rows.empty() ? std::string("none") : rows[0][0] + "/" + rows[0][1];
     }
 
@@ -145,8 +141,7 @@ TEST_F(ScheduleDatabaseTest, DeleteAllTellsWhetherRowsWentAway) {
 
 TEST_F(ScheduleDatabaseTest, CurrentAndNextSlots) {
     const std::int64_t first = Now() + kDay;
-    ASSERT_TRUE(Database().InsertUpdateSchedule(
-        {Row(first, 10), Row(first + 1800, 20), Row(first + 3600, 30, true)}));
+    ASSERT_TRUE(Database().InsertUpdateSchedule({Row(first, 10), Row(first + 1800, 20), Row(first + 3600, 30, true)}));
     // Before the first slot there is no current one.
     EXPECT_EQ(-1, Database().SelectSchedule(first - 1, true).time);
     // A slot starting exactly at t is current, not next.
@@ -177,12 +172,12 @@ TEST_F(ScheduleDatabaseTest, RepeatedSelectsSeeEveryChangeOfTheTable) {
     ASSERT_TRUE(Database().InsertUpdateSchedule({Row(first, 11)}));
     EXPECT_EQ(11, Database().SelectSchedule(first + 60, true).controlRate);
     // Another process changes the rate in place, same size of file.
-    test::QueryFile(kDbFile, "UPDATE output_control_schedule SET controlRate = 12 WHERE time = " +
-                                 std::to_string(first));
+    test::QueryFile(kDbFile,
+                    "UPDATE output_control_schedule SET controlRate = 12 WHERE time = " + std::to_string(first));
     EXPECT_EQ(12, Database().SelectSchedule(first + 61, true).controlRate);
     // Another process inserts a slot between the current and the next one.
-    test::QueryFile(kDbFile, "INSERT INTO output_control_schedule VALUES (" + std::to_string(first + 1800) +
-                                 ", 20, 0)");
+    test::QueryFile(kDbFile,
+                    "INSERT INTO output_control_schedule VALUES (" + std::to_string(first + 1800) + ", 20, 0)");
     EXPECT_EQ(first + 1800, Database().SelectSchedule(first + 62, false).time);
     EXPECT_EQ(12, Database().SelectSchedule(first + 62, true).controlRate);
     // The daemon's own fixed insert before the current slot's time changes
@@ -280,8 +275,8 @@ TEST_F(ScheduleDatabaseTest, StartUpPurgesRowsOlderThanTheRetentionCycle) {
         const std::int64_t now = Now();
         const std::int64_t cutoff = now - 90 * kDay;
         Database().DeleteAll();
-        ASSERT_TRUE(Database().InsertUpdateSchedule(
-            {Row(cutoff - 1, 1), Row(cutoff, 2), Row(cutoff + 1, 3), Row(now, 4)}));
+        ASSERT_TRUE(
+            Database().InsertUpdateSchedule({Row(cutoff - 1, 1), Row(cutoff, 2), Row(cutoff + 1, 3), Row(now, 4)}));
         database_.reset();
         database_.reset(new ScheduleDatabase());
         if (Now() != now) continue;
@@ -343,8 +338,7 @@ TEST_F(ScheduleDatabaseTest, SelectAnswersWhileAForwardingHangs) {
     ASSERT_TRUE(Database().InsertUpdateSchedule({Row(t, 40), Row(t + 1800, 50)}));
     BlockingForwarder forwarder;
     Database().SetForwarder(forwarder.Forwarder());
-    std::future<void> forwarding =
-        std::async(std::launch::async, [this] { Database().UpdateSentFlag(); });
+    std::future<void> forwarding = std::async(std::launch::async, [this] { Database().UpdateSentFlag(); });
     ASSERT_TRUE(forwarder.WaitEntered());
     std::future<ScheduleRow> current =
         std::async(std::launch::async, [this, t] { return Database().SelectSchedule(t + 60, true); });
@@ -366,8 +360,7 @@ TEST_F(ScheduleDatabaseTest, RowsPresentBeforeASuccessfulForwardingAreMarkedSent
     ASSERT_TRUE(Database().InsertFixedSchedule({Row(t + 3600, 60)}));
     BlockingForwarder forwarder;
     Database().SetForwarder(forwarder.Forwarder());
-    std::future<void> forwarding =
-        std::async(std::launch::async, [this] { Database().UpdateSentFlag(); });
+    std::future<void> forwarding = std::async(std::launch::async, [this] { Database().UpdateSentFlag(); });
     ASSERT_TRUE(forwarder.WaitEntered());
     // Reading is no change of the table.
     EXPECT_EQ(40, Database().SelectSchedule(t + 60, true).controlRate);
@@ -386,8 +379,7 @@ TEST_F(ScheduleDatabaseTest, UpdateRowsWrittenDuringAForwardingStayUnsent) {
     ASSERT_TRUE(Database().InsertUpdateSchedule({Row(t, 40)}));
     BlockingForwarder forwarder;
     Database().SetForwarder(forwarder.Forwarder());
-    std::future<void> forwarding =
-        std::async(std::launch::async, [this] { Database().UpdateSentFlag(); });
+    std::future<void> forwarding = std::async(std::launch::async, [this] { Database().UpdateSentFlag(); });
     ASSERT_TRUE(forwarder.WaitEntered());
     std::future<bool> written = std::async(std::launch::async, [this, t] {
         return Database().InsertUpdateSchedule({Row(t + 1800, 50), Row(t + 3600, 60)});
@@ -413,12 +405,10 @@ TEST_F(ScheduleDatabaseTest, FixedRowsWrittenDuringAForwardingStayUnsent) {
     ASSERT_TRUE(Database().InsertUpdateSchedule({Row(t, 40)}));
     BlockingForwarder forwarder;
     Database().SetForwarder(forwarder.Forwarder());
-    std::future<void> forwarding =
-        std::async(std::launch::async, [this] { Database().UpdateSentFlag(); });
+    std::future<void> forwarding = std::async(std::launch::async, [this] { Database().UpdateSentFlag(); });
     ASSERT_TRUE(forwarder.WaitEntered());
-    std::future<bool> written = std::async(std::launch::async, [this, t] {
-        return Database().InsertFixedSchedule({Row(t + 1800, 50)});
-    });
+    std::future<bool> written =
+        std::async(std::launch::async, [this, t] { return Database().InsertFixedSchedule({Row(t + 1800, 50)}); });
     const bool writtenInTime = written.wait_for(Scaled(5000)) == std::future_status::ready;
     forwarder.Release();
     ASSERT_TRUE(writtenInTime) << "an insert waited on the forwarding";
@@ -434,8 +424,7 @@ TEST_F(ScheduleDatabaseTest, SetForwarderWaitsForTheForwardingInProgress) {
     ASSERT_TRUE(Database().InsertUpdateSchedule({Row(t, 40)}));
     BlockingForwarder forwarder;
     Database().SetForwarder(forwarder.Forwarder());
-    std::future<void> forwarding =
-        std::async(std::launch::async, [this] { Database().UpdateSentFlag(); });
+    std::future<void> forwarding = std::async(std::launch::async, [this] { Database().UpdateSentFlag(); });
     ASSERT_TRUE(forwarder.WaitEntered());
     std::atomic<int> newCalls{0};
     std::future<bool> replaced = std::async(std::launch::async, [&] {
@@ -504,7 +493,7 @@ TEST_F(ScheduleDatabaseTest, WholeYearLandsWhole) {
 
 TEST_F(ScheduleDatabaseTest, YearPayloadParsesAndIsStoredWhole) {
     test::ScheduleRecord record;
-    record.start = "204001010000";  // server time; 2039-12-31 15:00 UTC
+    record.start = "204001010000"; // server time; 2039-12-31 15:00 UTC
     record.rates.clear();
     for (int i = 0; i < 17520; ++i) record.rates.push_back((i * 7) % 101);
     const ScheduleModel model(test::BuildSchedulePayload({record}, test::kFixedSchedule).hex, 0);
@@ -515,12 +504,10 @@ TEST_F(ScheduleDatabaseTest, YearPayloadParsesAndIsStoredWhole) {
     EXPECT_EQ("17520", Count());
     const std::int64_t first = 2208988800LL - 9 * 3600;
     EXPECT_EQ(first, slots.front().time);
-    EXPECT_EQ(test::QueryValue(kDbFile, "SELECT MIN(time) FROM output_control_schedule"),
-              std::to_string(first));
+    EXPECT_EQ(test::QueryValue(kDbFile, "SELECT MIN(time) FROM output_control_schedule"), std::to_string(first));
     EXPECT_EQ(test::QueryValue(kDbFile, "SELECT MAX(time) FROM output_control_schedule"),
               std::to_string(first + 17519LL * 1800));
-    EXPECT_EQ(test::QueryValue(kDbFile, "SELECT SUM(controlRate) FROM output_control_schedule"),
-              std::to_string([&] {
+    EXPECT_EQ(test::QueryValue(kDbFile, "SELECT SUM(controlRate) FROM output_control_schedule"), std::to_string([&] {
                   long long sum = 0;
                   for (int rate : record.rates) sum += rate;
                   return sum;
@@ -596,7 +583,7 @@ TEST_F(ScheduleDatabaseTest, StatementLengthLimitLeavesRoomForMillionsOfRows) {
 }
 
 TEST_F(ScheduleDatabaseTest, SlotsAfter2038AreStoredAndSelected) {
-    const std::int64_t t = 4102444800LL;  // 2100-01-01 00:00:00 UTC
+    const std::int64_t t = 4102444800LL; // 2100-01-01 00:00:00 UTC
     ASSERT_TRUE(Database().InsertUpdateSchedule({Row(t, 55)}));
     EXPECT_EQ("55/0", RowText(t));
     const ScheduleRow row = Database().SelectSchedule(t + 10, true);

@@ -20,8 +20,8 @@ const std::string kTag = "ScheduleUpdateDataInfo";
 const std::string kDbFile =
     test::FixedPath("/media/sdcard/kestrovanyx/Database/OutputControl/output_control_schedule_update_info.db");
 
-ScheduleUpdateInfo Info(const std::string& plantId, const std::string& next = "2022-01-20 00:00:00",
-                        int flag = 3, bool need = true) {
+ScheduleUpdateInfo Info(const std::string& plantId, const std::string& next = "2022-01-20 00:00:00", int flag = 3,
+                        bool need = true) {
     ScheduleUpdateInfo info;
     info.plantId = plantId;
     info.lastUpdateTime = "2022-01-19 00:00:00";
@@ -48,9 +48,8 @@ protected:
     static std::vector<std::string> LogLines() { return test::FlushedLogLines(); }
 
     static std::vector<std::vector<std::string>> Rows() {
-        return test::QueryFile(kDbFile,
-                               "SELECT plantId, lastUpdateTime, nextUpdateTime, fixedScheduleUpdateFlag, "
-                               "isNeedUpdateFixedSchedule FROM output_control_schedule_update_info");
+        return test::QueryFile(kDbFile, "SELECT plantId, lastUpdateTime, nextUpdateTime, fixedScheduleUpdateFlag, "
+                                        "isNeedUpdateFixedSchedule FROM output_control_schedule_update_info");
     }
 
     std::unique_ptr<ScheduleUpdateInfoDatabase> database_{new ScheduleUpdateInfoDatabase()};
@@ -124,8 +123,7 @@ TEST_F(ScheduleUpdateInfoDatabaseTest, QuoteInAValueFailsTheStatement) {
 
 TEST_F(ScheduleUpdateInfoDatabaseTest, SmuggledSecondStatementNeverRuns) {
     ASSERT_TRUE(database_->InsertUpdateInfo(Info("A")));
-    const std::string hostile =
-        "x','','',0,0); DELETE FROM output_control_schedule_update_info; --";
+    const std::string hostile = "x','','',0,0); DELETE FROM output_control_schedule_update_info; --";
     EXPECT_FALSE(database_->InsertUpdateInfo(Info(hostile)));
     const auto rows = Rows();
     ASSERT_EQ(1u, rows.size());

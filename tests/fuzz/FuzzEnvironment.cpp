@@ -65,9 +65,8 @@ void FuzzEnvironment::WriteFile(const std::string& path, const std::string& cont
 }
 
 void FuzzEnvironment::SetUpSettingsAndLog(const std::string& loggerSettingElements) {
-    WriteFile(FileUtil::GetLoggerSettingFile(),
-              "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<LoggerSetting>\n" + loggerSettingElements +
-                  "\n</LoggerSetting>\n");
+    WriteFile(FileUtil::GetLoggerSettingFile(), "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<LoggerSetting>\n" +
+                                                    loggerSettingElements + "\n</LoggerSetting>\n");
     LoggerSettingManager::CreateInstance();
     LoggerLog::CreateInstance();
 }
@@ -80,14 +79,17 @@ std::string FuzzEnvironment::SystemSettingText() {
     return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
            "<logger loggerId=\"LG1\" plantId=\"PL1\" planeName=\"fuzz plant\">\n"
            "<general>\n"
-           "<outputControlPlantId>" + kPlantId + "</outputControlPlantId>\n"
+           "<outputControlPlantId>" +
+           kPlantId +
+           "</outputControlPlantId>\n"
            "<outputControlStandAlone>0</outputControlStandAlone>\n"
            "<outputScheduleInformationServerUrl>http://127.0.0.1:1/schedule</outputScheduleInformationServerUrl>\n"
            "<facilityCertifiedCapacity>49.5</facilityCertifiedCapacity>\n"
            "<system><timezone>Asia/Tokyo</timezone><communicationErrorRetry>0</communicationErrorRetry></system>\n"
            "</general>\n"
            "<channelList><channel><addressList><address>"
-           "<type>HouseHoldSolarPowerGeneration</type><deviceSettingFile>" + kDeviceFile +
+           "<type>HouseHoldSolarPowerGeneration</type><deviceSettingFile>" +
+           kDeviceFile +
            "</deviceSettingFile></address></addressList></channel></channelList>\n"
            "</logger>\n";
 }

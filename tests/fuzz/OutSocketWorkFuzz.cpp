@@ -111,7 +111,9 @@ bool WriteAll(int fd, const std::uint8_t* data, std::size_t size) {
 
 // As the daemon's stop does: the manager's timers end and the log is written
 // out, instead of the exit waiting for timer threads that never finish.
-void TearDown() { brvo::test::SingletonScope::DeleteAll(); }
+void TearDown() {
+    brvo::test::SingletonScope::DeleteAll();
+}
 
 } // namespace
 
@@ -138,10 +140,9 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    FuzzEnvironment::WriteFile(kInputFile, size > kFixedRequestBytes
-                                               ? FuzzEnvironment::Text(data + kFixedRequestBytes,
-                                                                       size - kFixedRequestBytes)
-                                               : std::string());
+    FuzzEnvironment::WriteFile(kInputFile, size > kFixedRequestBytes ? FuzzEnvironment::Text(data + kFixedRequestBytes,
+                                                                                             size - kFixedRequestBytes)
+                                                                     : std::string());
     int pair[2];
     FuzzEnvironment::Check(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) == 0, "socketpair");
     FuzzEnvironment::Check(WriteAll(pair[0], data, std::min(size, kMaxRequestBytes)), "request written");

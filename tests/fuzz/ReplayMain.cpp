@@ -8,8 +8,8 @@
 #include "fuzz/FuzzEnvironment.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdint>
+#include <cstdio>
 #include <dirent.h>
 #include <fstream>
 #include <iterator>

@@ -82,8 +82,7 @@ void WriteScheduleModelSeeds() {
     Write(target, "fixed-valid", Byte(0) + BuildSchedulePayload({record}, kFixedSchedule).hex);
     Write(target, "update-valid", Byte(1) + BuildSchedulePayload({record}, kUpdateSchedule).hex);
     Write(target, "fixed-valid-bytes", Byte(0x80) + BytesText(BuildSchedulePayload({record}, kFixedSchedule).bytes));
-    Write(target, "update-valid-bytes",
-          Byte(0x81) + BytesText(BuildSchedulePayload({record}, kUpdateSchedule).bytes));
+    Write(target, "update-valid-bytes", Byte(0x81) + BytesText(BuildSchedulePayload({record}, kUpdateSchedule).bytes));
     Write(target, "kind-minus-one", Byte(3) + BuildSchedulePayload({record}, kFixedSchedule).hex);
 
     ScheduleRecord second = record;
@@ -121,12 +120,11 @@ void WriteScheduleModelSeeds() {
     Write(target, "record-count-overflow-bytes", Byte(0x81) + BytesText(overflowed.bytes));
     SchedulePayload million = BuildSchedulePayload({record}, kFixedSchedule);
     const std::size_t slotCount = kRecordCountBytes + kReservedBytes + kPlantIdBytes + kStartBytes;
-    million.bytes[slotCount] = 100;  // 100, 0, 0, 0, 0 reads "1000000"
+    million.bytes[slotCount] = 100; // 100, 0, 0, 0, 0 reads "1000000"
     for (std::size_t i = 1; i < kSlotCountBytes; ++i) million.bytes[slotCount + i] = 0;
     Write(target, "slot-count-million-bytes", Byte(0x80) + BytesText(million.bytes));
     ScheduleRecord cut = record;
-    Write(target, "update-cut-short",
-          Byte(1) + BuildSchedulePayload({cut}, kUpdateSchedule).hex.substr(0, 200));
+    Write(target, "update-cut-short", Byte(1) + BuildSchedulePayload({cut}, kUpdateSchedule).hex.substr(0, 200));
 
     // Bit 0x40: a valid payload described by the rest, then damaged (second
     // byte: 0 none, 1 cut, 2 count overflowed, 3 slot count of a million;
@@ -164,8 +162,7 @@ void WriteServerResponseSeeds() {
                                "\x01\xab\xff", false));
     Write(target, "preamble-and-two-parts",
           type + "preamble\r\n" + TextPartBody("pvocsim", "first") + BinaryPartBody("pvocsim", "\x05"));
-    Write(target, "unquoted-boundary",
-          "multipart/form-data; boundary=pvocsim\n" + BinaryPartBody("pvocsim", "\x01"));
+    Write(target, "unquoted-boundary", "multipart/form-data; boundary=pvocsim\n" + BinaryPartBody("pvocsim", "\x01"));
     Write(target, "closing-delimiter-only", type + "--pvocsim\r\n--pvocsim--\r\n");
     Write(target, "part-truncated",
           type + MultipartBody("pvocsim", {"Content-Type: application/octet-stream", "Content-Length: 120"},
@@ -226,8 +223,9 @@ void WriteOutSocketWorkSeeds() {
     ScheduleRecord own = Record();
     own.start = "202201200900";
     own.rates = {100, 80, 60, 40, 20, 0};
-    Write(target, "fixed-input-valid", Request(4, Field("/tmp/pvocd-fuzz/input.hex", 256) + Byte(0)) +
-                                           BuildSchedulePayload({own}, kFixedSchedule).hex);
+    Write(target, "fixed-input-valid",
+          Request(4, Field("/tmp/pvocd-fuzz/input.hex", 256) + Byte(0)) +
+              BuildSchedulePayload({own}, kFixedSchedule).hex);
     ScheduleRecord other = own;
     other.plantId = "55555555555555555555555555";
     Write(target, "fixed-input-other-plant-forced",

@@ -30,11 +30,16 @@ const std::string kBoundary = "pvocsim";
 std::string Declared(brvo::fuzz::FuzzInput& input, const std::string& content) {
     const std::uint16_t delta = input.Word();
     switch (input.Byte() % 5) {
-    case 0: return std::to_string(content.size());
-    case 1: return std::to_string(content.size() + 1 + delta);
-    case 2: return std::to_string(content.size() > delta ? content.size() - delta : 1);
-    case 3: return "99999999999999999999";
-    default: return "2147483647";
+    case 0:
+        return std::to_string(content.size());
+    case 1:
+        return std::to_string(content.size() + 1 + delta);
+    case 2:
+        return std::to_string(content.size() > delta ? content.size() - delta : 1);
+    case 3:
+        return "99999999999999999999";
+    default:
+        return "2147483647";
     }
 }
 

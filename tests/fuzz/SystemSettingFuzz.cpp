@@ -20,9 +20,14 @@ const std::string kWrittenFile = "/tmp/pvocd-fuzz/written.xml";
 
 // The lookups the readers make, and selectors with and without prefixes.
 void WalkTree(const brvo::XmlNode& tree) {
-    static const char* const kPaths[] = {
-        "channelList/channel/addressList/address", "general/system", "general", "/logger", "",
-        "general[a:b]/system", "lggrdev:Device/lggrdev:VariableInfo[Name:Limit]", "a//b"};
+    static const char* const kPaths[] = {"channelList/channel/addressList/address",
+                                         "general/system",
+                                         "general",
+                                         "/logger",
+                                         "",
+                                         "general[a:b]/system",
+                                         "lggrdev:Device/lggrdev:VariableInfo[Name:Limit]",
+                                         "a//b"};
     for (const char* path : kPaths) {
         const std::shared_ptr<brvo::XmlNode::NodeList> found = tree.FindNodes(path);
         FuzzEnvironment::Check(found != nullptr, "FindNodes returned null");

@@ -18,7 +18,7 @@ namespace {
 const std::string kTag = "RateControl";
 // 2022-01-19 03:10:00 UTC, inside the slot starting at 03:00.
 const std::int64_t kNow = 1642561800;
-const std::int64_t kSlot = 1642561200;  // 2022-01-19 03:00:00 UTC
+const std::int64_t kSlot = 1642561200; // 2022-01-19 03:00:00 UTC
 
 ScheduleRow Row(std::int64_t time, int rate) {
     ScheduleRow row;
@@ -43,8 +43,7 @@ protected:
         ScheduleDatabase::DeleteInstance();
         LoggerLog::DeleteInstance();
         LoggerSettingManager::DeleteInstance();
-        test::WriteLoggerSetting(
-            "<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>" + innerXml);
+        test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>" + innerXml);
         LoggerSettingManager::CreateInstance();
         LoggerLog::CreateInstance();
         ScheduleDatabase::CreateInstance();
@@ -237,10 +236,9 @@ TEST_F(RateControlTest, ChangedSystemSettingsTakeEffectAtTheNextRequest) {
 }
 
 TEST_F(RateControlTest, SlotAfter2038IsComputed) {
-    const std::int64_t later = 4102444800LL;  // 2100-01-01 00:00:00 UTC
+    const std::int64_t later = 4102444800LL; // 2100-01-01 00:00:00 UTC
     Store({Row(later, 60)});
-    std::shared_ptr<TargetPowerResult> result =
-        Target(10.0, RateControl::kCurrentTargetPower, later + 60);
+    std::shared_ptr<TargetPowerResult> result = Target(10.0, RateControl::kCurrentTargetPower, later + 60);
     ASSERT_TRUE(result->IsSuccess());
     EXPECT_DOUBLE_EQ(6.0, result->GetTargetPower());
     EXPECT_EQ("21000101000000", result->GetTimeText());

@@ -22,8 +22,8 @@ namespace brvo {
 namespace {
 
 using test::BuildSchedulePayload;
-using test::ScheduleRecord;
 using test::SchedulePayload;
+using test::ScheduleRecord;
 
 const std::string kLogFile =
     test::FixedPath("/media/sdcard/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd.log");
@@ -32,7 +32,7 @@ const std::string kChecksumError = "Output rate data Checksum error.";
 const std::string kDataError = "Schedule data error. exception";
 const std::string kTruncated = "Schedule data error. data is truncated.";
 const std::string kNotHex = "Schedule data error. data is not hex text.";
-const std::int64_t kJan19Utc = 1642550400;  // 2022-01-19 00:00:00 UTC
+const std::int64_t kJan19Utc = 1642550400; // 2022-01-19 00:00:00 UTC
 
 std::string DisplayOf(std::int64_t seconds) {
     return TimeStamp::FromEpochSeconds(seconds)->FormatDisplay();
@@ -78,8 +78,7 @@ protected:
         return test::ReadLines(kLogFile);
     }
     // Whether a line of the given mark ends with `message` under the model's tag.
-    static bool HasLine(const std::vector<std::string>& lines, const std::string& mark,
-                        const std::string& message) {
+    static bool HasLine(const std::vector<std::string>& lines, const std::string& mark, const std::string& message) {
         const std::string tail = "] ScheduleUpdateManager " + message;
         for (const std::string& line : lines) {
             if (line.find("[" + mark + "]") != std::string::npos && line.size() >= tail.size() &&
@@ -176,7 +175,7 @@ TEST(ScheduleModelTest, TimesBeyond2038StayRight) {
 TEST(ScheduleModelTest, FixedScheduleHasNoTrailingFields) {
     ScheduleRecord record;
     record.rates = Rates(48, 11);
-    record.fixedFlag = 5;  // not written for a fixed schedule
+    record.fixedFlag = 5; // not written for a fixed schedule
     const SchedulePayload payload = BuildSchedulePayload({record}, test::kFixedSchedule);
     for (int kind : {0, 2, -1}) {
         ScheduleModel model(payload.hex, kind);
@@ -207,7 +206,7 @@ TEST(ScheduleModelTest, ChecksumOfTheExample) {
 }
 
 TEST(ScheduleModelTest, RemainderZeroIsTwoZeroBytes) {
-    ScheduleRecord record;  // 48 x 100 = 4800, 4800 mod 20 = 0
+    ScheduleRecord record; // 48 x 100 = 4800, 4800 mod 20 = 0
     EXPECT_EQ(0, test::ScheduleChecksum(record));
     const SchedulePayload good = BuildSchedulePayload({record}, test::kFixedSchedule);
     EXPECT_EQ("0000", good.hex.substr(good.hex.size() - 4));
@@ -253,8 +252,7 @@ TEST(ScheduleModelTest, ZeroMonthAndDayAreNoStartDate) {
     const std::vector<unsigned char> reserved(test::kReservedBytes, 0);
     bytes.insert(bytes.end(), reserved.begin(), reserved.end());
     for (const auto& field : {test::DigitBytes(kPlantId, 26), test::DigitBytes("202200000000", 12),
-                              test::DigitBytes("1", 5), std::vector<unsigned char>{50},
-                              test::DigitBytes("0", 2)}) {
+                              test::DigitBytes("1", 5), std::vector<unsigned char>{50}, test::DigitBytes("0", 2)}) {
         bytes.insert(bytes.end(), field.begin(), field.end());
     }
     ScheduleModel model(test::HexOf(bytes), 0);
@@ -300,10 +298,12 @@ TEST(ScheduleModelTest, SkippedRecordDoesNotAdvancePastItsStart) {
     const std::vector<int> rates = Rates(48, 5);
     ScheduleRecord second;
     second.rates = rates;
-    std::vector<std::vector<unsigned char>> fields = {
-        std::vector<unsigned char>(test::kReservedBytes, 0), test::DigitBytes(kPlantId, 26),
-        test::DigitBytes("202201191215", 12), std::vector<unsigned char>(24, 0),
-        test::DigitBytes(second.start, 12), test::DigitBytes("48", 5)};
+    std::vector<std::vector<unsigned char>> fields = {std::vector<unsigned char>(test::kReservedBytes, 0),
+                                                      test::DigitBytes(kPlantId, 26),
+                                                      test::DigitBytes("202201191215", 12),
+                                                      std::vector<unsigned char>(24, 0),
+                                                      test::DigitBytes(second.start, 12),
+                                                      test::DigitBytes("48", 5)};
     std::vector<unsigned char> rateBytes(rates.begin(), rates.end());
     fields.push_back(rateBytes);
     fields.push_back(test::DigitBytes(std::to_string(test::ScheduleChecksum(second)), 2));
@@ -469,8 +469,7 @@ TEST(ScheduleModelTest, WholeYearInOneRecord) {
     EXPECT_EQ("2022-12-31 14:30:00", DisplayOf(slots.back().time));
 
     record.corruptChecksum = true;
-    EXPECT_EQ(kChecksumError, ScheduleModel(BuildSchedulePayload({record}, test::kUpdateSchedule).hex, 1)
-                                  .GetMessage());
+    EXPECT_EQ(kChecksumError, ScheduleModel(BuildSchedulePayload({record}, test::kUpdateSchedule).hex, 1).GetMessage());
 }
 
 TEST(ScheduleModelTest, WholeYearInDailyRecords) {

@@ -77,8 +77,7 @@ protected:
     void UseLoggerSettings(const std::string& innerXml) {
         LoggerLog::DeleteInstance();
         LoggerSettingManager::DeleteInstance();
-        test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>" +
-                                 innerXml);
+        test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>" + innerXml);
         LoggerSettingManager::CreateInstance();
         LoggerLog::CreateInstance();
         FileUtil::ResetDataRoot();
@@ -145,7 +144,8 @@ TEST_F(ScheduleUpdateManagerTest, FixedScheduleTimeByTheLastDigit) {
     }
     std::shared_ptr<TimeStamp> other = manager.FixedScheduleUpdateTime("PLANTX");
     ASSERT_NE(nullptr, other);
-    EXPECT_NEAR(static_cast<double>(TimeStamp().EpochSeconds() + 1800), static_cast<double>(other->EpochSeconds()), 5.0);
+    EXPECT_NEAR(static_cast<double>(TimeStamp().EpochSeconds() + 1800), static_cast<double>(other->EpochSeconds()),
+                5.0);
 }
 
 TEST_F(ScheduleUpdateManagerTest, UpdateFixedScheduleNeedsUpdateInformation) {
@@ -158,11 +158,17 @@ TEST_F(ScheduleUpdateManagerTest, UpdateFixedScheduleNeedsUpdateInformation) {
 }
 
 TEST_F(ScheduleUpdateManagerTest, UpdateScheduleFailureReasons) {
-    HttpTestServer server({HttpTestServer::Answer(500, "text/plain", "down"),
-                           HttpTestServer::Answer(200, test::MultipartContentType("b"), test::TextPartBody("b", "702")),
-                           HttpTestServer::Answer(200, test::MultipartContentType("b"), test::BinaryPartBody("b", "\x01")),
-                           test::ScheduleServerAnswer([&] { test::ScheduleRecord empty = update_; empty.rates.clear(); return empty; }(),
-                                          test::kUpdateSchedule)});
+    HttpTestServer server(
+        {HttpTestServer::Answer(500, "text/plain", "down"),
+         HttpTestServer::Answer(200, test::MultipartContentType("b"), test::TextPartBody("b", "702")),
+         HttpTestServer::Answer(200, test::MultipartContentType("b"), test::BinaryPartBody("b", "\x01")),
+         test::ScheduleServerAnswer(
+             [&] {
+                 test::ScheduleRecord empty = update_;
+                 empty.rates.clear();
+                 return empty;
+             }(),
+             test::kUpdateSchedule)});
     ScheduleUpdateManager& manager = Manager(kPlant, server.Url("/s"));
     std::shared_ptr<UpdateResult> result = manager.UpdateSchedule();
     EXPECT_EQ(1, ToWire(result->GetFailureReason()));
@@ -194,8 +200,9 @@ TEST_F(ScheduleUpdateManagerTest, RefusedAnswersStoreNothing) {
     const std::string type = test::MultipartContentType("b");
     HttpTestServer server(
         {HttpTestServer::Answer(200, type,
-                                test::MultipartBody("b", {"Content-Type: application/octet-stream",
-                                                          "Content-Length: " + std::to_string(payload.size() + 100)},
+                                test::MultipartBody("b",
+                                                    {"Content-Type: application/octet-stream",
+                                                     "Content-Length: " + std::to_string(payload.size() + 100)},
                                                     payload, false)),
          HttpTestServer::Answer(200, type, test::BinaryPartBody("b", payload.substr(0, payload.size() - 1))),
          HttpTestServer::Answer(200, type, test::BinaryPartBody("b", overflowed))});
@@ -221,8 +228,8 @@ TEST_F(ScheduleUpdateManagerTest, RefusedAnswersStoreNothing) {
     EXPECT_EQ(before.plantId, manager.GetUpdateInfo().plantId);
     EXPECT_EQ(before.nextUpdateTime, manager.GetUpdateInfo().nextUpdateTime);
     EXPECT_EQ(0, logger.Connections());
-    EXPECT_TRUE(test::HasLogLine(LogLines(), "W", kTag,
-                                 "Schedule parse failed. [Schedule data error. data is truncated.]"));
+    EXPECT_TRUE(
+        test::HasLogLine(LogLines(), "W", kTag, "Schedule parse failed. [Schedule data error. data is truncated.]"));
 }
 
 TEST_F(ScheduleUpdateManagerTest, DataOfAnotherPlantIsNotStored) {
@@ -240,13 +247,14 @@ TEST_F(ScheduleUpdateManagerTest, DataOfAnotherPlantIsNotStored) {
     EXPECT_EQ(5, ToWire(result->GetFailureReason()));
     EXPECT_EQ("Database update error.", result->GetMessage());
     EXPECT_TRUE(test::HasLogLine(LogLines(), "E", kTag,
-                                 "It is data of a different power station ID. Expected[" + stored.plantId +
-                                     "], but [" + kPlant + "]"));
+                                 "It is data of a different power station ID. Expected[" + stored.plantId + "], but [" +
+                                     kPlant + "]"));
     EXPECT_EQ("5", test::QueryValue(kDbFile, "SELECT controlRate FROM output_control_schedule"));
 }
 
 TEST_F(ScheduleUpdateManagerTest, PlantIdRemovedFromTheSettingsWipesEverything) {
-    HttpTestServer server({test::ScheduleServerAnswer(update_, test::kUpdateSchedule), test::ScheduleServerAnswer(fixed_, test::kFixedSchedule)});
+    HttpTestServer server({test::ScheduleServerAnswer(update_, test::kUpdateSchedule),
+                           test::ScheduleServerAnswer(fixed_, test::kFixedSchedule)});
     ScheduleUpdateManager& manager = Manager(kPlant, server.Url("/s"));
     bool started = false;
     ASSERT_TRUE(manager.CheckAndUpdateWithSystemSetting(started, true)->IsResult());
@@ -285,7 +293,8 @@ TEST_F(ScheduleUpdateManagerTest, NewPlantStartsFromAFreshRecord) {
 
 TEST_F(ScheduleUpdateManagerTest, UpdateTimerFiresAtTheStoredTime) {
     UseLoggerSettings("<OutputScheduleMonitoringInterval>1</OutputScheduleMonitoringInterval>");
-    HttpTestServer server({HttpTestServer::Answer(503, "text/plain", "busy"), test::ScheduleServerAnswer(update_, test::kUpdateSchedule),
+    HttpTestServer server({HttpTestServer::Answer(503, "text/plain", "busy"),
+                           test::ScheduleServerAnswer(update_, test::kUpdateSchedule),
                            test::ScheduleServerAnswer(fixed_, test::kFixedSchedule)});
     test::WriteFile(test::FixedPath("/mnt/system/brvlogger/.keep"), "");
     test::UnixPeer logger(test::FixedPath("/mnt/system/brvlogger/brevanta.logger"), test::UnixPeer::kReply,
@@ -304,15 +313,16 @@ TEST_F(ScheduleUpdateManagerTest, UpdateTimerFiresAtTheStoredTime) {
     manager.Start();
     ASSERT_EQ(due, manager.GetScheduleUpdateTime()->EpochSeconds());
     ASSERT_TRUE(test::WaitFor([&] { return server.Requests().size() >= 2; }, 10000));
-    EXPECT_EQ("power_plant_id=" + kPlant + "&mac_address=001A2B3C4D5E&schedule_kbn=0000",
-              server.Requests()[1].body);
+    EXPECT_EQ("power_plant_id=" + kPlant + "&mac_address=001A2B3C4D5E&schedule_kbn=0000", server.Requests()[1].body);
     ASSERT_TRUE(test::WaitFor([&] { return logger.Received().size() == 1; }, 10000));
     EXPECT_EQ("48", test::QueryValue(kDbFile, "SELECT COUNT(*) FROM output_control_schedule"));
     // The next update is the payload's time, tomorrow.
-    EXPECT_TRUE(test::WaitFor([&] {
-        std::shared_ptr<TimeStamp> next = manager.GetScheduleUpdateTime();
-        return next && next->EpochSeconds() == tomorrow_;
-    }, 5000));
+    EXPECT_TRUE(test::WaitFor(
+        [&] {
+            std::shared_ptr<TimeStamp> next = manager.GetScheduleUpdateTime();
+            return next && next->EpochSeconds() == tomorrow_;
+        },
+        5000));
 }
 
 // Lets the update timer run one fetch against `server` and returns the log
@@ -437,9 +447,8 @@ TEST_F(ScheduleUpdateManagerTest, UnchangedPlantIsCheckedWhileAnUpdateFetchWaits
     fetch = UpdateOnAnotherThread();
     ASSERT_TRUE(test::WaitFor([&] { return server.Requests().size() == 1; }, 10000));
     bool started = false;
-    FlowResult checked = std::async(std::launch::async, [&manager, &started] {
-        return manager.CheckAndUpdateWithSystemSetting(started, true);
-    });
+    FlowResult checked = std::async(
+        std::launch::async, [&manager, &started] { return manager.CheckAndUpdateWithSystemSetting(started, true); });
     const bool checkedInTime = checked.wait_for(Scaled(3000)) == std::future_status::ready;
     manager.Shutdown();
     ASSERT_TRUE(checkedInTime) << "the settings check waited on the fetch";
@@ -620,7 +629,8 @@ TEST_F(ScheduleUpdateManagerTest, DeleteInstanceWaitsForAPinThatGoesSoon) {
     ScheduleUpdateManager::DeleteInstance();
     ASSERT_EQ(std::future_status::ready, user.wait_for(Scaled(3000)));
     EXPECT_EQ(nullptr, ScheduleUpdateManager::GetInstance());
-    EXPECT_FALSE(test::HasLogLine(LogLines(), "W", kTag, "A schedule flow did not end in time; it is left to the exit."));
+    EXPECT_FALSE(
+        test::HasLogLine(LogLines(), "W", kTag, "A schedule flow did not end in time; it is left to the exit."));
 }
 
 // The stop must not hang on a user that does not let go (a name lookup
@@ -640,7 +650,8 @@ TEST_F(ScheduleUpdateManagerTest, DeleteInstanceLeavesAManagerThatIsStillPinned)
     // Still a live object for the one who pinned it.
     EXPECT_TRUE(pinned->IsShuttingDown());
     EXPECT_EQ("", pinned->GetUpdateInfo().plantId);
-    EXPECT_TRUE(test::HasLogLine(LogLines(), "W", kTag, "A schedule flow did not end in time; it is left to the exit."));
+    EXPECT_TRUE(
+        test::HasLogLine(LogLines(), "W", kTag, "A schedule flow did not end in time; it is left to the exit."));
 }
 
 } // namespace

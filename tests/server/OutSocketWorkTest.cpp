@@ -103,13 +103,15 @@ protected:
 };
 
 TEST_F(OutSocketWorkTest, UpdateAnswerLayout) {
-    const std::string answer = Bytes(OutSocketWork::UpdateAnswer(3, UpdateResult(FailureReason::kPlantIdNotRegistered, 200, "Plant ID is not registered")));
+    const std::string answer = Bytes(OutSocketWork::UpdateAnswer(
+        3, UpdateResult(FailureReason::kPlantIdNotRegistered, 200, "Plant ID is not registered")));
     ASSERT_EQ(144u, answer.size());
     EXPECT_EQ(Word(144) + Word(3) + Word(6) + Word(200) + Field("Plant ID is not registered", 128), answer);
 }
 
 TEST_F(OutSocketWorkTest, UpdateAnswerCutsTheMessageAt127Bytes) {
-    const std::string answer = Bytes(OutSocketWork::UpdateAnswer(2, UpdateResult(FailureReason::kAccessFailed, 0, std::string(300, 'm'))));
+    const std::string answer =
+        Bytes(OutSocketWork::UpdateAnswer(2, UpdateResult(FailureReason::kAccessFailed, 0, std::string(300, 'm'))));
     EXPECT_EQ(std::string(127, 'm') + '\0', answer.substr(16));
 }
 
@@ -119,7 +121,8 @@ TEST_F(OutSocketWorkTest, FixedScheduleAnswerLayoutIsUnaligned) {
     EXPECT_EQ(Word(171) + Word(4) + Field("PLANT9", 27) + Word(0) + Word(0) + std::string(128, '\0'), changed);
     const std::string unchanged = Bytes(OutSocketWork::FixedScheduleAnswer(UpdateResult(false, "PLANT9")));
     EXPECT_EQ(std::string(27, '\0'), unchanged.substr(8, 27));
-    const std::string failed = Bytes(OutSocketWork::FixedScheduleAnswer(UpdateResult(FailureReason::kPlantIdMismatch, 0, "[A] : [B]")));
+    const std::string failed =
+        Bytes(OutSocketWork::FixedScheduleAnswer(UpdateResult(FailureReason::kPlantIdMismatch, 0, "[A] : [B]")));
     EXPECT_EQ(7, WordAt(failed, 35));
     EXPECT_EQ(0, WordAt(failed, 39));
     EXPECT_EQ(Field("[A] : [B]", 128), failed.substr(43));
@@ -134,8 +137,8 @@ TEST_F(OutSocketWorkTest, TargetPowerAnswerLayout) {
     EXPECT_EQ(Word(167) + Word(6) + powerBytes + Field("20220119030000", 15) + Word(0) + Word(0) +
                   std::string(128, '\0'),
               answer);
-    const std::string failed =
-        Bytes(OutSocketWork::TargetPowerAnswer(7, TargetPowerResult(1.0, TargetPowerResult::Code::kNoSchedule, "can not get.")));
+    const std::string failed = Bytes(OutSocketWork::TargetPowerAnswer(
+        7, TargetPowerResult(1.0, TargetPowerResult::Code::kNoSchedule, "can not get.")));
     EXPECT_EQ(5, WordAt(failed, 31));
     EXPECT_EQ(Field("can not get.", 128), failed.substr(39));
 }
@@ -245,8 +248,8 @@ TEST_F(OutSocketWorkTest, PlantIdWithoutNulRunsOnIntoTheUrl) {
 TEST_F(OutSocketWorkTest, CheckPlantIdAsksTheServer) {
     ScheduleUpdateManager::CreateInstance();
     // Byte 32 of the answer is zero: registered.
-    HttpTestServer server(HttpTestServer::Answer(200, test::MultipartContentType("b"),
-                                                 test::BinaryPartBody("b", std::string(40, '\0'))));
+    HttpTestServer server(
+        HttpTestServer::Answer(200, test::MultipartContentType("b"), test::BinaryPartBody("b", std::string(40, '\0'))));
     const std::string answer = Serve(Request(3, Field("PLANT", 27) + Field(server.Url("/check"), 256)));
     ASSERT_EQ(144u, answer.size());
     EXPECT_EQ(3, WordAt(answer, 4));
@@ -333,10 +336,8 @@ TEST_F(OutSocketWorkTest, UpdateScheduleStoresAndForwardsAfterAnswering) {
     EXPECT_EQ(Word(144) + Word(2) + Word(0) + Word(0) + std::string(128, '\0'), reply);
     const std::vector<HttpTestServer::Received> requests = server.Requests();
     ASSERT_EQ(2u, requests.size());
-    EXPECT_EQ("power_plant_id=00000000000000000000000777&mac_address=001A2B3C4D5E&schedule_kbn=0000",
-              requests[0].body);
-    EXPECT_EQ("power_plant_id=00000000000000000000000777&mac_address=001A2B3C4D5E&schedule_kbn=9993",
-              requests[1].body);
+    EXPECT_EQ("power_plant_id=00000000000000000000000777&mac_address=001A2B3C4D5E&schedule_kbn=0000", requests[0].body);
+    EXPECT_EQ("power_plant_id=00000000000000000000000777&mac_address=001A2B3C4D5E&schedule_kbn=9993", requests[1].body);
     EXPECT_EQ("48", test::QueryValue(kDbFile, "SELECT COUNT(*) FROM output_control_schedule WHERE controlRate = 60"));
     EXPECT_EQ("48", test::QueryValue(kDbFile, "SELECT COUNT(*) FROM output_control_schedule WHERE controlRate = 30"));
     // The client had its answer first; then the logger daemon is told and

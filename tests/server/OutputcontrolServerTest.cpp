@@ -83,8 +83,7 @@ bool LeaveStaleSocket(const std::string& path) {
     std::memset(&address, 0, sizeof address);
     address.sun_family = AF_UNIX;
     std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-    const bool bound = bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
-                       listen(fd, 1) == 0;
+    const bool bound = bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 && listen(fd, 1) == 0;
     close(fd);
     return bound;
 }
@@ -107,9 +106,9 @@ protected:
     // Settings with an unbuffered log at level 0 plus `innerXml`, then the
     // server on its own thread.
     void StartServer(const std::string& innerXml = "") {
-        test::WriteLoggerSetting(
-            "<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>"
-            "<LogLevel>0</LogLevel>" + innerXml);
+        test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>"
+                                 "<LogLevel>0</LogLevel>" +
+                                 innerXml);
         LoggerSettingManager::CreateInstance();
         LoggerLog::CreateInstance();
         server_.reset(new OutputcontrolServer());
@@ -127,14 +126,16 @@ protected:
     // Waits until a client can connect to `path` and its connection has
     // been served (closed by the server), so that no probe is left queued.
     static bool Listening(const std::string& path) {
-        return test::WaitFor([&] {
-            const int fd = Connect(path);
-            if (fd < 0) return false;
-            shutdown(fd, SHUT_WR);
-            const bool served = ClosedByServer(fd, 5000);
-            close(fd);
-            return served;
-        }, 5000);
+        return test::WaitFor(
+            [&] {
+                const int fd = Connect(path);
+                if (fd < 0) return false;
+                shutdown(fd, SHUT_WR);
+                const bool served = ClosedByServer(fd, 5000);
+                close(fd);
+                return served;
+            },
+            5000);
     }
 
     // Waits until a client can connect to `path` and the server has served
@@ -316,7 +317,8 @@ TEST_F(OutputcontrolServerTest, LateParametersAreNeverAnsweredAsZeros) {
     const double capacity = 10.0;
     (void)!write(client, &capacity, sizeof capacity);
     close(client);
-    EXPECT_TRUE(test::HasLogLineStarting(LogLines(), "W", kTag, "Request data type 6, parameters not received in time."));
+    EXPECT_TRUE(
+        test::HasLogLineStarting(LogLines(), "W", kTag, "Request data type 6, parameters not received in time."));
 }
 
 TEST_F(OutputcontrolServerTest, ConnectionsPastTheCapCloseTheOldestIdleOne) {
@@ -363,8 +365,7 @@ TEST_F(OutputcontrolServerTest, BindFailureGoesOnToListenWhichEndsTheServer) {
     const std::vector<std::string> lines = LogLines();
     EXPECT_TRUE(test::HasLogLine(lines, "D", kTag, "bind start"));
     EXPECT_TRUE(test::HasLogLine(lines, "F", kTag, "bind failed. [-1]"));
-    EXPECT_TRUE(test::HasLogLine(lines, "F", kTag,
-                                 "listen failed. [-1][" + std::to_string(EINVAL) + "]"));
+    EXPECT_TRUE(test::HasLogLine(lines, "F", kTag, "listen failed. [-1][" + std::to_string(EINVAL) + "]"));
 }
 
 TEST_F(OutputcontrolServerTest, FailedAcceptEndsTheServerThread) {

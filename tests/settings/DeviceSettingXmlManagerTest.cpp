@@ -21,16 +21,14 @@ const std::string kDeviceDir = test::FixedPath("/usr/local/etc/kestrovanyx/Devic
 
 // One address entry of the device list.
 std::string Address(const std::string& type, const std::string& file) {
-    return "<address><type>" + type + "</type><deviceSettingFile>" + file +
-           "</deviceSettingFile></address>";
+    return "<address><type>" + type + "</type><deviceSettingFile>" + file + "</deviceSettingFile></address>";
 }
 
 void WriteDevices(const std::vector<std::string>& addresses) {
     std::string list;
     for (const std::string& address : addresses) list += address;
-    test::WriteFile(test::SystemSettingPath(),
-                    "<logger loggerId=\"L\"><general/><channelList><channel><addressList>" + list +
-                        "</addressList></channel></channelList></logger>");
+    test::WriteFile(test::SystemSettingPath(), "<logger loggerId=\"L\"><general/><channelList><channel><addressList>" +
+                                                   list + "</addressList></channel></channelList></logger>");
 }
 
 // A description file whose Limit variables carry `variables` (attribute text
@@ -51,9 +49,8 @@ std::string Description(const std::vector<std::string>& variables) {
 class DeviceSettingXmlManagerTest : public test::SingletonTest {
 protected:
     void SetUp() override {
-        test::WriteLoggerSetting(
-            "<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>"
-            "<LogLevel>0</LogLevel>");
+        test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>"
+                                 "<LogLevel>0</LogLevel>");
         LoggerSettingManager::CreateInstance();
         LoggerLog::CreateInstance();
     }
@@ -69,8 +66,7 @@ protected:
     static bool Logged(const std::string& mark, const std::string& message) {
         const std::string tail = "] DeviceSettingXmlManager " + message;
         for (const std::string& line : LogLines()) {
-            if (line.find(" UTC] [" + mark + "] [") != std::string::npos &&
-                line.size() >= tail.size() &&
+            if (line.find(" UTC] [" + mark + "] [") != std::string::npos && line.size() >= tail.size() &&
                 line.compare(line.size() - tail.size(), tail.size(), tail) == 0) {
                 return true;
             }
@@ -84,9 +80,9 @@ protected:
 
 TEST_F(DeviceSettingXmlManagerTest, ReadsTheLimitOfTheSolarUnit) {
     WriteDevices({Address("Meter", "meter"), Address("HouseHoldSolarPowerGeneration", "pv")});
-    test::WriteFile(kDeviceDir + "pv.xml",
-                    Description({"Name=\"Other\" ValueMin=\"99\"",
-                                 "Name=\"Limit\" Value0=\"10\" Value100=\"90\" ValueMin=\"3\""}));
+    test::WriteFile(
+        kDeviceDir + "pv.xml",
+        Description({"Name=\"Other\" ValueMin=\"99\"", "Name=\"Limit\" Value0=\"10\" Value100=\"90\" ValueMin=\"3\""}));
     DeviceSettingXmlManager::Limit limit;
     EXPECT_TRUE(devices_.GetLimit(limit));
     EXPECT_EQ(10, limit.value0);
@@ -104,8 +100,8 @@ TEST_F(DeviceSettingXmlManagerTest, NoSolarUnitIsReported) {
 }
 
 TEST_F(DeviceSettingXmlManagerTest, FirstMatchingAddressWins) {
-    WriteDevices({Address("HouseHoldSolarPowerGeneration", "first"),
-                  Address("HouseHoldSolarPowerGeneration", "second")});
+    WriteDevices(
+        {Address("HouseHoldSolarPowerGeneration", "first"), Address("HouseHoldSolarPowerGeneration", "second")});
     EXPECT_EQ("first", devices_.GetDeviceSettingFile("HouseHoldSolarPowerGeneration"));
     test::WriteFile(kDeviceDir + "first.xml", Description({"Name=\"Limit\" ValueMin=\"1\""}));
     test::WriteFile(kDeviceDir + "second.xml", Description({"Name=\"Limit\" ValueMin=\"2\""}));
@@ -127,8 +123,8 @@ TEST_F(DeviceSettingXmlManagerTest, LastTypeElementOfAnAddressCounts) {
 
 TEST_F(DeviceSettingXmlManagerTest, FirstOfTwoLimitVariablesGivesTheValue) {
     WriteDevices({Address("HouseHoldSolarPowerGeneration", "pv")});
-    test::WriteFile(kDeviceDir + "pv.xml", Description({"Name=\"Limit\" ValueMin=\"4\"",
-                                                        "Name=\"Limit\" ValueMin=\"5\""}));
+    test::WriteFile(kDeviceDir + "pv.xml",
+                    Description({"Name=\"Limit\" ValueMin=\"4\"", "Name=\"Limit\" ValueMin=\"5\""}));
     DeviceSettingXmlManager::Limit limit;
     EXPECT_TRUE(devices_.GetLimit(limit));
     EXPECT_EQ(4, limit.valueMin);
@@ -145,8 +141,7 @@ TEST_F(DeviceSettingXmlManagerTest, HexValueMinIsRead) {
 TEST_F(DeviceSettingXmlManagerTest, UnreadableValueMinLeavesTheValue) {
     WriteDevices({Address("HouseHoldSolarPowerGeneration", "pv")});
     for (const char* text : {"abc", "", "12 ", "99999999999"}) {
-        test::WriteFile(kDeviceDir + "pv.xml",
-                        Description({"Name=\"Limit\" ValueMin=\"" + std::string(text) + "\""}));
+        test::WriteFile(kDeviceDir + "pv.xml", Description({"Name=\"Limit\" ValueMin=\"" + std::string(text) + "\""}));
         DeviceSettingXmlManager::Limit limit;
         limit.valueMin = 6;
         EXPECT_TRUE(devices_.GetLimit(limit)) << text;

@@ -91,21 +91,20 @@ TEST_F(LoggerSettingManagerTest, CreateTwiceKeepsTheFirstInstance) {
 }
 
 TEST_F(LoggerSettingManagerTest, FileValuesReplaceDefaults) {
-    LoggerSettingManager& settings = Load(
-        "<LoggerSocketPath>/run/l.sock</LoggerSocketPath>"
-        "<OutputControlSocketPath>/run/o.sock</OutputControlSocketPath>"
-        "<PVOutputControlWatchdogFile>/run/wd</PVOutputControlWatchdogFile>"
-        "<WatchdogFileUpdateInterval>5</WatchdogFileUpdateInterval>"
-        "<SdcardPath>/data</SdcardPath>"
-        "<OutputScheduleLogMaxRollIndex>3</OutputScheduleLogMaxRollIndex>"
-        "<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>"
-        "<LogLevel>4</LogLevel>"
-        "<OutputScheduleLogMaxBufferedSize>100</OutputScheduleLogMaxBufferedSize>"
-        "<OutputScheduleLogMaxFileSize>1MB</OutputScheduleLogMaxFileSize>"
-        "<OutputControlScheduleRetensionCycle>7</OutputControlScheduleRetensionCycle>"
-        "<OutputControlTestMode>1</OutputControlTestMode>"
-        "<OutputScheduleMonitoringInterval>60</OutputScheduleMonitoringInterval>"
-        "<OutputControlSocketTimeout>2</OutputControlSocketTimeout>");
+    LoggerSettingManager& settings = Load("<LoggerSocketPath>/run/l.sock</LoggerSocketPath>"
+                                          "<OutputControlSocketPath>/run/o.sock</OutputControlSocketPath>"
+                                          "<PVOutputControlWatchdogFile>/run/wd</PVOutputControlWatchdogFile>"
+                                          "<WatchdogFileUpdateInterval>5</WatchdogFileUpdateInterval>"
+                                          "<SdcardPath>/data</SdcardPath>"
+                                          "<OutputScheduleLogMaxRollIndex>3</OutputScheduleLogMaxRollIndex>"
+                                          "<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>"
+                                          "<LogLevel>4</LogLevel>"
+                                          "<OutputScheduleLogMaxBufferedSize>100</OutputScheduleLogMaxBufferedSize>"
+                                          "<OutputScheduleLogMaxFileSize>1MB</OutputScheduleLogMaxFileSize>"
+                                          "<OutputControlScheduleRetensionCycle>7</OutputControlScheduleRetensionCycle>"
+                                          "<OutputControlTestMode>1</OutputControlTestMode>"
+                                          "<OutputScheduleMonitoringInterval>60</OutputScheduleMonitoringInterval>"
+                                          "<OutputControlSocketTimeout>2</OutputControlSocketTimeout>");
     EXPECT_EQ("/run/l.sock", settings.GetLoggerSocketPath());
     EXPECT_EQ("/run/o.sock", settings.GetOutputControlSocketPath());
     EXPECT_EQ("/run/wd", settings.GetPVOutputControlWatchdogFile());
@@ -128,12 +127,20 @@ TEST_F(LoggerSettingManagerTest, FileValuesReplaceDefaults) {
 TEST_F(LoggerSettingManagerTest, KnownKeysAreTheElementsRead) {
     std::vector<std::string> known = LoggerSettingManager::KnownKeys();
     std::sort(known.begin(), known.end());
-    const std::vector<std::string> expected = {
-        "LogLevel", "LoggerSocketPath", "OutputControlScheduleRetensionCycle", "OutputControlSocketPath",
-        "OutputControlSocketTimeout", "OutputControlTestMode", "OutputScheduleEnableLogBufferedIO",
-        "OutputScheduleLogMaxBufferedSize", "OutputScheduleLogMaxFileSize", "OutputScheduleLogMaxRollIndex",
-        "OutputScheduleMonitoringInterval", "PVOutputControlWatchdogFile", "SdcardPath",
-        "WatchdogFileUpdateInterval"};
+    const std::vector<std::string> expected = {"LogLevel",
+                                               "LoggerSocketPath",
+                                               "OutputControlScheduleRetensionCycle",
+                                               "OutputControlSocketPath",
+                                               "OutputControlSocketTimeout",
+                                               "OutputControlTestMode",
+                                               "OutputScheduleEnableLogBufferedIO",
+                                               "OutputScheduleLogMaxBufferedSize",
+                                               "OutputScheduleLogMaxFileSize",
+                                               "OutputScheduleLogMaxRollIndex",
+                                               "OutputScheduleMonitoringInterval",
+                                               "PVOutputControlWatchdogFile",
+                                               "SdcardPath",
+                                               "WatchdogFileUpdateInterval"};
     EXPECT_EQ(expected, known);
     for (const std::string& key : LoggerSettingManager::NumericKeys()) {
         EXPECT_TRUE(std::binary_search(known.begin(), known.end(), key)) << key;
@@ -145,32 +152,35 @@ TEST_F(LoggerSettingManagerTest, KnownKeysAreTheElementsRead) {
 }
 
 TEST_F(LoggerSettingManagerTest, IntervalNotANumberFallsBack) {
-    EXPECT_EQ(30, Load("<WatchdogFileUpdateInterval>abc</WatchdogFileUpdateInterval>")
-                      .GetWatchdogFileUpdateInterval());
+    EXPECT_EQ(30, Load("<WatchdogFileUpdateInterval>abc</WatchdogFileUpdateInterval>").GetWatchdogFileUpdateInterval());
 }
 
 TEST_F(LoggerSettingManagerTest, IntervalReadsLeadingNumber) {
-    EXPECT_EQ(15, Load("<WatchdogFileUpdateInterval>15 seconds</WatchdogFileUpdateInterval>")
-                      .GetWatchdogFileUpdateInterval());
+    EXPECT_EQ(
+        15,
+        Load("<WatchdogFileUpdateInterval>15 seconds</WatchdogFileUpdateInterval>").GetWatchdogFileUpdateInterval());
 }
 
 TEST_F(LoggerSettingManagerTest, IntervalBeyondThirtyTwoBitsFallsBack) {
-    EXPECT_EQ(30, Load("<WatchdogFileUpdateInterval>99999999999</WatchdogFileUpdateInterval>")
-                      .GetWatchdogFileUpdateInterval());
+    EXPECT_EQ(
+        30,
+        Load("<WatchdogFileUpdateInterval>99999999999</WatchdogFileUpdateInterval>").GetWatchdogFileUpdateInterval());
 }
 
 TEST_F(LoggerSettingManagerTest, IntervalAtThirtyTwoBitLimitsIsKept) {
-    EXPECT_EQ(2147483647, Load("<WatchdogFileUpdateInterval>2147483647</WatchdogFileUpdateInterval>")
-                              .GetWatchdogFileUpdateInterval());
+    EXPECT_EQ(
+        2147483647,
+        Load("<WatchdogFileUpdateInterval>2147483647</WatchdogFileUpdateInterval>").GetWatchdogFileUpdateInterval());
     LoggerSettingManager::DeleteInstance();
-    EXPECT_EQ(30, Load("<WatchdogFileUpdateInterval>2147483648</WatchdogFileUpdateInterval>")
-                      .GetWatchdogFileUpdateInterval());
+    EXPECT_EQ(
+        30,
+        Load("<WatchdogFileUpdateInterval>2147483648</WatchdogFileUpdateInterval>").GetWatchdogFileUpdateInterval());
 }
 
 TEST_F(LoggerSettingManagerTest, NumbersTolerateLeadingWhiteSpaceAndSign) {
-    LoggerSettingManager& settings = Load(
-        "<OutputScheduleMonitoringInterval>\n  120\n</OutputScheduleMonitoringInterval>"
-        "<OutputControlSocketTimeout>+9</OutputControlSocketTimeout>");
+    LoggerSettingManager& settings =
+        Load("<OutputScheduleMonitoringInterval>\n  120\n</OutputScheduleMonitoringInterval>"
+             "<OutputControlSocketTimeout>+9</OutputControlSocketTimeout>");
     EXPECT_EQ(120, settings.GetOutputScheduleMonitoringInterval());
     EXPECT_EQ(9, settings.GetOutputControlSocketTimeout());
 }
@@ -196,14 +206,12 @@ TEST_F(LoggerSettingManagerTest, NegativeRetentionIsReturnedUnchanged) {
 }
 
 TEST_F(LoggerSettingManagerTest, ZeroIsReturnedWithoutRangeCheck) {
-    EXPECT_EQ(0, Load("<WatchdogFileUpdateInterval>0</WatchdogFileUpdateInterval>")
-                     .GetWatchdogFileUpdateInterval());
+    EXPECT_EQ(0, Load("<WatchdogFileUpdateInterval>0</WatchdogFileUpdateInterval>").GetWatchdogFileUpdateInterval());
 }
 
 TEST_F(LoggerSettingManagerTest, OtherRootNameLeavesDefaults) {
-    test::WriteFile(test::LoggerSettingPath(),
-                    "<?xml version=\"1.0\"?><Settings><SdcardPath>/x</SdcardPath>"
-                    "<WatchdogFileUpdateInterval>5</WatchdogFileUpdateInterval></Settings>");
+    test::WriteFile(test::LoggerSettingPath(), "<?xml version=\"1.0\"?><Settings><SdcardPath>/x</SdcardPath>"
+                                               "<WatchdogFileUpdateInterval>5</WatchdogFileUpdateInterval></Settings>");
     ExpectDefaults(Create());
 }
 
@@ -254,9 +262,8 @@ TEST_F(LoggerSettingManagerTest, FileOfTheCapIsReadOneByteMoreLeavesDefaults) {
 }
 
 TEST_F(LoggerSettingManagerTest, PathsAreNotTrimmed) {
-    LoggerSettingManager& settings = Load(
-        "<LoggerSocketPath> /run/l.sock </LoggerSocketPath>"
-        "<SdcardPath>\n/media/card\n</SdcardPath>");
+    LoggerSettingManager& settings = Load("<LoggerSocketPath> /run/l.sock </LoggerSocketPath>"
+                                          "<SdcardPath>\n/media/card\n</SdcardPath>");
     EXPECT_EQ(" /run/l.sock ", settings.GetLoggerSocketPath());
     EXPECT_EQ("\n/media/card\n", settings.GetSdcardPath());
     EXPECT_EQ("\n/media/card\n/kestrovanyx/Log/OutputScheduleLog", settings.GetLogDirectory());
@@ -275,9 +282,8 @@ TEST_F(LoggerSettingManagerTest, EmptyStringElementReplacesDefault) {
 }
 
 TEST_F(LoggerSettingManagerTest, EmptyNumberElementGivesFallback) {
-    LoggerSettingManager& settings = Load(
-        "<WatchdogFileUpdateInterval/><LogLevel></LogLevel>"
-        "<OutputScheduleLogMaxBufferedSize>  </OutputScheduleLogMaxBufferedSize>");
+    LoggerSettingManager& settings = Load("<WatchdogFileUpdateInterval/><LogLevel></LogLevel>"
+                                          "<OutputScheduleLogMaxBufferedSize>  </OutputScheduleLogMaxBufferedSize>");
     EXPECT_EQ(30, settings.GetWatchdogFileUpdateInterval());
     EXPECT_EQ(1, settings.GetLogLevel());
     EXPECT_EQ(4096, settings.GetOutputScheduleLogMaxBufferedSize());
@@ -290,18 +296,16 @@ TEST_F(LoggerSettingManagerTest, DuplicatedKeyKeepsLaterValue) {
 }
 
 TEST_F(LoggerSettingManagerTest, UnknownKeysAttributesAndCommentsCarryNothing) {
-    LoggerSettingManager& settings = Load(
-        "<!-- <SdcardPath>/comment</SdcardPath> -->"
-        "<Unknown>1</Unknown>"
-        "<LogLevel unit=\"level\">3</LogLevel>");
+    LoggerSettingManager& settings = Load("<!-- <SdcardPath>/comment</SdcardPath> -->"
+                                          "<Unknown>1</Unknown>"
+                                          "<LogLevel unit=\"level\">3</LogLevel>");
     EXPECT_EQ(test::FixedPath("/media/sdcard"), settings.GetSdcardPath());
     EXPECT_EQ(3, settings.GetLogLevel());
 }
 
 TEST_F(LoggerSettingManagerTest, KeyNamesAreExact) {
-    LoggerSettingManager& settings = Load(
-        "<OutputControlScheduleRetentionCycle>5</OutputControlScheduleRetentionCycle>"
-        "<sdcardpath>/x</sdcardpath>");
+    LoggerSettingManager& settings = Load("<OutputControlScheduleRetentionCycle>5</OutputControlScheduleRetentionCycle>"
+                                          "<sdcardpath>/x</sdcardpath>");
     EXPECT_EQ(90, settings.GetOutputControlScheduleRetensionCycle());
     EXPECT_EQ(test::FixedPath("/media/sdcard"), settings.GetSdcardPath());
 }
@@ -311,9 +315,8 @@ TEST_F(LoggerSettingManagerTest, LogLevelNotANumberIsOne) {
 }
 
 TEST_F(LoggerSettingManagerTest, DumpWritesEveryValueInOrder) {
-    LoggerSettingManager& settings = Load(
-        "<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>"
-        "<LogLevel>0</LogLevel>");
+    LoggerSettingManager& settings = Load("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>"
+                                          "<LogLevel>0</LogLevel>");
     LoggerLog::CreateInstance();
     settings.Dump();
     LoggerLog::DeleteInstance();

@@ -30,9 +30,8 @@ protected:
         // Unbuffered, level 0: every line reaches the file at the next tick.
         // No earlier test's lines are in the log.
         test::RemoveAll(kLogFile);
-        test::WriteLoggerSetting(
-            "<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>"
-            "<LogLevel>0</LogLevel>");
+        test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>"
+                                 "<LogLevel>0</LogLevel>");
         LoggerSettingManager::CreateInstance();
         LoggerLog::CreateInstance();
     }
@@ -40,9 +39,8 @@ protected:
     // Writes SystemSetting.xml with a logger root holding `attributes` and
     // a general section holding `general`.
     static void WriteSystemSetting(const std::string& attributes, const std::string& general) {
-        test::WriteFile(test::SystemSettingPath(),
-                        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<logger " + attributes +
-                            "><general>" + general + "</general></logger>\n");
+        test::WriteFile(test::SystemSettingPath(), "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<logger " + attributes +
+                                                       "><general>" + general + "</general></logger>\n");
     }
 
     // Writes a file whose general section holds only `general`, loads it and
@@ -70,8 +68,7 @@ protected:
             if (end == std::string::npos) end = log.size();
             const std::string line = log.substr(begin, end - begin);
             const std::string tail = "] " + tag + " " + message;
-            if (line.find(" UTC] [" + mark + "] [") != std::string::npos &&
-                line.size() >= tail.size() &&
+            if (line.find(" UTC] [" + mark + "] [") != std::string::npos && line.size() >= tail.size() &&
                 line.compare(line.size() - tail.size(), tail.size(), tail) == 0) {
                 return true;
             }
@@ -147,8 +144,7 @@ TEST_F(SystemSettingXmlManagerTest, RetryNinetyNineIsKept) {
 TEST_F(SystemSettingXmlManagerTest, RetryHundredBecomesZeroWithMessage) {
     LoadGeneral("<system><communicationErrorRetry>100</communicationErrorRetry></system>");
     EXPECT_EQ(0, manager_.GetCommunicationErrorRetry());
-    EXPECT_TRUE(LogHas(FlushedLog(), "D", "XmlDataGeneral",
-                       "communication_error_retry_ value is out of range."));
+    EXPECT_TRUE(LogHas(FlushedLog(), "D", "XmlDataGeneral", "communication_error_retry_ value is out of range."));
 }
 
 TEST_F(SystemSettingXmlManagerTest, RetryReadsHexAndOctal) {
@@ -178,15 +174,14 @@ TEST_F(SystemSettingXmlManagerTest, PlantNameOf257IsEmptiedWithMessage) {
     WriteSystemSetting("planeName=\"" + name + "\" loggerId=\"L\"", "");
     ASSERT_TRUE(manager_.Load());
     EXPECT_EQ("L", manager_.GetLoggerId());
-    EXPECT_TRUE(LogHas(FlushedLog(), "D", "XmlDataLoggerAttribute",
-                       "plant_name has a length greater than 256."));
+    EXPECT_TRUE(LogHas(FlushedLog(), "D", "XmlDataLoggerAttribute", "plant_name has a length greater than 256."));
 }
 
 TEST_F(SystemSettingXmlManagerTest, RootOtherThanLoggerFails) {
     test::WriteFile(test::SystemSettingPath(), "<settings><general/></settings>");
     EXPECT_FALSE(manager_.Load());
-    EXPECT_TRUE(LogHas(FlushedLog(), "E", "SystemSettingXmlManager",
-                       "SystemSettingXml Load error(logger tag not found.) "));
+    EXPECT_TRUE(
+        LogHas(FlushedLog(), "E", "SystemSettingXmlManager", "SystemSettingXml Load error(logger tag not found.) "));
 }
 
 TEST_F(SystemSettingXmlManagerTest, FailedLoadKeepsThePreviousValues) {
@@ -201,8 +196,7 @@ TEST_F(SystemSettingXmlManagerTest, FailedLoadKeepsThePreviousValues) {
 TEST_F(SystemSettingXmlManagerTest, MissingFileFailsWithLoadFromFileMessage) {
     EXPECT_FALSE(manager_.Load());
     const std::string log = FlushedLog();
-    EXPECT_NE(std::string::npos,
-              log.find("] SystemSettingXmlManager SystemSettingXml Load error(Load from file) ["))
+    EXPECT_NE(std::string::npos, log.find("] SystemSettingXmlManager SystemSettingXml Load error(Load from file) ["))
         << log;
 }
 
@@ -284,9 +278,8 @@ TEST_F(SystemSettingXmlManagerTest, ParseErrorIsReportedAsTheParserReportsIt) {
 }
 
 TEST_F(SystemSettingXmlManagerTest, LaterDuplicateElementWins) {
-    WriteSystemSetting("loggerId=\"L\"",
-                       "<outputControlPlantId>first</outputControlPlantId>"
-                       "<outputControlPlantId>second</outputControlPlantId>");
+    WriteSystemSetting("loggerId=\"L\"", "<outputControlPlantId>first</outputControlPlantId>"
+                                         "<outputControlPlantId>second</outputControlPlantId>");
     ASSERT_TRUE(manager_.Load());
     EXPECT_EQ("second", manager_.GetOutputControlPlantId());
 }
@@ -347,8 +340,7 @@ TEST_F(SystemSettingXmlManagerTest, LoadAndGetTreeGivesTheTreeTheValuesCameFrom)
 TEST_F(SystemSettingXmlManagerTest, RawTreeOfBrokenFileIsNullWithMessage) {
     test::WriteFile(test::SystemSettingPath(), "not xml");
     EXPECT_EQ(nullptr, manager_.LoadSystemSettingXmlNode());
-    EXPECT_NE(std::string::npos,
-              FlushedLog().find("] SystemSettingXmlManager LoadSystemSettingXmlNode failed. ["));
+    EXPECT_NE(std::string::npos, FlushedLog().find("] SystemSettingXmlManager LoadSystemSettingXmlNode failed. ["));
 }
 
 // --- Files that are no settings file --------------------------------------------
@@ -384,8 +376,8 @@ TEST_F(SystemSettingXmlManagerTest, FifoFailsAtOnceAndKeepsThePreviousValues) {
     EXPECT_EQ(nullptr, manager_.LoadSystemSettingXmlNode());
     EXPECT_EQ("P1", manager_.GetOutputControlPlantId());
     const std::string log = FlushedLog();
-    EXPECT_TRUE(LogHas(log, "E", "SystemSettingXmlManager",
-                       "SystemSettingXml Load error(Load from file) [not a regular file]"))
+    EXPECT_TRUE(
+        LogHas(log, "E", "SystemSettingXmlManager", "SystemSettingXml Load error(Load from file) [not a regular file]"))
         << log;
     EXPECT_TRUE(LogHas(log, "E", "SystemSettingXmlManager", "LoadSystemSettingXmlNode failed. [not a regular file]"))
         << log;
@@ -426,8 +418,8 @@ TEST_F(SystemSettingXmlManagerTest, MissingFileIsReportedAsTheParserReportsIt) {
     EXPECT_FALSE(manager_.Load());
     EXPECT_EQ(nullptr, manager_.LoadSystemSettingXmlNode());
     const std::string log = FlushedLog();
-    EXPECT_TRUE(LogHas(log, "E", "SystemSettingXmlManager",
-                       "SystemSettingXml Load error(Load from file) [" + expected + "]"))
+    EXPECT_TRUE(
+        LogHas(log, "E", "SystemSettingXmlManager", "SystemSettingXml Load error(Load from file) [" + expected + "]"))
         << log;
     EXPECT_TRUE(LogHas(log, "E", "SystemSettingXmlManager", "LoadSystemSettingXmlNode failed. [" + expected + "]"))
         << log;

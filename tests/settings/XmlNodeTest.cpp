@@ -35,8 +35,7 @@ std::unique_ptr<XmlNode> Tree(const std::string& xml, bool namespaces = true) {
 class XmlNodeTest : public test::SingletonTest {};
 
 TEST_F(XmlNodeTest, FindNodeTakesLastMatchFindNodesTakesAll) {
-    std::unique_ptr<XmlNode> root =
-        Tree("<r><a><b>1</b></a><a><b>2</b></a></r>");
+    std::unique_ptr<XmlNode> root = Tree("<r><a><b>1</b></a><a><b>2</b></a></r>");
     XmlNode* found = root->FindNode("a/b");
     ASSERT_NE(nullptr, found);
     EXPECT_EQ("2", found->GetValue());
@@ -55,9 +54,8 @@ TEST_F(XmlNodeTest, FindNodeFollowsOnlyTheLastMatchAtEachLevel) {
 }
 
 TEST_F(XmlNodeTest, SelectorMatchesExactAttributeValue) {
-    std::unique_ptr<XmlNode> root = Tree(
-        "<r><item id=\"7\">seven</item><item>none</item><item id=\"70\">seventy</item>"
-        "<other id=\"7\">other</other></r>");
+    std::unique_ptr<XmlNode> root = Tree("<r><item id=\"7\">seven</item><item>none</item><item id=\"70\">seventy</item>"
+                                         "<other id=\"7\">other</other></r>");
     std::shared_ptr<XmlNode::NodeList> found = root->FindNodes("item[id:7]");
     ASSERT_EQ(1u, found->size());
     EXPECT_EQ("seven", (*found)[0]->GetValue());
@@ -103,8 +101,7 @@ TEST_F(XmlNodeTest, CommentsAreSkipped) {
 }
 
 TEST_F(XmlNodeTest, TopNodeRecordsDefaultNamespace) {
-    std::unique_ptr<XmlNode> root =
-        Tree("<r xmlns=\"urn:example:devices\"><a><b/></a></r>");
+    std::unique_ptr<XmlNode> root = Tree("<r xmlns=\"urn:example:devices\"><a><b/></a></r>");
     EXPECT_EQ("urn:example:devices", XmlNode::GetAttribute(root.get(), "xmlns"));
     const XmlNode* inner = root->FindNode("a");
     ASSERT_NE(nullptr, inner);
@@ -119,10 +116,9 @@ TEST_F(XmlNodeTest, InnerNodeKeepsExplicitXmlnsAttribute) {
 }
 
 TEST_F(XmlNodeTest, PrefixedNamesKeepTheirPrefix) {
-    std::unique_ptr<XmlNode> root = Tree(
-        "<lggrdev:Devices><lggrdev:VariableInfo Name=\"Other\" ValueMin=\"1\"/>"
-        "<lggrdev:VariableInfo Name=\"Limit\" ValueMin=\"5\"/></lggrdev:Devices>",
-        false);
+    std::unique_ptr<XmlNode> root = Tree("<lggrdev:Devices><lggrdev:VariableInfo Name=\"Other\" ValueMin=\"1\"/>"
+                                         "<lggrdev:VariableInfo Name=\"Limit\" ValueMin=\"5\"/></lggrdev:Devices>",
+                                         false);
     EXPECT_EQ("lggrdev:Devices", root->GetName());
     std::shared_ptr<XmlNode::NodeList> found = root->FindNodes("lggrdev:VariableInfo[Name:Limit]");
     ASSERT_EQ(1u, found->size());
@@ -266,8 +262,8 @@ TEST_F(XmlNodeTest, DeepTreeToStringKeepsTheFixedForm) {
 // FindNodes goes depth first: what lies under an earlier match comes
 // before a later sibling, at every level.
 TEST_F(XmlNodeTest, FindNodesKeepsDocumentOrderAcrossLevels) {
-    std::unique_ptr<XmlNode> root = Tree(
-        "<r><a><b><c>1</c><c>2</c></b><b><c>3</c></b></a><x/><a><b><c>4</c></b></a></r>");
+    std::unique_ptr<XmlNode> root =
+        Tree("<r><a><b><c>1</c><c>2</c></b><b><c>3</c></b></a><x/><a><b><c>4</c></b></a></r>");
     std::shared_ptr<XmlNode::NodeList> found = root->FindNodes("a/b/c");
     ASSERT_EQ(4u, found->size());
     for (std::size_t i = 0; i < 4; ++i) EXPECT_EQ(std::to_string(i + 1), (*found)[i]->GetValue());

@@ -6,12 +6,12 @@
 #include <Poco/Thread.h>
 #include <Poco/Timestamp.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <fstream>
 #include <iterator>
-#include <csignal>
-#include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 

@@ -16,8 +16,8 @@
 #include <dlfcn.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
-#include <unistd.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <cstdio>
@@ -30,8 +30,8 @@ typedef int (*ClockFunction)(clockid_t, struct timespec*);
 
 struct Fake {
     bool active = false;
-    std::int64_t realStartUs = 0;  // real clock when faking began
-    std::int64_t fakeStartUs = 0;  // fake clock at that moment
+    std::int64_t realStartUs = 0; // real clock when faking began
+    std::int64_t fakeStartUs = 0; // fake clock at that moment
     double rate = 1.0;
 };
 

@@ -11,7 +11,6 @@
 namespace brvo {
 namespace test {
 
-
 std::string Word(std::int32_t value) {
     std::string text(4, '\0');
     std::memcpy(&text[0], &value, 4);
@@ -47,8 +46,7 @@ std::string Request(std::int32_t type, const std::string& params) {
 }
 
 std::string TargetPowerAnswer(std::int32_t type, double power, const std::string& timeText) {
-    return Word(167) + Word(type) + Capacity(power) + Field(timeText, 15) + Word(0) + Word(0) +
-           std::string(128, '\0');
+    return Word(167) + Word(type) + Capacity(power) + Field(timeText, 15) + Word(0) + Word(0) + std::string(128, '\0');
 }
 
 int Connect(const std::string& socketPath) {
@@ -88,8 +86,7 @@ std::string ReadAll(int fd, int timeoutMs, bool& complete) {
 
 } // namespace
 
-bool Exchange(const std::string& socketPath, const std::string& request, std::string& answer,
-              int timeoutMs) {
+bool Exchange(const std::string& socketPath, const std::string& request, std::string& answer, int timeoutMs) {
     answer.clear();
     const int fd = Connect(socketPath);
     if (fd < 0) return false;

@@ -38,8 +38,7 @@ int Connect(const std::string& socketPath);
 // closes the connection. False (with what came so far in `answer`) when
 // the connection or the write failed, or when no byte came for
 // `timeoutMs`.
-bool Exchange(const std::string& socketPath, const std::string& request, std::string& answer,
-              int timeoutMs = 30000);
+bool Exchange(const std::string& socketPath, const std::string& request, std::string& answer, int timeoutMs = 30000);
 // Sends one request of `type` and returns the whole answer (empty when the
 // daemon closed without one). Fails the test when it cannot connect.
 std::string Ask(const std::string& socketPath, std::int32_t type, const std::string& params = "");

@@ -100,8 +100,7 @@ bool Listening() {
 
 } // namespace
 
-bool StartDaemon(ChildProcess& daemon, const std::string& outputPath,
-                 const std::map<std::string, std::string>& env) {
+bool StartDaemon(ChildProcess& daemon, const std::string& outputPath, const std::map<std::string, std::string>& env) {
     return StartDaemon(daemon, ChildProcess::DaemonCommand(), outputPath, env);
 }
 
@@ -112,10 +111,12 @@ bool StartDaemon(ChildProcess& daemon, const std::vector<std::string>& command, 
         ADD_FAILURE() << "cannot start the daemon";
         return false;
     }
-    const bool serving = WaitFor([] {
-        struct stat info;
-        return stat(kCommandSocket, &info) == 0 && S_ISSOCK(info.st_mode) && Listening();
-    }, 10000);
+    const bool serving = WaitFor(
+        [] {
+            struct stat info;
+            return stat(kCommandSocket, &info) == 0 && S_ISSOCK(info.st_mode) && Listening();
+        },
+        10000);
     if (!serving) ADD_FAILURE() << "the daemon's command socket did not appear\n" << ReadFile(outputPath);
     return serving;
 }

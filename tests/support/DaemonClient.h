@@ -57,7 +57,6 @@ ScheduleRecord CurrentUpdateRecord(int rate, std::size_t slots = 3 * 48);
 // `daysAhead` days after today 00:00 UTC.
 ScheduleRecord FixedRecordAhead(int rate, int daysAhead);
 
-
 // Starts the daemon with its output in `outputPath` and the environment
 // of the test plus `env`, and waits until its command socket accepts
 // clients. A stale socket file of an earlier run is removed first, so that

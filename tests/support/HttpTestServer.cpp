@@ -39,18 +39,18 @@ HttpTestServer::HttpTestServer(const std::string& answer, int delayMs)
 HttpTestServer::HttpTestServer(const std::string& answer, const Tls& tls)
     : answers_{answer}, delayMs_(0), dripMs_(0), reset_(false), connections_(0),
       released_(Poco::Event::EVENT_MANUALRESET), scheme_("https"),
-      socket_(Poco::Net::SecureServerSocket(
-          Poco::Net::SocketAddress("127.0.0.1", 0), 64,
-          new Poco::Net::Context(Poco::Net::Context::TLS_SERVER_USE, tls.keyFile, tls.certificateFile, "",
-                                 Poco::Net::Context::VERIFY_NONE))),
+      socket_(Poco::Net::SecureServerSocket(Poco::Net::SocketAddress("127.0.0.1", 0), 64,
+                                            new Poco::Net::Context(Poco::Net::Context::TLS_SERVER_USE, tls.keyFile,
+                                                                   tls.certificateFile, "",
+                                                                   Poco::Net::Context::VERIFY_NONE))),
       port_(socket_.address().port()), stop_(false) {
     thread_.start(*this);
 }
 
 HttpTestServer::HttpTestServer(const std::vector<std::string>& answers)
     : answers_(answers), delayMs_(0), dripMs_(0), reset_(false), connections_(0),
-      released_(Poco::Event::EVENT_MANUALRESET), scheme_("http"),
-      socket_(Poco::Net::SocketAddress("127.0.0.1", 0)), port_(socket_.address().port()), stop_(false) {
+      released_(Poco::Event::EVENT_MANUALRESET), scheme_("http"), socket_(Poco::Net::SocketAddress("127.0.0.1", 0)),
+      port_(socket_.address().port()), stop_(false) {
     thread_.start(*this);
 }
 
@@ -79,7 +79,8 @@ std::string HttpTestServer::Answer(int status, const std::string& contentType, c
     std::ostringstream text;
     text << "HTTP/1.1 " << status << " Status\r\n";
     if (!contentType.empty()) text << "Content-Type: " << contentType << "\r\n";
-    if (withLength) text << "Content-Length: " << (announced < 0 ? static_cast<long long>(body.size()) : announced) << "\r\n";
+    if (withLength)
+        text << "Content-Length: " << (announced < 0 ? static_cast<long long>(body.size()) : announced) << "\r\n";
     text << "Connection: close\r\n\r\n" << body;
     return text.str();
 }
@@ -156,8 +157,8 @@ void HttpTestServer::Send(Poco::Net::StreamSocket& socket, const std::string& an
 
 bool MakeCertificate(const std::string& certificateFile, const std::string& keyFile) {
     const std::string command = "openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=127.0.0.1"
-                                " -addext subjectAltName=IP:127.0.0.1 -keyout '" + keyFile + "' -out '" +
-                                certificateFile + "' >/dev/null 2>&1";
+                                " -addext subjectAltName=IP:127.0.0.1 -keyout '" +
+                                keyFile + "' -out '" + certificateFile + "' >/dev/null 2>&1";
     return std::system(command.c_str()) == 0;
 }
 

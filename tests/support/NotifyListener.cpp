@@ -76,8 +76,7 @@ std::vector<std::string> NotifyListener::Starting(const std::string& prefix) con
     return found;
 }
 
-bool NotifyListener::WaitUntil(const std::function<bool(const std::vector<std::string>&)>& condition,
-                               int timeoutMs) {
+bool NotifyListener::WaitUntil(const std::function<bool(const std::vector<std::string>&)>& condition, int timeoutMs) {
     const Poco::Timestamp::TimeDiff limitUs = static_cast<Poco::Timestamp::TimeDiff>(timeoutMs) * 1000 * TimeScale();
     const Poco::Timestamp started;
     Drain();

@@ -16,7 +16,8 @@ int main(int argc, char** argv) {
         std::fprintf(stderr,
                      "%s: run me through tests/support/run-in-sandbox (or ctest); "
                      "I would touch the machine's real /tmp, /mnt/system and "
-                     "/usr/local/etc/kestrovanyx otherwise\n", argv[0]);
+                     "/usr/local/etc/kestrovanyx otherwise\n",
+                     argv[0]);
         return 2;
     }
     ::testing::InitGoogleTest(&argc, argv);

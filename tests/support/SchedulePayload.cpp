@@ -32,9 +32,8 @@ void AppendRecord(std::vector<unsigned char>& out, const ScheduleRecord& record,
     Append(out, std::vector<unsigned char>(kReservedBytes, 0));
     Append(out, DigitBytes(record.plantId, kPlantIdBytes));
     Append(out, DigitBytes(record.start, kStartBytes));
-    const std::int64_t slots = record.slotCountOverride >= 0
-                                   ? record.slotCountOverride
-                                   : static_cast<std::int64_t>(record.rates.size());
+    const std::int64_t slots =
+        record.slotCountOverride >= 0 ? record.slotCountOverride : static_cast<std::int64_t>(record.rates.size());
     AppendNumber(out, slots, kSlotCountBytes);
     for (int rate : record.rates) {
         if (rate < 0 || rate > 255) throw std::invalid_argument("rate is not a byte");
@@ -57,8 +56,7 @@ int ScheduleChecksum(const ScheduleRecord& record) {
     return static_cast<int>(sum % divisor);
 }
 
-SchedulePayload BuildSchedulePayload(const std::vector<ScheduleRecord>& records, int kind,
-                                     std::int64_t recordCount) {
+SchedulePayload BuildSchedulePayload(const std::vector<ScheduleRecord>& records, int kind, std::int64_t recordCount) {
     SchedulePayload payload;
     const std::int64_t count = recordCount >= 0 ? recordCount : static_cast<std::int64_t>(records.size());
     AppendNumber(payload.bytes, count, kRecordCountBytes);
@@ -106,17 +104,14 @@ std::string MultipartBody(const std::string& boundary, const std::vector<std::st
 }
 
 std::string BinaryPartBody(const std::string& boundary, const std::string& content) {
-    return MultipartBody(boundary,
-                         {"Content-Type: application/octet-stream",
-                          "Content-Length: " + std::to_string(content.size())},
-                         content);
+    return MultipartBody(
+        boundary, {"Content-Type: application/octet-stream", "Content-Length: " + std::to_string(content.size())},
+        content);
 }
 
 std::string TextPartBody(const std::string& boundary, const std::string& text) {
-    return MultipartBody(boundary,
-                         {"Content-Type: text/plain; charset=UTF-8",
-                          "Content-Length: " + std::to_string(text.size())},
-                         text);
+    return MultipartBody(
+        boundary, {"Content-Type: text/plain; charset=UTF-8", "Content-Length: " + std::to_string(text.size())}, text);
 }
 
 } // namespace test

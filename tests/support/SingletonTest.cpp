@@ -5,7 +5,9 @@
 namespace brvo {
 namespace test {
 
-void SingletonTest::TearDown() { SingletonScope::DeleteAll(); }
+void SingletonTest::TearDown() {
+    SingletonScope::DeleteAll();
+}
 
 } // namespace test
 } // namespace brvo

@@ -12,8 +12,7 @@ void StoreSchedule(const std::string& plantId, const std::vector<std::pair<std::
     schedule << "CREATE TABLE IF NOT EXISTS output_control_schedule (time INTEGER PRIMARY KEY ,"
                 "controlRate INTEGER,sent BOOLEAN DEFAULT 0 );";
     for (const auto& slot : slots) {
-        schedule << "INSERT INTO output_control_schedule VALUES (" << slot.first << "," << slot.second
-                 << ",0);";
+        schedule << "INSERT INTO output_control_schedule VALUES (" << slot.first << "," << slot.second << ",0);";
     }
     CreateDatabase(kScheduleDbFile, schedule.str());
     std::string quoted;
@@ -22,8 +21,8 @@ void StoreSchedule(const std::string& plantId, const std::vector<std::pair<std::
                    "CREATE TABLE IF NOT EXISTS output_control_schedule_update_info (plantId VARCHAR(26),"
                    "lastUpdateTime VARCHAR(19),nextUpdateTime VARCHAR(19),fixedScheduleUpdateFlag INTEGER,"
                    "isNeedUpdateFixedSchedule BOOLEAN DEFAULT 0, PRIMARY KEY( plantId) );"
-                   "INSERT INTO output_control_schedule_update_info VALUES ('" + quoted +
-                       "','2030-01-01 00:00:00','2099-01-01 00:00:00',3,0);");
+                   "INSERT INTO output_control_schedule_update_info VALUES ('" +
+                       quoted + "','2030-01-01 00:00:00','2099-01-01 00:00:00',3,0);");
 }
 
 std::vector<std::vector<std::string>> ScheduleRows(const std::string& file) {
@@ -31,9 +30,8 @@ std::vector<std::vector<std::string>> ScheduleRows(const std::string& file) {
 }
 
 std::vector<std::vector<std::string>> UpdateInfoRows(const std::string& file) {
-    return QueryFile(file,
-                     "SELECT plantId, lastUpdateTime, nextUpdateTime, fixedScheduleUpdateFlag, "
-                     "isNeedUpdateFixedSchedule FROM output_control_schedule_update_info ORDER BY plantId");
+    return QueryFile(file, "SELECT plantId, lastUpdateTime, nextUpdateTime, fixedScheduleUpdateFlag, "
+                           "isNeedUpdateFixedSchedule FROM output_control_schedule_update_info ORDER BY plantId");
 }
 
 std::vector<std::string> TableNames(const std::string& path) {

@@ -94,8 +94,7 @@ std::string SystemSettingPath() {
 
 void WriteLoggerSetting(const std::string& innerXml) {
     WriteFile(LoggerSettingPath(),
-              "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<LoggerSetting>\n" +
-                  innerXml + "\n</LoggerSetting>\n");
+              "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<LoggerSetting>\n" + innerXml + "\n</LoggerSetting>\n");
 }
 
 namespace {
@@ -119,18 +118,19 @@ std::string XmlText(const std::string& text) {
 } // namespace
 
 void WriteSystemSetting(const std::string& plantId, const std::string& url, bool standAlone) {
-    WriteFile(SystemSettingPath(),
-              "<logger><general><outputControlPlantId>" + XmlText(plantId) +
-                  "</outputControlPlantId><outputControlStandAlone>" + (standAlone ? "1" : "0") +
-                  "</outputControlStandAlone><outputScheduleInformationServerUrl>" + XmlText(url) +
-                  "</outputScheduleInformationServerUrl></general></logger>");
+    WriteFile(SystemSettingPath(), "<logger><general><outputControlPlantId>" + XmlText(plantId) +
+                                       "</outputControlPlantId><outputControlStandAlone>" + (standAlone ? "1" : "0") +
+                                       "</outputControlStandAlone><outputScheduleInformationServerUrl>" + XmlText(url) +
+                                       "</outputScheduleInformationServerUrl></general></logger>");
 }
 
 bool WaitForSocket(const std::string& path, int timeoutMs) {
-    return WaitFor([&] {
-        struct stat info;
-        return stat(path.c_str(), &info) == 0 && S_ISSOCK(info.st_mode);
-    }, timeoutMs);
+    return WaitFor(
+        [&] {
+            struct stat info;
+            return stat(path.c_str(), &info) == 0 && S_ISSOCK(info.st_mode);
+        },
+        timeoutMs);
 }
 
 std::vector<std::string> FlushedLogLines() {
@@ -165,16 +165,16 @@ std::string TextAfterThread(const std::string& line, const std::string& mark) {
 
 } // namespace
 
-bool HasLogLine(const std::vector<std::string>& lines, const std::string& mark,
-                const std::string& tag, const std::string& message) {
+bool HasLogLine(const std::vector<std::string>& lines, const std::string& mark, const std::string& tag,
+                const std::string& message) {
     for (const std::string& line : lines) {
         if (TextAfterThread(line, mark) == tag + " " + message) return true;
     }
     return false;
 }
 
-bool HasLogLineStarting(const std::vector<std::string>& lines, const std::string& mark,
-                        const std::string& tag, const std::string& prefix) {
+bool HasLogLineStarting(const std::vector<std::string>& lines, const std::string& mark, const std::string& tag,
+                        const std::string& prefix) {
     const std::string start = tag + " " + prefix;
     for (const std::string& line : lines) {
         if (TextAfterThread(line, mark).compare(0, start.size(), start) == 0) return true;

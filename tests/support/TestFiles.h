@@ -57,12 +57,12 @@ std::string LogFilePath();
 const std::string kDaemonOutput = "/tmp/pvocd.out";
 // Whether one of `lines` is a log line of level `mark` (for example "E")
 // whose text after the thread id is exactly `tag` + " " + `message`.
-bool HasLogLine(const std::vector<std::string>& lines, const std::string& mark,
-                const std::string& tag, const std::string& message);
+bool HasLogLine(const std::vector<std::string>& lines, const std::string& mark, const std::string& tag,
+                const std::string& message);
 // Whether one of `lines` is a log line of level `mark` from `tag` whose
 // message begins with `prefix`.
-bool HasLogLineStarting(const std::vector<std::string>& lines, const std::string& mark,
-                        const std::string& tag, const std::string& prefix);
+bool HasLogLineStarting(const std::vector<std::string>& lines, const std::string& mark, const std::string& tag,
+                        const std::string& prefix);
 
 } // namespace test
 } // namespace brvo

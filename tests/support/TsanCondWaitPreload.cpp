@@ -53,8 +53,7 @@ const Entries& Next() {
 
 } // namespace
 
-extern "C" int pthread_cond_timedwait(pthread_cond_t* cond, pthread_mutex_t* mutex,
-                                      const struct timespec* deadline) {
+extern "C" int pthread_cond_timedwait(pthread_cond_t* cond, pthread_mutex_t* mutex, const struct timespec* deadline) {
     const Entries& next = Next();
     if (next.Annotated()) {
         next.preUnlock(mutex, 0);

@@ -18,9 +18,9 @@ class UnixPeer : public Poco::Runnable {
 public:
     // What the peer does with each connection after reading `readBytes`.
     enum Mode {
-        kReply,        // write `reply`, then close
-        kSilent,       // never answer; close only when the peer stops
-        kCloseAtOnce,  // close without reading or answering
+        kReply,       // write `reply`, then close
+        kSilent,      // never answer; close only when the peer stops
+        kCloseAtOnce, // close without reading or answering
     };
 
     // Listens on `path` (removing a stale file first).

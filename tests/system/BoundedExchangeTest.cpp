@@ -52,8 +52,8 @@ std::string CutScheduleAnswer(std::size_t rates) {
 // right after its part headers; the announced length is kept, so the
 // missing part would read as zeros.
 std::string CutRegisteredAnswer() {
-    const std::string full = HttpTestServer::Answer(200, test::MultipartContentType("b"),
-                                                    test::BinaryPartBody("b", std::string(40, '\0')));
+    const std::string full =
+        HttpTestServer::Answer(200, test::MultipartContentType("b"), test::BinaryPartBody("b", std::string(40, '\0')));
     const std::string body = full.substr(full.find("\r\n\r\n") + 4);
     return test::CutBody(full, body.find("\r\n\r\n") + 4);
 }
@@ -128,10 +128,12 @@ TEST_F(BoundedExchangeTest, PlantCheckAnswerCutAfterItsPartHeadersIsAFailure) {
     HttpTestServer server(CutRegisteredAnswer());
     ExpectAccessFailure(Ask(test::kCheckPlantIdRequest, CheckParams(server.Url("/check"))),
                         "I/O error: answer ended after ");
-    EXPECT_TRUE(test::WaitFor([] {
-        return test::HasLogLineStarting(test::ReadLines(test::LogFilePath()), "W", "ScheduleUpdateManager",
-                                        kCheckFailed);
-    }, 3000));
+    EXPECT_TRUE(test::WaitFor(
+        [] {
+            return test::HasLogLineStarting(test::ReadLines(test::LogFilePath()), "W", "ScheduleUpdateManager",
+                                            kCheckFailed);
+        },
+        3000));
     ExpectKeptAndServing(told);
 }
 

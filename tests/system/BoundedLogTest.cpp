@@ -237,7 +237,8 @@ TEST_F(BoundedLogTest, ThousandsOfConnectionsWithoutARequestKeepTheLogHistory) {
     Stop();
     lines = AllLogLines();
     int counted = LinesWith(lines, ", parameters not received in time. socket[");
-    const std::regex count(R"(\[Request parameters not received in time\] repeated (\d+) more time\(s\) in the last 60 s\.$)");
+    const std::regex count(
+        R"(\[Request parameters not received in time\] repeated (\d+) more time\(s\) in the last 60 s\.$)");
     for (const std::string& line : lines) {
         std::smatch match;
         if (std::regex_search(line, match, count)) counted += std::stoi(match[1]);

@@ -36,9 +36,8 @@ const std::size_t kBytesBeforeSlotCount = 6 + 10 + 26 + 12;
 std::string AnswerDeclaring(const std::string& payload, std::size_t declared) {
     return HttpTestServer::Answer(
         200, test::MultipartContentType("b"),
-        test::MultipartBody("b", {"Content-Type: application/octet-stream",
-                                  "Content-Length: " + std::to_string(declared)},
-                            payload));
+        test::MultipartBody(
+            "b", {"Content-Type: application/octet-stream", "Content-Length: " + std::to_string(declared)}, payload));
 }
 
 std::string AnswerOf(const std::string& payload) {
@@ -98,8 +97,8 @@ TEST_F(BoundedPayloadTest, PartDeclaringMoreThanItHoldsIsRefused) {
     // closing delimiter line (9 bytes).
     const std::string reply = RefusedUpdate(AnswerDeclaring(kept, payload.size()));
     ExpectFailure(reply, 2,
-                  "Parser error. part is truncated. Content-Length[" + std::to_string(payload.size()) +
-                      "] received[" + std::to_string(kept.size() + 9) + "]");
+                  "Parser error. part is truncated. Content-Length[" + std::to_string(payload.size()) + "] received[" +
+                      std::to_string(kept.size() + 9) + "]");
 }
 
 TEST_F(BoundedPayloadTest, PayloadCutShortIsRefused) {
@@ -147,10 +146,12 @@ TEST_F(BoundedPayloadTest, MillionSlotsAreRefusedWithinTheMemoryBound) {
 // past): two log lines for all of them, and the log's earlier lines stay.
 TEST_F(BoundedPayloadTest, RepeatedSkippedRecordsLeaveTheLogAlone) {
     std::vector<std::string> before;
-    ASSERT_TRUE(test::WaitFor([&] {
-        before = test::ReadLines(test::LogFilePath());
-        return !before.empty();
-    }, 3000));
+    ASSERT_TRUE(test::WaitFor(
+        [&] {
+            before = test::ReadLines(test::LogFilePath());
+            return !before.empty();
+        },
+        3000));
     const std::size_t records = 7000;
     std::vector<unsigned char> period = test::DigitBytes("202201191215", test::kStartBytes);
     period.resize(test::kReservedBytes + test::kPlantIdBytes, 0);
@@ -161,10 +162,12 @@ TEST_F(BoundedPayloadTest, RepeatedSkippedRecordsLeaveTheLogAlone) {
     ExpectFailure(RefusedUpdate(AnswerOf(test::BytesText(bytes))), 4, "Schedule data is nothing.");
     const std::string repeated = "Schedule start date error. [202201191215] repeated for 6999 more record(s).";
     std::vector<std::string> after;
-    EXPECT_TRUE(test::WaitFor([&] {
-        after = test::ReadLines(test::LogFilePath());
-        return test::HasLogLine(after, "W", kTag, repeated);
-    }, 3000));
+    EXPECT_TRUE(test::WaitFor(
+        [&] {
+            after = test::ReadLines(test::LogFilePath());
+            return test::HasLogLine(after, "W", kTag, repeated);
+        },
+        3000));
     EXPECT_EQ(before.front(), after.front());
     std::size_t about = 0;
     for (const std::string& line : after) {

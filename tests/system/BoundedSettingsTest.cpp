@@ -149,22 +149,20 @@ TEST_F(BoundedSettingsTest, SystemSettingFifoIsRefusedAtOnce) {
     StartServing();
     test::MakeFifo(test::SystemSettingPath());
     const Poco::Clock start;
-    for (const std::string& answer :
-         AskAtOnce(test::kCurrentTargetPowerRequest, test::Capacity(10.0), kConcurrent)) {
+    for (const std::string& answer : AskAtOnce(test::kCurrentTargetPowerRequest, test::Capacity(10.0), kConcurrent)) {
         EXPECT_EQ(CurrentAnswer(), answer);
     }
     EXPECT_LT(start.elapsed(), static_cast<Poco::Clock::ClockDiff>(Scaled(4000)) * 1000);
     EXPECT_EQ(test::kUpdateAnswerSize, test::Ask(test::kChangeSettingRequest).size());
-    EXPECT_TRUE(Logged("E", "SystemSettingXmlManager",
-                       "SystemSettingXml Load error(Load from file) [not a regular file]"));
+    EXPECT_TRUE(
+        Logged("E", "SystemSettingXmlManager", "SystemSettingXml Load error(Load from file) [not a regular file]"));
     ExpectServingAsBefore();
 }
 
 TEST_F(BoundedSettingsTest, HugeSystemSettingIsRefusedQuickly) {
     StartServing();
     // One comment of 20 MB: parsed, it took over a minute per request.
-    test::WriteFile(test::SystemSettingPath(),
-                    OtherPlantSettings("<!--" + std::string(20 * 1000 * 1000, 'c') + "-->"));
+    test::WriteFile(test::SystemSettingPath(), OtherPlantSettings("<!--" + std::string(20 * 1000 * 1000, 'c') + "-->"));
     const Poco::Clock start;
     for (int i = 0; i < 3; ++i) ExpectServingAsBefore();
     EXPECT_LT(start.elapsed(), static_cast<Poco::Clock::ClockDiff>(Scaled(5000)) * 1000);

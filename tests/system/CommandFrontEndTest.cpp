@@ -88,8 +88,7 @@ public:
 
     // Writes `bytes` whole; false when the daemon already closed its end.
     bool Send(const std::string& bytes) const {
-        return fd_ >= 0 && ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
-                               static_cast<ssize_t>(bytes.size());
+        return fd_ >= 0 && ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
     }
 
     // Everything that arrives until the daemon closes its end or `ms`
@@ -178,8 +177,8 @@ std::string AskPromptly(std::int32_t type, const std::string& params = "") {
 
 // When the daemon closed each of `connections`, in ms after `start`.
 struct HangUps {
-    std::vector<long long> closedAtMs;  // -1: still open
-    std::size_t bytes = 0;              // whatever they got before their end
+    std::vector<long long> closedAtMs; // -1: still open
+    std::size_t bytes = 0;             // whatever they got before their end
     std::size_t Count() const {
         return static_cast<std::size_t>(
             std::count_if(closedAtMs.begin(), closedAtMs.end(), [](long long at) { return at >= 0; }));
@@ -188,8 +187,7 @@ struct HangUps {
 
 // Watches `connections` until `enough` of them were closed by the daemon or
 // `ms` after `start` passed.
-HangUps WatchHangUps(const std::vector<Connection>& connections, Clock::time_point start, int ms,
-                     std::size_t enough) {
+HangUps WatchHangUps(const std::vector<Connection>& connections, Clock::time_point start, int ms, std::size_t enough) {
     HangUps seen;
     seen.closedAtMs.assign(connections.size(), -1);
     while (seen.Count() < enough && MsSince(start) < ms) {
@@ -244,13 +242,13 @@ std::string FixedScheduleParams(const std::string& path) {
 // Writes a fixed schedule of `rate` for the stored plant, one day starting
 // `daysAhead` days after today (UTC), to `path`.
 void WriteFixedSchedule(const std::string& path, int rate, int daysAhead) {
-    test::WriteFile(path, test::BuildSchedulePayload({test::FixedRecordAhead(rate, daysAhead)},
-                                                     test::kFixedSchedule).hex);
+    test::WriteFile(path,
+                    test::BuildSchedulePayload({test::FixedRecordAhead(rate, daysAhead)}, test::kFixedSchedule).hex);
 }
 
 std::string RowsOfRate(int rate) {
-    return test::QueryValue(test::kScheduleDbFile, "SELECT COUNT(*) FROM output_control_schedule WHERE controlRate = " +
-                                                       std::to_string(rate));
+    return test::QueryValue(test::kScheduleDbFile,
+                            "SELECT COUNT(*) FROM output_control_schedule WHERE controlRate = " + std::to_string(rate));
 }
 
 // Log lines that say connections were closed or shed, in whatever words.
@@ -322,8 +320,8 @@ protected:
 
     static void UseSocketTimeout(int seconds) {
         test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>"
-                                 "<OutputControlSocketTimeout>" + std::to_string(seconds) +
-                                 "</OutputControlSocketTimeout>");
+                                 "<OutputControlSocketTimeout>" +
+                                 std::to_string(seconds) + "</OutputControlSocketTimeout>");
     }
 
     // kRate in every slot from two hours ago to a day ahead, for kPlant,
@@ -495,10 +493,9 @@ TEST_F(CommandFrontEndTest, IdleClientsBeyondTheDescriptorLimitLeaveTheSocketAns
     // Long enough that the time-out closes none of the idle clients here.
     UseSocketTimeout(10);
     ASSERT_TRUE(RaiseOwnDescriptorLimit(kIdleClients + 100));
-    std::vector<std::string> command = {"/usr/bin/prlimit",
-                                        "--nofile=" + std::to_string(kDescriptorLimit) + ":" +
-                                            std::to_string(kDescriptorLimit),
-                                        "--"};
+    std::vector<std::string> command = {
+        "/usr/bin/prlimit", "--nofile=" + std::to_string(kDescriptorLimit) + ":" + std::to_string(kDescriptorLimit),
+        "--"};
     for (const std::string& word : test::ChildProcess::DaemonCommand()) command.push_back(word);
     StartDaemon("", command);
     if (HasFatalFailure()) return;
@@ -573,8 +570,8 @@ TEST_F(CommandFrontEndTest, StopEndsTheDaemonPromptlyWhileAClientHoldsAConnectio
     ASSERT_TRUE(daemon_.WaitExit(Scaled(1000))) << "still running " << MsSince(stopping) << " ms after SIGTERM";
     EXPECT_TRUE(daemon_.ExitedNormally());
     EXPECT_EQ(0, daemon_.ExitCode());
-    EXPECT_TRUE(test::HasLogLine(test::ReadLines(test::LogFilePath()), "I", "BrevantaOutputControlManager",
-                                 "Kill complete."));
+    EXPECT_TRUE(
+        test::HasLogLine(test::ReadLines(test::LogFilePath()), "I", "BrevantaOutputControlManager", "Kill complete."));
 }
 
 } // namespace

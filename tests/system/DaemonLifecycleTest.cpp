@@ -62,10 +62,8 @@ TEST_F(DaemonLifecycleTest, StartsWithoutSettingsAndStopsOnSigterm) {
     for (const std::string& line : lines) EXPECT_TRUE(std::regex_match(line, format)) << line;
     const std::string text = test::ReadFile(kLogFile);
     EXPECT_TRUE(LogHas(kLogFile, "] [D] ["));
-    EXPECT_NE(std::string::npos,
-              text.find("LoggerSettingManager [SdcardPath] = [/media/sdcard]\n"));
-    EXPECT_NE(std::string::npos,
-              text.find("LoggerSettingManager [GetLogDirectory] = [" + kLogDir + "]\n"));
+    EXPECT_NE(std::string::npos, text.find("LoggerSettingManager [SdcardPath] = [/media/sdcard]\n"));
+    EXPECT_NE(std::string::npos, text.find("LoggerSettingManager [GetLogDirectory] = [" + kLogDir + "]\n"));
     EXPECT_NE(std::string::npos, text.find("] [I] ["));
     // Every line is echoed to standard output behind the file name.
     EXPECT_TRUE(LogHas(test::kDaemonOutput, "OutputSchedule_pvocd.log [")) << test::ReadFile(test::kDaemonOutput);
@@ -128,13 +126,12 @@ TEST_F(DaemonLifecycleTest, StopsAtOnceWhenSignalledRightAfterStart) {
 }
 
 TEST_F(DaemonLifecycleTest, CustomLoggerSettingsAreUsedAndDumped) {
-    test::WriteLoggerSetting(
-        "<SdcardPath>/media/sdcard/card</SdcardPath>"
-        "<LoggerSocketPath>/mnt/system/l.sock</LoggerSocketPath>"
-        "<WatchdogFileUpdateInterval>7</WatchdogFileUpdateInterval>"
-        "<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>"
-        "<OutputControlScheduleRetensionCycle>-5</OutputControlScheduleRetensionCycle>"
-        "<OutputControlSocketTimeout>abc</OutputControlSocketTimeout>");
+    test::WriteLoggerSetting("<SdcardPath>/media/sdcard/card</SdcardPath>"
+                             "<LoggerSocketPath>/mnt/system/l.sock</LoggerSocketPath>"
+                             "<WatchdogFileUpdateInterval>7</WatchdogFileUpdateInterval>"
+                             "<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>"
+                             "<OutputControlScheduleRetensionCycle>-5</OutputControlScheduleRetensionCycle>"
+                             "<OutputControlSocketTimeout>abc</OutputControlSocketTimeout>");
     const std::string log = "/media/sdcard/card/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd.log";
     ASSERT_TRUE(StartDaemon());
     ASSERT_TRUE(WaitForStart(log)) << test::ReadFile(test::kDaemonOutput);
@@ -184,10 +181,9 @@ TEST_F(DaemonLifecycleTest, BufferedLogIsWrittenAtStartFlushAndAtStop) {
 TEST_F(DaemonLifecycleTest, LogRollsIntoNumberedFilesWithoutLosingLines) {
     // Every log line is also echoed to standard output, prefixed with the
     // file name; the rolled files together must hold exactly those lines.
-    test::WriteLoggerSetting(
-        "<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>"
-        "<OutputScheduleLogMaxFileSize>400b</OutputScheduleLogMaxFileSize>"
-        "<OutputScheduleLogMaxRollIndex>30</OutputScheduleLogMaxRollIndex>");
+    test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>"
+                             "<OutputScheduleLogMaxFileSize>400b</OutputScheduleLogMaxFileSize>"
+                             "<OutputScheduleLogMaxRollIndex>30</OutputScheduleLogMaxRollIndex>");
     test::ChildProcess daemon;
     ASSERT_TRUE(daemon.Start(test::ChildProcess::DaemonCommand(), test::kDaemonOutput));
     ASSERT_TRUE(test::WaitFor([] { return test::FileExists(kLogFile + ".2"); }, 10000));
@@ -231,7 +227,8 @@ TEST_F(DaemonLifecycleTest, UnwritableLogDirectoryIsNotedOnce) {
     ASSERT_EQ(1u, entries.size());
     EXPECT_TRUE(std::regex_match(
         entries[0],
-        std::regex(R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d UTC\] /media/sdcard/full/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd\.log)")))
+        std::regex(
+            R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d UTC\] /media/sdcard/full/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd\.log)")))
         << entries[0];
     // The lines still reach standard output.
     EXPECT_TRUE(LogHas(test::kDaemonOutput, "Kill complete."));
@@ -246,10 +243,13 @@ TEST_F(DaemonLifecycleTest, CreatedFilesGetDeliberateModes) {
     ASSERT_TRUE(started);
     const std::string socket = "/mnt/system/pvoctrl/brevanta.octrl";
     const std::string database = "/media/sdcard/kestrovanyx/Database/OutputControl";
-    ASSERT_TRUE(test::WaitFor([&] {
-        return test::FileExists(socket) && test::FileExists(database + "/output_control_schedule.db") &&
-               test::FileExists("/mnt/system/check/brvo");
-    }, 10000)) << test::ReadFile(test::kDaemonOutput);
+    ASSERT_TRUE(test::WaitFor(
+        [&] {
+            return test::FileExists(socket) && test::FileExists(database + "/output_control_schedule.db") &&
+                   test::FileExists("/mnt/system/check/brvo");
+        },
+        10000))
+        << test::ReadFile(test::kDaemonOutput);
     ASSERT_TRUE(WaitForStart());
     StopWith(SIGTERM);
     const auto mode = [](const std::string& path) {

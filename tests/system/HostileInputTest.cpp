@@ -80,7 +80,8 @@ protected:
 
     static void UseLoggerSettings(const std::string& innerXml) {
         test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>"
-                                 "<OutputControlSocketTimeout>5</OutputControlSocketTimeout>" + innerXml);
+                                 "<OutputControlSocketTimeout>5</OutputControlSocketTimeout>" +
+                                 innerXml);
     }
 
     // Starts `command` (the daemon by default) and waits for its start in
@@ -110,10 +111,9 @@ protected:
     // Stores for kPlant the slot before the current one (rate 10), the
     // current one (20) and the two after it (30, 40).
     void StoreFourSlots() {
-        test::StoreSchedule(kPlant, {{slot0_ - kSlotSeconds, 10},
-                                     {slot0_, 20},
-                                     {slot0_ + kSlotSeconds, 30},
-                                     {slot0_ + 2 * kSlotSeconds, 40}});
+        test::StoreSchedule(
+            kPlant,
+            {{slot0_ - kSlotSeconds, 10}, {slot0_, 20}, {slot0_ + kSlotSeconds, 30}, {slot0_ + 2 * kSlotSeconds, 40}});
     }
 
     // The expected answer when the slot `slot` has the rate `rate`.
@@ -161,10 +161,12 @@ TEST_F(HostileInputTest, SqlInThePlantIdOfTheSettingsRunsNothing) {
         EXPECT_EQ(std::vector<std::string>{"output_control_schedule"}, test::TableNames(test::kScheduleDbFile));
         EXPECT_EQ(std::vector<std::string>{"output_control_schedule_update_info"},
                   test::TableNames(test::kUpdateInfoDbFile));
-        EXPECT_TRUE(test::WaitFor([&] {
-            return test::HasLogLine(LogLines(), "I", "ScheduleUpdateManager",
-                                    "Plant ID change. [" + kPlant + "] to [" + hostile + "]");
-        }, Scaled(3000)));
+        EXPECT_TRUE(test::WaitFor(
+            [&] {
+                return test::HasLogLine(LogLines(), "I", "ScheduleUpdateManager",
+                                        "Plant ID change. [" + kPlant + "] to [" + hostile + "]");
+            },
+            Scaled(3000)));
         // Back to a known plant with its rows for the next text.
         test::WriteSystemSetting(kPlant, "", true);
         EXPECT_EQ(144u, Ask(5).size());
@@ -197,8 +199,8 @@ TEST_F(HostileInputTest, SqlInCheckPlantIdTouchesNoRow) {
     const auto info = test::UpdateInfoRows();
     ASSERT_EQ(4u, schedule.size());
     ASSERT_EQ(1u, info.size());
-    HttpTestServer registered(HttpTestServer::Answer(200, test::MultipartContentType("b"),
-                                                     test::BinaryPartBody("b", std::string(40, '\0'))));
+    HttpTestServer registered(
+        HttpTestServer::Answer(200, test::MultipartContentType("b"), test::BinaryPartBody("b", std::string(40, '\0'))));
     // The plant ID field holds 26 characters and its NUL.
     const std::vector<std::string> ids = {"'; DROP TABLE t; --", "x');DELETE FROM o;--", "';DELETE FROM s;--"};
     for (const std::string& id : ids) {
@@ -258,13 +260,15 @@ TEST_F(HostileInputTest, CommandSocketPathOneTooLongIsNotBoundAndTheDaemonRunsOn
     const std::size_t room = sizeof(sockaddr_un().sun_path) - 1;
     const std::string path = PathOfLength(room + 1, "s.sock");
     ASSERT_EQ(room + 1, path.size());
-    UseLoggerSettings("<OutputControlSocketPath>" + path + "</OutputControlSocketPath>"
+    UseLoggerSettings("<OutputControlSocketPath>" + path +
+                      "</OutputControlSocketPath>"
                       "<WatchdogFileUpdateInterval>1</WatchdogFileUpdateInterval>");
     test::WriteSystemSetting("", "", false);
     StartDaemon();
-    ASSERT_TRUE(test::WaitFor([] {
-        return test::HasLogLineStarting(LogLines(), "F", "OutputcontrolServer", "listen failed. [-1][");
-    }, Scaled(5000))) << test::ReadFile(test::LogFilePath());
+    ASSERT_TRUE(test::WaitFor(
+        [] { return test::HasLogLineStarting(LogLines(), "F", "OutputcontrolServer", "listen failed. [-1]["); },
+        Scaled(5000)))
+        << test::ReadFile(test::LogFilePath());
     EXPECT_TRUE(test::HasLogLine(LogLines(), "F", "OutputcontrolServer", "bind failed. [-1]"));
     // Neither the path nor its first 107 characters were bound.
     EXPECT_FALSE(test::FileExists(path));
@@ -308,7 +312,8 @@ TEST_F(HostileInputTest, LoggerSocketPathOneTooLongReachesNoOtherSocket) {
     EXPECT_TRUE(test::HasLogLine(lines, "E", "BrvfdSendCommandRequest", "sending error. error_code [2]"));
     EXPECT_TRUE(test::HasLogLine(lines, "W", "ScheduleDatabase", "Cloud Send error."));
     EXPECT_EQ(0, peer.Connections());
-    EXPECT_EQ("2", test::QueryValue(test::kScheduleDbFile, "SELECT COUNT(*) FROM output_control_schedule WHERE sent = 0"));
+    EXPECT_EQ("2",
+              test::QueryValue(test::kScheduleDbFile, "SELECT COUNT(*) FROM output_control_schedule WHERE sent = 0"));
     EXPECT_EQ(144u, Ask(8).size());
     EXPECT_TRUE(StopsCleanly(daemon_));
 }
@@ -319,14 +324,13 @@ TEST_F(HostileInputTest, LoggerSocketPathOneTooLongReachesNoOtherSocket) {
 // links to every program of the real one but touch. The test's own
 // namespace is left as it is.
 std::vector<std::string> WithoutTouch(const std::vector<std::string>& daemon) {
-    const std::string script =
-        "real=/tmp/usr-bin-real && mkdir -p \"$real\" && mount --bind /usr/bin \"$real\" && "
-        "mount -t tmpfs -o mode=0755 no-touch /usr/bin || exit 97\n"
-        "\"$real/cp\" -s \"$real\"/* /usr/bin/ 2>/dev/null\n"
-        "\"$real/rm\" -f /usr/bin/touch || exit 98\n"
-        "exec \"$@\"\n";
+    const std::string script = "real=/tmp/usr-bin-real && mkdir -p \"$real\" && mount --bind /usr/bin \"$real\" && "
+                               "mount -t tmpfs -o mode=0755 no-touch /usr/bin || exit 97\n"
+                               "\"$real/cp\" -s \"$real\"/* /usr/bin/ 2>/dev/null\n"
+                               "\"$real/rm\" -f /usr/bin/touch || exit 98\n"
+                               "exec \"$@\"\n";
     std::vector<std::string> command = {"/usr/bin/unshare", "--mount", "--propagation", "private",
-                                        "/bin/sh", "-c", script, "pvocd-without-touch"};
+                                        "/bin/sh",          "-c",      script,          "pvocd-without-touch"};
     command.insert(command.end(), daemon.begin(), daemon.end());
     return command;
 }
@@ -344,26 +348,33 @@ TEST_F(HostileInputTest, MissingTouchCommandLeavesTheDaemonServingWithoutZombies
     std::set<std::string> seen;
     std::size_t most = 0;
     int failures = 0;
-    ASSERT_TRUE(test::WaitFor([&] {
-        const std::vector<std::string> now = test::ZombieChildren(daemon_.Pid());
-        most = std::max(most, now.size());
-        seen.insert(now.begin(), now.end());
-        failures = 0;
-        for (const std::string& line : LogLines()) {
-            if (line.size() >= failed.size() && line.compare(line.size() - failed.size(), failed.size(), failed) == 0) {
-                ++failures;
+    ASSERT_TRUE(test::WaitFor(
+        [&] {
+            const std::vector<std::string> now = test::ZombieChildren(daemon_.Pid());
+            most = std::max(most, now.size());
+            seen.insert(now.begin(), now.end());
+            failures = 0;
+            for (const std::string& line : LogLines()) {
+                if (line.size() >= failed.size() &&
+                    line.compare(line.size() - failed.size(), failed.size(), failed) == 0) {
+                    ++failures;
+                }
             }
-        }
-        return failures >= 4;
-    }, Scaled(15000))) << failures << "\n" << test::ReadFile(test::LogFilePath());
+            return failures >= 4;
+        },
+        Scaled(15000)))
+        << failures << "\n"
+        << test::ReadFile(test::LogFilePath());
     EXPECT_TRUE(test::HasLogLine(LogLines(), "D", "Watchdog", failed));
     EXPECT_LE(most, 1u);
-    EXPECT_TRUE(test::WaitFor([&] {
-        for (const std::string& zombie : test::ZombieChildren(daemon_.Pid())) {
-            if (seen.count(zombie) != 0) return false;
-        }
-        return true;
-    }, Scaled(2000)));
+    EXPECT_TRUE(test::WaitFor(
+        [&] {
+            for (const std::string& zombie : test::ZombieChildren(daemon_.Pid())) {
+                if (seen.count(zombie) != 0) return false;
+            }
+            return true;
+        },
+        Scaled(2000)));
     EXPECT_FALSE(test::FileExists(kWatchdogFile));
     // The test's own namespace still has the command.
     EXPECT_TRUE(test::FileExists("/usr/bin/touch"));

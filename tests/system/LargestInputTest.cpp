@@ -120,10 +120,13 @@ TEST_F(LargestInputTest, FixedScheduleFileAtTheSizeCapIsStoredWithinTheMemoryBou
     StartServing();
     // The start-up check has taken in the new plant: nothing resets the
     // tables under the request.
-    ASSERT_TRUE(test::WaitFor([] {
-        return test::ReadFile(test::LogFilePath()).find("Plant ID changed but, Standalone setting...") !=
-               std::string::npos;
-    }, Scaled(10000))) << test::ReadFile(test::LogFilePath());
+    ASSERT_TRUE(test::WaitFor(
+        [] {
+            return test::ReadFile(test::LogFilePath()).find("Plant ID changed but, Standalone setting...") !=
+                   std::string::npos;
+        },
+        Scaled(10000)))
+        << test::ReadFile(test::LogFilePath());
     // Two years of day records, then padding up to the cap: what follows
     // the records is not part of the schedule.
     std::string hex = test::BuildSchedulePayload(DayRecords(firstDay_, kDays), test::kFixedSchedule).hex;

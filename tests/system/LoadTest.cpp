@@ -14,8 +14,8 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstdio>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <mutex>
 #include <thread>
@@ -84,8 +84,7 @@ protected:
         std::string asan = inherited != nullptr ? std::string(inherited) + ":" : std::string();
         asan += "quarantine_size_mb=1:thread_local_quarantine_size_kb=64";
         ASSERT_TRUE(daemon_.Start(test::ChildProcess::DaemonCommand(), test::kDaemonOutput, {{"ASAN_OPTIONS", asan}}));
-        ASSERT_TRUE(test::WaitForSocket(test::kCommandSocket, 10000))
-            << test::ReadFile(test::kDaemonOutput);
+        ASSERT_TRUE(test::WaitForSocket(test::kCommandSocket, 10000)) << test::ReadFile(test::kDaemonOutput);
     }
 
     // The answer a lone request of `type` (6, 7 or 8) with `capacity` gets
@@ -107,9 +106,7 @@ protected:
         return kind == 7 ? 8 : kind >= 5 ? 7 : 6;
     }
 
-    static double CapacityOf(int index) {
-        return 0.5 * (1 + index % 97);
-    }
+    static double CapacityOf(int index) { return 0.5 * (1 + index % 97); }
 
     // Sends request `index` and returns an empty text when its answer was
     // the expected one, else what went wrong.
@@ -200,10 +197,12 @@ TEST_F(LoadTest, ThousandsOfClientsGetTheirOwnAnswersAndLeaveNothingBehind) {
 
     // Whatever a request held is given back within a short settle.
     Usage after = Quiet();
-    test::WaitFor([&] {
-        after = Quiet();
-        return after.descriptors <= before.descriptors && after.threads <= before.threads;
-    }, 5000);
+    test::WaitFor(
+        [&] {
+            after = Quiet();
+            return after.descriptors <= before.descriptors && after.threads <= before.threads;
+        },
+        5000);
     std::printf("descriptors %d -> %d, threads %d -> %d, resident %lld -> %lld KiB\n", before.descriptors,
                 after.descriptors, before.threads, after.threads, static_cast<long long>(before.residentKiB),
                 static_cast<long long>(after.residentKiB));

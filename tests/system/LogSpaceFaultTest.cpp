@@ -51,8 +51,7 @@ protected:
     }
 
     static bool LogShows(const std::string& text) {
-        return test::WaitFor([&] { return test::ReadFile(test::LogFilePath()).find(text) != std::string::npos; },
-                             3000);
+        return test::WaitFor([&] { return test::ReadFile(test::LogFilePath()).find(text) != std::string::npos; }, 3000);
     }
 
     static std::string MarkerLine(const std::string& path) {

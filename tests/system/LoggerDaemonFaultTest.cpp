@@ -42,9 +42,12 @@ enum class LoggerFault { kAbsent, kRefusing, kSilent };
 
 std::ostream& operator<<(std::ostream& out, LoggerFault fault) {
     switch (fault) {
-    case LoggerFault::kAbsent: return out << "Absent";
-    case LoggerFault::kRefusing: return out << "Refusing";
-    case LoggerFault::kSilent: return out << "Silent";
+    case LoggerFault::kAbsent:
+        return out << "Absent";
+    case LoggerFault::kRefusing:
+        return out << "Refusing";
+    case LoggerFault::kSilent:
+        return out << "Silent";
     }
     return out;
 }
@@ -66,8 +69,8 @@ class LoggerDaemonFaultTest : public ::testing::TestWithParam<LoggerFault> {
 protected:
     void SetUp() override {
         test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>"
-                                 "<OutputControlSocketTimeout>" + std::to_string(kTimeoutSeconds) +
-                                 "</OutputControlSocketTimeout>");
+                                 "<OutputControlSocketTimeout>" +
+                                 std::to_string(kTimeoutSeconds) + "</OutputControlSocketTimeout>");
         test::WriteFile("/sys/class/net/eth0/address", "00:1a:2b:3c:4d:5e\n");
         test::WriteFile(test::kLoggerSocket + ".keep", "");
         update_ = test::CurrentUpdateRecord(kRate);
@@ -82,8 +85,9 @@ protected:
     }
 
     std::unique_ptr<HttpTestServer> Server() const {
-        return std::unique_ptr<HttpTestServer>(new HttpTestServer(
-            {ScheduleServerAnswer(update_, test::kUpdateSchedule), ScheduleServerAnswer(fixed_, test::kFixedSchedule)}));
+        return std::unique_ptr<HttpTestServer>(
+            new HttpTestServer({ScheduleServerAnswer(update_, test::kUpdateSchedule),
+                                ScheduleServerAnswer(fixed_, test::kFixedSchedule)}));
     }
 
     static std::string Unsent() {
@@ -92,9 +96,7 @@ protected:
 
     static std::vector<std::string> LogLines() { return test::ReadLines(test::LogFilePath()); }
 
-    static bool CloudSendFailed() {
-        return test::HasLogLine(LogLines(), "W", "ScheduleDatabase", "Cloud Send error.");
-    }
+    static bool CloudSendFailed() { return test::HasLogLine(LogLines(), "W", "ScheduleDatabase", "Cloud Send error."); }
 
     test::ChildProcess daemon_;
     test::ScheduleRecord update_;
@@ -129,8 +131,8 @@ TEST_P(LoggerDaemonFaultTest, RowsStayUnsentAndClientsAreServed) {
         ASSERT_TRUE(test::WaitFor(CloudSendFailed, boundMs)) << test::ReadFile(test::LogFilePath());
     }
     const std::string code = fault == LoggerFault::kSilent ? "5" : "2";
-    EXPECT_TRUE(test::HasLogLine(LogLines(), "E", "BrvfdSendCommandRequest",
-                                 "sending error. error_code [" + code + "]"));
+    EXPECT_TRUE(
+        test::HasLogLine(LogLines(), "E", "BrvfdSendCommandRequest", "sending error. error_code [" + code + "]"));
     EXPECT_EQ("192", test::QueryValue(test::kScheduleDbFile, "SELECT COUNT(*) FROM output_control_schedule"));
     EXPECT_EQ("192", Unsent());
 
@@ -150,13 +152,15 @@ TEST_P(LoggerDaemonFaultTest, RowsStayUnsentAndClientsAreServed) {
         EXPECT_LT(asked.elapsed(), kTimeoutSeconds * 1000000LL * test::TimeScale());
         EXPECT_TRUE(test::WaitFor([&] { return silent->Received().size() == 2; }, boundMs));
     }
-    ASSERT_TRUE(test::WaitFor([] {
-        int failures = 0;
-        for (const std::string& line : LogLines()) {
-            if (line.find("] ScheduleDatabase Cloud Send error.") != std::string::npos) ++failures;
-        }
-        return failures == 2;
-    }, boundMs));
+    ASSERT_TRUE(test::WaitFor(
+        [] {
+            int failures = 0;
+            for (const std::string& line : LogLines()) {
+                if (line.find("] ScheduleDatabase Cloud Send error.") != std::string::npos) ++failures;
+            }
+            return failures == 2;
+        },
+        boundMs));
     EXPECT_EQ("192", Unsent());
 
     // The logger daemon comes back: the next update forwards everything.

@@ -21,6 +21,7 @@
 
 #include <Poco/Timestamp.h>
 
+#include <arpa/inet.h>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -28,14 +29,13 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
-#include <string>
-#include <thread>
-#include <vector>
-#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <string>
 #include <sys/socket.h>
+#include <thread>
 #include <unistd.h>
+#include <vector>
 
 namespace brvo {
 namespace {
@@ -158,8 +158,7 @@ private:
 // The schedule rows holding `rate` percent.
 std::string RowsAtRate(int rate) {
     return test::QueryValue(test::kScheduleDbFile,
-                            "SELECT COUNT(*) FROM output_control_schedule WHERE controlRate = " +
-                                std::to_string(rate));
+                            "SELECT COUNT(*) FROM output_control_schedule WHERE controlRate = " + std::to_string(rate));
 }
 
 std::string UnsentRows() {
@@ -185,8 +184,8 @@ class PromptStopTest : public ::testing::Test {
 protected:
     void SetUp() override {
         test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>"
-                                 "<OutputControlSocketTimeout>" + std::to_string(kLoggerTimeoutSeconds) +
-                                 "</OutputControlSocketTimeout>");
+                                 "<OutputControlSocketTimeout>" +
+                                 std::to_string(kLoggerTimeoutSeconds) + "</OutputControlSocketTimeout>");
         test::WriteFile("/sys/class/net/eth0/address", "00:1a:2b:3c:4d:5e\n");
         test::WriteFile(test::kLoggerSocket + ".keep", "");
     }
@@ -222,10 +221,13 @@ protected:
         test::WriteSystemSetting(kPlant, server_->Url("/schedule"), false);
         ASSERT_TRUE(test::StartDaemon(daemon_, test::kDaemonOutput));
         const std::string all = std::to_string(kUpdateSlots + 48);
-        ASSERT_TRUE(test::WaitFor([&] {
-            return test::QueryValue(test::kScheduleDbFile,
-                                    "SELECT COUNT(*) FROM output_control_schedule WHERE sent = 1") == all;
-        }, kReachMs)) << test::ReadFile(test::kDaemonOutput);
+        ASSERT_TRUE(test::WaitFor(
+            [&] {
+                return test::QueryValue(test::kScheduleDbFile,
+                                        "SELECT COUNT(*) FROM output_control_schedule WHERE sent = 1") == all;
+            },
+            kReachMs))
+            << test::ReadFile(test::kDaemonOutput);
         schedule_ = test::ScheduleRows();
         info_ = test::UpdateInfoRows();
     }

@@ -22,8 +22,9 @@ std::string LoggerSetting(const std::string& inner) {
 std::string SystemSetting(const std::string& general, const std::string& system = "<communicationErrorRetry>3"
                                                                                   "</communicationErrorRetry>") {
     return "<?xml version=\"1.0\"?>\n<logger loggerId=\"L1\">\n<general>\n"
-           "<outputControlPlantId>00000000000000000000000777</outputControlPlantId>\n" + general +
-           "<system>" + system + "</system>\n</general>\n<channelList><channel><addressList><address>"
+           "<outputControlPlantId>00000000000000000000000777</outputControlPlantId>\n" +
+           general + "<system>" + system +
+           "</system>\n</general>\n<channelList><channel><addressList><address>"
            "<type>HouseHoldSolarPowerGeneration</type><deviceSettingFile>pv</deviceSettingFile>"
            "</address></addressList></channel></channelList>\n</logger>\n";
 }
@@ -67,8 +68,9 @@ TEST_F(PvoctlConfigCheckTest, AMisspelledElementGetsTheNearestName) {
                                                                "<Timeout>5</Timeout>\n"));
     ExpectFinding(kDir + "/LoggerSetting.xml:3:3: unknown element <SdCardPath>; did you mean <SdcardPath>?");
     ExpectFinding(kDir + "/LoggerSetting.xml:4:1: unknown element <Timeout>; it is ignored");
-    test::WriteFile(kDir + "/SystemSetting.xml", SystemSetting(std::string(kUrl) + "<outputControlStandalone>1"
-                                                               "</outputControlStandalone>\n<vendorThing/>\n"));
+    test::WriteFile(kDir + "/SystemSetting.xml",
+                    SystemSetting(std::string(kUrl) + "<outputControlStandalone>1"
+                                                      "</outputControlStandalone>\n<vendorThing/>\n"));
     ExpectFinding(kDir + "/SystemSetting.xml:6:1: unknown element <outputControlStandalone>; did you mean "
                          "<outputControlStandAlone>?");
 }
@@ -110,9 +112,8 @@ TEST_F(PvoctlConfigCheckTest, ASocketPathTooLongForASocketAddress) {
 }
 
 TEST_F(PvoctlConfigCheckTest, AServerUrlThatIsNotHttp) {
-    test::WriteFile(kDir + "/SystemSetting.xml",
-                    SystemSetting("<outputScheduleInformationServerUrl>ftp://host/s"
-                                  "</outputScheduleInformationServerUrl>\n"));
+    test::WriteFile(kDir + "/SystemSetting.xml", SystemSetting("<outputScheduleInformationServerUrl>ftp://host/s"
+                                                               "</outputScheduleInformationServerUrl>\n"));
     ExpectFinding(kDir + "/SystemSetting.xml:5:1: server URL \"ftp://host/s\" has the scheme \"ftp\"; pvocd speaks "
                          "http and https only");
 }
@@ -123,7 +124,8 @@ TEST_F(PvoctlConfigCheckTest, ACaFileThatIsNoCertificate) {
     std::string output;
     EXPECT_EQ(1, RunPvoctl({"check-config", kDir}, output)) << output;
     EXPECT_EQ(0u, output.find("/media/sdcard/kestrovanyx/Certificates/garbage.pem:1:1: not a PEM certificate; "
-                              "pvocd skips it: ")) << output;
+                              "pvocd skips it: "))
+        << output;
     EXPECT_EQ(std::string::npos, output.find("good.pem")) << output;
 }
 

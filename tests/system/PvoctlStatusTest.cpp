@@ -76,8 +76,8 @@ protected:
         test::StoreSchedule(kPlant, {{slot, 40}, {slot + 1800, 50}});
         test::CreateDatabase(test::kUpdateInfoDbFile,
                              "UPDATE output_control_schedule_update_info SET lastUpdateTime='" +
-                                 Display(now_ - lastAgo) + "', nextUpdateTime='" +
-                                 Display(now_ - lastAgo + 86400) + "', isNeedUpdateFixedSchedule=1");
+                                 Display(now_ - lastAgo) + "', nextUpdateTime='" + Display(now_ - lastAgo + 86400) +
+                                 "', isNeedUpdateFixedSchedule=1");
         validUntil_ = slot + 3600;
     }
 
@@ -151,7 +151,8 @@ TEST_F(PvoctlStatusTest, ASocketThatDoesNotAnswerIsUnhealthy) {
     std::string output;
     EXPECT_EQ(1, RunPvoctl({"status", "--json", "--timeout", "1"}, output)) << output;
     EXPECT_EQ(0u, output.find("{\"healthy\":false,\"reasons\":[\"command socket does not answer: pvocd did not "
-                              "answer within 1 s\"]")) << output;
+                              "answer within 1 s\"]"))
+        << output;
     EXPECT_NE(std::string::npos, output.find("\"answers\":false")) << output;
 }
 
@@ -167,8 +168,7 @@ TEST_F(PvoctlStatusTest, TheTmpFallBackAndTheLogIoErrorNoteAreShown) {
               output.find("storage:           /tmp/kestrovanyx (/tmp fall-back: /tmp/card/sd cannot be written)"))
         << output;
     EXPECT_NE(std::string::npos, output.find("log I/O errors:    /tmp/logger_io_file_error present")) << output;
-    EXPECT_NE(std::string::npos, output.find("unhealthy: no update information stored in /tmp/kestrovanyx/"))
-        << output;
+    EXPECT_NE(std::string::npos, output.find("unhealthy: no update information stored in /tmp/kestrovanyx/")) << output;
     EXPECT_EQ(1, RunPvoctl({"status", "--json"}, output)) << output;
     EXPECT_NE(std::string::npos, output.find("\"fallback\":true")) << output;
     EXPECT_NE(std::string::npos, output.find("\"logIoError\":true")) << output;
@@ -185,15 +185,15 @@ TEST_F(PvoctlStatusTest, TheTablesWrittenLastAreTheOnesRead) {
     Store(3600);
     const std::string tmpInfo = "/tmp/kestrovanyx/Database/OutputControl/output_control_schedule_update_info.db";
     test::WriteFile(tmpInfo, test::ReadFile(test::kUpdateInfoDbFile));
-    test::CreateDatabase(tmpInfo, "UPDATE output_control_schedule_update_info SET lastUpdateTime='" +
-                                      Display(now_ - 600) + "'");
+    test::CreateDatabase(tmpInfo,
+                         "UPDATE output_control_schedule_update_info SET lastUpdateTime='" + Display(now_ - 600) + "'");
     std::string output;
     RunPvoctl({"status"}, output);
     EXPECT_NE(std::string::npos, output.find("storage:           /tmp/kestrovanyx (/tmp fall-back")) << output;
     EXPECT_NE(std::string::npos, output.find("last update:       " + Display(now_ - 600))) << output;
     // Written on the card again, the card's tables are read.
-    test::CreateDatabase(test::kUpdateInfoDbFile, "UPDATE output_control_schedule_update_info SET lastUpdateTime='" +
-                                                      Display(now_ - 300) + "'");
+    test::CreateDatabase(test::kUpdateInfoDbFile,
+                         "UPDATE output_control_schedule_update_info SET lastUpdateTime='" + Display(now_ - 300) + "'");
     RunPvoctl({"status"}, output);
     EXPECT_NE(std::string::npos, output.find("storage:           /media/sdcard/kestrovanyx (SD card)")) << output;
     EXPECT_NE(std::string::npos, output.find("last update:       " + Display(now_ - 300))) << output;
@@ -232,8 +232,8 @@ TEST_F(PvoctlStatusTest, MissingDatabasesAreNotCreated) {
 TEST_F(PvoctlStatusTest, StatusOnWhatTheRealDaemonStored) {
     test::StoreSchedule(kPlant, {{TimeStamp().EpochSeconds() / 1800 * 1800, 60}});
     test::CreateDatabase(test::kUpdateInfoDbFile, "UPDATE output_control_schedule_update_info SET lastUpdateTime='" +
-                                                      Display(now_) + "', nextUpdateTime='" +
-                                                      Display(now_ + 86400) + "'");
+                                                      Display(now_) + "', nextUpdateTime='" + Display(now_ + 86400) +
+                                                      "'");
     test::ChildProcess daemon;
     ASSERT_TRUE(daemon.Start(test::ChildProcess::DaemonCommand(), test::kDaemonOutput));
     ASSERT_TRUE(test::WaitForSocket(kSocket, 10000));

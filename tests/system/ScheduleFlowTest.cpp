@@ -34,8 +34,7 @@ using test::Word;
 using test::WordAt;
 
 const std::string kDbFile = "/media/sdcard/kestrovanyx/Database/OutputControl/output_control_schedule.db";
-const std::string kInfoFile =
-    "/media/sdcard/kestrovanyx/Database/OutputControl/output_control_schedule_update_info.db";
+const std::string kInfoFile = "/media/sdcard/kestrovanyx/Database/OutputControl/output_control_schedule_update_info.db";
 const std::string kPlant = "00000000000000000000000777";
 
 class ScheduleFlowTest : public ::testing::Test {
@@ -85,11 +84,13 @@ protected:
 };
 
 TEST_F(ScheduleFlowTest, StartUpFetchesBothSchedulesAndTellsTheLoggerDaemon) {
-    HttpTestServer server({ScheduleServerAnswer(update_, test::kUpdateSchedule), ScheduleServerAnswer(fixed_, test::kFixedSchedule)});
+    HttpTestServer server(
+        {ScheduleServerAnswer(update_, test::kUpdateSchedule), ScheduleServerAnswer(fixed_, test::kFixedSchedule)});
     test::UnixPeer logger(test::kLoggerSocket, test::UnixPeer::kReply, std::string(12, '\0'), 8);
     WriteSystemSetting(kPlant, server.Url("/schedule"), false);
     StartDaemon();
-    ASSERT_TRUE(test::WaitFor([&] { return logger.Received().size() == 1; }, 15000)) << test::ReadFile(test::kDaemonOutput);
+    ASSERT_TRUE(test::WaitFor([&] { return logger.Received().size() == 1; }, 15000))
+        << test::ReadFile(test::kDaemonOutput);
     EXPECT_EQ(std::string("\x08\x00\x00\x00\x01\x00\x00\x00", 8), logger.Received()[0]);
     const std::vector<HttpTestServer::Received> requests = server.Requests();
     ASSERT_EQ(2u, requests.size());
@@ -102,11 +103,12 @@ TEST_F(ScheduleFlowTest, StartUpFetchesBothSchedulesAndTellsTheLoggerDaemon) {
 }
 
 TEST_F(ScheduleFlowTest, EveryRequestTypeIsAnswered) {
-    const std::string notRegistered = HttpTestServer::Answer(
-        200, test::MultipartContentType("b"), test::BinaryPartBody("b", std::string(32, '\0') + "\1"));
-    HttpTestServer server({ScheduleServerAnswer(update_, test::kUpdateSchedule), ScheduleServerAnswer(fixed_, test::kFixedSchedule),
-                           ScheduleServerAnswer(update_, test::kUpdateSchedule), ScheduleServerAnswer(fixed_, test::kFixedSchedule),
-                           notRegistered});
+    const std::string notRegistered = HttpTestServer::Answer(200, test::MultipartContentType("b"),
+                                                             test::BinaryPartBody("b", std::string(32, '\0') + "\1"));
+    HttpTestServer server({ScheduleServerAnswer(update_, test::kUpdateSchedule),
+                           ScheduleServerAnswer(fixed_, test::kFixedSchedule),
+                           ScheduleServerAnswer(update_, test::kUpdateSchedule),
+                           ScheduleServerAnswer(fixed_, test::kFixedSchedule), notRegistered});
     test::UnixPeer logger(test::kLoggerSocket, test::UnixPeer::kReply, std::string(12, '\0'), 8);
     WriteSystemSetting(kPlant, server.Url("/schedule"), false);
     StartDaemon();
@@ -149,7 +151,8 @@ TEST_F(ScheduleFlowTest, EveryRequestTypeIsAnswered) {
 }
 
 TEST_F(ScheduleFlowTest, ChangedPlantIdWipesBothTables) {
-    HttpTestServer server({ScheduleServerAnswer(update_, test::kUpdateSchedule), ScheduleServerAnswer(fixed_, test::kFixedSchedule),
+    HttpTestServer server({ScheduleServerAnswer(update_, test::kUpdateSchedule),
+                           ScheduleServerAnswer(fixed_, test::kFixedSchedule),
                            HttpTestServer::Answer(500, "text/plain", "down")});
     test::UnixPeer logger(test::kLoggerSocket, test::UnixPeer::kReply, std::string(12, '\0'), 8);
     WriteSystemSetting(kPlant, server.Url("/schedule"), false);
@@ -171,10 +174,12 @@ TEST_F(ScheduleFlowTest, StandAloneFetchesNothing) {
     HttpTestServer server(ScheduleServerAnswer(update_, test::kUpdateSchedule));
     WriteSystemSetting(kPlant, server.Url("/schedule"), true);
     StartDaemon();
-    ASSERT_TRUE(test::WaitFor([] {
-        return test::ReadFile(test::LogFilePath()).find("Plant ID changed but, Standalone setting...") !=
-               std::string::npos;
-    }, 10000));
+    ASSERT_TRUE(test::WaitFor(
+        [] {
+            return test::ReadFile(test::LogFilePath()).find("Plant ID changed but, Standalone setting...") !=
+                   std::string::npos;
+        },
+        10000));
     EXPECT_TRUE(server.Requests().empty());
 }
 
@@ -215,16 +220,18 @@ TEST_F(ScheduleFlowTest, TargetPowerIsComputedWithTheClockPast2038) {
     std::map<std::string, std::string> env = test::ChildProcess::FakeTimeEnv("@2040-03-01 00:40:00");
     env["TZ"] = "UTC";
     ASSERT_TRUE(test::StartDaemon(daemon_, test::kDaemonOutput, env));
-    ASSERT_TRUE(test::WaitFor([] {
-        return test::ReadFile(test::LogFilePath()).find("Plant ID changed but, Standalone setting...") !=
-               std::string::npos;
-    }, 10000));
-    const std::int64_t day = 2214172800;  // 2040-03-01 00:00:00 UTC
+    ASSERT_TRUE(test::WaitFor(
+        [] {
+            return test::ReadFile(test::LogFilePath()).find("Plant ID changed but, Standalone setting...") !=
+                   std::string::npos;
+        },
+        10000));
+    const std::int64_t day = 2214172800; // 2040-03-01 00:00:00 UTC
     test::ScheduleRecord fixed = fixed_;
     fixed.start = ServerTime(day, "%Y%m%d%H%M");
     fixed.rates = std::vector<int>(48, 90);
-    fixed.rates[1] = 40;  // 00:30
-    fixed.rates[2] = 70;  // 01:00
+    fixed.rates[1] = 40; // 00:30
+    fixed.rates[2] = 70; // 01:00
     test::WriteFile("/tmp/2040.hex", test::BuildSchedulePayload({fixed}, test::kFixedSchedule).hex);
     const std::string stored = Ask(4, Field("/tmp/2040.hex", 256) + std::string(1, '\0'));
     ASSERT_EQ(171u, stored.size());
@@ -264,8 +271,8 @@ TEST_F(ScheduleFlowTest, ServerFailuresGiveTheirReasons) {
     EXPECT_EQ(2, WordAt(answer, 8));
     EXPECT_EQ(200, WordAt(answer, 12));
     EXPECT_EQ(Field("701", 128), answer.substr(16));
-    HttpTestServer registered(HttpTestServer::Answer(200, test::MultipartContentType("b"),
-                                                     test::BinaryPartBody("b", std::string(40, '\0'))));
+    HttpTestServer registered(
+        HttpTestServer::Answer(200, test::MultipartContentType("b"), test::BinaryPartBody("b", std::string(40, '\0'))));
     EXPECT_EQ(Word(144) + Word(3) + Word(0) + Word(0) + std::string(128, '\0'),
               Ask(3, Field("P", 27) + Field(registered.Url("/c"), 256)));
 }
@@ -291,19 +298,22 @@ TEST_F(ScheduleFlowTest, ClientThatHangsUpDoesNotStopTheDaemon) {
 // Starts the daemon with the clock faked to `now` and returns the fixed
 // schedule time it arms for a plant ending in 7 whose fixed fetch failed.
 std::string FixedTimeAt(test::ChildProcess& daemon, const std::string& now, const test::ScheduleRecord& update) {
-    HttpTestServer server({ScheduleServerAnswer(update, test::kUpdateSchedule), HttpTestServer::Answer(500, "text/plain", "x")});
-    test::WriteFile(test::SystemSettingPath(),
-                    "<logger><general><outputControlPlantId>" + kPlant +
-                        "</outputControlPlantId><outputScheduleInformationServerUrl>" + server.Url("/s") +
-                        "</outputScheduleInformationServerUrl></general></logger>");
+    HttpTestServer server(
+        {ScheduleServerAnswer(update, test::kUpdateSchedule), HttpTestServer::Answer(500, "text/plain", "x")});
+    test::WriteFile(test::SystemSettingPath(), "<logger><general><outputControlPlantId>" + kPlant +
+                                                   "</outputControlPlantId><outputScheduleInformationServerUrl>" +
+                                                   server.Url("/s") +
+                                                   "</outputScheduleInformationServerUrl></general></logger>");
     EXPECT_TRUE(daemon.Start(test::ChildProcess::DaemonCommand(), test::kDaemonOutput,
                              test::ChildProcess::FakeTimeEnv("@" + now)));
     const std::string marker = "ScheduleUpdateManager fixed_schedule_update_time_ [";
     std::string log;
-    test::WaitFor([&] {
-        log = test::ReadFile(test::LogFilePath());
-        return log.find(marker) != std::string::npos;
-    }, 20000);
+    test::WaitFor(
+        [&] {
+            log = test::ReadFile(test::LogFilePath());
+            return log.find(marker) != std::string::npos;
+        },
+        20000);
     daemon.Signal(SIGTERM);
     daemon.WaitExit(5000);
     const std::size_t at = log.find(marker);

@@ -26,10 +26,10 @@ using test::CoveringRecord;
 using test::CutBody;
 using test::Field;
 using test::HttpTestServer;
-using test::LaterFixedRecord;
 using test::kAccessFailed;
 using test::kAccessLogged;
 using test::kStoredSlots;
+using test::LaterFixedRecord;
 using test::PayloadText;
 using test::ScheduleServerAnswer;
 using test::Word;
@@ -107,9 +107,8 @@ INSTANTIATE_TEST_SUITE_P(
     ScheduleServerFault, ServerFaultTest,
     ::testing::Values(
         ServerFault{"Down", [] { return std::string(); }, 1, 0, kAccessFailed, true, kAccessLogged},
-        ServerFault{"ServerError",
-                    [] { return HttpTestServer::Answer(503, "text/plain", "busy"); },
-                    1, 503, "Data is not found.", false, kAccessLogged},
+        ServerFault{"ServerError", [] { return HttpTestServer::Answer(503, "text/plain", "busy"); }, 1, 503,
+                    "Data is not found.", false, kAccessLogged},
         // The schedule itself, but under a type that names no boundary:
         // no line is a delimiter, and the lines run past the text, which
         // ends at the payload's first zero byte.
@@ -120,23 +119,20 @@ INSTANTIATE_TEST_SUITE_P(
                     },
                     2, 200, "Parser error. exception", false, "Schedule update failed. [Parser error. exception]"},
         ServerFault{"HtmlPage",
-                    [] { return HttpTestServer::Answer(200, "text/html", "<html><body>maintenance</body></html>"); },
-                    2, 200, "", false, "Schedule update failed. []"},
-        ServerFault{"PartWithoutLength",
-                    [] {
-                        return HttpTestServer::Answer(
-                            200, test::MultipartContentType("b"),
-                            test::MultipartBody("b", {"Content-Type: application/octet-stream"},
-                                                PayloadText(CoveringRecord())));
-                    },
-                    2, 200, "No Content-Length parameter.", false,
-                    "Schedule update failed. [No Content-Length parameter.]"},
-        ServerFault{"TextInsteadOfSchedule",
-                    [] {
-                        return HttpTestServer::Answer(200, test::MultipartContentType("b"),
-                                                      test::TextPartBody("b", "702"));
-                    },
-                    2, 200, "702", false, "Schedule update failed. [702]"},
+                    [] { return HttpTestServer::Answer(200, "text/html", "<html><body>maintenance</body></html>"); }, 2,
+                    200, "", false, "Schedule update failed. []"},
+        ServerFault{
+            "PartWithoutLength",
+            [] {
+                return HttpTestServer::Answer(200, test::MultipartContentType("b"),
+                                              test::MultipartBody("b", {"Content-Type: application/octet-stream"},
+                                                                  PayloadText(CoveringRecord())));
+            },
+            2, 200, "No Content-Length parameter.", false, "Schedule update failed. [No Content-Length parameter.]"},
+        ServerFault{
+            "TextInsteadOfSchedule",
+            [] { return HttpTestServer::Answer(200, test::MultipartContentType("b"), test::TextPartBody("b", "702")); },
+            2, 200, "702", false, "Schedule update failed. [702]"},
         ServerFault{"PayloadTooShort",
                     [] {
                         return HttpTestServer::Answer(200, test::MultipartContentType("b"),
@@ -174,8 +170,7 @@ TEST_F(ScheduleServerFaultTest, StalledServerBlocksOnlyItsOwnClient) {
     HttpTestServer server(std::string(), stallMs);
     test::WriteSystemSetting(kPlant, server.Url("/schedule"), false);
 
-    std::future<std::string> update =
-        std::async(std::launch::async, [] { return Ask(test::kUpdateScheduleRequest); });
+    std::future<std::string> update = std::async(std::launch::async, [] { return Ask(test::kUpdateScheduleRequest); });
     ASSERT_TRUE(test::WaitFor([&] { return server.Requests().size() == 1; }, stallMs));
     ExpectCurrentTargetPower();
     EXPECT_EQ(test::kUpdateAnswerSize, Ask(test::kFlushLogRequest).size());
@@ -205,8 +200,7 @@ TEST_F(ScheduleServerFaultTest, SlowServerIsWaitedForWithoutBlockingOthers) {
     HttpTestServer slow(ScheduleServerAnswer(record, test::kUpdateSchedule), slowMs);
     test::WriteSystemSetting(kPlant, slow.Url("/schedule"), false);
 
-    std::future<std::string> update =
-        std::async(std::launch::async, [] { return Ask(test::kUpdateScheduleRequest); });
+    std::future<std::string> update = std::async(std::launch::async, [] { return Ask(test::kUpdateScheduleRequest); });
     ASSERT_TRUE(test::WaitFor([&] { return slow.Requests().size() == 1; }, slowMs));
     // The fixed schedule that follows comes from the prompt server.
     test::WriteSystemSetting(kPlant, fixed.Url("/schedule"), false);
@@ -214,9 +208,9 @@ TEST_F(ScheduleServerFaultTest, SlowServerIsWaitedForWithoutBlockingOthers) {
     EXPECT_EQ(std::future_status::timeout, update.wait_for(std::chrono::milliseconds(0)));
 
     EXPECT_EQ(Word(144) + Word(2) + Word(0) + Word(0) + std::string(128, '\0'), update.get());
-    EXPECT_EQ(std::to_string(kSlots), test::QueryValue(test::kScheduleDbFile,
-                                                       "SELECT COUNT(*) FROM output_control_schedule "
-                                                       "WHERE controlRate = 25"));
+    EXPECT_EQ(std::to_string(kSlots),
+              test::QueryValue(test::kScheduleDbFile, "SELECT COUNT(*) FROM output_control_schedule "
+                                                      "WHERE controlRate = 25"));
 }
 
 } // namespace

@@ -46,9 +46,12 @@ void ScheduleServerFixture::StartWithStoredSchedule(const std::map<std::string, 
     WriteSystemSetting(kServerTestPlant, good_->Url("/schedule"), false);
     ASSERT_TRUE(StartDaemon(daemon_, kDaemonOutput, env));
     const std::string all = std::to_string(kStoredSlots + 48);
-    ASSERT_TRUE(WaitFor([&] {
-        return QueryValue(kScheduleDbFile, "SELECT COUNT(*) FROM output_control_schedule WHERE sent = 1") == all;
-    }, 15000)) << ReadFile(kDaemonOutput);
+    ASSERT_TRUE(WaitFor(
+        [&] {
+            return QueryValue(kScheduleDbFile, "SELECT COUNT(*) FROM output_control_schedule WHERE sent = 1") == all;
+        },
+        15000))
+        << ReadFile(kDaemonOutput);
     schedule_ = ScheduleRows();
     info_ = UpdateInfoRows();
     ASSERT_EQ(1u, info_.size());
@@ -75,9 +78,8 @@ void ScheduleServerFixture::ExpectUpdateWorksAgain() {
 }
 
 bool ScheduleServerFixture::LogHasWarning(const std::string& prefix) {
-    return WaitFor([&] {
-        return HasLogLineStarting(ReadLines(LogFilePath()), "W", "ScheduleUpdateManager", prefix);
-    }, 3000);
+    return WaitFor([&] { return HasLogLineStarting(ReadLines(LogFilePath()), "W", "ScheduleUpdateManager", prefix); },
+                   3000);
 }
 
 } // namespace test

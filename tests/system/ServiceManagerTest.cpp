@@ -49,8 +49,7 @@ std::vector<std::string> WithStderrApart(const std::vector<std::string>& argumen
 
 // Whether the daemon answers a request for the current target power.
 bool AnswersTargetPower() {
-    return test::Ask(test::kCurrentTargetPowerRequest, test::Capacity(1000.0)).size() ==
-           test::kTargetPowerAnswerSize;
+    return test::Ask(test::kCurrentTargetPowerRequest, test::Capacity(1000.0)).size() == test::kTargetPowerAnswerSize;
 }
 
 class DaemonArgumentsTest : public ::testing::Test {
@@ -149,12 +148,15 @@ TEST_F(OneInstanceTest, TheLockOfAKilledDaemonDoesNotStopTheNextAndItsSocketIsRe
 
     test::ChildProcess next;
     ASSERT_TRUE(next.Start(test::ChildProcess::DaemonCommand(), kSecondOutput));
-    EXPECT_TRUE(test::WaitFor([&] {
-        if (InodeOf(test::kCommandSocket) == stale) return false;
-        const int fd = test::Connect(test::kCommandSocket);
-        if (fd >= 0) close(fd);
-        return fd >= 0;
-    }, 10000)) << test::ReadFile(kSecondOutput);
+    EXPECT_TRUE(test::WaitFor(
+        [&] {
+            if (InodeOf(test::kCommandSocket) == stale) return false;
+            const int fd = test::Connect(test::kCommandSocket);
+            if (fd >= 0) close(fd);
+            return fd >= 0;
+        },
+        10000))
+        << test::ReadFile(kSecondOutput);
     EXPECT_TRUE(AnswersTargetPower());
     ASSERT_TRUE(next.Signal(SIGTERM));
     ASSERT_TRUE(next.WaitExit(5000 * static_cast<int>(test::TimeScale())));
@@ -167,10 +169,13 @@ TEST_F(OneInstanceTest, ALockFileThatCannotBeOpenedIsLoggedAndTheDaemonServes) {
     Poco::File(kLockFile).createDirectories();
     ASSERT_TRUE(test::StartDaemon(first_, test::kDaemonOutput));
     EXPECT_TRUE(AnswersTargetPower());
-    EXPECT_TRUE(test::WaitFor([] {
-        return test::HasLogLine(test::ReadLines(kLogFile), "E", "BrevantaOutputControlManager",
-                                "Instance lock not taken. [" + kLockFile + "][21]");
-    }, 5000)) << test::ReadFile(kLogFile);
+    EXPECT_TRUE(test::WaitFor(
+        [] {
+            return test::HasLogLine(test::ReadLines(kLogFile), "E", "BrevantaOutputControlManager",
+                                    "Instance lock not taken. [" + kLockFile + "][21]");
+        },
+        5000))
+        << test::ReadFile(kLogFile);
 }
 
 class ServiceNotifyTest : public ::testing::Test {
@@ -207,12 +212,15 @@ TEST_F(ServiceNotifyTest, ReadyAfterListenThenStatusWatchdogAndStopping) {
     if (fd >= 0) close(fd);
 
     const std::regex plant(R"(STATUS=plant 777, next update \d{4}-\d\d-\d\d \d\d:\d\d:\d\d UTC)");
-    EXPECT_TRUE(listener.WaitUntil([&](const std::vector<std::string>&) {
-        for (const std::string& status : listener.Starting("STATUS=")) {
-            if (std::regex_match(status, plant)) return true;
-        }
-        return false;
-    }, 10000)) << ::testing::PrintToString(listener.Messages());
+    EXPECT_TRUE(listener.WaitUntil(
+        [&](const std::vector<std::string>&) {
+            for (const std::string& status : listener.Starting("STATUS=")) {
+                if (std::regex_match(status, plant)) return true;
+            }
+            return false;
+        },
+        10000))
+        << ::testing::PrintToString(listener.Messages());
     EXPECT_TRUE(listener.WaitFor("WATCHDOG=1", 10000, 3)) << ::testing::PrintToString(listener.Messages());
     EXPECT_EQ(1, listener.Count("READY=1"));
 
@@ -229,12 +237,15 @@ TEST_F(ServiceNotifyTest, NoReadyWhenTheCommandSocketCannotBeBound) {
     test::NotifyListener listener(kNotifySocket);
     ASSERT_TRUE(Start());
 
-    EXPECT_TRUE(listener.WaitUntil([&](const std::vector<std::string>&) {
-        for (const std::string& status : listener.Starting("STATUS=")) {
-            if (status.find("STATUS=command socket [" + tooLong + "] not listening") == 0) return true;
-        }
-        return false;
-    }, 10000)) << ::testing::PrintToString(listener.Messages());
+    EXPECT_TRUE(listener.WaitUntil(
+        [&](const std::vector<std::string>&) {
+            for (const std::string& status : listener.Starting("STATUS=")) {
+                if (status.find("STATUS=command socket [" + tooLong + "] not listening") == 0) return true;
+            }
+            return false;
+        },
+        10000))
+        << ::testing::PrintToString(listener.Messages());
     // The daemon lives on (its main loop keeps the service watchdog fed at
     // half its 3 s period, while the watchdog file's tick comes every 30 s)
     // but never claims to be ready.

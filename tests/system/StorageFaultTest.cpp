@@ -21,8 +21,8 @@
 #include <sqlite3.h>
 
 #include <chrono>
-#include <cstring>
 #include <csignal>
+#include <cstring>
 #include <future>
 #include <iostream>
 #include <memory>
@@ -92,8 +92,7 @@ struct JournalState {
         if (!exists) return false;
         if (!before.exists) return true;
         return info.st_ino != before.info.st_ino || info.st_size != before.info.st_size ||
-               info.st_mtim.tv_sec != before.info.st_mtim.tv_sec ||
-               info.st_mtim.tv_nsec != before.info.st_mtim.tv_nsec;
+               info.st_mtim.tv_sec != before.info.st_mtim.tv_sec || info.st_mtim.tv_nsec != before.info.st_mtim.tv_nsec;
     }
 };
 
@@ -131,10 +130,14 @@ protected:
                                  const std::map<std::string, std::string>& env = {}) {
         server_ = Server();
         ASSERT_TRUE(test::StartDaemon(daemon_, test::kDaemonOutput, env));
-        ASSERT_TRUE(test::WaitFor([&] {
-            return test::FileExists(dbFile) &&
-                   test::QueryValue(dbFile, "SELECT COUNT(*) FROM output_control_schedule WHERE sent = 1") == kStored;
-        }, 15000)) << test::ReadFile(test::kDaemonOutput);
+        ASSERT_TRUE(test::WaitFor(
+            [&] {
+                return test::FileExists(dbFile) &&
+                       test::QueryValue(dbFile, "SELECT COUNT(*) FROM output_control_schedule WHERE sent = 1") ==
+                           kStored;
+            },
+            15000))
+            << test::ReadFile(test::kDaemonOutput);
     }
 
     // The current target power for a capacity of 10 is the stored rate's.
@@ -167,23 +170,23 @@ protected:
     // `prefix`, within a few log ticks.
     static bool Logged(const std::string& mark, const std::string& tag, const std::string& prefix,
                        const std::string& file = test::LogFilePath(), int timeoutMs = 3000) {
-        return test::WaitFor([&] {
-            std::vector<std::string> lines = test::ReadLines(file);
-            if (file == test::kDaemonOutput) {
-                const std::string echo = "OutputSchedule_pvocd.log ";
-                for (std::string& line : lines) {
-                    if (line.compare(0, echo.size(), echo) == 0) line = line.substr(echo.size());
+        return test::WaitFor(
+            [&] {
+                std::vector<std::string> lines = test::ReadLines(file);
+                if (file == test::kDaemonOutput) {
+                    const std::string echo = "OutputSchedule_pvocd.log ";
+                    for (std::string& line : lines) {
+                        if (line.compare(0, echo.size(), echo) == 0) line = line.substr(echo.size());
+                    }
                 }
-            }
-            return test::HasLogLineStarting(lines, mark, tag, prefix);
-        }, timeoutMs);
+                return test::HasLogLineStarting(lines, mark, tag, prefix);
+            },
+            timeoutMs);
     }
 
     // A clock that starts now and runs 100 times faster: the 60 s time-outs
     // of the table sessions pass in 0.6 s.
-    static std::map<std::string, std::string> FastClock() {
-        return test::ChildProcess::FakeTimeEnv("+0 x100");
-    }
+    static std::map<std::string, std::string> FastClock() { return test::ChildProcess::FakeTimeEnv("+0 x100"); }
 
     test::ChildProcess daemon_;
     std::unique_ptr<test::UnixPeer> logger_;
@@ -283,9 +286,8 @@ TEST_F(StorageFaultTest, LockedTableIsWaitedForAndUsedAfterRelease) {
 
     // A reader waits for the lock to go.
     TableLock readLock(test::kScheduleDbFile);
-    std::future<std::string> power = std::async(std::launch::async, [] {
-        return Ask(test::kCurrentTargetPowerRequest, Capacity(10.0));
-    });
+    std::future<std::string> power =
+        std::async(std::launch::async, [] { return Ask(test::kCurrentTargetPowerRequest, Capacity(10.0)); });
     EXPECT_EQ(std::future_status::timeout, power.wait_for(std::chrono::milliseconds(heldMs)));
     readLock.Release();
     const std::string answer = power.get();
@@ -296,14 +298,13 @@ TEST_F(StorageFaultTest, LockedTableIsWaitedForAndUsedAfterRelease) {
     // So does a writer, and its rows are stored once the lock is gone.
     std::unique_ptr<HttpTestServer> server = Server(25);
     TableLock writeLock(test::kScheduleDbFile);
-    std::future<std::string> update =
-        std::async(std::launch::async, [] { return Ask(test::kUpdateScheduleRequest); });
+    std::future<std::string> update = std::async(std::launch::async, [] { return Ask(test::kUpdateScheduleRequest); });
     EXPECT_EQ(std::future_status::timeout, update.wait_for(std::chrono::milliseconds(heldMs)));
     writeLock.Release();
     EXPECT_EQ(kSuccess, update.get());
-    EXPECT_EQ(std::to_string(kSlots),
-              test::QueryValue(test::kScheduleDbFile,
-                               "SELECT COUNT(*) FROM output_control_schedule WHERE controlRate = 25"));
+    EXPECT_EQ(
+        std::to_string(kSlots),
+        test::QueryValue(test::kScheduleDbFile, "SELECT COUNT(*) FROM output_control_schedule WHERE controlRate = 25"));
     ExpectCurrentTargetPower(25);
 }
 
@@ -341,10 +342,13 @@ TEST_F(StorageFaultTest, KillWhileStoringAYearLeavesOldOrNewRows) {
 
     std::unique_ptr<HttpTestServer> server = serverFor(10);
     ASSERT_TRUE(test::StartDaemon(daemon_, test::kDaemonOutput));
-    ASSERT_TRUE(test::WaitFor([&] {
-        return test::QueryValue(test::kScheduleDbFile,
-                                "SELECT COUNT(*) FROM output_control_schedule WHERE sent = 1") == year;
-    }, 30000)) << test::ReadFile(test::kDaemonOutput);
+    ASSERT_TRUE(test::WaitFor(
+        [&] {
+            return test::QueryValue(test::kScheduleDbFile,
+                                    "SELECT COUNT(*) FROM output_control_schedule WHERE sent = 1") == year;
+        },
+        30000))
+        << test::ReadFile(test::kDaemonOutput);
     const std::int64_t first =
         std::stoll(test::QueryValue(test::kScheduleDbFile, "SELECT MIN(time) FROM output_control_schedule"));
 
@@ -353,10 +357,13 @@ TEST_F(StorageFaultTest, KillWhileStoringAYearLeavesOldOrNewRows) {
     server = serverFor(20);
     Poco::Timestamp started;
     ASSERT_EQ(kSuccess, Ask(test::kUpdateScheduleRequest));
-    ASSERT_TRUE(test::WaitFor([&] {
-        return test::QueryValue(test::kScheduleDbFile,
-                                "SELECT COUNT(*) FROM output_control_schedule WHERE sent = 1 AND controlRate = 20") == year;
-    }, 30000));
+    ASSERT_TRUE(test::WaitFor(
+        [&] {
+            return test::QueryValue(
+                       test::kScheduleDbFile,
+                       "SELECT COUNT(*) FROM output_control_schedule WHERE sent = 1 AND controlRate = 20") == year;
+        },
+        30000));
     const Poco::Timestamp::TimeDiff requestUs = started.elapsed();
     int stored = 20;
 

@@ -52,9 +52,9 @@ protected:
         if (!tlsCertificate_.empty()) {
             server.insert(server.end(), {"--listen", "127.0.0.1:" + port_, "--tls", tlsCertificate_, "/tmp/sim.key"});
         }
-        for (const std::string& arg : {std::string("--port"), port_, std::string("--plant-id"), std::string("777"),
-                                       std::string("--rates"), std::string("96x40"), std::string("--fixed-rates"),
-                                       std::string("48x20")}) {
+        for (const std::string& arg :
+             {std::string("--port"), port_, std::string("--plant-id"), std::string("777"), std::string("--rates"),
+              std::string("96x40"), std::string("--fixed-rates"), std::string("48x20")}) {
             server.push_back(arg);
         }
         server.insert(server.end(), serverArgs.begin(), serverArgs.end());
@@ -63,22 +63,27 @@ protected:
         logger.push_back("--result");
         logger.push_back("0");
         ASSERT_TRUE(logger_.Start(logger, "/tmp/logger.out"));
-        ASSERT_TRUE(test::WaitFor([] { return test::ReadFile("/tmp/server.out").find("listening") != std::string::npos; }, 5000));
+        ASSERT_TRUE(test::WaitFor(
+            [] { return test::ReadFile("/tmp/server.out").find("listening") != std::string::npos; }, 5000));
         ASSERT_TRUE(test::WaitFor([] { return test::FileExists("/mnt/system/brvlogger/brevanta.logger"); }, 5000));
         test::WriteFile(test::SystemSettingPath(),
                         "<logger><general><outputControlPlantId>00000000000000000000000777</outputControlPlantId>"
-                        "<outputScheduleInformationServerUrl>" + scheme_ + "://127.0.0.1:" + port_ + "/s"
-                        "</outputScheduleInformationServerUrl></general></logger>");
+                        "<outputScheduleInformationServerUrl>" +
+                            scheme_ + "://127.0.0.1:" + port_ +
+                            "/s"
+                            "</outputScheduleInformationServerUrl></general></logger>");
         ASSERT_TRUE(daemon_.Start(test::ChildProcess::DaemonCommand(), "/tmp/pvocd.out"));
         ASSERT_TRUE(test::WaitFor([] { return test::FileExists(kSocket); }, 10000));
     }
 
     // Waits until the daemon forwarded the start-up fetch to the logger.
     bool WaitForStartUpFetch() {
-        return test::WaitFor([] {
-            return test::ReadFile("/tmp/logger.out").find("command received: 8 bytes, length 8, command 1") !=
-                   std::string::npos;
-        }, 15000);
+        return test::WaitFor(
+            [] {
+                return test::ReadFile("/tmp/logger.out").find("command received: 8 bytes, length 8, command 1") !=
+                       std::string::npos;
+            },
+            15000);
     }
 
     std::string port_;
@@ -91,10 +96,13 @@ protected:
 
 TEST_F(ToolsTest, StartUpFetchFromTheSimulatorAndTargetPowerThroughPvoctl) {
     StartAll({});
-    ASSERT_TRUE(test::WaitFor([] {
-        return test::ReadFile("/tmp/logger.out").find("command received: 8 bytes, length 8, command 1") !=
-               std::string::npos;
-    }, 15000)) << test::ReadFile("/tmp/server.out");
+    ASSERT_TRUE(test::WaitFor(
+        [] {
+            return test::ReadFile("/tmp/logger.out").find("command received: 8 bytes, length 8, command 1") !=
+                   std::string::npos;
+        },
+        15000))
+        << test::ReadFile("/tmp/server.out");
     const std::string requests = test::ReadFile("/tmp/server.out");
     EXPECT_NE(std::string::npos, requests.find("schedule_kbn=0000"));
     EXPECT_NE(std::string::npos, requests.find("schedule_kbn=9993"));
@@ -250,10 +258,10 @@ TEST_F(ToolsTest, NumbersArePrintedInFullPrecision) {
     std::memcpy(&answer[16], "20260101000000", 14);
     test::UnixPeer peer("/tmp/precise.sock", test::UnixPeer::kReply, answer, 16);
     std::string output;
-    EXPECT_EQ(0, RunTool({PVOCTL_BINARY, "--socket", "precise.sock", "--json", "current", "185185.1835"}, output,
-                         "/tmp")) << output;
-    EXPECT_EQ("{\"ok\":true,\"code\":0,\"power\":74074.0734,\"slot\":\"20260101000000\",\"message\":\"\"}\n",
-              output);
+    EXPECT_EQ(0,
+              RunTool({PVOCTL_BINARY, "--socket", "precise.sock", "--json", "current", "185185.1835"}, output, "/tmp"))
+        << output;
+    EXPECT_EQ("{\"ok\":true,\"code\":0,\"power\":74074.0734,\"slot\":\"20260101000000\",\"message\":\"\"}\n", output);
     EXPECT_EQ(0, RunTool({PVOCTL_BINARY, "--socket", "/tmp/precise.sock", "next"}, output)) << output;
     EXPECT_EQ("target power 74074.0734 for the slot starting 2026-01-01 00:00:00 UTC\n", output);
     ASSERT_EQ(2u, peer.Received().size());
@@ -266,13 +274,16 @@ TEST_F(ToolsTest, NumbersArePrintedInFullPrecision) {
 TEST_F(ToolsTest, ShowScheduleInTheServersDay) {
     // 2026-01-01 15:00 UTC is 2026-01-02 00:00 in the server's time.
     const std::int64_t serverMidnight = 1767279600;
-    test::StoreSchedule("777", {{serverMidnight - 1800, 10}, {serverMidnight, 60}, {serverMidnight + 86400 - 1800, 70}});
+    test::StoreSchedule("777",
+                        {{serverMidnight - 1800, 10}, {serverMidnight, 60}, {serverMidnight + 86400 - 1800, 70}});
     std::string output;
     EXPECT_EQ(0, RunTool({PVOCTL_BINARY, "show-schedule", "2026-01-02", "--server-time", "--db",
                           "OutputControl/output_control_schedule.db"},
-                         output, "/media/sdcard/kestrovanyx/Database")) << output;
+                         output, "/media/sdcard/kestrovanyx/Database"))
+        << output;
     EXPECT_NE(std::string::npos, output.find("slots of 2026-01-02 (server time, UTC+9) in "
-                                             "/media/sdcard/kestrovanyx/Database/OutputControl/")) << output;
+                                             "/media/sdcard/kestrovanyx/Database/OutputControl/"))
+        << output;
     EXPECT_NE(std::string::npos, output.find(" 00:00   60%   no")) << output;
     EXPECT_NE(std::string::npos, output.find(" 23:30   70%   no")) << output;
     EXPECT_EQ(std::string::npos, output.find(" 10%")) << output;

@@ -33,9 +33,7 @@ protected:
     static std::int64_t Arm(const std::string& path = kFile) { return FileChangeWatch::Instance().Arm(path); }
     static bool Unchanged(std::int64_t generation) { return FileChangeWatch::Instance().Unchanged(generation); }
 
-    static std::string Read(const std::string& path = kFile) {
-        return FileUtil::ReadFile(path, 1 << 20).text;
-    }
+    static std::string Read(const std::string& path = kFile) { return FileUtil::ReadFile(path, 1 << 20).text; }
 };
 
 TEST_F(FileChangeWatchTest, ReadingAndUnrelatedChangesLeaveTheFileUnchanged) {

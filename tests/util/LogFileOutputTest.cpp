@@ -32,9 +32,7 @@ protected:
         return *output_;
     }
 
-    void Log(const std::string& message, int level = 2) {
-        output_->Output(level, "I", "[1] Test", message);
-    }
+    void Log(const std::string& message, int level = 2) { output_->Output(level, "I", "[1] Test", message); }
 
     static bool FileHas(const std::string& path, const std::string& text) {
         return test::ReadFile(path).find(text) != std::string::npos;
@@ -74,8 +72,8 @@ TEST_F(LogFileOutputTest, LineFormat) {
     ASSERT_TRUE(test::WaitFor([] { return FileHas(kFile, "hello world"); }, 5000));
     const std::vector<std::string> lines = test::ReadLines(kFile);
     ASSERT_EQ(1u, lines.size());
-    EXPECT_TRUE(std::regex_match(
-        lines[0], std::regex(R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d UTC\] \[I\] \[1\] Test hello world)")))
+    EXPECT_TRUE(std::regex_match(lines[0],
+                                 std::regex(R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d UTC\] \[I\] \[1\] Test hello world)")))
         << lines[0];
     EXPECT_EQ('\n', test::ReadFile(kFile).back());
 }
@@ -105,8 +103,7 @@ TEST_F(LogFileOutputTest, EmptyMarkAndPrefixAreLeftOut) {
     Make(false).SetFilePath(kFile);
     output_->Output(2, "", "", "bare");
     ASSERT_TRUE(test::WaitFor([] { return FileHas(kFile, "bare"); }, 5000));
-    EXPECT_TRUE(std::regex_match(test::ReadLines(kFile)[0],
-                                 std::regex(R"(\[[-0-9 :]+ UTC\] bare)")));
+    EXPECT_TRUE(std::regex_match(test::ReadLines(kFile)[0], std::regex(R"(\[[-0-9 :]+ UTC\] bare)")));
 }
 
 TEST_F(LogFileOutputTest, LineBelowLevelIsNeitherWrittenNorEchoed) {
@@ -293,8 +290,7 @@ TEST_F(LogFileOutputTest, EmptyPathIsReportedButDoesNotCrash) {
     ::testing::internal::CaptureStdout();
     Make(false).SetFilePath("");
     std::fflush(stdout);
-    EXPECT_NE(std::string::npos,
-              ::testing::internal::GetCapturedStdout().find("file_path error not set\n"));
+    EXPECT_NE(std::string::npos, ::testing::internal::GetCapturedStdout().find("file_path error not set\n"));
     Log("nowhere");
     Poco::Thread::sleep(700);
     EXPECT_TRUE(test::FileExists(LogFileOutput::ErrorFilePath()));
@@ -311,6 +307,7 @@ TEST_F(LogFileOutputTest, LinesFromManyThreadsAreAllWritten) {
                 out_.Output(2, "I", "[t]", "w" + std::to_string(id_) + "-" + std::to_string(i));
             }
         }
+
     private:
         LogFileOutput& out_;
         int id_;
@@ -392,7 +389,8 @@ TEST_F(LogFileOutputTest, EveryControlByteIsWrittenAsAnEscape) {
 
 TEST_F(LogFileOutputTest, Utf8AndPlainTextStayAsTheyAre) {
     Make(false).SetFilePath(kFile);
-    const std::string text = "Gr\xc3\xbc\xc3\x9f" "e \xe6\x97\xa5\xe6\x9c\xac \x80\xff back\\slash \\x0a ~ [x]";
+    const std::string text = "Gr\xc3\xbc\xc3\x9f"
+                             "e \xe6\x97\xa5\xe6\x9c\xac \x80\xff back\\slash \\x0a ~ [x]";
     Log(text);
     ASSERT_TRUE(test::WaitFor([] { return FileHas(kFile, "back"); }, 5000));
     const std::vector<std::string> lines = test::ReadLines(kFile);
@@ -455,7 +453,8 @@ TEST_F(LimitedLogTest, FirstLineAsItIsAndTheCountWhenThePeriodIsOver) {
     ASSERT_TRUE(test::WaitFor([] { return FileHas(kFile, "marker"); }, 5000));
     std::vector<std::string> lines = test::ReadLines(kFile);
     ASSERT_EQ(2u, lines.size());
-    EXPECT_TRUE(std::regex_match(lines[0], std::regex(R"(\[[-0-9 :]+ UTC\] \[W\] \[1\] Test Request late\. socket\[5\])")))
+    EXPECT_TRUE(
+        std::regex_match(lines[0], std::regex(R"(\[[-0-9 :]+ UTC\] \[W\] \[1\] Test Request late\. socket\[5\])")))
         << lines[0];
 
     *now_ += LogLimiter::kPeriodMicroseconds;
@@ -464,7 +463,8 @@ TEST_F(LimitedLogTest, FirstLineAsItIsAndTheCountWhenThePeriodIsOver) {
     lines = test::ReadLines(kFile);
     ASSERT_EQ(3u, lines.size());
     EXPECT_TRUE(std::regex_match(
-        lines[2], std::regex(R"(\[[-0-9 :]+ UTC\] \[W\] \[1\] Test \[late\] repeated 49 more time\(s\) in the last 60 s\.)")))
+        lines[2],
+        std::regex(R"(\[[-0-9 :]+ UTC\] \[W\] \[1\] Test \[late\] repeated 49 more time\(s\) in the last 60 s\.)")))
         << lines[2];
 
     // The next period starts over with the full line.

@@ -18,7 +18,8 @@ protected:
 
     std::unique_ptr<LogLimiter> Make(std::size_t maxKinds = LogLimiter::kMaxKinds) {
         std::shared_ptr<std::atomic<std::int64_t>> now = now_;
-        return std::unique_ptr<LogLimiter>(new LogLimiter(kPeriod, [now] { return now->load(); }, maxKinds));
+        return std::unique_ptr<LogLimiter>(new LogLimiter(
+            kPeriod, [now] { return now->load(); }, maxKinds));
     }
 
     static LogLimiter::Line Line(const std::string& kind, const std::string& prefix = "[1] Tag") {

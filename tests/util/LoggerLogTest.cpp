@@ -44,9 +44,8 @@ TEST_F(LoggerLogTest, EveryLevelHasItsMark) {
     const std::vector<std::string> messages = {"v", "d", "i", "w", "e", "f"};
     ASSERT_EQ(6u, lines.size());
     for (std::size_t i = 0; i < 6; ++i) {
-        EXPECT_TRUE(std::regex_match(
-            lines[i], std::regex(R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d UTC\] \[)" + marks[i] +
-                                 R"(\] \[)" + id.str() + R"(\] Tag )" + messages[i])))
+        EXPECT_TRUE(std::regex_match(lines[i], std::regex(R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d UTC\] \[)" + marks[i] +
+                                                          R"(\] \[)" + id.str() + R"(\] Tag )" + messages[i])))
             << lines[i];
     }
 }
@@ -111,7 +110,8 @@ TEST_F(LoggerLogTest, FileSettingsSetDirectlyBuildTheOutput) {
     EXPECT_EQ(100, LoggerLog::Output()->GetMaxBufferedSize());
     LoggerLog::Verbose("Tag", "direct");
     LoggerLog::DeleteInstance();
-    EXPECT_NE(std::string::npos, test::ReadFile(test::FixedPath("/media/sdcard/direct/log/OutputSchedule_pvocd.log")).find("direct"));
+    EXPECT_NE(std::string::npos,
+              test::ReadFile(test::FixedPath("/media/sdcard/direct/log/OutputSchedule_pvocd.log")).find("direct"));
 }
 
 TEST_F(LoggerLogTest, DeletedSettingsLeaveNoOutput) {
@@ -132,8 +132,7 @@ TEST_F(LoggerLogTest, FlushOnlyWhenBuffered) {
     Start("<OutputScheduleLogMaxBufferedSize>100000</OutputScheduleLogMaxBufferedSize>");
     LoggerLog::Info("Tag", "waiting");
     LoggerLog::Flush();
-    EXPECT_TRUE(test::WaitFor([] { return test::ReadFile(kLogFile).find("waiting") != std::string::npos; },
-                              5000));
+    EXPECT_TRUE(test::WaitFor([] { return test::ReadFile(kLogFile).find("waiting") != std::string::npos; }, 5000));
 }
 
 TEST_F(LoggerLogTest, NothingHappensWithoutOutput) {

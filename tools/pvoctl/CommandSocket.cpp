@@ -53,9 +53,8 @@ std::string ReadAll(int fd, int timeoutMs, std::string& error) {
         const int ready = poll(&in, 1, timeoutMs);
         if (ready == 0) {
             const int seconds = timeoutMs / 1000;
-            error = seconds * 1000 == timeoutMs
-                        ? "pvocd did not answer within " + std::to_string(seconds) + " s"
-                        : "pvocd did not answer within " + std::to_string(timeoutMs) + " ms";
+            error = seconds * 1000 == timeoutMs ? "pvocd did not answer within " + std::to_string(seconds) + " s"
+                                                : "pvocd did not answer within " + std::to_string(timeoutMs) + " ms";
             break;
         }
         if (ready < 0) break;
@@ -73,9 +72,8 @@ std::string CommandSocket::Exchange(const std::string& path, const std::string& 
     const int fd = Connect(path, error);
     if (fd < 0) return std::string();
     if (send(fd, request.data(), request.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(request.size())) {
-        error = errno == EPIPE || errno == ECONNRESET
-                    ? std::string("pvocd closed the connection without an answer")
-                    : std::string("cannot send the request: ") + std::strerror(errno);
+        error = errno == EPIPE || errno == ECONNRESET ? std::string("pvocd closed the connection without an answer")
+                                                      : std::string("cannot send the request: ") + std::strerror(errno);
         close(fd);
         return std::string();
     }

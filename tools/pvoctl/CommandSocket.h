@@ -12,8 +12,7 @@ public:
     // Sends `request` to the socket at `path` and returns everything read
     // until the daemon closes; `error` is set when there is no answer
     // within `timeoutMs` (waited for each read).
-    static std::string Exchange(const std::string& path, const std::string& request, int timeoutMs,
-                                std::string& error);
+    static std::string Exchange(const std::string& path, const std::string& request, int timeoutMs, std::string& error);
     // A request of `type` with `params`: length and type as native words.
     static std::string Request(std::int32_t type, const std::string& params);
 };

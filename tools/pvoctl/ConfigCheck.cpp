@@ -48,8 +48,7 @@ bool ReadNumber(const std::string& text, int base, long long& value, bool& whole
 }
 
 // The finding for a value that is not a plain number, or empty text.
-std::string NumberProblem(const std::string& name, const std::string& text, int base, long long low,
-                          long long high) {
+std::string NumberProblem(const std::string& name, const std::string& text, int base, long long low, long long high) {
     long long value = 0;
     bool whole = false;
     const std::string quoted = "value \"" + text + "\" of <" + name + ">";
@@ -77,8 +76,15 @@ std::map<std::string, std::vector<std::string>> SystemNames() {
     }
     names[parent] = {kDeviceType, kDeviceSettingFile};
     const std::string general = std::string(kSystemRoot) + "/" + kGeneral;
-    names[general] = {kLoggerIp, kLoggerDefaultGw, kServerUrl, kCloudCooperation, kSystem, kPvStartupDate,
-                      kOutputControlPlantId, kOutputControlStandAlone, kOutputScheduleInformationServerUrl,
+    names[general] = {kLoggerIp,
+                      kLoggerDefaultGw,
+                      kServerUrl,
+                      kCloudCooperation,
+                      kSystem,
+                      kPvStartupDate,
+                      kOutputControlPlantId,
+                      kOutputControlStandAlone,
+                      kOutputScheduleInformationServerUrl,
                       kFacilityCertifiedCapacity};
     names[general + "/" + kSystem] = {kLocale, kLocaleList, kTimezone, kCommunicationErrorRetry};
     return names;
@@ -94,7 +100,8 @@ bool Known(const std::string& name, const std::vector<std::string>& names) {
 }
 
 std::string Unknown(const std::string& name, const std::string& nearest) {
-    return "unknown element <" + name + ">" + (nearest.empty() ? "; it is ignored" : "; did you mean <" + nearest + ">?");
+    return "unknown element <" + name + ">" +
+           (nearest.empty() ? "; it is ignored" : "; did you mean <" + nearest + ">?");
 }
 
 } // namespace
@@ -199,9 +206,9 @@ void ConfigCheck::CheckLoggerElement(const std::string& file, const Element& ele
     }
     if ((element.name == "LoggerSocketPath" || element.name == "OutputControlSocketPath") &&
         element.text.size() >= kSocketPathRoom) {
-        Add(file, element, "socket path of " + std::to_string(element.text.size()) +
-                               " bytes is too long for a UNIX socket address (at most " +
-                               std::to_string(kSocketPathRoom - 1) + ")");
+        Add(file, element,
+            "socket path of " + std::to_string(element.text.size()) +
+                " bytes is too long for a UNIX socket address (at most " + std::to_string(kSocketPathRoom - 1) + ")");
     }
 }
 
@@ -213,8 +220,8 @@ void ConfigCheck::CheckSdcardPath(const std::string& file, const Element* at) {
     struct stat card;
     struct stat parent;
     if (::stat(sdcardPath_.c_str(), &card) != 0 || !S_ISDIR(card.st_mode)) {
-        Add(file, line, column, "SdcardPath " + sdcardPath_ + " is no directory; pvocd keeps its data in " +
-                                    FileUtil::FallbackDataRoot());
+        Add(file, line, column,
+            "SdcardPath " + sdcardPath_ + " is no directory; pvocd keeps its data in " + FileUtil::FallbackDataRoot());
         return;
     }
     const bool mounted = ::stat((sdcardPath_ + "/..").c_str(), &parent) == 0 &&
@@ -272,16 +279,16 @@ void ConfigCheck::CheckSystemElement(const std::string& file, const Element& ele
     if (element.path == general + "/" + kSystem + "/" + kCommunicationErrorRetry) {
         const std::string problem = NumberProblem(element.name, element.text, 0, 0, 99);
         if (!problem.empty()) Add(file, element, problem);
-    } else if (element.path == general + "/" + kOutputControlStandAlone && element.text != "0" &&
-               element.text != "1") {
-        Add(file, element, "value \"" + element.text + "\" of <" + element.name +
-                               "> is read as 0: only \"1\" means stand-alone");
+    } else if (element.path == general + "/" + kOutputControlStandAlone && element.text != "0" && element.text != "1") {
+        Add(file, element,
+            "value \"" + element.text + "\" of <" + element.name + "> is read as 0: only \"1\" means stand-alone");
     } else if (element.path == general + "/" + kOutputScheduleInformationServerUrl) {
         try {
             const std::string scheme = Poco::URI(element.text).getScheme();
             if (scheme != "http" && scheme != "https") {
-                Add(file, element, "server URL \"" + element.text + "\" has the scheme \"" + scheme +
-                                       "\"; pvocd speaks http and https only");
+                Add(file, element,
+                    "server URL \"" + element.text + "\" has the scheme \"" + scheme +
+                        "\"; pvocd speaks http and https only");
             }
         } catch (const Poco::Exception& e) {
             Add(file, element, "server URL \"" + element.text + "\" is not a URL: " + e.displayText());

@@ -12,12 +12,15 @@ namespace {
 
 enum OptionId { kSocket = 1000, kJson, kPrometheus, kTimeout, kDb, kForce, kServerTime, kHelp };
 
-const option kLongOptions[] = {
-    {"socket", required_argument, nullptr, kSocket},   {"json", no_argument, nullptr, kJson},
-    {"prometheus", no_argument, nullptr, kPrometheus}, {"timeout", required_argument, nullptr, kTimeout},
-    {"db", required_argument, nullptr, kDb},           {"force", no_argument, nullptr, kForce},
-    {"server-time", no_argument, nullptr, kServerTime}, {"help", no_argument, nullptr, kHelp},
-    {nullptr, 0, nullptr, 0}};
+const option kLongOptions[] = {{"socket", required_argument, nullptr, kSocket},
+                               {"json", no_argument, nullptr, kJson},
+                               {"prometheus", no_argument, nullptr, kPrometheus},
+                               {"timeout", required_argument, nullptr, kTimeout},
+                               {"db", required_argument, nullptr, kDb},
+                               {"force", no_argument, nullptr, kForce},
+                               {"server-time", no_argument, nullptr, kServerTime},
+                               {"help", no_argument, nullptr, kHelp},
+                               {nullptr, 0, nullptr, 0}};
 
 std::string Command(const std::vector<std::string>& args) {
     return args.empty() ? std::string() : args[0];

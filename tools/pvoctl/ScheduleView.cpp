@@ -69,8 +69,8 @@ int ScheduleView::Run() {
     sqlite3_finalize(query);
     sqlite3_close(handle);
     if (options_.json) {
-        std::cout << "{\"day\":" << JsonValue::Text(day) << (shift_ != 0 ? ",\"zone\":\"UTC+9\"" : "")
-                  << ",\"slots\":[" << json_ << "]}" << std::endl;
+        std::cout << "{\"day\":" << JsonValue::Text(day) << (shift_ != 0 ? ",\"zone\":\"UTC+9\"" : "") << ",\"slots\":["
+                  << json_ << "]}" << std::endl;
     } else if (rows == 0) {
         std::cout << " (no slots stored for this day)" << std::endl;
     }

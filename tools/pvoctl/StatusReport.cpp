@@ -128,9 +128,9 @@ void StatusReport::ReadSettings() {
 
 void StatusReport::ReadUpdateInfo() {
     ReadOnlyDatabase db(updateInfoDb_);
-    const std::string sql = "SELECT " + kColumnPlantId + ", " + kColumnLastUpdateTime + ", " +
-                            kColumnNextUpdateTime + ", " + kColumnFixedScheduleUpdateFlag + ", " +
-                            kColumnIsNeedUpdateFixedSchedule + " FROM " + kTableScheduleUpdateInfo;
+    const std::string sql = "SELECT " + kColumnPlantId + ", " + kColumnLastUpdateTime + ", " + kColumnNextUpdateTime +
+                            ", " + kColumnFixedScheduleUpdateFlag + ", " + kColumnIsNeedUpdateFixedSchedule + " FROM " +
+                            kTableScheduleUpdateInfo;
     if (!db.FirstRow(sql)) return;
     updateInfoRead_ = true;
     info_.plantId = db.Text(0);
@@ -193,8 +193,8 @@ void StatusReport::Judge() {
             reasons_.push_back("no successful update recorded");
         } else if (now_ - info_.last > 2 * expectedInterval_) {
             reasons_.push_back("last successful update " + std::to_string(now_ - info_.last) +
-                               " s ago, more than twice the expected interval of " +
-                               std::to_string(expectedInterval_) + " s");
+                               " s ago, more than twice the expected interval of " + std::to_string(expectedInterval_) +
+                               " s");
         }
     }
     if (!socketAnswers_) reasons_.push_back("command socket does not answer: " + socketError_);
@@ -253,8 +253,8 @@ std::string StatusReport::Json() const {
         << "},\"logIoError\":" << (logIoError_ ? "true" : "false")
         << ",\"watchdog\":{\"file\":" << JsonValue::Text(watchdogFile_) << ",\"ageSeconds\":" << JsonTime(watchdogAge_)
         << ",\"interval\":" << watchdogInterval_ << "},\"socket\":{\"path\":" << JsonValue::Text(socketPath_)
-        << ",\"answers\":" << (socketAnswers_ ? "true" : "false")
-        << ",\"error\":" << JsonValue::Text(socketError_) << "}}";
+        << ",\"answers\":" << (socketAnswers_ ? "true" : "false") << ",\"error\":" << JsonValue::Text(socketError_)
+        << "}}";
     return out.str();
 }
 
@@ -273,8 +273,7 @@ std::string StatusReport::Prometheus() const {
            true);
     metric("pvocd_last_update_timestamp_seconds", "Time of the last successful schedule update.", info_.last,
            info_.last >= 0);
-    metric("pvocd_next_update_timestamp_seconds", "Time of the next schedule update.", nextUpdate_,
-           nextUpdate_ >= 0);
+    metric("pvocd_next_update_timestamp_seconds", "Time of the next schedule update.", nextUpdate_, nextUpdate_ >= 0);
     metric("pvocd_expected_update_interval_seconds", "Expected time between schedule updates.", expectedInterval_,
            true);
     metric("pvocd_fixed_schedule_update_needed", "Whether a fixed schedule fetch is pending.",

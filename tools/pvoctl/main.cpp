@@ -23,49 +23,48 @@ namespace {
 using brvo::JsonValue;
 using brvo::Options;
 
-const char kUsage[] =
-    "usage: pvoctl [--socket PATH] [--json] [--timeout SECONDS] COMMAND [ARGS]\n"
-    "\n"
-    "Commands (each sends one request to pvocd and prints its answer):\n"
-    "  current [CAPACITY]          target power of the slot in force now\n"
-    "  next [CAPACITY]             target power of the next slot\n"
-    "                              CAPACITY is the plant capacity in the unit you want\n"
-    "                              the answer in (default 100: the answer is a percentage)\n"
-    "  update                      fetch the update and fixed schedules from the server now\n"
-    "  check-plant-id ID URL       ask the schedule server at URL whether plant ID is registered\n"
-    "  fixed-schedule FILE [--force]\n"
-    "                              store the fixed schedule in FILE (payload as hex text);\n"
-    "                              --force replaces the schedule of another plant\n"
-    "  settings-changed            make pvocd reread SystemSetting.xml\n"
-    "  flush-log                   make pvocd write its buffered log lines\n"
-    "Commands that read files only:\n"
-    "  show-schedule [YYYY-MM-DD] [--db FILE] [--server-time]\n"
-    "                              print the stored slots of a day (UTC; default today)\n"
-    "                              as a table with a bar per rate (reads the database only);\n"
-    "                              --server-time: the schedule server's day and times (UTC+9)\n"
-    "  status [--json|--prometheus]\n"
-    "                              plant ID, last and next update, fixed schedule, card or\n"
-    "                              /tmp in use, log I/O error note, watchdog file age, whether\n"
-    "                              the socket answers, and a health verdict (exit 0 healthy,\n"
-    "                              1 unhealthy); --prometheus writes the textfile-collector format\n"
-    "  check-config [DIR]          check the settings in DIR (default\n"
-    "                              /usr/local/etc/kestrovanyx/SettingsXML): one FILE:LINE:COLUMN:\n"
-    "                              finding per line; exit 0 clean, 1 with findings\n"
-    "\n"
-    "Answer fields:\n"
-    "  target power: power  the limit for the slot; slot  its start (UTC);\n"
-    "                code   0 ok, 5 no slot stored, 10 clock before 2020, 11 no plant ID\n"
-    "  updates:      reason 0 ok, 1 server access, 2 unreadable answer, 3 invalid payload,\n"
-    "                       4 no slots, 5 database, 6 plant ID not registered,\n"
-    "                       7 fixed data of another plant, 9 file not found, 12 exception;\n"
-    "                status the schedule server's HTTP status (0 none, -1 not asked)\n"
-    "\n"
-    "Options:\n"
-    "  --socket PATH   command socket (default: OutputControlSocketPath of LoggerSetting.xml)\n"
-    "  --json          print one JSON object instead of text\n"
-    "  --timeout SEC   how long to wait for the answer, 1 to 86400 (default 120; status: 5)\n"
-    "Relative paths (FILE, --db, --socket) are taken from the current directory.\n"
-    "Exit code: 0 success, 1 the daemon reported a failure, 2 usage or connection error.\n";
+const char kUsage[] = "usage: pvoctl [--socket PATH] [--json] [--timeout SECONDS] COMMAND [ARGS]\n"
+                      "\n"
+                      "Commands (each sends one request to pvocd and prints its answer):\n"
+                      "  current [CAPACITY]          target power of the slot in force now\n"
+                      "  next [CAPACITY]             target power of the next slot\n"
+                      "                              CAPACITY is the plant capacity in the unit you want\n"
+                      "                              the answer in (default 100: the answer is a percentage)\n"
+                      "  update                      fetch the update and fixed schedules from the server now\n"
+                      "  check-plant-id ID URL       ask the schedule server at URL whether plant ID is registered\n"
+                      "  fixed-schedule FILE [--force]\n"
+                      "                              store the fixed schedule in FILE (payload as hex text);\n"
+                      "                              --force replaces the schedule of another plant\n"
+                      "  settings-changed            make pvocd reread SystemSetting.xml\n"
+                      "  flush-log                   make pvocd write its buffered log lines\n"
+                      "Commands that read files only:\n"
+                      "  show-schedule [YYYY-MM-DD] [--db FILE] [--server-time]\n"
+                      "                              print the stored slots of a day (UTC; default today)\n"
+                      "                              as a table with a bar per rate (reads the database only);\n"
+                      "                              --server-time: the schedule server's day and times (UTC+9)\n"
+                      "  status [--json|--prometheus]\n"
+                      "                              plant ID, last and next update, fixed schedule, card or\n"
+                      "                              /tmp in use, log I/O error note, watchdog file age, whether\n"
+                      "                              the socket answers, and a health verdict (exit 0 healthy,\n"
+                      "                              1 unhealthy); --prometheus writes the textfile-collector format\n"
+                      "  check-config [DIR]          check the settings in DIR (default\n"
+                      "                              /usr/local/etc/kestrovanyx/SettingsXML): one FILE:LINE:COLUMN:\n"
+                      "                              finding per line; exit 0 clean, 1 with findings\n"
+                      "\n"
+                      "Answer fields:\n"
+                      "  target power: power  the limit for the slot; slot  its start (UTC);\n"
+                      "                code   0 ok, 5 no slot stored, 10 clock before 2020, 11 no plant ID\n"
+                      "  updates:      reason 0 ok, 1 server access, 2 unreadable answer, 3 invalid payload,\n"
+                      "                       4 no slots, 5 database, 6 plant ID not registered,\n"
+                      "                       7 fixed data of another plant, 9 file not found, 12 exception;\n"
+                      "                status the schedule server's HTTP status (0 none, -1 not asked)\n"
+                      "\n"
+                      "Options:\n"
+                      "  --socket PATH   command socket (default: OutputControlSocketPath of LoggerSetting.xml)\n"
+                      "  --json          print one JSON object instead of text\n"
+                      "  --timeout SEC   how long to wait for the answer, 1 to 86400 (default 120; status: 5)\n"
+                      "Relative paths (FILE, --db, --socket) are taken from the current directory.\n"
+                      "Exit code: 0 success, 1 the daemon reported a failure, 2 usage or connection error.\n";
 
 int Fail(const std::string& message) {
     std::cerr << "pvoctl: " << message << std::endl;
@@ -109,9 +108,9 @@ int PrintTargetPower(const Options& options, const std::string& answer) {
     const std::string message = TextAt(answer, 39, 128);
     const std::string powerText = JsonValue::Number(power);
     if (options.json) {
-        std::cout << "{\"ok\":" << (code == 0 ? "true" : "false") << ",\"code\":" << code
-                  << ",\"power\":" << powerText << ",\"slot\":" << JsonValue::Text(slot)
-                  << ",\"message\":" << JsonValue::Text(message) << "}" << std::endl;
+        std::cout << "{\"ok\":" << (code == 0 ? "true" : "false") << ",\"code\":" << code << ",\"power\":" << powerText
+                  << ",\"slot\":" << JsonValue::Text(slot) << ",\"message\":" << JsonValue::Text(message) << "}"
+                  << std::endl;
     } else if (code == 0) {
         std::cout << "target power " << powerText << " for the slot starting " << SlotText(slot) << std::endl;
     } else {
@@ -139,8 +138,7 @@ int PrintUpdate(const Options& options, const std::string& answer, bool fixedLay
         if (!plantId.empty()) std::cout << " (settings changed: plant " << plantId << ", stand-alone)";
         std::cout << std::endl;
     } else {
-        std::cout << "failed: " << message << " (reason " << reason << ", HTTP status " << status << ")"
-                  << std::endl;
+        std::cout << "failed: " << message << " (reason " << reason << ", HTTP status " << status << ")" << std::endl;
     }
     return reason == 0 ? 0 : 1;
 }
