@@ -104,8 +104,7 @@ TEST_P(IgnoredSignalTest, IsLoggedAndTheDaemonServesOn) {
     ASSERT_TRUE(WaitForStart());
     for (int i = 0; i < 3; ++i) ASSERT_TRUE(daemon_.Signal(GetParam()));
     const std::string line = "] BrevantaOutputControlManager Signal ignored. [" + std::to_string(GetParam()) + "]";
-    EXPECT_TRUE(test::WaitFor([&] { return LogHas(kLogFile, line); }, static_cast<int>(5000 * test::TimeScale())))
-        << test::ReadFile(kLogFile);
+    EXPECT_TRUE(test::WaitFor([&] { return LogHas(kLogFile, line); }, 5000)) << test::ReadFile(kLogFile);
     EXPECT_FALSE(daemon_.WaitExit(200));
     EXPECT_EQ(test::kTargetPowerAnswerSize, test::Ask(test::kCurrentTargetPowerRequest, std::string(8, '\0')).size());
     EXPECT_EQ(test::kUpdateAnswerSize, test::Ask(test::kUpdateScheduleRequest).size());
