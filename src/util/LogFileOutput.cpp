@@ -64,18 +64,19 @@ std::string LogFileOutput::ErrorFilePath() {
     return FileUtil::UnderRoot(kErrorFilePath);
 }
 
-LogFileOutput::LogFileOutput(const LogLimiter::Clock& repeatClock)
+LogFileOutput::LogFileOutput(const LogLimiter::Clock& repeatClock, const LogLimiter::Clock& wallClock, Ticks ticks)
     : active_(&buffers_[0]), activeIndex_(0), timeFormat_(kDefaultTimeFormat), logLevel_(1), bufferedIO_(true),
-      maxBufferedSize_(8192), maxRollIndex_(1), maxFileSize_(10485760), timer_(nullptr), flushRequested_(false),
-      errorRecorded_(false), bufferedBytes_(0), countedLines_(0),
-      limiter_(LogLimiter::kPeriodMicroseconds, repeatClock) {}
+      maxBufferedSize_(8192), maxRollIndex_(1), maxFileSize_(10485760),
+      wallClock_(wallClock ? wallClock : LogLimiter::Clock(&SystemClock::NowMicroseconds)), ticks_(ticks),
+      started_(false), timer_(nullptr), flushRequested_(false), errorRecorded_(false), bufferedBytes_(0),
+      countedLines_(0), limiter_(LogLimiter::kPeriodMicroseconds, repeatClock) {}
 
 LogFileOutput::~LogFileOutput() {
-    if (timer_ == nullptr) return;
-    timer_->stop();
+    if (!started_) return;
+    if (timer_ != nullptr) timer_->stop();
     WriteCounts(true);
     flushRequested_ = true;
-    OnTimer(*timer_);
+    Tick();
     delete timer_;
     timer_ = nullptr;
 }
@@ -127,7 +128,9 @@ void LogFileOutput::SetFilePath(const std::string& path) {
         }
         active_ = &buffers_[activeIndex_];
     }
-    if (timer_ == nullptr) {
+    if (started_) return;
+    started_ = true;
+    if (ticks_ == Ticks::kTimer) {
         timer_ = new Poco::Timer(kTimerIntervalMs, kTimerIntervalMs);
         timer_->start(Poco::TimerCallback<LogFileOutput>(*this, &LogFileOutput::OnTimer));
     }
@@ -136,7 +139,7 @@ void LogFileOutput::SetFilePath(const std::string& path) {
 // Every line carries the time; a format without fractions of a second
 // gives the same text for a whole second, which is formatted only once.
 std::string LogFileOutput::FormatNow() {
-    const std::int64_t micros = SystemClock::NowMicroseconds();
+    const std::int64_t micros = wallClock_();
     const Poco::Timestamp now(micros);
     const std::int64_t second = micros / 1000000 - (micros % 1000000 < 0 ? 1 : 0);
     Poco::FastMutex::ScopedLock lock(timeMutex_);
@@ -250,6 +253,10 @@ LogFileOutput::LineBuffer* LogFileOutput::SwapBuffers() {
 }
 
 void LogFileOutput::OnTimer(Poco::Timer&) {
+    Tick();
+}
+
+void LogFileOutput::Tick() {
     WriteCounts(false);
     LineBuffer* toWrite = SwapBuffers();
     if (toWrite == nullptr || toWrite->empty()) return;

@@ -30,9 +30,16 @@ public:
     // this process records its write failures in.
     static std::string ErrorFilePath();
 
+    // What drives the writer: its own 500 ms timer, or the owner calling
+    // Tick() (tests, which so decide when a write may happen).
+    enum class Ticks { kTimer, kByCaller };
+
     // `repeatClock` times the periods of repeated lines (the steady clock
-    // when empty); tests pass their own.
-    explicit LogFileOutput(const LogLimiter::Clock& repeatClock = LogLimiter::Clock());
+    // when empty). `wallClock` gives the time written on each line, in
+    // microseconds since 1970-01-01 00:00:00 UTC (the system clock when
+    // empty). Tests pass their own clocks and ticks.
+    explicit LogFileOutput(const LogLimiter::Clock& repeatClock = LogLimiter::Clock(),
+                           const LogLimiter::Clock& wallClock = LogLimiter::Clock(), Ticks ticks = Ticks::kTimer);
     // Stops the timer and writes what the active buffer still holds,
     // together with the counts of repeated lines still pending.
     virtual ~LogFileOutput();
@@ -52,7 +59,8 @@ public:
     void SetBufferedIO(bool buffered);
     // Time-stamp pattern; an empty pattern is ignored.
     void SetTimeFormat(const std::string& format);
-    // Sets the log file and starts the writer timer (once).
+    // Sets the log file and, with Ticks::kTimer, starts the writer timer
+    // (once).
     void SetFilePath(const std::string& path);
 
     // Formats one line "[time UTC] [mark] prefix message", echoes it to
@@ -68,7 +76,11 @@ public:
     // Whether the log is written through the buffer.
     bool IsBufferedIO() const;
 
-    // Timer callback: swaps and writes the buffer when a write is due.
+    // One pass of the writer: queues the counts of ended repeat periods,
+    // then swaps and writes the buffer when a write is due. Called from one
+    // thread at a time: the timer's, or the owner's with Ticks::kByCaller.
+    void Tick();
+    // Timer callback: Tick().
     void OnTimer(Poco::Timer& timer);
 
     // Accessors for tests and diagnostics.
@@ -112,6 +124,9 @@ private:
     int maxBufferedSize_;
     int maxRollIndex_;
     Poco::UInt32 maxFileSize_;
+    LogLimiter::Clock wallClock_;
+    Ticks ticks_;
+    bool started_;
     Poco::Timer* timer_;
     std::atomic<bool> flushRequested_;
     bool errorRecorded_;

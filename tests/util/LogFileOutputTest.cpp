@@ -32,6 +32,18 @@ protected:
         return *output_;
     }
 
+    // An output whose writer runs only when the test calls Tick(), and whose
+    // lines carry the time of wall_: between two ticks no timer can write,
+    // so a check that nothing was written is exact rather than timed.
+    LogFileOutput& MakeStepped(bool buffered, int bufferedSize = 8192) {
+        std::shared_ptr<std::atomic<std::int64_t>> wall = wall_;
+        output_.reset(new LogFileOutput(
+            LogLimiter::Clock(), [wall] { return wall->load(); }, LogFileOutput::Ticks::kByCaller));
+        output_->SetBufferedIO(buffered);
+        output_->SetMaxBufferedSize(bufferedSize);
+        return *output_;
+    }
+
     void Log(const std::string& message, int level = 2) { output_->Output(level, "I", "[1] Test", message); }
 
     static bool FileHas(const std::string& path, const std::string& text) {
@@ -39,6 +51,9 @@ protected:
     }
 
     std::unique_ptr<LogFileOutput> output_;
+    // 2026-11-25 06:30:00 UTC, in microseconds.
+    std::shared_ptr<std::atomic<std::int64_t>> wall_ =
+        std::make_shared<std::atomic<std::int64_t>>(1795588200LL * 1000000);
 };
 
 TEST_F(LogFileOutputTest, DefaultsAndSetterGuards) {
@@ -81,22 +96,34 @@ TEST_F(LogFileOutputTest, LineFormat) {
 // The time text is formatted once per second; each line must still carry
 // its own second, and a format with fractions of a second its own fraction.
 TEST_F(LogFileOutputTest, EveryLineCarriesItsOwnTime) {
-    Make(false).SetFilePath(kFile);
+    MakeStepped(false).SetFilePath(kFile);
     Log("first");
-    Poco::Thread::sleep(1100);
-    Log("second");
+    *wall_ += 999999;
+    Log("same second");
+    *wall_ += 1;
+    Log("next second");
     output_->SetTimeFormat("%Y-%m-%d %H:%M:%S.%i");
-    Log("third");
-    Poco::Thread::sleep(20);
-    Log("fourth");
-    ASSERT_TRUE(test::WaitFor([] { return FileHas(kFile, "fourth"); }, 5000));
+    *wall_ += 20000;
+    Log("with fraction");
+    *wall_ += 20000;
+    Log("next fraction");
+    output_->Tick();
     const std::vector<std::string> lines = test::ReadLines(kFile);
-    ASSERT_EQ(4u, lines.size());
-    const auto time = [](const std::string& line) { return line.substr(1, line.find(" UTC]") - 1); };
-    EXPECT_EQ(19u, time(lines[0]).size());
-    EXPECT_NE(time(lines[0]), time(lines[1]));
-    EXPECT_EQ(23u, time(lines[2]).size()) << lines[2];
-    EXPECT_NE(time(lines[2]), time(lines[3]));
+    ASSERT_EQ(5u, lines.size());
+    const auto time = [](const std::string& line) { return line.substr(0, line.find(" UTC]") + 5); };
+    EXPECT_EQ("[2026-11-25 06:30:00 UTC]", time(lines[0]));
+    EXPECT_EQ("[2026-11-25 06:30:00 UTC]", time(lines[1]));
+    EXPECT_EQ("[2026-11-25 06:30:01 UTC]", time(lines[2]));
+    EXPECT_EQ("[2026-11-25 06:30:01.020 UTC]", time(lines[3]));
+    EXPECT_EQ("[2026-11-25 06:30:01.040 UTC]", time(lines[4]));
+}
+
+TEST_F(LogFileOutputTest, NothingIsWrittenBetweenTicksWhenTheCallerTicks) {
+    MakeStepped(false).SetFilePath(kFile);
+    Log("waits for the tick");
+    EXPECT_FALSE(FileHas(kFile, "waits for the tick"));
+    output_->Tick();
+    EXPECT_TRUE(FileHas(kFile, "waits for the tick"));
 }
 
 TEST_F(LogFileOutputTest, EmptyMarkAndPrefixAreLeftOut) {
@@ -122,29 +149,42 @@ TEST_F(LogFileOutputTest, LineBelowLevelIsNeitherWrittenNorEchoed) {
 }
 
 TEST_F(LogFileOutputTest, BufferedWaitsForThreshold) {
-    Make(true, 200).SetFilePath(kFile);
+    MakeStepped(true, 200).SetFilePath(kFile);
     Log("first");
-    Poco::Thread::sleep(1500);
+    for (int i = 0; i < 3; ++i) output_->Tick();
     EXPECT_FALSE(FileHas(kFile, "first"));
     for (int i = 0; i < 5; ++i) Log(std::string(40, 'x'));
-    ASSERT_TRUE(test::WaitFor([] { return FileHas(kFile, "first"); }, 5000));
+    output_->Tick();
+    EXPECT_TRUE(FileHas(kFile, "first"));
     EXPECT_EQ(6u, test::ReadLines(kFile).size());
 }
 
 TEST_F(LogFileOutputTest, BufferedWritesOnFlushRequest) {
+    MakeStepped(true, 100000).SetFilePath(kFile);
+    Log("pending");
+    for (int i = 0; i < 3; ++i) output_->Tick();
+    EXPECT_FALSE(FileHas(kFile, "pending"));
+    output_->RequestFlush();
+    EXPECT_TRUE(output_->IsFlushRequested());
+    output_->Tick();
+    EXPECT_TRUE(FileHas(kFile, "pending"));
+    EXPECT_FALSE(output_->IsFlushRequested());
+}
+
+// With its own timer the writer needs no caller: a flush request is
+// written within a few of its 500 ms ticks.
+TEST_F(LogFileOutputTest, TimerWritesAFlushRequestByItself) {
     Make(true, 100000).SetFilePath(kFile);
     Log("pending");
-    Poco::Thread::sleep(1200);
-    EXPECT_FALSE(FileHas(kFile, "pending"));
     output_->RequestFlush();
     ASSERT_TRUE(test::WaitFor([] { return FileHas(kFile, "pending"); }, 5000));
     EXPECT_FALSE(output_->IsFlushRequested());
 }
 
 TEST_F(LogFileOutputTest, BufferedWritesOnDestruction) {
-    Make(true, 100000).SetFilePath(kFile);
+    MakeStepped(true, 100000).SetFilePath(kFile);
     Log("kept at the end");
-    Poco::Thread::sleep(700);
+    output_->Tick();
     EXPECT_FALSE(FileHas(kFile, "kept at the end"));
     output_.reset();
     EXPECT_TRUE(FileHas(kFile, "kept at the end"));
@@ -195,15 +235,16 @@ std::vector<std::string> NumberedLines(const std::string& path) {
 }
 
 TEST_F(LogFileOutputTest, RollingKeepsEveryLineOnceInOrder) {
-    LogFileOutput& output = Make(false);
+    LogFileOutput& output = MakeStepped(false);
     output.SetMaxFileSize(400);
     output.SetMaxRollIndex(40);
     output.SetFilePath(kFile);
     for (int i = 0; i < 60; ++i) {
         Log("line-" + std::to_string(i));
-        if (i % 7 == 0) Poco::Thread::sleep(120);
+        if (i % 7 == 0) output.Tick();
     }
-    ASSERT_TRUE(test::WaitFor([] { return FileHas(kFile, "line-59\n"); }, 5000));
+    output.Tick();
+    ASSERT_TRUE(FileHas(kFile, "line-59\n"));
     std::vector<std::string> all;
     for (int i = 40; i >= 1; --i) {
         const std::string rolled = kFile + "." + std::to_string(i);
@@ -255,10 +296,10 @@ TEST_F(LogFileOutputTest, RepeatedFailuresLeaveOneEntryPerPeriod) {
     // fail, even for root.
     test::WriteFile(test::FixedPath("/media/sdcard/blocked"), "x");
     const std::string blockedFile = test::FixedPath("/media/sdcard/blocked/log/out.log");
-    Make(false).SetFilePath(blockedFile);
+    MakeStepped(false).SetFilePath(blockedFile);
     for (int i = 0; i < 4; ++i) {
         Log("lost-" + std::to_string(i));
-        Poco::Thread::sleep(600);
+        output_->Tick();
     }
     std::vector<std::string> entries = test::ReadLines(LogFileOutput::ErrorFilePath());
     ASSERT_EQ(1u, entries.size());
@@ -269,7 +310,8 @@ TEST_F(LogFileOutputTest, RepeatedFailuresLeaveOneEntryPerPeriod) {
     // Space returns: the held lines are written, in order, and the entry is
     // re-armed for the next failure period.
     test::RemoveAll(test::FixedPath("/media/sdcard/blocked"));
-    ASSERT_TRUE(test::WaitFor([&] { return FileHas(blockedFile, "lost-3"); }, 5000));
+    output_->Tick();
+    ASSERT_TRUE(FileHas(blockedFile, "lost-3"));
     const std::string written = test::ReadFile(blockedFile);
     for (int i = 0; i < 4; ++i) {
         const std::string text = "lost-" + std::to_string(i);
@@ -281,18 +323,19 @@ TEST_F(LogFileOutputTest, RepeatedFailuresLeaveOneEntryPerPeriod) {
     test::RemoveAll(test::FixedPath("/media/sdcard/blocked"));
     test::WriteFile(test::FixedPath("/media/sdcard/blocked"), "x");
     Log("lost-again");
-    ASSERT_TRUE(test::WaitFor([] { return test::ReadLines(LogFileOutput::ErrorFilePath()).size() == 2; }, 5000));
-    Poco::Thread::sleep(1200);
+    output_->Tick();
+    EXPECT_EQ(2u, test::ReadLines(LogFileOutput::ErrorFilePath()).size());
+    for (int i = 0; i < 3; ++i) output_->Tick();
     EXPECT_EQ(2u, test::ReadLines(LogFileOutput::ErrorFilePath()).size());
 }
 
 TEST_F(LogFileOutputTest, EmptyPathIsReportedButDoesNotCrash) {
     ::testing::internal::CaptureStdout();
-    Make(false).SetFilePath("");
+    MakeStepped(false).SetFilePath("");
     std::fflush(stdout);
     EXPECT_NE(std::string::npos, ::testing::internal::GetCapturedStdout().find("file_path error not set\n"));
     Log("nowhere");
-    Poco::Thread::sleep(700);
+    output_->Tick();
     EXPECT_TRUE(test::FileExists(LogFileOutput::ErrorFilePath()));
 }
 
