@@ -59,9 +59,11 @@ public:
     static constexpr int kDefaultScheduleRetensionCycle = 90;
     // Built-in test-mode switch (off).
     static constexpr int kDefaultTestMode = 0;
-    // Built-in seconds between periodic schedule checks; also used for a value below 1.
+    // Built-in seconds between periodic schedule checks; the schedule
+    // timers also tick at it when the setting is below 1.
     static constexpr int kDefaultMonitoringInterval = 180;
-    // Built-in time-out of socket exchanges in seconds; also used for a value below 1.
+    // Built-in time-out of socket exchanges in seconds; the command socket
+    // also waits for its clients this long when the setting is below 1.
     static constexpr int kDefaultSocketTimeout = 60;
 
     // Path of the logger daemon's socket.

@@ -122,8 +122,9 @@ TEST_F(ScheduleUpdateManagerTest, RetryRule) {
         EXPECT_TRUE(ScheduleUpdateManager::IsRetryable(UpdateResult(reason, 0, ""))) << ToWire(reason);
         EXPECT_TRUE(ScheduleUpdateManager::IsRetryable(UpdateResult(reason, -1, ""))) << ToWire(reason);
     }
-    for (FailureReason reason : {FailureReason::kResponseUnparsable, FailureReason::kDatabaseWriteFailed,
-                                 FailureReason::kPlantIdNotRegistered, FailureReason::kPlantIdMismatch}) {
+    for (FailureReason reason :
+         {FailureReason::kResponseUnparsable, FailureReason::kDatabaseWriteFailed, FailureReason::kPlantIdNotRegistered,
+          FailureReason::kPlantIdMismatch, FailureReason::kFileNotFound}) {
         EXPECT_FALSE(ScheduleUpdateManager::IsRetryable(UpdateResult(reason, 0, ""))) << ToWire(reason);
     }
 }

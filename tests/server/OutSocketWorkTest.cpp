@@ -102,6 +102,20 @@ protected:
     static std::vector<std::string> LogLines() { return test::FlushedLogLines(); }
 };
 
+// No wait for a client may be unbounded: a time-out below 1 s is the
+// built-in 60 s.
+TEST_F(OutSocketWorkTest, TimeoutBelowOneSecondIsTheBuiltInSixty) {
+    EXPECT_EQ(2, OutSocketWork::TimeoutSeconds());
+    EXPECT_EQ(2000000, OutSocketWork::TimeoutMicroseconds());
+    for (const char* value : {"0", "-5"}) {
+        LoggerSettingManager::DeleteInstance();
+        test::WriteLoggerSetting(std::string("<OutputControlSocketTimeout>") + value + "</OutputControlSocketTimeout>");
+        LoggerSettingManager::CreateInstance();
+        EXPECT_EQ(60, OutSocketWork::TimeoutSeconds()) << value;
+        EXPECT_EQ(60000000, OutSocketWork::TimeoutMicroseconds()) << value;
+    }
+}
+
 TEST_F(OutSocketWorkTest, UpdateAnswerLayout) {
     const std::string answer = Bytes(OutSocketWork::UpdateAnswer(
         3, UpdateResult(FailureReason::kPlantIdNotRegistered, 200, "Plant ID is not registered")));

@@ -104,6 +104,7 @@ TEST_F(LoggerLogTest, FileSettingsSetDirectlyBuildTheOutput) {
     LoggerLog::SetFileSettings(settings);
     LoggerLog::CreateInstance();
     ASSERT_TRUE(LoggerLog::Output());
+    EXPECT_EQ(1024u, LoggerLog::Output()->GetMaxFileSize());
     EXPECT_EQ(3, LoggerLog::Output()->GetMaxRollIndex());
     EXPECT_EQ(0, LoggerLog::Output()->GetLogLevel());
     EXPECT_FALSE(LoggerLog::Output()->IsBufferedIO());
