@@ -34,6 +34,11 @@ public:
     bool IsSettingChanged() const { return settingChanged_; }
     // The plant ID of a fixed-data update; empty otherwise.
     const std::string& GetPlantId() const { return plantId_; }
+    // The server's Retry-After of a failed exchange, in seconds; -1 when it
+    // named none. Not part of the printed form.
+    std::int64_t GetRetryAfterSeconds() const { return retryAfterSeconds_; }
+    // Sets what GetRetryAfterSeconds returns.
+    void SetRetryAfterSeconds(std::int64_t seconds) { retryAfterSeconds_ = seconds; }
 
     // Printed form for log lines, for example
     // "UpdateResult [true]  FailureReason:0 StatusCode:0 Message:".
@@ -46,6 +51,7 @@ private:
     std::string message_;
     bool settingChanged_;
     std::string plantId_;
+    std::int64_t retryAfterSeconds_ = -1;
 };
 
 } // namespace brvo

@@ -1,0 +1,102 @@
+#include "schedule/RetryPolicy.h"
+
+#include "schedule/UpdateResult.h"
+
+#include <algorithm>
+
+namespace brvo {
+
+namespace {
+
+const std::int64_t kHalfHourSeconds = 1800;
+
+// Doubles `base` (failures - 1) times, stopping at `cap`.
+std::int64_t Doubled(std::int64_t base, int failures, std::int64_t cap) {
+    std::int64_t delay = base;
+    for (int i = 1; i < failures && delay < cap; ++i) delay *= 2;
+    return std::min(delay, cap);
+}
+
+// FNV-1a of the plant ID: a spread that differs between devices and stays
+// the same on one.
+std::uint32_t PlantHash(const std::string& plantId) {
+    std::uint32_t hash = 2166136261u;
+    for (const char c : plantId) {
+        hash ^= static_cast<unsigned char>(c);
+        hash *= 16777619u;
+    }
+    return hash;
+}
+
+} // namespace
+
+bool RetryPolicy::IsRetryable(const UpdateResult& result) {
+    if (result.IsResult()) return false;
+    const std::int32_t status = result.GetStatusCode();
+    if (status >= 100 && status <= 199) return true;
+    if (status >= 200 && status <= 299) return false;
+    if (status >= 300 && status <= 399) return true;
+    if (status >= 400 && status <= 499) return false;
+    if (status >= 500 && status <= 599) return true;
+    switch (result.GetFailureReason()) {
+    case FailureReason::kAccessFailed:
+    case FailureReason::kPayloadInvalid:
+    case FailureReason::kNoSlots:
+    case FailureReason::kException:
+        return true;
+    default:
+        return false;
+    }
+}
+
+RetryPolicy::History RetryPolicy::Record(const History& history, const UpdateResult& result) {
+    if (result.IsResult()) return History();
+    History next = history;
+    ++next.failures;
+    next.lastRetryable = IsRetryable(result);
+    if (next.lastRetryable) {
+        ++next.retryableFailures;
+        next.permanentFailures = 0;
+    } else {
+        ++next.permanentFailures;
+        next.retryableFailures = 0;
+    }
+    next.retryAfterSeconds = result.GetRetryAfterSeconds();
+    return next;
+}
+
+std::int64_t RetryPolicy::BackOffSeconds(const History& history) {
+    if (history.failures <= 0) return 0;
+    if (history.retryAfterSeconds >= 0)
+        return std::min(std::max(history.retryAfterSeconds, kRetryAfterMinSeconds), kMaxDelaySeconds);
+    if (history.lastRetryable) return Doubled(kRetryBaseSeconds, history.retryableFailures, kRetryCapSeconds);
+    return Doubled(kPermanentBaseSeconds, history.permanentFailures, kMaxDelaySeconds);
+}
+
+std::int64_t RetryPolicy::SpreadSeconds(const std::string& plantId, std::int64_t delay) {
+    if (delay <= 0) return 0;
+    const std::int64_t span = delay * kSpreadPercent / 100;
+    if (span <= 0) return 0;
+    return static_cast<std::int64_t>(PlantHash(plantId) % static_cast<std::uint64_t>(span + 1));
+}
+
+std::int64_t RetryPolicy::SteppedServerTime(std::int64_t serverNext, std::int64_t now) {
+    std::int64_t next = serverNext < 0 ? now : serverNext;
+    if (next <= now) next += (now - next) / kHalfHourSeconds * kHalfHourSeconds;
+    while (next <= now) next += kHalfHourSeconds;
+    return next;
+}
+
+std::int64_t RetryPolicy::NextUpdateAttempt(const History& history, const std::string& plantId, std::int64_t now,
+                                            std::int64_t serverNext) {
+    if (history.failures <= 0) return SteppedServerTime(serverNext, now);
+    const std::int64_t delay = BackOffSeconds(history);
+    // A server's own hint is honoured as given; only our own back-off is
+    // spread.
+    const std::int64_t spread = history.retryAfterSeconds >= 0 ? 0 : SpreadSeconds(plantId, delay);
+    std::int64_t next = now + std::min(delay + spread, kMaxDelaySeconds);
+    if (serverNext > now && serverNext < next) next = serverNext;
+    return next;
+}
+
+} // namespace brvo

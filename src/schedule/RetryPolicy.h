@@ -1,0 +1,90 @@
+// When the update schedule is asked for next: after a success, after a
+// failure worth retrying and after one that is not. A pure function of what
+// it is given, so the same rules serve the daemon, its tests and the fleet
+// model of a server outage.
+//
+// The rules, in order:
+//  - No failure since the last success: the server's next update time,
+//    stepped on by 30 minutes while it is not later than now (a time that
+//    does not read counts as now).
+//  - The last failure named a Retry-After (a 429 or 503 answer): now plus
+//    that many seconds, held within 30 s and 24 h.
+//  - Retryable failures (IsRetryable) back off from 30 minutes: 30 min,
+//    1 h, 2 h, 4 h, then 6 h.
+//  - Failures that are not retryable back off from 6 hours: 6 h, 12 h,
+//    then 24 h.
+//  - A back-off is stretched by a share of itself fixed per plant ID (up to
+//    kSpreadPercent), so that devices which failed together do not come
+//    back together; the result is never more than 24 h away.
+//  - The server's next update time wins over a back-off when it is later
+//    than now and sooner than the back-off.
+// Thread-safe: no state.
+#ifndef BRVO_SCHEDULE_RETRYPOLICY_H
+#define BRVO_SCHEDULE_RETRYPOLICY_H
+
+#include <cstdint>
+#include <string>
+
+namespace brvo {
+
+class UpdateResult;
+
+class RetryPolicy {
+public:
+    // The failures since the last success of the update schedule.
+    struct History {
+        // Consecutive failures since the last success, of either kind.
+        int failures = 0;
+        // Whether the last failure was retryable.
+        bool lastRetryable = false;
+        // Consecutive failures that were not retryable.
+        int permanentFailures = 0;
+        // Consecutive retryable failures.
+        int retryableFailures = 0;
+        // The last failure's Retry-After in seconds; -1 when it named none.
+        std::int64_t retryAfterSeconds = -1;
+    };
+
+    // Longest time to the next attempt, and the back-off steps.
+    static constexpr std::int64_t kMaxDelaySeconds = 24 * 3600;
+    static constexpr std::int64_t kRetryBaseSeconds = 30 * 60;
+    static constexpr std::int64_t kRetryCapSeconds = 6 * 3600;
+    static constexpr std::int64_t kPermanentBaseSeconds = 6 * 3600;
+    static constexpr std::int64_t kRetryAfterMinSeconds = 30;
+    // The largest stretch of a back-off, in percent of it.
+    static constexpr int kSpreadPercent = 50;
+
+    // Whether a failed flow result is worth trying again soon: by its HTTP
+    // status class (1xx, 3xx, 5xx yes; 2xx, 4xx no), otherwise by its
+    // failure reason (1, 3, 4, 12 yes). A success is not.
+    static bool IsRetryable(const UpdateResult& result);
+
+    // `history` after `result`: a success clears it.
+    static History Record(const History& history, const UpdateResult& result);
+
+    // The epoch second of the next attempt of the update schedule, given
+    // the failures since the last success, the plant ID (for the spread),
+    // now, and the server's next update time (epoch seconds; -1 when none
+    // reads).
+    static std::int64_t NextUpdateAttempt(const History& history, const std::string& plantId, std::int64_t now,
+                                          std::int64_t serverNext);
+
+    // The back-off after the failures of `history`, before the spread; 0
+    // when there was none.
+    static std::int64_t BackOffSeconds(const History& history);
+
+    // The stretch of a back-off of `delay` seconds for `plantId`: between 0
+    // and kSpreadPercent of it, the same every time for one plant ID.
+    static std::int64_t SpreadSeconds(const std::string& plantId, std::int64_t delay);
+
+    // The next 30-minute step of `serverNext` after `now` (`now` + 30 min
+    // stepping when serverNext is -1).
+    static std::int64_t SteppedServerTime(std::int64_t serverNext, std::int64_t now);
+
+private:
+    RetryPolicy() = delete;
+};
+
+} // namespace brvo
+
+#endif
