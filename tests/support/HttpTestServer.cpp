@@ -37,7 +37,7 @@ HttpTestServer::HttpTestServer(const std::string& answer, int delayMs)
 }
 
 HttpTestServer::HttpTestServer(const std::string& answer, const Tls& tls)
-    : answers_{answer}, delayMs_(0), dripMs_(0), reset_(false), connections_(0),
+    : answers_{answer}, answersFrom_(0), delayMs_(0), dripMs_(0), reset_(false), connections_(0),
       released_(Poco::Event::EVENT_MANUALRESET), scheme_("https"),
       socket_(Poco::Net::SecureServerSocket(Poco::Net::SocketAddress("127.0.0.1", 0), 64,
                                             new Poco::Net::Context(Poco::Net::Context::TLS_SERVER_USE, tls.keyFile,
@@ -48,7 +48,7 @@ HttpTestServer::HttpTestServer(const std::string& answer, const Tls& tls)
 }
 
 HttpTestServer::HttpTestServer(const std::vector<std::string>& answers)
-    : answers_(answers), delayMs_(0), dripMs_(0), reset_(false), connections_(0),
+    : answers_(answers), answersFrom_(0), delayMs_(0), dripMs_(0), reset_(false), connections_(0),
       released_(Poco::Event::EVENT_MANUALRESET), scheme_("http"), socket_(Poco::Net::SocketAddress("127.0.0.1", 0)),
       port_(socket_.address().port()), stop_(false) {
     thread_.start(*this);
@@ -68,6 +68,12 @@ std::string HttpTestServer::Url(const std::string& path) const {
 std::vector<HttpTestServer::Received> HttpTestServer::Requests() const {
     Poco::FastMutex::ScopedLock lock(mutex_);
     return requests_;
+}
+
+void HttpTestServer::SetAnswers(const std::vector<std::string>& answers) {
+    Poco::FastMutex::ScopedLock lock(mutex_);
+    answers_ = answers;
+    answersFrom_ = requests_.size();
 }
 
 void HttpTestServer::Release() {
@@ -131,7 +137,7 @@ void HttpTestServer::Serve(Poco::Net::StreamSocket& socket) {
     {
         Poco::FastMutex::ScopedLock lock(mutex_);
         requests_.push_back(received);
-        answer = answers_.at(std::min(requests_.size(), answers_.size()) - 1);
+        answer = answers_.at(std::min(requests_.size() - answersFrom_, answers_.size()) - 1);
     }
     // Released at once when the test releases it or the server stops, so a
     // server told to stall longer than a test runs still stops with it.

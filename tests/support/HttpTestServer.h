@@ -68,6 +68,11 @@ public:
     // Ends every later connection with a reset (RST) right after the
     // answer, instead of an orderly close.
     void ResetAfterAnswer() { reset_ = true; }
+    // Answers the requests from now on with `answers` as the constructor
+    // does: the first of them with `answers[0]`, and so on, every one
+    // past the list with its last. A server that comes back, or changes
+    // its mind, while its client runs on.
+    void SetAnswers(const std::vector<std::string>& answers);
 
     // A complete answer: status line, Content-Type (when not empty), a
     // Content-Length of `announced` (the body's own length when negative;
@@ -80,7 +85,10 @@ private:
     void Serve(Poco::Net::StreamSocket& socket);
     void Send(Poco::Net::StreamSocket& socket, const std::string& answer);
 
+    // Under mutex_: the answers, and the number of requests received
+    // before the first of them.
     std::vector<std::string> answers_;
+    std::size_t answersFrom_;
     std::atomic<int> delayMs_;
     std::atomic<int> dripMs_;
     std::atomic<bool> reset_;
