@@ -6,7 +6,10 @@
 #include <Poco/Thread.h>
 #include <Poco/Timestamp.h>
 
+#include <gtest/gtest.h>
+
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -76,7 +79,11 @@ std::vector<std::string> ChildProcess::DaemonCommand() {
     return Command(PVOCD_BINARY);
 }
 
-std::map<std::string, std::string> ChildProcess::FakeTimeEnv(const std::string& spec) {
+namespace {
+
+// The LD_PRELOAD list of a child under a fake clock: libfaketime, behind
+// the libraries that must come before it.
+std::string FakeTimeLibraries() {
     const char* library = std::getenv("PVOC_FAKETIME_LIB");
     std::string path = library != nullptr ? library : "";
 #ifdef PVOCD_CROSS_FAKETIME_LIB
@@ -106,12 +113,20 @@ std::map<std::string, std::string> ChildProcess::FakeTimeEnv(const std::string& 
 #endif
     // A sanitizer build checks that its runtime is loaded first; the
     // preloaded clock library comes first on purpose.
+    return path;
+}
+
+} // namespace
+
+const std::string ChildProcess::kUnset(1, '\0');
+
+std::map<std::string, std::string> ChildProcess::FakeTimeEnv(const std::string& spec) {
 #ifdef PVOCD_FAKE_WALL_CLOCK_ONLY
     const char* fakeMonotonic = "1";
 #else
     const char* fakeMonotonic = "0";
 #endif
-    return {{"LD_PRELOAD", path},
+    return {{"LD_PRELOAD", FakeTimeLibraries()},
             {"FAKETIME", WithSuiteShift(spec)},
             {"FAKETIME_DONT_FAKE_MONOTONIC", fakeMonotonic},
             // The daemon never reads file times, and the library's faked
@@ -120,6 +135,26 @@ std::map<std::string, std::string> ChildProcess::FakeTimeEnv(const std::string& 
             // exit handler, would leave each later stat waiting for ever.
             {"NO_FAKE_STAT", "1"},
             {"ASAN_OPTIONS", "verify_asan_link_order=0"}};
+}
+
+std::map<std::string, std::string> ChildProcess::FakeTimeFileEnv(const std::string& file) {
+    return {{"LD_PRELOAD", FakeTimeLibraries()},
+            {"FAKETIME", kUnset},
+            {"FAKETIME_TIMESTAMP_FILE", file},
+            {"FAKETIME_NO_CACHE", "1"},
+            {"FAKETIME_DONT_FAKE_MONOTONIC", "1"},
+            // Without it the library takes the deadlines of timed waits
+            // (POCO's timers wait so) for the faked clock's, and the timers
+            // wake at once over and over.
+            {"FAKETIME_FORCE_MONOTONIC_FIX", "0"},
+            {"NO_FAKE_STAT", "1"},
+            {"ASAN_OPTIONS", "verify_asan_link_order=0"}};
+}
+
+void ChildProcess::SetFakeTime(const std::string& file, const std::string& spec) {
+    const std::string next = file + ".next";
+    WriteFile(next, WithSuiteShift(spec) + "\n");
+    ASSERT_EQ(0, std::rename(next.c_str(), file.c_str())) << file;
 }
 
 ChildProcess::ChildProcess() : pid_(-1), ended_(false), status_(0) {}
@@ -144,7 +179,13 @@ bool ChildProcess::Start(const std::vector<std::string>& argv, const std::string
     if (pid == 0) {
         ::dup2(out, 1);
         ::dup2(out, 2);
-        for (const auto& entry : env) ::setenv(entry.first.c_str(), entry.second.c_str(), 1);
+        for (const auto& entry : env) {
+            if (entry.second == kUnset) {
+                ::unsetenv(entry.first.c_str());
+            } else {
+                ::setenv(entry.first.c_str(), entry.second.c_str(), 1);
+            }
+        }
         std::vector<char*> args;
         for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
         args.push_back(nullptr);

@@ -38,13 +38,31 @@ public:
     // "+(N+S)" with the same rate, so that the child and the test agree on
     // now; anything else, or no shift, leaves it as it is.
     static std::string WithSuiteShift(const std::string& spec);
+    // Environment that runs a child under libfaketime (the same libraries
+    // as FakeTimeEnv) with its wall clock read from `file` on every call,
+    // so that a test steps the child's clock, forward or back, by
+    // rewriting the file (SetFakeTime). The monotonic clock stays real on
+    // every target: the child's timed waits keep their length across a
+    // step. FAKETIME, which would win over the file, is removed from the
+    // child's environment, a whole-run shift's included.
+    static std::map<std::string, std::string> FakeTimeFileEnv(const std::string& file);
+    // Sets the clock of the children started with FakeTimeFileEnv(`file`)
+    // to `spec`: "@YYYY-MM-DD HH:MM:SS" (the child's local time) sets it to
+    // that moment, from where it runs on; a relative one counts from a
+    // whole-run shift (WithSuiteShift). The file is replaced in one step,
+    // so that a child never reads half of it. Fails the test on error.
+    static void SetFakeTime(const std::string& file, const std::string& spec);
+    // A value of Start's `env` that removes the variable from the child's
+    // environment instead of setting it.
+    static const std::string kUnset;
 
     ChildProcess();
     // Kills the child (SIGKILL) if it still runs.
     ~ChildProcess();
 
-    // Starts `argv` with the environment of the test plus `env`; output goes
-    // to `outputPath`. False if the process could not be started.
+    // Starts `argv` with the environment of the test plus `env` (less the
+    // variables whose value is kUnset); output goes to `outputPath`. False
+    // if the process could not be started.
     bool Start(const std::vector<std::string>& argv, const std::string& outputPath,
                const std::map<std::string, std::string>& env = {});
     // Sends `signal`; false when the child is not running.
