@@ -3,17 +3,23 @@
 // the C library's 64-bit calls (to stay right after 2038); Debian 12's
 // 32-bit Arm libfaketime does not fake them, and Debian 13's computes them
 // in a 32-bit time_t, so that every time after 2038 comes out wrong. This
-// library fakes the wall clock's 64-bit calls from the same FAKETIME value:
+// library fakes the wall clock's 64-bit calls from the same value as
+// libfaketime takes: FAKETIME, or when that is not set the first line of the
+// file named by FAKETIME_TIMESTAMP_FILE:
 //   "@YYYY-MM-DD HH:MM:SS"  the clock starts at that local time,
 //   "+N" / "-N"             the clock is N seconds ahead / behind,
 // either followed by " xR": the clock runs R times as fast.
-// Any other value leaves the clock as it is. The real wall clock is read
-// with the kernel's 64-bit call itself, past any other library; the other
-// clocks (monotonic) go on to libfaketime.
+// Any other value leaves the clock as it is. FAKETIME is read once. The
+// file is read once too, unless FAKETIME_NO_CACHE=1: then it is read on
+// every call, and a changed text starts the clock anew from it, as
+// libfaketime does, so that a test steps the clock by rewriting the file.
+// The real wall clock is read with the kernel's 64-bit call itself, past
+// any other library; the other clocks (monotonic) go on to libfaketime.
 //
 // Built with _TIME_BITS=64, so time_t, struct timespec and mktime are the
 // 64-bit ones and the functions below are the C library's 64-bit entries.
 #include <dlfcn.h>
+#include <pthread.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <time.h>
@@ -45,11 +51,9 @@ ClockFunction NextClock() {
     return next;
 }
 
-// Reads FAKETIME once; `nowUs` is the real clock of the first call.
-Fake ReadFake(std::int64_t nowUs) {
+// The clock of `spec` from now on; `nowUs` is the real clock now.
+Fake ParseFake(const char* spec, std::int64_t nowUs) {
     Fake fake;
-    const char* spec = std::getenv("FAKETIME");
-    if (spec == nullptr) return fake;
     const char* speed = std::strstr(spec, " x");
     if (speed != nullptr) fake.rate = std::atof(speed + 2);
     fake.realStartUs = nowUs;
@@ -70,6 +74,52 @@ Fake ReadFake(std::int64_t nowUs) {
     return fake;
 }
 
+// The longest spec kept, line end included.
+const std::size_t kSpecSize = 256;
+
+// The first line of `path` that is not a comment, without its line end,
+// into `text`; empty when the file cannot be read.
+void ReadSpecFile(const char* path, char* text) {
+    text[0] = '\0';
+    std::FILE* file = std::fopen(path, "re");
+    if (file == nullptr) return;
+    while (std::fgets(text, static_cast<int>(kSpecSize), file) != nullptr) {
+        if (text[0] != '#' && text[0] != ';') break;
+        text[0] = '\0';
+    }
+    std::fclose(file);
+    text[std::strcspn(text, "\r\n")] = '\0';
+}
+
+// The clock as the spec gives it now; `nowUs` is the real clock now.
+Fake CurrentFake(std::int64_t nowUs) {
+    static pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+    static bool read = false;
+    static char spec[kSpecSize];
+    static Fake fake;
+    const char* variable = std::getenv("FAKETIME");
+    const char* file = variable == nullptr ? std::getenv("FAKETIME_TIMESTAMP_FILE") : nullptr;
+    const char* noCache = std::getenv("FAKETIME_NO_CACHE");
+    const bool again = file != nullptr && noCache != nullptr && std::strcmp(noCache, "1") == 0;
+    ::pthread_mutex_lock(&mutex);
+    if (!read || again) {
+        char text[kSpecSize] = "";
+        if (variable != nullptr) {
+            std::strncpy(text, variable, kSpecSize - 1);
+        } else if (file != nullptr) {
+            ReadSpecFile(file, text);
+        }
+        if (!read || std::strcmp(text, spec) != 0) {
+            std::memcpy(spec, text, kSpecSize);
+            fake = ParseFake(spec, nowUs);
+        }
+        read = true;
+    }
+    const Fake current = fake;
+    ::pthread_mutex_unlock(&mutex);
+    return current;
+}
+
 // The real wall clock, 64-bit on every target.
 bool RealWallClock(struct timespec* ts) {
 #ifdef SYS_clock_gettime64
@@ -83,8 +133,8 @@ bool RealWallClock(struct timespec* ts) {
 bool FakeWallClock(std::int64_t* nowUs) {
     struct timespec ts;
     if (!RealWallClock(&ts)) return false;
-    static const Fake fake = ReadFake(Microseconds(ts));
     *nowUs = Microseconds(ts);
+    const Fake fake = CurrentFake(*nowUs);
     if (fake.active) {
         const std::int64_t elapsed = *nowUs - fake.realStartUs;
         *nowUs = fake.fakeStartUs + static_cast<std::int64_t>(static_cast<double>(elapsed) * fake.rate);
