@@ -28,6 +28,12 @@ public:
     // The HTTP status code.
     std::int32_t GetStatusCode() const { return statusCode_; }
 
+    // The server's Retry-After in seconds on a 429 or 503 answer; -1 when
+    // it named none.
+    std::int64_t GetRetryAfterSeconds() const { return retryAfterSeconds_; }
+    // Sets what GetRetryAfterSeconds returns.
+    void SetRetryAfterSeconds(std::int64_t seconds) { retryAfterSeconds_ = seconds; }
+
     // Attaches the parser of the answer (null detaches).
     void SetResponseParser(const std::shared_ptr<ServerResponseParser>& parser);
 
@@ -41,6 +47,7 @@ private:
     std::string failureReason_;
     std::shared_ptr<ServerResponseParser> responseParser_;
     std::int32_t statusCode_;
+    std::int64_t retryAfterSeconds_ = -1;
 };
 
 } // namespace brvo
