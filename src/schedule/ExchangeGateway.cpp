@@ -22,6 +22,8 @@ ExchangeGateway::ExchangeGateway() : channel_(new Channel(kRequestWorkers)), abo
     channel_->StartWorkers();
 }
 
+ExchangeGateway::ExchangeGateway(NoPool) : channel_(nullptr), aborted_(false) {}
+
 ExchangeGateway::~ExchangeGateway() {
     Abort();
     delete channel_;
@@ -54,8 +56,7 @@ void ExchangeGateway::Abort() {
 
 // The callback lives as long as the request, so it outlives its own report.
 std::future<std::shared_ptr<ServerAccessResult>> ExchangeGateway::Fetch(const std::string& scheduleKbn,
-                                                                        bool explicitTarget,
-                                                                        const std::string& plantId,
+                                                                        bool explicitTarget, const std::string& plantId,
                                                                         const std::string& url) {
     auto callback = std::make_shared<ScheduleServerSendRequest>();
     std::future<std::shared_ptr<ServerAccessResult>> future = callback->GetFuture();
@@ -67,7 +68,7 @@ std::future<std::shared_ptr<ServerAccessResult>> ExchangeGateway::Fetch(const st
     }
     request->Keep(callback);
     Register(request);
-    channel_->Enqueue(request);
+    if (channel_ != nullptr) channel_->Enqueue(request);
     return future;
 }
 
@@ -78,6 +79,7 @@ int ExchangeGateway::SendScheduleData() {
     request->SetCommand(BrvfdAccessRequest::kCommandScheduleUpdated);
     request->Keep(callback);
     Register(request);
+    if (channel_ == nullptr) return 1;
     channel_->Enqueue(request);
     return future.get();
 }

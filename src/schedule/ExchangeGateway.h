@@ -42,6 +42,12 @@ public:
     // Aborts every exchange in flight and every later one. Idempotent.
     virtual void Abort();
 
+protected:
+    // For a gateway that runs no exchange of its own (a scripted server in
+    // the simulation): no request pool.
+    struct NoPool {};
+    explicit ExchangeGateway(NoPool);
+
 private:
     ExchangeGateway(const ExchangeGateway&) = delete;
     ExchangeGateway& operator=(const ExchangeGateway&) = delete;
