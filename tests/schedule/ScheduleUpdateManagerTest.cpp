@@ -199,24 +199,28 @@ TEST_F(ScheduleUpdateManagerTest, RetryRule) {
     }
 }
 
+// On simulated time, so that each digit's time is seen from both sides of
+// its 20-minute grace, whatever the time of day the test runs.
 TEST_F(ScheduleUpdateManagerTest, FixedScheduleTimeByTheLastDigit) {
-    ScheduleUpdateManager& manager = Manager("", "");
-    const TimeStamp now;
-    const Poco::DateTime today(now.Value());
+    ScheduleUpdateManager& manager = SimulatedManager("", "");
+    const std::int64_t day = NowSeconds() / 86400 * 86400 + 86400;
     for (int digit = 0; digit <= 9; ++digit) {
-        const int minutes = 12 * 60 + 10 + 30 * digit;
-        const Poco::DateTime at(today.year(), today.month(), today.day(), minutes / 60, minutes % 60, 0);
-        std::int64_t expected = TimeStamp(at.timestamp()).EpochSeconds();
-        std::shared_ptr<TimeStamp> got = manager.FixedScheduleUpdateTime("PLANT" + std::to_string(digit));
-        const std::int64_t after = TimeStamp().EpochSeconds();
-        if (expected < after - 20 * 60) expected += 86400;
-        ASSERT_NE(nullptr, got);
-        EXPECT_EQ(expected, got->EpochSeconds()) << digit;
+        const std::int64_t at = day + 12 * 3600 + 10 * 60 + 30 * 60 * digit;
+        const std::string plant = "PLANT" + std::to_string(digit);
+        // An hour before, right at it, 20 minutes after (still today), and
+        // 20 minutes and a second after (tomorrow).
+        const std::vector<std::pair<std::int64_t, std::int64_t>> cases = {
+            {at - 3600, at}, {at, at}, {at + 20 * 60, at}, {at + 20 * 60 + 1, at + 86400}};
+        for (const auto& c : cases) {
+            time_->StepWall((c.first - NowSeconds()) * 1000000LL - time_->WallMicroseconds() % 1000000);
+            std::shared_ptr<TimeStamp> got = manager.FixedScheduleUpdateTime(plant);
+            ASSERT_NE(nullptr, got);
+            EXPECT_EQ(c.second, got->EpochSeconds()) << digit << " at " << c.first - at;
+        }
     }
     std::shared_ptr<TimeStamp> other = manager.FixedScheduleUpdateTime("PLANTX");
     ASSERT_NE(nullptr, other);
-    EXPECT_NEAR(static_cast<double>(TimeStamp().EpochSeconds() + 1800), static_cast<double>(other->EpochSeconds()),
-                5.0);
+    EXPECT_EQ(NowSeconds() + 1800, other->EpochSeconds());
 }
 
 TEST_F(ScheduleUpdateManagerTest, UpdateFixedScheduleNeedsUpdateInformation) {
