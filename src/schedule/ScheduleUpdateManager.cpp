@@ -339,6 +339,11 @@ void ScheduleUpdateManager::DeleteAllUpdateControlInfoFromDB() {
 void ScheduleUpdateManager::DeleteAllLocked() {
     LoggerLog::Debug(kTag, "DeleteAllUpdateControlInfoFromDB");
     store_.DeleteAllLocked();
+    {
+        // The failures belonged to what was wiped.
+        Poco::FastMutex::ScopedLock lock(historyMutex_);
+        history_ = RetryPolicy::History();
+    }
     Stop();
 }
 
@@ -523,21 +528,30 @@ void ScheduleUpdateManager::Stop() {
 
 // The three conditions under which no alarm runs; fills `info` otherwise.
 bool ScheduleUpdateManager::AlarmPreconditions(ScheduleUpdateInfo& info) {
+    return CheckAlarmPreconditions(info) == AlarmCheck::kReady;
+}
+
+// As AlarmPreconditions, telling which condition failed. On kNoStoredPlant
+// `info` holds the configured plant id.
+ScheduleUpdateManager::AlarmCheck ScheduleUpdateManager::CheckAlarmPreconditions(ScheduleUpdateInfo& info) {
     SystemSettingXmlManager& settings = SystemSettings();
-    if (settings.GetOutputControlPlantId().empty()) {
+    const std::string configured = settings.GetOutputControlPlantId();
+    if (configured.empty()) {
         std::cout << "not PlantId" << std::endl;
-        return false;
+        return AlarmCheck::kNoPlant;
     }
     if (settings.GetOutputControlStandAlone()) {
         std::cout << "id StandAlone" << std::endl;
-        return false;
+        return AlarmCheck::kStandAlone;
     }
     info = store_.PeekUpdateInfo();
     if (info.plantId.empty()) {
         std::cout << "not db" << std::endl;
-        return false;
+        info = ScheduleUpdateInfo();
+        info.plantId = configured;
+        return AlarmCheck::kNoStoredPlant;
     }
-    return true;
+    return AlarmCheck::kReady;
 }
 
 // The next update attempt (wall microseconds) for the stored `info` and the
@@ -570,7 +584,11 @@ void ScheduleUpdateManager::SetupUpdateScheduleAlarm(bool keepTimer, bool retry)
 // `keepTimer`, starts its ticks.
 void ScheduleUpdateManager::PlanUpdateAlarm(bool keepTimer, bool retry, const Alarm::Run& run) {
     ScheduleUpdateInfo info;
-    if (!AlarmPreconditions(info)) return;
+    const AlarmCheck check = CheckAlarmPreconditions(info);
+    // After the alarm's own fetch, a table that cannot be read (a failing
+    // card) must not leave the past due time in place, which would fetch at
+    // every tick: the next attempt is planned for the configured plant.
+    if (check != AlarmCheck::kReady && !(run && check == AlarmCheck::kNoStoredPlant)) return;
     const std::int64_t next = NextUpdateAttempt(info);
     if (run) {
         if (!updateAlarm_.SetDueFor(run, next)) return;

@@ -229,7 +229,9 @@ private:
     bool UpdateWithFixedScheduleLocked(const std::vector<ScheduleRow>& slots, const std::string& plantId);
     std::shared_ptr<UpdateResult> AccessFailure(const std::string& failureText,
                                                 const std::shared_ptr<ServerAccessResult>& access);
+    enum class AlarmCheck { kReady, kNoPlant, kStandAlone, kNoStoredPlant };
     bool AlarmPreconditions(ScheduleUpdateInfo& info);
+    AlarmCheck CheckAlarmPreconditions(ScheduleUpdateInfo& info);
     std::int64_t MonitoringIntervalMs() const;
     void PlanUpdateAlarm(bool keepTimer, bool retry, const Alarm::Run& run);
     std::int64_t NextUpdateAttempt(const ScheduleUpdateInfo& info);

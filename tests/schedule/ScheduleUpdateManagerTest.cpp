@@ -105,10 +105,11 @@ protected:
     static std::vector<std::string> LogLines() { return test::FlushedLogLines(); }
 
     // The manager on simulated time (starting at the real now, so that the
-    // payloads' dates fit), with the real request pool.
+    // payloads' dates fit, half way into its second, so that every run sees
+    // the same ticks), with the real request pool.
     ScheduleUpdateManager& SimulatedManager(const std::string& plantId, const std::string& url) {
         if (!time_) {
-            time_.reset(new test::SimulatedTime(TimeStamp().Value().epochMicroseconds()));
+            time_.reset(new test::SimulatedTime(TimeStamp().EpochSeconds() * 1000000LL + 500000));
             updateLane_ = &time_->NewLane();
             fixedLane_ = &time_->NewLane();
         }
