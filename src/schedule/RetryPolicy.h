@@ -69,6 +69,12 @@ public:
     static std::int64_t NextUpdateAttempt(const History& history, const std::string& plantId, std::int64_t now,
                                           std::int64_t serverNext);
 
+    // The same with a back-off stretched by up to `spreadPercent` of itself
+    // instead of kSpreadPercent (0: not at all), for weighing spreads
+    // against each other.
+    static std::int64_t NextUpdateAttempt(const History& history, const std::string& plantId, std::int64_t now,
+                                          std::int64_t serverNext, int spreadPercent);
+
     // The back-off after the failures of `history`, before the spread; 0
     // when there was none.
     static std::int64_t BackOffSeconds(const History& history);
@@ -76,6 +82,10 @@ public:
     // The stretch of a back-off of `delay` seconds for `plantId`: between 0
     // and kSpreadPercent of it, the same every time for one plant ID.
     static std::int64_t SpreadSeconds(const std::string& plantId, std::int64_t delay);
+
+    // The same with a stretch of up to `spreadPercent` of the back-off
+    // (none when it is 0 or less).
+    static std::int64_t SpreadSeconds(const std::string& plantId, std::int64_t delay, int spreadPercent);
 
     // The next 30-minute step of `serverNext` after `now` (`now` + 30 min
     // stepping when serverNext is -1).

@@ -248,6 +248,21 @@ TEST(RetryPolicyTest, SpreadDiffersAcrossPlantsAndCoversItsRange) {
     }
 }
 
+TEST(RetryPolicyTest, SpreadOfAGivenShareStaysWithinItAndNoneAtZero) {
+    for (int plant = 0; plant < 500; ++plant) {
+        const std::string id = PlantId(plant);
+        for (const int percent : {1, 10, 100, 300}) {
+            const std::int64_t spread = RetryPolicy::SpreadSeconds(id, kHour, percent);
+            EXPECT_GE(spread, 0);
+            EXPECT_LE(spread, kHour * percent / 100) << "plant " << plant << " percent " << percent;
+        }
+        EXPECT_EQ(0, RetryPolicy::SpreadSeconds(id, kHour, 0));
+        EXPECT_EQ(0, RetryPolicy::SpreadSeconds(id, kHour, -50));
+        EXPECT_EQ(RetryPolicy::SpreadSeconds(id, kHour),
+                  RetryPolicy::SpreadSeconds(id, kHour, RetryPolicy::kSpreadPercent));
+    }
+}
+
 // --- SteppedServerTime ---
 
 TEST(RetryPolicyTest, ServerTimeHoursPastStepsOntoItsOwnGridJustAfterNow) {
@@ -310,6 +325,27 @@ TEST(RetryPolicyTest, AfterFailuresTheBackOffIsSpreadPerPlant) {
             EXPECT_EQ(kNow + delay + RetryPolicy::SpreadSeconds(id, delay),
                       RetryPolicy::NextUpdateAttempt(history, id, kNow, -1));
         }
+    }
+}
+
+TEST(RetryPolicyTest, WithoutASpreadTheBackOffIsExact) {
+    for (int plant = 0; plant < 200; ++plant) {
+        for (const int failures : {1, 2, 3, 4, 5, 9}) {
+            const History retryable = After(RetryableFailure(), failures);
+            const History permanent = After(PermanentFailure(), failures);
+            EXPECT_EQ(kNow + RetryPolicy::BackOffSeconds(retryable),
+                      RetryPolicy::NextUpdateAttempt(retryable, PlantId(plant), kNow, -1, 0));
+            EXPECT_EQ(kNow + RetryPolicy::BackOffSeconds(permanent),
+                      RetryPolicy::NextUpdateAttempt(permanent, PlantId(plant), kNow, -1, 0));
+        }
+    }
+}
+
+TEST(RetryPolicyTest, TheDefaultSpreadIsKSpreadPercent) {
+    for (int plant = 0; plant < 200; ++plant) {
+        const History history = After(RetryableFailure(), 1 + plant % 6);
+        EXPECT_EQ(RetryPolicy::NextUpdateAttempt(history, PlantId(plant), kNow, -1),
+                  RetryPolicy::NextUpdateAttempt(history, PlantId(plant), kNow, -1, RetryPolicy::kSpreadPercent));
     }
 }
 
