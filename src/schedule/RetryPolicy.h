@@ -51,8 +51,13 @@ public:
     static constexpr std::int64_t kRetryCapSeconds = 6 * 3600;
     static constexpr std::int64_t kPermanentBaseSeconds = 6 * 3600;
     static constexpr std::int64_t kRetryAfterMinSeconds = 30;
-    // The largest stretch of a back-off, in percent of it.
-    static constexpr int kSpreadPercent = 50;
+    // The largest stretch of a back-off, in percent of it: up to twice
+    // itself (30 min to 1.5 h, 1 to 3 h, ..., 6 to 18 h). With a smaller
+    // stretch most second retries still fall within two hours of the first
+    // failure, so after a two-hour outage the first retries of the devices
+    // that failed last and the second retries of those that failed first
+    // reach the server in the same half hour. pvoc-fleet weighs it.
+    static constexpr int kSpreadPercent = 200;
 
     // Whether a failed flow result is worth trying again soon: by its HTTP
     // status class (1xx, 3xx, 5xx yes; 2xx, 4xx no), otherwise by its
