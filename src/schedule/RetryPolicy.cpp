@@ -74,8 +74,12 @@ std::int64_t RetryPolicy::BackOffSeconds(const History& history) {
 }
 
 std::int64_t RetryPolicy::SpreadSeconds(const std::string& plantId, std::int64_t delay) {
+    return SpreadSeconds(plantId, delay, kSpreadPercent);
+}
+
+std::int64_t RetryPolicy::SpreadSeconds(const std::string& plantId, std::int64_t delay, int spreadPercent) {
     if (delay <= 0) return 0;
-    const std::int64_t span = delay * kSpreadPercent / 100;
+    const std::int64_t span = delay * spreadPercent / 100;
     if (span <= 0) return 0;
     return static_cast<std::int64_t>(PlantHash(plantId) % static_cast<std::uint64_t>(span + 1));
 }
@@ -89,11 +93,16 @@ std::int64_t RetryPolicy::SteppedServerTime(std::int64_t serverNext, std::int64_
 
 std::int64_t RetryPolicy::NextUpdateAttempt(const History& history, const std::string& plantId, std::int64_t now,
                                             std::int64_t serverNext) {
+    return NextUpdateAttempt(history, plantId, now, serverNext, kSpreadPercent);
+}
+
+std::int64_t RetryPolicy::NextUpdateAttempt(const History& history, const std::string& plantId, std::int64_t now,
+                                            std::int64_t serverNext, int spreadPercent) {
     if (history.failures <= 0) return SteppedServerTime(serverNext, now);
     const std::int64_t delay = BackOffSeconds(history);
     // A server's own hint is honoured as given; only our own back-off is
     // spread.
-    const std::int64_t spread = history.retryAfterSeconds >= 0 ? 0 : SpreadSeconds(plantId, delay);
+    const std::int64_t spread = history.retryAfterSeconds >= 0 ? 0 : SpreadSeconds(plantId, delay, spreadPercent);
     std::int64_t next = now + std::min(delay + spread, kMaxDelaySeconds);
     if (serverNext > now && serverNext < next) next = serverNext;
     return next;

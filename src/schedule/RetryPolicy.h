@@ -51,8 +51,13 @@ public:
     static constexpr std::int64_t kRetryCapSeconds = 6 * 3600;
     static constexpr std::int64_t kPermanentBaseSeconds = 6 * 3600;
     static constexpr std::int64_t kRetryAfterMinSeconds = 30;
-    // The largest stretch of a back-off, in percent of it.
-    static constexpr int kSpreadPercent = 50;
+    // The largest stretch of a back-off, in percent of it: up to twice
+    // itself (30 min to 1.5 h, 1 to 3 h, ..., 6 to 18 h). With a smaller
+    // stretch most second retries still fall within two hours of the first
+    // failure, so after a two-hour outage the first retries of the devices
+    // that failed last and the second retries of those that failed first
+    // reach the server in the same half hour. pvoc-fleet weighs it.
+    static constexpr int kSpreadPercent = 200;
 
     // Whether a failed flow result is worth trying again soon: by its HTTP
     // status class (1xx, 3xx, 5xx yes; 2xx, 4xx no), otherwise by its
@@ -69,6 +74,12 @@ public:
     static std::int64_t NextUpdateAttempt(const History& history, const std::string& plantId, std::int64_t now,
                                           std::int64_t serverNext);
 
+    // The same with a back-off stretched by up to `spreadPercent` of itself
+    // instead of kSpreadPercent (0: not at all), for weighing spreads
+    // against each other.
+    static std::int64_t NextUpdateAttempt(const History& history, const std::string& plantId, std::int64_t now,
+                                          std::int64_t serverNext, int spreadPercent);
+
     // The back-off after the failures of `history`, before the spread; 0
     // when there was none.
     static std::int64_t BackOffSeconds(const History& history);
@@ -76,6 +87,10 @@ public:
     // The stretch of a back-off of `delay` seconds for `plantId`: between 0
     // and kSpreadPercent of it, the same every time for one plant ID.
     static std::int64_t SpreadSeconds(const std::string& plantId, std::int64_t delay);
+
+    // The same with a stretch of up to `spreadPercent` of the back-off
+    // (none when it is 0 or less).
+    static std::int64_t SpreadSeconds(const std::string& plantId, std::int64_t delay, int spreadPercent);
 
     // The next 30-minute step of `serverNext` after `now` (`now` + 30 min
     // stepping when serverNext is -1).
