@@ -98,12 +98,16 @@ std::int64_t RetryPolicy::NextUpdateAttempt(const History& history, const std::s
 
 std::int64_t RetryPolicy::NextUpdateAttempt(const History& history, const std::string& plantId, std::int64_t now,
                                             std::int64_t serverNext, int spreadPercent) {
-    if (history.failures <= 0) return SteppedServerTime(serverNext, now);
+    // Even a server's next time days ahead (or a wrong one, years ahead)
+    // leaves the device asking again within a day.
+    if (history.failures <= 0) return std::min(SteppedServerTime(serverNext, now), now + kMaxDelaySeconds);
     const std::int64_t delay = BackOffSeconds(history);
     // A server's own hint is honoured as given; only our own back-off is
-    // spread.
-    const std::int64_t spread = history.retryAfterSeconds >= 0 ? 0 : SpreadSeconds(plantId, delay, spreadPercent);
-    std::int64_t next = now + std::min(delay + spread, kMaxDelaySeconds);
+    // spread, and never beyond its cap.
+    const bool hinted = history.retryAfterSeconds >= 0;
+    const std::int64_t spread = hinted ? 0 : SpreadSeconds(plantId, delay, spreadPercent);
+    const std::int64_t cap = hinted || !history.lastRetryable ? kMaxDelaySeconds : kRetryCapSeconds;
+    std::int64_t next = now + std::min(delay + spread, cap);
     if (serverNext > now && serverNext < next) next = serverNext;
     return next;
 }

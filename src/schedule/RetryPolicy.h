@@ -6,7 +6,7 @@
 // The rules, in order:
 //  - No failure since the last success: the server's next update time,
 //    stepped on by 30 minutes while it is not later than now (a time that
-//    does not read counts as now).
+//    does not read counts as now), but never more than 24 h away.
 //  - The last failure named a Retry-After (a 429 or 503 answer): now plus
 //    that many seconds, held within 30 s and 24 h.
 //  - Retryable failures (IsRetryable) back off from 30 minutes: 30 min,
@@ -15,7 +15,8 @@
 //    then 24 h.
 //  - A back-off is stretched by a share of itself fixed per plant ID (up to
 //    kSpreadPercent), so that devices which failed together do not come
-//    back together; the result is never more than 24 h away.
+//    back together; a retryable one never beyond 6 h, any never beyond
+//    24 h.
 //  - The server's next update time wins over a back-off when it is later
 //    than now and sooner than the back-off.
 // Thread-safe: no state.
