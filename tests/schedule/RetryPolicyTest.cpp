@@ -303,6 +303,24 @@ TEST(RetryPolicyTest, WithoutFailureTheSteppedServerTimeIsNext) {
     EXPECT_EQ(kNow + kHalfHour, RetryPolicy::NextUpdateAttempt(History(), kPlant, kNow, -1));
 }
 
+TEST(RetryPolicyTest, AfterASuccessNeverMoreThanADayAway) {
+    // A server's next time three days (or years) ahead.
+    EXPECT_EQ(kNow + RetryPolicy::kMaxDelaySeconds,
+              RetryPolicy::NextUpdateAttempt(History(), "7", kNow, kNow + 3 * 86400));
+    EXPECT_EQ(kNow + 3600, RetryPolicy::NextUpdateAttempt(History(), "7", kNow, kNow + 3600));
+}
+
+TEST(RetryPolicyTest, RetryableBackOffNeverBeyondSixHours) {
+    for (int plant = 0; plant < 200; ++plant) {
+        for (int failures = 1; failures <= 12; ++failures) {
+            const std::int64_t next =
+                RetryPolicy::NextUpdateAttempt(After(RetryableFailure(), failures), PlantId(plant), kNow, -1);
+            EXPECT_LE(next, kNow + RetryPolicy::kRetryCapSeconds);
+            EXPECT_GE(next, kNow + RetryPolicy::kRetryBaseSeconds);
+        }
+    }
+}
+
 TEST(RetryPolicyTest, AfterFailuresNeverMoreThanADayAway) {
     for (const History& history : ManyHistories()) {
         for (int plant = 0; plant < 50; ++plant) {
@@ -322,7 +340,11 @@ TEST(RetryPolicyTest, AfterFailuresTheBackOffIsSpreadPerPlant) {
                                        After(RetryableFailure(), 9), After(PermanentFailure(), 1)}) {
             const std::int64_t delay = RetryPolicy::BackOffSeconds(history);
             const std::string id = PlantId(plant);
-            EXPECT_EQ(kNow + delay + RetryPolicy::SpreadSeconds(id, delay),
+            // A retryable back-off stays within its 6-hour cap, spread and
+            // all; one that is not retryable within a day.
+            const std::int64_t cap =
+                history.lastRetryable ? RetryPolicy::kRetryCapSeconds : RetryPolicy::kMaxDelaySeconds;
+            EXPECT_EQ(kNow + std::min(delay + RetryPolicy::SpreadSeconds(id, delay), cap),
                       RetryPolicy::NextUpdateAttempt(history, id, kNow, -1));
         }
     }

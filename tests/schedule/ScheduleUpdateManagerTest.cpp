@@ -1,6 +1,7 @@
 #include "schedule/ScheduleUpdateManager.h"
 
 #include "database/ScheduleDatabase.h"
+#include "schedule/RetryPolicy.h"
 #include "schedule/ScheduleModel.h"
 #include "settings/LoggerSettingManager.h"
 #include "settings/SystemSettingXmlManager.h"
@@ -363,10 +364,11 @@ TEST_F(ScheduleUpdateManagerTest, NewPlantStartsFromAFreshRecord) {
     EXPECT_FALSE(info.isNeedUpdateFixedSchedule);
     EXPECT_TRUE(test::HasLogLine(LogLines(), "I", kTag, "Plant ID change. [] to [" + kPlant + "]"));
     // The timers run all the same: the failed first fetch backs off for half
-    // an hour, stretched by at most a quarter hour for this plant.
+    // an hour, stretched by this plant's share.
     ASSERT_NE(nullptr, manager.GetScheduleUpdateTime());
-    EXPECT_GE(manager.GetScheduleUpdateTime()->EpochSeconds(), TimeStamp().EpochSeconds() + 1800 - 2);
-    EXPECT_LE(manager.GetScheduleUpdateTime()->EpochSeconds(), TimeStamp().EpochSeconds() + 1800 + 900);
+    const std::int64_t backOff = 1800 + RetryPolicy::SpreadSeconds(kPlant, 1800);
+    EXPECT_GE(manager.GetScheduleUpdateTime()->EpochSeconds(), TimeStamp().EpochSeconds() + backOff - 2);
+    EXPECT_LE(manager.GetScheduleUpdateTime()->EpochSeconds(), TimeStamp().EpochSeconds() + backOff);
 }
 
 // The update timer's runs below happen on simulated time: the manager's
@@ -429,8 +431,10 @@ TEST_F(ScheduleUpdateManagerTest, ClientErrorPlansTheNextAttemptHoursLater) {
                                  "StatusCode:404 Message:Data is not found. Next attempt [" +
                                      next->FormatDisplay() + "]"));
     const std::int64_t failedAt = NowSeconds();
+    // Six hours, stretched by this plant's share of up to twice that.
     EXPECT_GE(next->EpochSeconds(), failedAt + 6 * 3600);
-    EXPECT_LE(next->EpochSeconds(), failedAt + 9 * 3600);
+    EXPECT_LE(next->EpochSeconds(), failedAt + 18 * 3600);
+    EXPECT_EQ(failedAt + 6 * 3600 + RetryPolicy::SpreadSeconds(kPlant, 6 * 3600), next->EpochSeconds());
     // A day later the alarm still runs and asks again.
     const std::size_t asked = server.Requests().size();
     time_->Advance(24 * 3600 * 1000LL);
@@ -450,15 +454,13 @@ TEST_F(ScheduleUpdateManagerTest, ServerErrorBacksOffFromHalfAnHour) {
     std::shared_ptr<TimeStamp> next = manager.GetScheduleUpdateTime();
     ASSERT_NE(nullptr, next);
     const std::int64_t failedAt = NowSeconds();
-    EXPECT_GE(next->EpochSeconds(), failedAt + 1800);
-    EXPECT_LE(next->EpochSeconds(), failedAt + 1800 + 900);
+    EXPECT_EQ(failedAt + 1800 + RetryPolicy::SpreadSeconds(kPlant, 1800), next->EpochSeconds());
     // The second failure waits about twice as long.
     time_->AdvanceUntil([&] { return server.Requests().size() >= 2; }, 3 * 3600 * 1000LL);
     ASSERT_EQ(2u, server.Requests().size());
     next = manager.GetScheduleUpdateTime();
     ASSERT_NE(nullptr, next);
-    EXPECT_GE(next->EpochSeconds(), NowSeconds() + 3600);
-    EXPECT_LE(next->EpochSeconds(), NowSeconds() + 3600 + 1800);
+    EXPECT_EQ(NowSeconds() + 3600 + RetryPolicy::SpreadSeconds(kPlant, 3600), next->EpochSeconds());
 }
 
 TEST_F(ScheduleUpdateManagerTest, RetryAfterOfTheServerIsHonoured) {
