@@ -50,7 +50,9 @@ const char kUsage[] = "usage: schedule-server-sim [options]\n"
                       "  --bad-checksum        send a wrong checksum\n"
                       "  --text MSG            answer with a text part MSG instead of a schedule\n"
                       "  --delay-ms N          wait N ms before answering\n"
-                      "  --close-early         announce the full length, send half the body and close\n";
+                      "  --close-early         announce the full length, send half the body and close\n"
+                      "  --retry-after SECONDS add \"Retry-After: SECONDS\" to every answer, 0-1000000000\n"
+                      "                        (pvocd reads it on 429 and 503 answers only, see --status)\n";
 
 struct Settings {
     std::string host = "127.0.0.1";
@@ -69,6 +71,8 @@ struct Settings {
     std::string text;
     int delayMs = 0;
     bool closeEarly = false;
+    // The Retry-After header's value; -1: none sent.
+    int retryAfter = -1;
 };
 
 Settings settings;
@@ -143,11 +147,14 @@ public:
         const std::string body = settings.text.empty() ? brvo::test::BinaryPartBody(boundary, Payload(kbn))
                                                        : brvo::test::TextPartBody(boundary, settings.text);
         response.setContentLength64(static_cast<Poco::Int64>(body.size()));
+        if (settings.retryAfter >= 0) response.set("Retry-After", std::to_string(settings.retryAfter));
         std::ostream& out = response.send();
         out << (settings.closeEarly ? body.substr(0, body.size() / 2) : body);
         out.flush();
         std::cout << "answer status " << settings.status << ", " << body.size() << " bytes"
-                  << (settings.closeEarly ? " (cut at half)" : "") << std::endl;
+                  << (settings.closeEarly ? " (cut at half)" : "")
+                  << (settings.retryAfter >= 0 ? ", Retry-After " + std::to_string(settings.retryAfter) : "")
+                  << std::endl;
         if (settings.closeEarly) request.stream().setstate(std::ios::badbit);
     }
 };
@@ -239,6 +246,8 @@ bool Parse(int argc, char** argv) {
             settings.text = value;
         else if (arg == "--delay-ms")
             settings.delayMs = Number(value, 0, 3600000, "--delay-ms");
+        else if (arg == "--retry-after")
+            settings.retryAfter = Number(value, 0, 1000000000, "--retry-after");
         else
             throw std::invalid_argument("unknown option: " + arg);
     }

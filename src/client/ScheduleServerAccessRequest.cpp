@@ -1,10 +1,12 @@
 #include "client/ScheduleServerAccessRequest.h"
 
+#include "client/RetryAfter.h"
 #include "client/ScheduleServerAccessRequestCallback.h"
 #include "settings/SystemSettingXmlManager.h"
 #include "util/LoggerLog.h"
 
 #include "util/FileUtil.h"
+#include "util/SystemClock.h"
 
 #include <Poco/Clock.h>
 #include <Poco/Crypto/X509Certificate.h>
@@ -415,6 +417,10 @@ void ScheduleServerAccessRequest::Exchange(const std::string& body, std::string&
     std::istream& in = session.receiveResponse(response);
     const int status = static_cast<int>(response.getStatus());
     contentType = response.getContentType();
+    const bool hasRetryAfter = response.has("Retry-After");
+    const std::int64_t retryAfter =
+        RetryAfter::ForAnswer(status, hasRetryAfter, hasRetryAfter ? response.get("Retry-After") : std::string(),
+                              SystemClock::NowMicroseconds());
     const Poco::Int64 length = response.getContentLength64();
     if (length < 0) throw UnknownLength();
     if (length > kMaxAnswerBytes) {
@@ -425,6 +431,7 @@ void ScheduleServerAccessRequest::Exchange(const std::string& body, std::string&
     std::cout << "status_code [[" << status << std::endl;
     std::cout << "content_type [[" << contentType << std::endl;
     std::cout << "content_length [[" << length << std::endl;
+    if (callback_ != nullptr && retryAfter >= 0) callback_->OnRetryAfter(retryAfter);
     if (callback_ != nullptr) callback_->OnResult(0, status, contentType, buffer.data(), length, std::string());
 }
 

@@ -41,7 +41,9 @@ public:
     // that is not plain http or https, or that holds control characters,
     // fails before anything is sent; so does an answer that announces more
     // than the device takes in, one that ends before its announced length,
-    // and one that is not complete when the deadline passes.
+    // and one that is not complete when the deadline passes. A complete
+    // answer of 429 or 503 with a readable Retry-After reports it to the
+    // callback's OnRetryAfter first.
     void Execute() override;
     // Ends the exchange: its socket is shut down, so it fails at once with
     // the library's exception (also while it connects or, over TLS, while

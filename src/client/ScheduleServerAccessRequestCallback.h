@@ -18,6 +18,12 @@ public:
     // saying what failed, `httpStatus` 0 and no data.
     virtual void OnResult(int status, int httpStatus, const std::string& contentType, const char* data,
                           std::int64_t dataLength, const std::string& message) = 0;
+
+    // Called just before OnResult, on the same thread, when a complete
+    // answer of status 429 or 503 named a Retry-After that could be read:
+    // the seconds it asks the device to wait (0 to RetryAfter::kMaxSeconds).
+    // Not called otherwise; ignored unless overridden.
+    virtual void OnRetryAfter(std::int64_t seconds) { (void)seconds; }
 };
 
 } // namespace brvo

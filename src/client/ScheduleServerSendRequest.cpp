@@ -9,7 +9,7 @@ namespace {
 const int kHttpOk = 200;
 }
 
-ScheduleServerSendRequest::ScheduleServerSendRequest() : fulfilled_(false) {}
+ScheduleServerSendRequest::ScheduleServerSendRequest() : fulfilled_(false), retryAfterSeconds_(-1) {}
 
 ScheduleServerSendRequest::~ScheduleServerSendRequest() {}
 
@@ -26,11 +26,16 @@ void ScheduleServerSendRequest::OnResult(int status, int httpStatus, const std::
         result->SetResponseParser(std::make_shared<ServerResponseParser>(contentType, data, dataLength));
     } else if (status == 0) {
         result = std::make_shared<ServerAccessResult>(false, httpStatus, "Data is not found.");
+        result->SetRetryAfterSeconds(retryAfterSeconds_);
     } else {
         result = std::make_shared<ServerAccessResult>(false, 0, message);
     }
     fulfilled_ = true;
     promise_.set_value(result);
+}
+
+void ScheduleServerSendRequest::OnRetryAfter(std::int64_t seconds) {
+    retryAfterSeconds_ = seconds;
 }
 
 } // namespace brvo

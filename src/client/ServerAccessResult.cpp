@@ -7,12 +7,16 @@
 namespace brvo {
 
 ServerAccessResult::ServerAccessResult(bool result, std::int32_t statusCode, const std::string& failureReason)
-    : result_(result), failureReason_(failureReason), statusCode_(statusCode) {}
+    : result_(result), failureReason_(failureReason), statusCode_(statusCode), retryAfterSeconds_(-1) {}
 
 ServerAccessResult::~ServerAccessResult() = default;
 
 void ServerAccessResult::SetResponseParser(const std::shared_ptr<ServerResponseParser>& parser) {
     responseParser_ = parser;
+}
+
+void ServerAccessResult::SetRetryAfterSeconds(std::int64_t seconds) {
+    retryAfterSeconds_ = seconds;
 }
 
 // The label " Response Parser:" always stands, so every line has the same

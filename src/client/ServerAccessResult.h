@@ -1,6 +1,6 @@
 // Outcome of one exchange with the schedule server: whether an answer came
-// that could be parsed, the HTTP status, a failure text, and the parser of
-// the answer once attached.
+// that could be parsed, the HTTP status, a failure text, the parser of the
+// answer once attached, and how long the server asked to be left alone.
 #ifndef BRVO_CLIENT_SERVERACCESSRESULT_H
 #define BRVO_CLIENT_SERVERACCESSRESULT_H
 
@@ -27,13 +27,18 @@ public:
     std::shared_ptr<ServerResponseParser> GetResponseParser() const { return responseParser_; }
     // The HTTP status code.
     std::int32_t GetStatusCode() const { return statusCode_; }
+    // Seconds to wait as the Retry-After of a 429 or 503 answer; -1: none.
+    std::int64_t GetRetryAfterSeconds() const { return retryAfterSeconds_; }
 
     // Attaches the parser of the answer (null detaches).
     void SetResponseParser(const std::shared_ptr<ServerResponseParser>& parser);
+    // Sets what GetRetryAfterSeconds returns (-1: none).
+    void SetRetryAfterSeconds(std::int64_t seconds);
 
     // Printed form for log lines: "ServerAccessResult [true]  Failure Reason:
     // StatusCode:200 Response Parser:" followed by the parser's printed form
-    // when a parser is attached.
+    // when a parser is attached. The Retry-After is not printed: the log
+    // line keeps its fields.
     std::string ToString() const;
 
 private:
@@ -41,6 +46,7 @@ private:
     std::string failureReason_;
     std::shared_ptr<ServerResponseParser> responseParser_;
     std::int32_t statusCode_;
+    std::int64_t retryAfterSeconds_;
 };
 
 } // namespace brvo

@@ -74,8 +74,12 @@ std::int64_t RetryPolicy::BackOffSeconds(const History& history) {
 }
 
 std::int64_t RetryPolicy::SpreadSeconds(const std::string& plantId, std::int64_t delay) {
+    return SpreadSeconds(plantId, delay, kSpreadPercent);
+}
+
+std::int64_t RetryPolicy::SpreadSeconds(const std::string& plantId, std::int64_t delay, int spreadPercent) {
     if (delay <= 0) return 0;
-    const std::int64_t span = delay * kSpreadPercent / 100;
+    const std::int64_t span = delay * spreadPercent / 100;
     if (span <= 0) return 0;
     return static_cast<std::int64_t>(PlantHash(plantId) % static_cast<std::uint64_t>(span + 1));
 }
@@ -89,12 +93,21 @@ std::int64_t RetryPolicy::SteppedServerTime(std::int64_t serverNext, std::int64_
 
 std::int64_t RetryPolicy::NextUpdateAttempt(const History& history, const std::string& plantId, std::int64_t now,
                                             std::int64_t serverNext) {
-    if (history.failures <= 0) return SteppedServerTime(serverNext, now);
+    return NextUpdateAttempt(history, plantId, now, serverNext, kSpreadPercent);
+}
+
+std::int64_t RetryPolicy::NextUpdateAttempt(const History& history, const std::string& plantId, std::int64_t now,
+                                            std::int64_t serverNext, int spreadPercent) {
+    // Even a server's next time days ahead (or a wrong one, years ahead)
+    // leaves the device asking again within a day.
+    if (history.failures <= 0) return std::min(SteppedServerTime(serverNext, now), now + kMaxDelaySeconds);
     const std::int64_t delay = BackOffSeconds(history);
     // A server's own hint is honoured as given; only our own back-off is
-    // spread.
-    const std::int64_t spread = history.retryAfterSeconds >= 0 ? 0 : SpreadSeconds(plantId, delay);
-    std::int64_t next = now + std::min(delay + spread, kMaxDelaySeconds);
+    // spread, and never beyond its cap.
+    const bool hinted = history.retryAfterSeconds >= 0;
+    const std::int64_t spread = hinted ? 0 : SpreadSeconds(plantId, delay, spreadPercent);
+    const std::int64_t cap = hinted || !history.lastRetryable ? kMaxDelaySeconds : kRetryCapSeconds;
+    std::int64_t next = now + std::min(delay + spread, cap);
     if (serverNext > now && serverNext < next) next = serverNext;
     return next;
 }

@@ -6,7 +6,7 @@
 // The rules, in order:
 //  - No failure since the last success: the server's next update time,
 //    stepped on by 30 minutes while it is not later than now (a time that
-//    does not read counts as now).
+//    does not read counts as now), but never more than 24 h away.
 //  - The last failure named a Retry-After (a 429 or 503 answer): now plus
 //    that many seconds, held within 30 s and 24 h.
 //  - Retryable failures (IsRetryable) back off from 30 minutes: 30 min,
@@ -15,7 +15,8 @@
 //    then 24 h.
 //  - A back-off is stretched by a share of itself fixed per plant ID (up to
 //    kSpreadPercent), so that devices which failed together do not come
-//    back together; the result is never more than 24 h away.
+//    back together; a retryable one never beyond 6 h, any never beyond
+//    24 h.
 //  - The server's next update time wins over a back-off when it is later
 //    than now and sooner than the back-off.
 // Thread-safe: no state.
@@ -51,8 +52,13 @@ public:
     static constexpr std::int64_t kRetryCapSeconds = 6 * 3600;
     static constexpr std::int64_t kPermanentBaseSeconds = 6 * 3600;
     static constexpr std::int64_t kRetryAfterMinSeconds = 30;
-    // The largest stretch of a back-off, in percent of it.
-    static constexpr int kSpreadPercent = 50;
+    // The largest stretch of a back-off, in percent of it: up to twice
+    // itself (30 min to 1.5 h, 1 to 3 h, ..., 6 to 18 h). With a smaller
+    // stretch most second retries still fall within two hours of the first
+    // failure, so after a two-hour outage the first retries of the devices
+    // that failed last and the second retries of those that failed first
+    // reach the server in the same half hour. pvoc-fleet weighs it.
+    static constexpr int kSpreadPercent = 200;
 
     // Whether a failed flow result is worth trying again soon: by its HTTP
     // status class (1xx, 3xx, 5xx yes; 2xx, 4xx no), otherwise by its
@@ -69,6 +75,12 @@ public:
     static std::int64_t NextUpdateAttempt(const History& history, const std::string& plantId, std::int64_t now,
                                           std::int64_t serverNext);
 
+    // The same with a back-off stretched by up to `spreadPercent` of itself
+    // instead of kSpreadPercent (0: not at all), for weighing spreads
+    // against each other.
+    static std::int64_t NextUpdateAttempt(const History& history, const std::string& plantId, std::int64_t now,
+                                          std::int64_t serverNext, int spreadPercent);
+
     // The back-off after the failures of `history`, before the spread; 0
     // when there was none.
     static std::int64_t BackOffSeconds(const History& history);
@@ -76,6 +88,10 @@ public:
     // The stretch of a back-off of `delay` seconds for `plantId`: between 0
     // and kSpreadPercent of it, the same every time for one plant ID.
     static std::int64_t SpreadSeconds(const std::string& plantId, std::int64_t delay);
+
+    // The same with a stretch of up to `spreadPercent` of the back-off
+    // (none when it is 0 or less).
+    static std::int64_t SpreadSeconds(const std::string& plantId, std::int64_t delay, int spreadPercent);
 
     // The next 30-minute step of `serverNext` after `now` (`now` + 30 min
     // stepping when serverNext is -1).

@@ -1,31 +1,25 @@
 #include "schedule/ScheduleUpdateManager.h"
 
-#include <atomic>
-
-#include "client/BrvfdAccessRequest.h"
-#include "client/BrvfdSendCommandRequest.h"
-#include "client/Channel.h"
-#include "client/Request.h"
-#include "client/ScheduleServerAccessRequest.h"
-#include "client/ScheduleServerSendRequest.h"
 #include "client/ServerAccessResult.h"
 #include "client/ServerResponseParser.h"
 #include "database/ScheduleDatabase.h"
-#include "database/ScheduleUpdateInfoDatabase.h"
+#include "schedule/ExchangeGateway.h"
+#include "schedule/ManagerRegistry.h"
 #include "schedule/ScheduleModel.h"
 #include "settings/LoggerSettingManager.h"
 #include "settings/SystemSettingXmlManager.h"
 #include "util/CancelEvent.h"
+#include "util/Clock.h"
 #include "util/GuardedCall.h"
 #include "util/LoggerLog.h"
-#include "util/SystemClock.h"
+#include "util/ThreadTimerService.h"
 #include "util/TimeStamp.h"
 
-#include <Poco/Clock.h>
 #include <Poco/DateTime.h>
 #include <Poco/Exception.h>
-#include <Poco/Thread.h>
 
+#include <algorithm>
+#include <cstdio>
 #include <functional>
 #include <iostream>
 
@@ -38,23 +32,10 @@ const std::string ScheduleUpdateManager::kCheckPlantIdKbn = "8888";
 namespace {
 
 const std::string kTag = "ScheduleUpdateManager";
-const int kRequestWorkers = 3;
 const std::int64_t kHalfHourSeconds = 1800;
+const std::int64_t kDaySeconds = 86400;
 const std::int64_t kFixedLateSeconds = 20 * 60;
-const int kFixedAttempts = 5;
-const std::int64_t kFixedRetryMs = 300000;
-
-// Created and deleted on the main thread; pins take it under the mutex, so
-// none is taken once DeleteInstance has begun.
-Poco::FastMutex instanceMutex;
-std::atomic<ScheduleUpdateManager*> instance(nullptr);
-
-// Managers whose flows outlived DeleteInstance's wait: kept (and reachable)
-// until the process exits.
-std::vector<ScheduleUpdateManager*>& Parked() {
-    static std::vector<ScheduleUpdateManager*>* parked = new std::vector<ScheduleUpdateManager*>();
-    return *parked;
-}
+const std::int64_t kMicros = 1000000;
 
 SystemSettingXmlManager& SystemSettings() {
     SystemSettingXmlManager::CreateInstance();
@@ -89,104 +70,65 @@ std::string SlotRange(const std::vector<ScheduleRow>& slots) {
            (last ? last->FormatDisplay() : std::string()) + "]";
 }
 
-std::string NowDisplay() {
-    return TimeStamp().FormatDisplay();
+std::string Display(std::int64_t wallMicros) {
+    return TimeStamp(Poco::Timestamp(wallMicros)).FormatDisplay();
+}
+
+// Whether the tables were emptied since `resets` was read (the caller holds
+// the flow lock); a fetch begun before must not be stored: it belongs to a
+// plant or state that no longer holds.
+bool ResetSince(const ScheduleStore& store, std::uint64_t resets, const char* failureText) {
+    if (store.ResetsLocked() == resets) return false;
+    LoggerLog::Warning(kTag, std::string(failureText) + " The stored schedule was reset while it was fetched.");
+    return true;
+}
+
+void ForwardStoredRows() {
+    ScheduleDatabase* database = ScheduleDatabase::GetInstance();
+    if (database != nullptr) database->UpdateSentFlag();
 }
 
 } // namespace
 
-ScheduleUpdateManager::Pin::Pin() : manager_(nullptr) {
-    Poco::FastMutex::ScopedLock lock(instanceMutex);
-    manager_ = instance;
-    if (manager_ != nullptr) manager_->EnterUse();
-}
+ScheduleUpdateManager::Pin::Pin() : manager_(ManagerRegistry::Acquire()) {}
 
 ScheduleUpdateManager::Pin::~Pin() {
     if (manager_ != nullptr) manager_->LeaveUse();
 }
 
-// One tick of an alarm's timer, for the length of its callback: whether the
-// timer still serves its alarm (the last tick of a replaced timer does
-// nothing), and the alarm's cancel event and next time as the tick found
-// them. A serving tick counts as a use of the manager.
-class ScheduleUpdateManager::Tick {
-public:
-    Tick(ScheduleUpdateManager& manager, Poco::Timer& timer, Poco::Timer* const& alarmTimer,
-         const std::shared_ptr<CancelEvent>& cancel, const std::shared_ptr<TimeStamp>& due)
-        : manager_(manager), timer_(timer), current_(false) {
-        {
-            Poco::Mutex::ScopedLock lock(manager_.timerMutex_);
-            current_ = &timer == alarmTimer && !manager_.IsShuttingDown();
-            if (!current_) return;
-            manager_.ticking_.push_back(&timer);
-            cancel_ = cancel;
-            due_ = due;
-        }
-        manager_.EnterUse();
-    }
-
-    ~Tick() {
-        if (!current_) return;
-        {
-            Poco::Mutex::ScopedLock lock(manager_.timerMutex_);
-            std::vector<Poco::Timer*>& ticking = manager_.ticking_;
-            ticking.erase(std::find(ticking.begin(), ticking.end(), &timer_));
-        }
-        manager_.LeaveUse();
-    }
-
-    bool IsCurrent() const { return current_; }
-    const std::shared_ptr<CancelEvent>& Cancel() const { return cancel_; }
-    const std::shared_ptr<TimeStamp>& Due() const { return due_; }
-
-private:
-    Tick(const Tick&) = delete;
-    Tick& operator=(const Tick&) = delete;
-
-    ScheduleUpdateManager& manager_;
-    Poco::Timer& timer_;
-    bool current_;
-    std::shared_ptr<CancelEvent> cancel_;
-    std::shared_ptr<TimeStamp> due_;
-};
-
 void ScheduleUpdateManager::CreateInstance() {
-    Poco::FastMutex::ScopedLock lock(instanceMutex);
-    if (instance == nullptr) instance = new ScheduleUpdateManager();
+    ManagerRegistry::Create(Environment());
+}
+
+void ScheduleUpdateManager::CreateInstance(const Environment& environment) {
+    ManagerRegistry::Create(environment);
 }
 
 ScheduleUpdateManager* ScheduleUpdateManager::GetInstance() {
-    return instance;
+    return ManagerRegistry::Get();
 }
 
 void ScheduleUpdateManager::DeleteInstance() {
-    ScheduleUpdateManager* doomed = nullptr;
-    {
-        Poco::FastMutex::ScopedLock lock(instanceMutex);
-        doomed = instance.exchange(nullptr);
-    }
-    if (doomed == nullptr) return;
-    doomed->Shutdown();
-    if (doomed->WaitUnused(kDeleteWaitMs)) {
-        delete doomed;
-        return;
-    }
-    LoggerLog::Warning(kTag, "A schedule flow did not end in time; it is left to the exit.");
-    Poco::FastMutex::ScopedLock lock(instanceMutex);
-    Parked().push_back(doomed);
+    ManagerRegistry::Delete(kDeleteWaitMs);
 }
 
 bool ScheduleUpdateManager::HasParked() {
-    Poco::FastMutex::ScopedLock lock(instanceMutex);
-    return !Parked().empty();
+    return ManagerRegistry::HasParked();
 }
 
-ScheduleUpdateManager::ScheduleUpdateManager()
-    : channel_(new Channel(kRequestWorkers)), infoDatabase_(new ScheduleUpdateInfoDatabase()), resets_(0),
-      schedule_timer_(nullptr), fixed_schedule_timer_(nullptr), updateCancel_(std::make_shared<CancelEvent>()),
-      fixedCancel_(std::make_shared<CancelEvent>()), stopEvent_(new CancelEvent()), users_(0) {
-    channel_->StartWorkers();
-    ScheduleDatabase::CreateInstance();
+ScheduleUpdateManager::ScheduleUpdateManager() : ScheduleUpdateManager(Environment()) {}
+
+ScheduleUpdateManager::ScheduleUpdateManager(const Environment& environment)
+    : clock_(environment.clock != nullptr ? environment.clock : &Clock::System()),
+      ownUpdateTimers_(environment.updateTimers != nullptr ? nullptr : new ThreadTimerService(*clock_, "UpdateAlarm")),
+      ownFixedTimers_(environment.fixedTimers != nullptr ? nullptr : new ThreadTimerService(*clock_, "FixedAlarm")),
+      ownGateway_(environment.gateway != nullptr ? nullptr : new ExchangeGateway()),
+      gateway_(environment.gateway != nullptr ? environment.gateway : ownGateway_.get()),
+      updateAlarm_(environment.updateTimers != nullptr ? *environment.updateTimers : *ownUpdateTimers_, *clock_),
+      fixedAlarm_(environment.fixedTimers != nullptr ? *environment.fixedTimers : *ownFixedTimers_, *clock_),
+      stopEvent_(new CancelEvent()) {
+    TimerService& updateTimers = environment.updateTimers != nullptr ? *environment.updateTimers : *ownUpdateTimers_;
+    updateTimers.OnClockStep([this](std::int64_t step) { OnClockStep(step); });
     ScheduleDatabase::GetInstance()->SetForwarder([this] { return SendScheduleData(); });
 }
 
@@ -195,140 +137,73 @@ ScheduleUpdateManager::~ScheduleUpdateManager() {
     // Waits for a forwarding in progress (aborted by Shutdown) to end.
     ScheduleDatabase* database = ScheduleDatabase::GetInstance();
     if (database != nullptr) database->SetForwarder(ScheduleDatabase::Forwarder());
-    std::vector<Poco::Timer*> timers;
-    {
-        Poco::Mutex::ScopedLock lock(timerMutex_);
-        timers.swap(retired_);
-        timers.push_back(schedule_timer_);
-        timers.push_back(fixed_schedule_timer_);
-        schedule_timer_ = fixed_schedule_timer_ = nullptr;
-    }
-    for (Poco::Timer* timer : timers) delete timer;
-    delete channel_;
-    delete infoDatabase_;
-    Poco::FastMutex::ScopedLock lock(exchangeMutex_);
-    for (Request* request : inFlight_) request->release();
-    inFlight_.clear();
+    // The lanes end before the alarms they drive.
+    if (ownUpdateTimers_) ownUpdateTimers_->OnClockStep(TimerService::StepHandler());
+    ownUpdateTimers_.reset();
+    ownFixedTimers_.reset();
 }
 
 void ScheduleUpdateManager::Shutdown() {
     stopEvent_->Set();
     Stop();
-    Poco::FastMutex::ScopedLock lock(exchangeMutex_);
-    for (Request* request : inFlight_) request->Abort();
+    updateAlarm_.Retire();
+    fixedAlarm_.Retire();
+    gateway_->Abort();
 }
 
 bool ScheduleUpdateManager::IsShuttingDown() const {
     return stopEvent_->IsSet();
 }
 
-void ScheduleUpdateManager::EnterUse() {
-    Poco::FastMutex::ScopedLock lock(usersMutex_);
-    ++users_;
+std::int64_t ScheduleUpdateManager::NowMicroseconds() const {
+    return clock_->WallMicroseconds();
 }
 
-void ScheduleUpdateManager::LeaveUse() {
-    Poco::FastMutex::ScopedLock lock(usersMutex_);
-    if (--users_ == 0) unused_.broadcast();
-}
-
-// Waits up to `ms` for every pin, flow and callback to end; true when none
-// is left.
-bool ScheduleUpdateManager::WaitUnused(long ms) {
-    const Poco::Clock start;
-    Poco::FastMutex::ScopedLock lock(usersMutex_);
-    while (users_ > 0) {
-        const long left = ms - static_cast<long>(start.elapsed() / 1000);
-        if (left <= 0) return false;
-        unused_.tryWait(usersMutex_, left);
-    }
-    return true;
-}
-
-// Tracks `request` (before it is queued) so that Shutdown can abort it.
-// Requests that have finished (only this list still holds them) are dropped
-// here. After Shutdown a request fails as soon as it starts.
-void ScheduleUpdateManager::Register(Request* request) {
-    Poco::FastMutex::ScopedLock lock(exchangeMutex_);
-    const auto finished = std::remove_if(inFlight_.begin(), inFlight_.end(), [](Request* tracked) {
-        if (tracked->referenceCount() > 1) return false;
-        tracked->release();
-        return true;
-    });
-    inFlight_.erase(finished, inFlight_.end());
-    request->duplicate();
-    inFlight_.push_back(request);
-    if (IsShuttingDown()) request->Abort();
-}
-
-std::uint64_t ScheduleUpdateManager::Resets() {
-    Poco::Mutex::ScopedLock lock(flowMutex_);
-    return resets_;
-}
-
-// Whether the tables were emptied since `resets` was read (the caller holds
-// the flow lock); a fetch begun before must not be stored: it belongs to a
-// plant or state that no longer holds.
-bool ScheduleUpdateManager::ResetSince(std::uint64_t resets, const char* failureText) {
-    if (resets_ == resets) return false;
-    LoggerLog::Warning(kTag, std::string(failureText) + " The stored schedule was reset while it was fetched.");
-    return true;
+std::string ScheduleUpdateManager::NowDisplay() const {
+    return Display(NowMicroseconds());
 }
 
 ScheduleUpdateInfo ScheduleUpdateManager::GetUpdateInfo() {
-    return infoDatabase_->SelectUpdateInfo();
+    return store_.SelectUpdateInfo();
 }
 
 std::future<std::shared_ptr<ServerAccessResult>> ScheduleUpdateManager::ServerAccess_c(const std::string& scheduleKbn) {
     LoggerLog::Debug(kTag, "ServerAccess_c");
-    return StartExchange([&](ScheduleServerAccessRequest& request) { request.SetParameters(scheduleKbn); });
+    return gateway_->Fetch(scheduleKbn, false, "", "");
 }
 
 std::future<std::shared_ptr<ServerAccessResult>> ScheduleUpdateManager::ServerAccess_i(const std::string& scheduleKbn,
                                                                                        const std::string& plantId,
                                                                                        const std::string& url) {
     LoggerLog::Debug(kTag, "ServerAccess_i");
-    return StartExchange(
-        [&](ScheduleServerAccessRequest& request) { request.SetParameters(scheduleKbn, plantId, url); });
-}
-
-// Queues one exchange whose parameters `setParameters` fills in. The
-// callback lives as long as the request, so it outlives its own report.
-std::future<std::shared_ptr<ServerAccessResult>>
-ScheduleUpdateManager::StartExchange(const std::function<void(ScheduleServerAccessRequest&)>& setParameters) {
-    auto callback = std::make_shared<ScheduleServerSendRequest>();
-    std::future<std::shared_ptr<ServerAccessResult>> future = callback->GetFuture();
-    ScheduleServerAccessRequest* request = new ScheduleServerAccessRequest(callback.get());
-    setParameters(*request);
-    request->Keep(callback);
-    Register(request);
-    channel_->Enqueue(request);
-    return future;
+    return gateway_->Fetch(scheduleKbn, true, plantId, url);
 }
 
 // Reports a failed exchange or an answer the parser could not read; null
-// when the answer can be used.
+// when the answer can be used. A server's Retry-After travels on.
 std::shared_ptr<UpdateResult> ScheduleUpdateManager::AccessFailure(const std::string& failureText,
                                                                    const std::shared_ptr<ServerAccessResult>& access) {
+    std::shared_ptr<UpdateResult> failure;
     if (!access || !access->IsResult()) {
         const std::string printed = access ? access->ToString() : std::string();
         LoggerLog::Warning(kTag, failureText + printed + "]");
-        return Failure(FailureReason::kAccessFailed, access ? access->GetStatusCode() : 0,
-                       access ? access->GetFailureReason() : "");
-    }
-    std::shared_ptr<ServerResponseParser> parser = access->GetResponseParser();
-    if (!parser || !parser->IsBinary()) {
+        failure = Failure(FailureReason::kAccessFailed, access ? access->GetStatusCode() : 0,
+                          access ? access->GetFailureReason() : "");
+    } else {
+        std::shared_ptr<ServerResponseParser> parser = access->GetResponseParser();
+        if (parser && parser->IsBinary()) return nullptr;
         const std::string message = parser ? parser->GetMessage() : std::string();
         LoggerLog::Warning(kTag, failureText + message + "]");
-        return Failure(FailureReason::kResponseUnparsable, access->GetStatusCode(), message);
+        failure = Failure(FailureReason::kResponseUnparsable, access->GetStatusCode(), message);
     }
-    return nullptr;
+    if (access) failure->SetRetryAfterSeconds(access->GetRetryAfterSeconds());
+    return failure;
 }
 
 std::shared_ptr<UpdateResult> ScheduleUpdateManager::UpdateSchedule() {
     LoggerLog::Debug(kTag, "UpdateSchedule");
     return GuardedFlow("Schedule update failed. ", [&]() -> std::shared_ptr<UpdateResult> {
-        const std::uint64_t resets = Resets();
+        const std::uint64_t resets = store_.Resets();
         std::shared_ptr<ServerAccessResult> access = ServerAccess_c(kUpdateScheduleKbn).get();
         if (auto failed = AccessFailure("Schedule update failed. [", access)) return failed;
         const std::int32_t status = access->GetStatusCode();
@@ -342,10 +217,10 @@ std::shared_ptr<UpdateResult> ScheduleUpdateManager::UpdateSchedule() {
             LoggerLog::Warning(kTag, "Schedule update failed. Schedule data is nothing.");
             return Failure(FailureReason::kNoSlots, status, "Schedule data is nothing.");
         }
-        Poco::Mutex::ScopedLock lock(flowMutex_);
-        if (ResetSince(resets, "Schedule update failed."))
+        ScheduleStore::Lock lock(store_.FlowMutex());
+        if (ResetSince(store_, resets, "Schedule update failed."))
             return Failure(FailureReason::kDatabaseWriteFailed, status, "Database update error.");
-        if (!UpdateWithUpdateSchedule(model.GetUpdateInfo(), slots)) {
+        if (!UpdateWithUpdateScheduleLocked(model.GetUpdateInfo(), slots)) {
             LoggerLog::Warning(kTag, "Schedule update failed. Database update error.");
             return Failure(FailureReason::kDatabaseWriteFailed, status, "Database update error.");
         }
@@ -359,9 +234,9 @@ std::shared_ptr<UpdateResult> ScheduleUpdateManager::UpdateFixedSchedule() {
         ScheduleUpdateInfo info;
         std::uint64_t resets = 0;
         {
-            Poco::Mutex::ScopedLock lock(flowMutex_);
-            info = infoDatabase_->SelectUpdateInfo();
-            resets = resets_;
+            ScheduleStore::Lock lock(store_.FlowMutex());
+            info = store_.SelectUpdateInfoLocked();
+            resets = store_.ResetsLocked();
         }
         if (info.plantId.empty()) {
             const std::string message = "Update information of fixed schedule does not exist.";
@@ -382,10 +257,10 @@ std::shared_ptr<UpdateResult> ScheduleUpdateManager::UpdateFixedSchedule() {
             LoggerLog::Warning(kTag, "Fixed schedule update failed. Schedule data is nothing.");
             return Failure(FailureReason::kNoSlots, status, "Schedule data is nothing.");
         }
-        Poco::Mutex::ScopedLock lock(flowMutex_);
-        if (ResetSince(resets, "Fixed schedule update failed."))
+        ScheduleStore::Lock lock(store_.FlowMutex());
+        if (ResetSince(store_, resets, "Fixed schedule update failed."))
             return Failure(FailureReason::kDatabaseWriteFailed, status, "Database update error.");
-        if (!UpdateWithFixedSchedule(slots, model.GetPlantId())) {
+        if (!UpdateWithFixedScheduleLocked(slots, model.GetPlantId())) {
             LoggerLog::Warning(kTag, "Fixed schedule update failed. Database update error.");
             return Failure(FailureReason::kDatabaseWriteFailed, status, "Database update error.");
         }
@@ -395,9 +270,14 @@ std::shared_ptr<UpdateResult> ScheduleUpdateManager::UpdateFixedSchedule() {
 
 bool ScheduleUpdateManager::UpdateWithUpdateSchedule(const ScheduleUpdateInfo& received,
                                                      const std::vector<ScheduleRow>& slots) {
-    Poco::Mutex::ScopedLock lock(flowMutex_);
+    ScheduleStore::Lock lock(store_.FlowMutex());
+    return UpdateWithUpdateScheduleLocked(received, slots);
+}
+
+bool ScheduleUpdateManager::UpdateWithUpdateScheduleLocked(const ScheduleUpdateInfo& received,
+                                                           const std::vector<ScheduleRow>& slots) {
     LoggerLog::Debug(kTag, "UpdateWithUpdateSchedule");
-    ScheduleUpdateInfo info = infoDatabase_->SelectUpdateInfo();
+    ScheduleUpdateInfo info = store_.SelectUpdateInfoLocked();
     if (!info.plantId.empty() && info.plantId != received.plantId) {
         LoggerLog::Error(kTag, "It is data of a different power station ID. Expected[" + info.plantId + "], but [" +
                                    received.plantId + "]");
@@ -415,20 +295,23 @@ bool ScheduleUpdateManager::UpdateWithUpdateSchedule(const ScheduleUpdateInfo& r
         info.fixedScheduleUpdateFlag = received.fixedScheduleUpdateFlag;
         info.isNeedUpdateFixedSchedule = true;
     }
-    ScheduleDatabase* database = ScheduleDatabase::GetInstance();
-    if (database == nullptr || !database->InsertUpdateSchedule(slots)) return false;
+    if (!store_.InsertUpdateScheduleLocked(slots)) return false;
     if (!slots.empty()) LoggerLog::Info(kTag, "Schedule Update. " + SlotRange(slots));
     info.lastUpdateTime = NowDisplay();
-    return infoDatabase_->InsertUpdateInfo(info);
+    return store_.InsertUpdateInfoLocked(info);
 }
 
 bool ScheduleUpdateManager::UpdateWithFixedSchedule(const std::vector<ScheduleRow>& slots, const std::string& plantId) {
-    Poco::Mutex::ScopedLock lock(flowMutex_);
+    ScheduleStore::Lock lock(store_.FlowMutex());
+    return UpdateWithFixedScheduleLocked(slots, plantId);
+}
+
+bool ScheduleUpdateManager::UpdateWithFixedScheduleLocked(const std::vector<ScheduleRow>& slots,
+                                                          const std::string& plantId) {
     LoggerLog::Debug(kTag, "UpdateWithFixedSchedule");
-    ScheduleDatabase* database = ScheduleDatabase::GetInstance();
-    if (database == nullptr || !database->InsertFixedSchedule(slots)) return false;
+    if (!store_.InsertFixedScheduleLocked(slots)) return false;
     if (!slots.empty()) LoggerLog::Info(kTag, "Fixed Schedule Update. " + SlotRange(slots));
-    ScheduleUpdateInfo info = infoDatabase_->SelectUpdateInfo();
+    ScheduleUpdateInfo info = store_.SelectUpdateInfoLocked();
     if (info.plantId.empty()) {
         info.nextUpdateTime = "";
         info.fixedScheduleUpdateFlag = 0;
@@ -436,24 +319,31 @@ bool ScheduleUpdateManager::UpdateWithFixedSchedule(const std::vector<ScheduleRo
     info.plantId = plantId;
     info.lastUpdateTime = NowDisplay();
     info.isNeedUpdateFixedSchedule = false;
-    return infoDatabase_->InsertUpdateInfo(info);
+    return store_.InsertUpdateInfoLocked(info);
 }
 
 std::shared_ptr<UpdateResult> ScheduleUpdateManager::UpdateOutputControlSchedule() {
     LoggerLog::Debug(kTag, "UpdateOutputControlSchedule");
     std::shared_ptr<UpdateResult> result = UpdateSchedule();
+    RecordUpdateResult(*result);
     if (!result->IsResult()) return result;
     SetupUpdateScheduleAlarm(false, false);
     return UpdateFixedSchedule();
 }
 
 void ScheduleUpdateManager::DeleteAllUpdateControlInfoFromDB() {
-    Poco::Mutex::ScopedLock lock(flowMutex_);
+    ScheduleStore::Lock lock(store_.FlowMutex());
+    DeleteAllLocked();
+}
+
+void ScheduleUpdateManager::DeleteAllLocked() {
     LoggerLog::Debug(kTag, "DeleteAllUpdateControlInfoFromDB");
-    ++resets_;
-    infoDatabase_->DeleteUpdateInfo();
-    ScheduleDatabase* database = ScheduleDatabase::GetInstance();
-    if (database != nullptr) database->DeleteAll();
+    store_.DeleteAllLocked();
+    {
+        // The failures belonged to what was wiped.
+        Poco::FastMutex::ScopedLock lock(historyMutex_);
+        history_ = RetryPolicy::History();
+    }
     Stop();
 }
 
@@ -472,16 +362,16 @@ std::shared_ptr<UpdateResult> ScheduleUpdateManager::CheckAndUpdateWithSystemSet
 // The locked part of the settings check: true when a new plant needs its
 // first fetch (done by the caller, outside the lock).
 bool ScheduleUpdateManager::BringInfoInStep(bool startIfUnchanged) {
-    Poco::Mutex::ScopedLock lock(flowMutex_);
+    ScheduleStore::Lock lock(store_.FlowMutex());
     SystemSettingXmlManager& settings = SystemSettings();
     settings.Load();
     if (!settings.HasGeneral()) return false;
     const bool standAlone = settings.GetOutputControlStandAlone();
     if (standAlone) Stop();
     const std::string configured = settings.GetOutputControlPlantId();
-    const std::string stored = infoDatabase_->SelectUpdateInfo().plantId;
+    const std::string stored = store_.SelectUpdateInfoLocked().plantId;
     if (stored.empty() || stored != configured) {
-        DeleteAllUpdateControlInfoFromDB();
+        DeleteAllLocked();
         if (configured.empty()) {
             Stop();
             LoggerLog::Info(kTag, "Plant ID is not set. [" + stored + "]");
@@ -494,7 +384,7 @@ bool ScheduleUpdateManager::BringInfoInStep(bool startIfUnchanged) {
         fresh.nextUpdateTime = NowDisplay();
         fresh.fixedScheduleUpdateFlag = -1;
         fresh.isNeedUpdateFixedSchedule = false;
-        infoDatabase_->InsertUpdateInfo(fresh);
+        store_.InsertUpdateInfoLocked(fresh);
         if (standAlone) {
             LoggerLog::Warning(kTag, "Plant ID changed but, Standalone setting...");
             return false;
@@ -507,7 +397,7 @@ bool ScheduleUpdateManager::BringInfoInStep(bool startIfUnchanged) {
 
 std::shared_ptr<UpdateResult> ScheduleUpdateManager::UpdateWithFixedData(const std::shared_ptr<ScheduleModel>& model,
                                                                          bool force) {
-    Poco::Mutex::ScopedLock lock(flowMutex_);
+    ScheduleStore::Lock lock(store_.FlowMutex());
     LoggerLog::Debug(kTag, "UpdateWithFixedData");
     return GuardedFlow("Fixed schedule send failed. ", [&]() -> std::shared_ptr<UpdateResult> {
         if (!model || !model->IsResult()) {
@@ -522,7 +412,7 @@ std::shared_ptr<UpdateResult> ScheduleUpdateManager::UpdateWithFixedData(const s
                                "Fixed schedule update failed. Schedule data is nothing.");
             return Failure(FailureReason::kNoSlots, 0, "Schedule data is nothing.");
         }
-        const std::string stored = infoDatabase_->SelectUpdateInfo().plantId;
+        const std::string stored = store_.SelectUpdateInfoLocked().plantId;
         const std::string received = model->GetPlantId();
         const bool differs = !stored.empty() && stored != received;
         if (differs && !force) {
@@ -531,8 +421,8 @@ std::shared_ptr<UpdateResult> ScheduleUpdateManager::UpdateWithFixedData(const s
                                "Fixed schedule update failed. id not match. " + ids);
             return Failure(FailureReason::kPlantIdMismatch, 0, ids);
         }
-        if (differs) DeleteAllUpdateControlInfoFromDB();
-        if (!UpdateWithFixedSchedule(slots, received)) {
+        if (differs) DeleteAllLocked();
+        if (!UpdateWithFixedScheduleLocked(slots, received)) {
             LoggerLog::Warning(kTag, "Fixed schedule update failed. Database update error.");
             return Failure(FailureReason::kDatabaseWriteFailed, 0, "Database update error.");
         }
@@ -558,50 +448,71 @@ std::shared_ptr<UpdateResult> ScheduleUpdateManager::CheckPlantId(const std::str
 
 int ScheduleUpdateManager::SendScheduleData() {
     LoggerLog::Debug(kTag, "SendScheduleData");
-    auto callback = std::make_shared<BrvfdSendCommandRequest>(BrvfdAccessRequest::kCommandScheduleUpdated);
-    std::future<int> future = callback->GetFuture();
-    BrvfdAccessRequest* request = new BrvfdAccessRequest(callback.get());
-    request->SetCommand(BrvfdAccessRequest::kCommandScheduleUpdated);
-    request->Keep(callback);
-    Register(request);
-    channel_->Enqueue(request);
-    return future.get();
+    return gateway_->SendScheduleData();
 }
 
 bool ScheduleUpdateManager::IsRetryable(const UpdateResult& result) {
-    if (result.IsResult()) return false;
-    const std::int32_t status = result.GetStatusCode();
-    if (status >= 100 && status <= 199) return true;
-    if (status >= 200 && status <= 299) return false;
-    if (status >= 300 && status <= 399) return true;
-    if (status >= 400 && status <= 499) return false;
-    if (status >= 500 && status <= 599) return true;
-    switch (result.GetFailureReason()) {
-    case FailureReason::kAccessFailed:
-    case FailureReason::kPayloadInvalid:
-    case FailureReason::kNoSlots:
-    case FailureReason::kException:
-        return true;
-    default:
-        return false;
-    }
+    return RetryPolicy::IsRetryable(result);
 }
 
-long ScheduleUpdateManager::MonitoringIntervalMs() const {
+std::int64_t ScheduleUpdateManager::MonitoringIntervalMs() const {
     int seconds = LoggerSettingManager::Current().GetOutputScheduleMonitoringInterval();
     if (seconds <= 0) seconds = LoggerSettingManager::kDefaultMonitoringInterval;
-    return static_cast<long>(seconds) * 1000;
+    return static_cast<std::int64_t>(seconds) * 1000;
 }
 
 std::shared_ptr<TimeStamp> ScheduleUpdateManager::GetScheduleUpdateTime() {
-    Poco::Mutex::ScopedLock lock(timerMutex_);
-    return schedule_update_time_;
+    const std::int64_t due = updateAlarm_.Due();
+    return due < 0 ? nullptr : std::make_shared<TimeStamp>(Poco::Timestamp(due));
 }
 
 std::shared_ptr<TimeStamp> ScheduleUpdateManager::GetFixedScheduleUpdateTime() {
-    Poco::Mutex::ScopedLock lock(timerMutex_);
-    return fixed_schedule_update_time_;
+    const std::int64_t due = fixedAlarm_.Due();
+    return due < 0 ? nullptr : std::make_shared<TimeStamp>(Poco::Timestamp(due));
 }
+
+RetryPolicy::History ScheduleUpdateManager::GetUpdateHistory() {
+    Poco::FastMutex::ScopedLock lock(historyMutex_);
+    return history_;
+}
+
+bool ScheduleUpdateManager::FixedAttemptsPending() const {
+    return fixedAlarm_.HasDeferred();
+}
+
+void ScheduleUpdateManager::RecordUpdateResult(const UpdateResult& result) {
+    Poco::FastMutex::ScopedLock lock(historyMutex_);
+    history_ = RetryPolicy::Record(history_, result);
+}
+
+// A tick, a deferred step or a clock step counts as a use of the manager;
+// none begins once it shuts down.
+bool ScheduleUpdateManager::EnterTick() {
+    EnterUse();
+    if (!IsShuttingDown()) return true;
+    LeaveUse();
+    return false;
+}
+
+void ScheduleUpdateManager::LeaveTick() {
+    LeaveUse();
+}
+
+namespace {
+
+// Leaves a tick that EnterTick let in, however the tick ends.
+class TickScope {
+public:
+    explicit TickScope(const std::function<void()>& leave) : leave_(leave) {}
+    ~TickScope() { leave_(); }
+
+private:
+    TickScope(const TickScope&) = delete;
+    TickScope& operator=(const TickScope&) = delete;
+    std::function<void()> leave_;
+};
+
+} // namespace
 
 void ScheduleUpdateManager::Start() {
     LoggerLog::Debug(kTag, "Start");
@@ -617,136 +528,138 @@ void ScheduleUpdateManager::Stop() {
 
 // The three conditions under which no alarm runs; fills `info` otherwise.
 bool ScheduleUpdateManager::AlarmPreconditions(ScheduleUpdateInfo& info) {
+    return CheckAlarmPreconditions(info) == AlarmCheck::kReady;
+}
+
+// As AlarmPreconditions, telling which condition failed. On kNoStoredPlant
+// `info` holds the configured plant id.
+ScheduleUpdateManager::AlarmCheck ScheduleUpdateManager::CheckAlarmPreconditions(ScheduleUpdateInfo& info) {
     SystemSettingXmlManager& settings = SystemSettings();
-    if (settings.GetOutputControlPlantId().empty()) {
+    const std::string configured = settings.GetOutputControlPlantId();
+    if (configured.empty()) {
         std::cout << "not PlantId" << std::endl;
-        return false;
+        return AlarmCheck::kNoPlant;
     }
     if (settings.GetOutputControlStandAlone()) {
         std::cout << "id StandAlone" << std::endl;
-        return false;
+        return AlarmCheck::kStandAlone;
     }
-    info = infoDatabase_->SelectUpdateInfo();
+    info = store_.PeekUpdateInfo();
     if (info.plantId.empty()) {
         std::cout << "not db" << std::endl;
-        return false;
+        info = ScheduleUpdateInfo();
+        info.plantId = configured;
+        return AlarmCheck::kNoStoredPlant;
     }
-    return true;
+    return AlarmCheck::kReady;
 }
 
-// Replaces `timer` with a new one ticking every monitoring interval. The
-// old one is retired, not joined: its thread ends after the callback it may
-// be running, which no longer acts (it is not the alarm's timer), and it is
-// freed later. So no caller, whatever lock it holds, waits on a callback.
-void ScheduleUpdateManager::ReplaceTimer(Poco::Timer*& timer, const char* deleteLabel,
-                                         void (ScheduleUpdateManager::*callback)(Poco::Timer&)) {
-    const long interval = MonitoringIntervalMs();
-    {
-        Poco::Mutex::ScopedLock lock(timerMutex_);
-        if (timer != nullptr) {
-            std::cout << deleteLabel << std::endl;
-            RetireTimer(timer);
-        }
-        std::cout << "fixed_schedule_timer_ start" << std::endl;
-        timer = new Poco::Timer(interval, interval);
-        timer->start(Poco::TimerCallback<ScheduleUpdateManager>(*this, callback));
+// The next update attempt (wall microseconds) for the stored `info` and the
+// failures since the last success. With none, the stored next update time
+// stepped on by 30 minutes while it is not later than now, keeping its
+// sub-second part (none from the table, now's when it does not read).
+std::int64_t ScheduleUpdateManager::NextUpdateAttempt(const ScheduleUpdateInfo& info) {
+    const std::int64_t now = NowMicroseconds();
+    const std::int64_t nowSeconds = TimeStamp(Poco::Timestamp(now)).EpochSeconds();
+    const std::shared_ptr<TimeStamp> stored = TimeStamp::ParseDisplay(info.nextUpdateTime);
+    const RetryPolicy::History history = GetUpdateHistory();
+    if (history.failures == 0) {
+        const std::int64_t base = stored ? stored->Value().epochMicroseconds() : now;
+        const std::int64_t baseSeconds = TimeStamp(Poco::Timestamp(base)).EpochSeconds();
+        return base + (RetryPolicy::SteppedServerTime(baseSeconds, nowSeconds) - baseSeconds) * kMicros;
     }
-    ReapRetiredTimers();
-}
-
-// Ends `timer`'s periodic run without waiting for it (timerMutex_ held).
-void ScheduleUpdateManager::RetireTimer(Poco::Timer* timer) {
-    timer->restart(0);
-    retired_.push_back(timer);
-}
-
-// Frees the retired timers whose callback is not running; freeing waits for
-// a thread that is ending anyway, never for a callback.
-void ScheduleUpdateManager::ReapRetiredTimers() {
-    std::vector<Poco::Timer*> idle;
-    {
-        Poco::Mutex::ScopedLock lock(timerMutex_);
-        const auto busy = std::partition(retired_.begin(), retired_.end(), [this](Poco::Timer* timer) {
-            return std::find(ticking_.begin(), ticking_.end(), timer) != ticking_.end();
-        });
-        idle.assign(busy, retired_.end());
-        retired_.erase(busy, retired_.end());
-    }
-    for (Poco::Timer* timer : idle) delete timer;
-}
-
-// Ends `timer`'s periodic run (a running callback finishes first, without
-// being waited for), wakes a callback of the alarm that sleeps or waits and
-// gives the alarm's next run a fresh cancel event (timerMutex_ held).
-void ScheduleUpdateManager::CancelAlarm(Poco::Timer* timer, std::shared_ptr<CancelEvent>& cancel) {
-    if (timer != nullptr) timer->restart(0);
-    cancel->Set();
-    cancel = std::make_shared<CancelEvent>();
+    const std::int64_t next =
+        RetryPolicy::NextUpdateAttempt(history, info.plantId, nowSeconds, stored ? stored->EpochSeconds() : -1);
+    return now + (next - nowSeconds) * kMicros;
 }
 
 void ScheduleUpdateManager::SetupUpdateScheduleAlarm(bool keepTimer, bool retry) {
     LoggerLog::Debug(kTag, "SetupUpdateScheduleAlarm");
     if (!keepTimer) StopUpdateScheduleAlarm();
+    PlanUpdateAlarm(keepTimer, retry, nullptr);
+}
+
+// Sets the update alarm's due time from the stored update information (for
+// `run` only while it is current, when one is given) and, unless
+// `keepTimer`, starts its ticks.
+void ScheduleUpdateManager::PlanUpdateAlarm(bool keepTimer, bool retry, const Alarm::Run& run) {
     ScheduleUpdateInfo info;
-    if (!AlarmPreconditions(info)) return;
-    std::shared_ptr<TimeStamp> next = TimeStamp::ParseDisplay(info.nextUpdateTime);
-    const TimeStamp now;
-    if (!next) next = std::make_shared<TimeStamp>(now);
-    std::int64_t seconds = next->EpochSeconds();
-    while (seconds <= now.EpochSeconds()) seconds += kHalfHourSeconds;
-    // Keep the sub-second part of a time read from the table (none) and of now.
-    next = std::make_shared<TimeStamp>(
-        Poco::Timestamp(next->Value() + (seconds - next->EpochSeconds()) * Poco::Timestamp::resolution()));
-    {
-        Poco::Mutex::ScopedLock lock(timerMutex_);
-        schedule_update_time_ = next;
+    const AlarmCheck check = CheckAlarmPreconditions(info);
+    // After the alarm's own fetch, a table that cannot be read (a failing
+    // card) must not leave the past due time in place, which would fetch at
+    // every tick: the next attempt is planned for the configured plant.
+    if (check != AlarmCheck::kReady && !(run && check == AlarmCheck::kNoStoredPlant)) return;
+    const std::int64_t next = NextUpdateAttempt(info);
+    if (run) {
+        if (!updateAlarm_.SetDueFor(run, next)) return;
+    } else {
+        updateAlarm_.SetDue(next);
     }
-    LoggerLog::Debug(kTag,
-                     std::string(retry ? "retry. " : "") + "schedule_update_time_ [" + next->FormatDisplay() + "]");
-    if (!keepTimer) {
-        ReplaceTimer(schedule_timer_, "schedule_timer_ delete", &ScheduleUpdateManager::CallbackUpdateSchedule);
-    }
+    LoggerLog::Debug(kTag, std::string(retry ? "retry. " : "") + "schedule_update_time_ [" + Display(next) + "]");
+    if (keepTimer) return;
+    if (updateAlarm_.EverStarted()) std::cout << "schedule_timer_ delete" << std::endl;
+    std::cout << "fixed_schedule_timer_ start" << std::endl;
+    updateAlarm_.Start(MonitoringIntervalMs(), [this](const Alarm::Run& tick) { CallbackUpdateSchedule(tick); });
 }
 
 void ScheduleUpdateManager::StopUpdateScheduleAlarm() {
     LoggerLog::Debug(kTag, "StopUpdateScheduleAlarm");
     std::cout << "fixed_schedule_timer_ restart(0)" << std::endl;
-    Poco::Mutex::ScopedLock lock(timerMutex_);
-    CancelAlarm(schedule_timer_, updateCancel_);
-    schedule_update_time_.reset();
+    updateAlarm_.Stop();
 }
 
 void ScheduleUpdateManager::SetupFixedScheduleAlarm() {
     LoggerLog::Debug(kTag, "SetupFixedScheduleAlarm");
     StopFixedScheduleAlarm();
+    PlanFixedAlarm(nullptr, false);
+}
+
+// Sets the fixed alarm's due time and starts its ticks: at the plant's time
+// (today unless it passed more than 20 minutes ago), or after failed
+// attempts (`nextDay`) at its next time still to come. With a `run`, only
+// while that run is current.
+void ScheduleUpdateManager::PlanFixedAlarm(const Alarm::Run& run, bool nextDay) {
     ScheduleUpdateInfo info;
     if (!AlarmPreconditions(info)) return;
     if (!info.isNeedUpdateFixedSchedule) {
         std::cout << "is need update false" << std::endl;
         return;
     }
-    std::shared_ptr<TimeStamp> next = FixedScheduleUpdateTime(info.plantId);
-    if (!next) return;
-    {
-        Poco::Mutex::ScopedLock lock(timerMutex_);
-        fixed_schedule_update_time_ = next;
+    const std::int64_t next = NextFixedTime(info.plantId, nextDay);
+    if (next < 0) return;
+    LoggerLog::Debug(kTag, "fixed_schedule_update_time_ [" + Display(next) + "]");
+    if (fixedAlarm_.EverStarted()) std::cout << "fixed_schedule_timer_ delete" << std::endl;
+    std::cout << "fixed_schedule_timer_ start" << std::endl;
+    const Alarm::Step tick = [this](const Alarm::Run& ticking) { CallbackFixedSchedule(ticking); };
+    if (run) {
+        fixedAlarm_.StartFor(run, MonitoringIntervalMs(), tick, next);
+    } else {
+        fixedAlarm_.SetDue(next);
+        fixedAlarm_.Start(MonitoringIntervalMs(), tick);
     }
-    LoggerLog::Debug(kTag, "fixed_schedule_update_time_ [" + next->FormatDisplay() + "]");
-    ReplaceTimer(fixed_schedule_timer_, "fixed_schedule_timer_ delete", &ScheduleUpdateManager::CallbackFixedSchedule);
+}
+
+// The fixed schedule's next fetch time (wall microseconds); -1 when it
+// cannot be told. `nextDay`: the first of the plant's times after now.
+std::int64_t ScheduleUpdateManager::NextFixedTime(const std::string& plantId, bool nextDay) {
+    const std::shared_ptr<TimeStamp> time = FixedScheduleUpdateTime(plantId);
+    if (!time) return -1;
+    std::int64_t next = time->Value().epochMicroseconds();
+    const std::int64_t now = NowMicroseconds();
+    while (nextDay && next <= now) next += kDaySeconds * kMicros;
+    return next;
 }
 
 void ScheduleUpdateManager::StopFixedScheduleAlarm() {
     LoggerLog::Debug(kTag, "StopFixedScheduleAlarm");
     std::cout << "fixed_schedule_timer_ restart(0)" << std::endl;
-    Poco::Mutex::ScopedLock lock(timerMutex_);
-    CancelAlarm(fixed_schedule_timer_, fixedCancel_);
-    fixed_schedule_update_time_.reset();
+    fixedAlarm_.Stop();
 }
 
 std::shared_ptr<TimeStamp> ScheduleUpdateManager::FixedScheduleUpdateTime(const std::string& plantId) {
     LoggerLog::Debug(kTag, "FixedScheduleUpdateTime");
     try {
-        const TimeStamp now;
+        const TimeStamp now{Poco::Timestamp(NowMicroseconds())};
         const unsigned char last = plantId.empty() ? 0 : static_cast<unsigned char>(plantId.back());
         if (last < '0' || last > '9') {
             return TimeStamp::FromEpochSeconds(now.EpochSeconds() + kHalfHourSeconds);
@@ -757,7 +670,7 @@ std::shared_ptr<TimeStamp> ScheduleUpdateManager::FixedScheduleUpdateTime(const 
         const Poco::DateTime today(now.Value());
         const Poco::DateTime at(today.year(), today.month(), today.day(), minutes / 60, minutes % 60, 0);
         std::int64_t seconds = TimeStamp(at.timestamp()).EpochSeconds();
-        if (seconds < now.EpochSeconds() - kFixedLateSeconds) seconds += 86400;
+        if (seconds < now.EpochSeconds() - kFixedLateSeconds) seconds += kDaySeconds;
         return TimeStamp::FromEpochSeconds(seconds);
     } catch (const Poco::Exception& e) {
         LoggerLog::Debug(kTag, "fixedScheduleUpdateTime. EXCEPTION[" + e.displayText() + "]");
@@ -765,82 +678,144 @@ std::shared_ptr<TimeStamp> ScheduleUpdateManager::FixedScheduleUpdateTime(const 
     }
 }
 
-void ScheduleUpdateManager::CallbackUpdateSchedule(Poco::Timer& timer) {
-    const Tick tick(*this, timer, schedule_timer_, updateCancel_, schedule_update_time_);
-    if (!tick.IsCurrent()) return;
+void ScheduleUpdateManager::CallbackUpdateSchedule(const Alarm::Run& run) {
+    if (!EnterTick()) return;
+    const TickScope scope([this] { LeaveTick(); });
     LoggerLog::Debug(kTag, "CallbackUpdateSchedule");
-    const std::shared_ptr<TimeStamp>& due = tick.Due();
-    if (!due) {
+    const std::int64_t due = updateAlarm_.Due();
+    if (due < 0) {
         LoggerLog::Debug(kTag, "Cancel 1");
         return;
     }
-    const Poco::Timestamp now(SystemClock::NowMicroseconds());
-    if (due->Value() > now + static_cast<Poco::Timestamp::TimeDiff>(MonitoringIntervalMs()) * 1000) {
+    const std::int64_t now = NowMicroseconds();
+    if (due > now + MonitoringIntervalMs() * 1000) {
         LoggerLog::Debug(kTag, "Waiting for next update time");
         return;
     }
     LoggerLog::Debug(kTag, "sleep");
-    const std::int64_t diff = (due->Value() - now) / 1000;
+    const std::int64_t diff = (due - now) / 1000;
     char text[32];
     std::snprintf(text, sizeof text, "%lld", static_cast<long long>(diff));
     LoggerLog::Debug(kTag, std::string("diffe_time") + text);
-    const CancelEvent& cancel = *tick.Cancel();
-    if ((diff > 0 && cancel.Wait(diff)) || cancel.IsSet()) {
+    // The fetch happens at the exact update time: the rest of the wait is
+    // the alarm's deferred step, which a stop cancels.
+    const Alarm::Step fetch = [this](const Alarm::Run& deferred) { FetchUpdateSchedule(deferred); };
+    if (diff > 0) {
+        // Rounded up, so that the fetch is never a little early: a stored
+        // time still ahead of the failed fetch would be taken for the
+        // server's next time.
+        const std::int64_t waitMs = (due - now + 999) / 1000;
+        if (!updateAlarm_.DeferFor(run, due, waitMs, fetch)) LoggerLog::Debug(kTag, "Cancel 2");
+        return;
+    }
+    FetchUpdateSchedule(run);
+}
+
+// The update alarm's fetch, and the plan of the next one: never none while
+// a plant is set and the daemon is not stand-alone.
+void ScheduleUpdateManager::FetchUpdateSchedule(const Alarm::Run& run) {
+    if (!EnterTick()) return;
+    const TickScope scope([this] { LeaveTick(); });
+    if (run->IsSet() || updateAlarm_.Due() < 0) {
         LoggerLog::Debug(kTag, "Cancel 2");
         return;
     }
     std::shared_ptr<UpdateResult> result = UpdateSchedule();
     // Stopped while the flow ran (a plant change, stand-alone operation,
     // the daemon stopping): the alarm stays as the stop left it.
-    if (cancel.IsSet()) return;
+    if (run->IsSet()) return;
+    RecordUpdateResult(*result);
     if (!result->IsResult() && !IsRetryable(*result)) {
-        LoggerLog::Error(kTag, "Update schedule failed. Stop retry. " + result->ToString());
-        StopUpdateScheduleAlarm();
-        return;
+        const std::int64_t next = NextUpdateAttempt(store_.PeekUpdateInfo());
+        LoggerLog::Error(kTag, "Update schedule failed. Stop retry. " + result->ToString() + " Next attempt [" +
+                                   Display(next) + "]");
     }
-    SetupUpdateScheduleAlarm(true, !result->IsResult());
+    LoggerLog::Debug(kTag, "SetupUpdateScheduleAlarm");
+    PlanUpdateAlarm(true, !result->IsResult(), run);
     if (result->IsResult()) {
         SetupFixedScheduleAlarm();
-        ScheduleDatabase* database = ScheduleDatabase::GetInstance();
-        if (database != nullptr) database->UpdateSentFlag();
+        ForwardStoredRows();
     }
 }
 
-void ScheduleUpdateManager::CallbackFixedSchedule(Poco::Timer& timer) {
-    const Tick tick(*this, timer, fixed_schedule_timer_, fixedCancel_, fixed_schedule_update_time_);
-    if (!tick.IsCurrent()) return;
+void ScheduleUpdateManager::CallbackFixedSchedule(const Alarm::Run& run) {
+    if (!EnterTick()) return;
+    const TickScope scope([this] { LeaveTick(); });
     LoggerLog::Debug(kTag, "CallbackFixedSchedule");
-    const std::shared_ptr<TimeStamp>& due = tick.Due();
-    if (!due) {
+    const std::int64_t due = fixedAlarm_.Due();
+    if (due < 0) {
         LoggerLog::Debug(kTag, "Cancel 1");
         return;
     }
-    if (due->Value() > Poco::Timestamp(SystemClock::NowMicroseconds())) {
+    if (due > NowMicroseconds()) {
         LoggerLog::Debug(kTag, "Waiting for next update time");
         return;
     }
-    // The attempts below belong to no alarm run any more: stopping the alarm
-    // again (a new set-up, a plant change, the daemon stopping) ends them.
-    StopFixedScheduleAlarm();
-    std::shared_ptr<CancelEvent> cancel;
-    {
-        Poco::Mutex::ScopedLock lock(timerMutex_);
-        cancel = fixedCancel_;
+    // The attempts below belong to a quiet run of their own: stopping the
+    // alarm again (a new set-up, a plant change, the daemon stopping) ends
+    // them. Taken in one step with the end of this run, so no set-up can
+    // slip in between.
+    LoggerLog::Debug(kTag, "StopFixedScheduleAlarm");
+    std::cout << "fixed_schedule_timer_ restart(0)" << std::endl;
+    const Alarm::Run attempts = fixedAlarm_.QuietFor(run);
+    if (attempts) FixedAttempt(attempts, 1);
+}
+
+// One attempt of the fixed schedule; the next one is deferred five minutes,
+// and after the last (or one not worth retrying) the next day is planned.
+void ScheduleUpdateManager::FixedAttempt(const Alarm::Run& run, int attempt) {
+    if (run->IsSet()) return;
+    std::shared_ptr<UpdateResult> result = UpdateFixedSchedule();
+    if (result->IsResult()) {
+        ForwardStoredRows();
+        return;
     }
-    for (int attempt = 1; attempt <= kFixedAttempts; ++attempt) {
-        if (cancel->IsSet()) return;
-        std::shared_ptr<UpdateResult> result = UpdateFixedSchedule();
-        if (result->IsResult()) {
-            ScheduleDatabase* database = ScheduleDatabase::GetInstance();
-            if (database != nullptr) database->UpdateSentFlag();
-            return;
+    const bool retryable = IsRetryable(*result);
+    if (!retryable || attempt == kFixedAttempts) {
+        const ScheduleUpdateInfo info = store_.PeekUpdateInfo();
+        const std::int64_t next = NextFixedTime(info.plantId, true);
+        const std::string when = " Next attempt [" + (next < 0 ? std::string() : Display(next)) + "]";
+        if (!retryable) {
+            LoggerLog::Error(kTag, "Update fixed schedule failed. Stop retry. " + result->ToString() + when);
+        } else {
+            LoggerLog::Error(kTag, "Fixed schedule update failed " + std::to_string(kFixedAttempts) + " times." + when);
         }
-        if (!IsRetryable(*result)) {
-            LoggerLog::Error(kTag, "Update fixed schedule failed. Stop retry. " + result->ToString());
-            return;
-        }
-        if (attempt == kFixedAttempts || cancel->Wait(kFixedRetryMs)) return;
+        PlanFixedAlarm(run, true);
+        return;
+    }
+    const std::int64_t wallDue = NowMicroseconds() + kFixedRetryMs * 1000;
+    fixedAlarm_.DeferFor(run, wallDue, kFixedRetryMs, [this, attempt](const Alarm::Run& deferred) {
+        if (!EnterTick()) return;
+        const TickScope scope([this] { LeaveTick(); });
+        if (deferred->IsSet()) return;
         LoggerLog::Error(kTag, "Fixed schedule update retry. [" + std::to_string(attempt) + "]");
+        FixedAttempt(deferred, attempt + 1);
+    });
+}
+
+void ScheduleUpdateManager::OnClockStep(std::int64_t stepMicros) {
+    if (!EnterTick()) return;
+    const TickScope scope([this] { LeaveTick(); });
+    LoggerLog::Info(kTag, "The clock was set by [" + std::to_string(stepMicros / kMicros) +
+                              " s]; the alarms are planned again.");
+    // A time that the step moved into the past is due now; one that it
+    // moved far ahead gives way to the time planned from the stored
+    // information and the failure history, counted from the new now.
+    ScheduleUpdateInfo info;
+    if (!AlarmPreconditions(info)) return;
+    const std::int64_t due = updateAlarm_.Due();
+    if (due >= 0) {
+        const std::int64_t next = std::min(due, NextUpdateAttempt(info));
+        updateAlarm_.SetDue(next);
+        LoggerLog::Debug(kTag, "schedule_update_time_ [" + Display(next) + "]");
+    }
+    const std::int64_t fixedDue = fixedAlarm_.Due();
+    if (fixedDue >= 0 && info.isNeedUpdateFixedSchedule) {
+        const std::int64_t planned = NextFixedTime(info.plantId, false);
+        if (planned >= 0 && planned < fixedDue) {
+            fixedAlarm_.SetDue(planned);
+            LoggerLog::Debug(kTag, "fixed_schedule_update_time_ [" + Display(planned) + "]");
+        }
     }
 }
 

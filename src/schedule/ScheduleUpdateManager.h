@@ -5,43 +5,63 @@
 // plant id, checks plant ids with the server and tells the logger daemon
 // about new data. Every public flow returns an UpdateResult and never throws.
 //
-// Concurrency. Flows run at once from the socket workers and the timers.
-// Their network waits (the schedule server, the logger daemon) happen
-// outside every lock; the flow lock covers only reading and writing the
-// update information and the tables, so each flow's check of the stored
-// state and its write are one step. A fetch that finds the tables reset
-// meanwhile (a plant change, a forced fixed schedule) is not stored.
+// The parts it is made of, each with its own contract and lock rules:
+//   ManagerRegistry  the process-wide instance and the Pins on it
+//   ExchangeGateway  the exchanges in flight with the server and the
+//                    logger daemon, and their abort
+//   ScheduleStore    the tables as the flows use them, under the flow lock
+//   Alarm (twice)    the update and the fixed schedule alarms
+//   RetryPolicy      when the update schedule is asked for next
+// The flows themselves, and the alarms' callbacks, are this class.
+//
+// Never stuck. While a plant id is set and the daemon is not stand-alone,
+// the update alarm always has a next attempt planned, at most 24 hours
+// away: a failure that is not worth retrying soon backs off (6 h, 12 h,
+// 24 h) instead of stopping the alarm; retryable failures back off from 30
+// minutes, spread per plant; the fixed schedule, after its fifth failed
+// attempt (or one not worth retrying), tries again the next day at its
+// time. A step of the wall clock plans both alarms again at once from the
+// stored times.
+//
+// Time. Due times are on the wall clock of the Clock the manager is given;
+// waits are on its monotonic clock, on the timer lanes it is given. The
+// daemon gives the system clocks and a thread per lane; tests and the
+// simulation give simulated ones, so no test waits for time to pass.
+//
+// Concurrency. Flows run at once from the socket workers and the alarms'
+// lanes. Their network waits happen outside every lock; the flow lock (the
+// store's) covers only reading and writing the tables, so each flow's check
+// of the stored state and its write are one step. A fetch that finds the
+// tables reset meanwhile (a plant change, a forced fixed schedule) is not
+// stored.
 //
 // Locks, always taken in this order, never the other way:
-//   flowMutex_ (recursive)  the update information and schedule tables as
-//                           the flows read and write them; `resets_`
-//   timerMutex_             the timers, retired timers, ticking timers,
-//                           next fetch times and alarm cancel events
-//   exchangeMutex_          the exchanges in flight
-//   usersMutex_ (leaf)      `users_`
-// No lock is held while waiting on the network or on a timer thread: timers
-// are retired (their ticks end) rather than stopped and joined, so a flow
-// never waits on a callback that waits on it.
+//   the store's flow lock   the tables as the flows use them
+//   each Alarm's lock       its run, due time and deferred step (leaf)
+//   historyMutex_           the update schedule's failure history (leaf)
+//   the gateway's lock      the exchanges in flight (leaf)
+//   the registry's locks    the instance and its users (leaf)
+// No lock is held while a flow waits on the network, and no caller waits
+// for an alarm's callback: a stopped alarm's callback sees its run's
+// cancel event and ends by itself.
 //
-// Stopping. Each alarm has a cancel event that its Stop sets; a callback
-// sleeping towards its fetch time, or between fixed-schedule attempts,
-// wakes at once. Shutdown sets the manager's stop event, cancels both
-// alarms and aborts every exchange in flight (its socket is shut down), so
-// every flow ends promptly and nothing waits on the network after it.
+// Stopping. Shutdown sets the manager's stop event, stops both alarms and
+// aborts every exchange in flight (its socket is shut down), so every flow
+// ends promptly and nothing waits on the network after it.
 #ifndef BRVO_SCHEDULE_SCHEDULEUPDATEMANAGER_H
 #define BRVO_SCHEDULE_SCHEDULEUPDATEMANAGER_H
 
 #include "database/ScheduleRow.h"
 #include "database/ScheduleUpdateInfo.h"
+#include "schedule/Alarm.h"
+#include "schedule/RetryPolicy.h"
+#include "schedule/ScheduleStore.h"
 #include "schedule/UpdateResult.h"
+#include "util/UseCount.h"
 
-#include <Poco/Condition.h>
 #include <Poco/Mutex.h>
-#include <Poco/Timer.h>
 
-#include <atomic>
 #include <cstdint>
-#include <functional>
 #include <future>
 #include <memory>
 #include <string>
@@ -50,13 +70,12 @@
 namespace brvo {
 
 class CancelEvent;
-class Channel;
-class Request;
+class Clock;
+class ExchangeGateway;
 class ScheduleModel;
-class ScheduleServerAccessRequest;
-class ScheduleUpdateInfoDatabase;
 class ServerAccessResult;
 class TimeStamp;
+class TimerService;
 
 class ScheduleUpdateManager {
 public:
@@ -64,6 +83,18 @@ public:
     static const std::string kUpdateScheduleKbn;
     static const std::string kFixedScheduleKbnPrefix;
     static const std::string kCheckPlantIdKbn;
+    // Attempts of the fixed schedule in one run, and the wait between them.
+    static constexpr int kFixedAttempts = 5;
+    static constexpr std::int64_t kFixedRetryMs = 300000;
+
+    // What the manager runs on. Null members are the daemon's own: the
+    // system clocks, a timer thread per alarm, the request pool.
+    struct Environment {
+        Clock* clock = nullptr;
+        TimerService* updateTimers = nullptr;
+        TimerService* fixedTimers = nullptr;
+        ExchangeGateway* gateway = nullptr;
+    };
 
     // Keeps the process-wide instance alive while a caller on another
     // thread uses it; DeleteInstance waits (briefly) for every pin to go.
@@ -87,8 +118,9 @@ public:
     static constexpr long kDeleteWaitMs = 250;
 
     // Creates the process-wide instance if absent (and the schedule table
-    // with it).
+    // with it), on the daemon's clocks and lanes or on `environment`'s.
     static void CreateInstance();
+    static void CreateInstance(const Environment& environment);
     // The instance, or null. Only for a thread that nothing can delete it
     // under (the main thread, tests); other threads take a Pin.
     static ScheduleUpdateManager* GetInstance();
@@ -101,8 +133,11 @@ public:
     // runs, so the process must not run its static destructors under it.
     static bool HasParked();
 
+    // On the daemon's own clocks, lanes and request pool.
     ScheduleUpdateManager();
-    // Shuts down, then frees the timers and the request pool.
+    // On `environment` (null members: the daemon's own).
+    explicit ScheduleUpdateManager(const Environment& environment);
+    // Shuts down, then frees the alarms, the lanes and the gateway it owns.
     virtual ~ScheduleUpdateManager();
 
     // Sets the stop event, stops both alarms and aborts every exchange in
@@ -112,9 +147,9 @@ public:
     // Whether Shutdown ran.
     bool IsShuttingDown() const;
 
-    // Starts one schedule server exchange on the manager's request pool and
-    // returns the future of its result: with plant id and server address
-    // from the system settings, or as given.
+    // Starts one schedule server exchange and returns the future of its
+    // result: with plant id and server address from the system settings,
+    // or as given.
     std::future<std::shared_ptr<ServerAccessResult>> ServerAccess_c(const std::string& scheduleKbn);
     std::future<std::shared_ptr<ServerAccessResult>> ServerAccess_i(const std::string& scheduleKbn,
                                                                     const std::string& plantId, const std::string& url);
@@ -135,15 +170,16 @@ public:
     std::shared_ptr<UpdateResult> CheckPlantId(const std::string& plantId, const std::string& url);
 
     // Store a payload; false when nothing (or not everything) was stored.
+    // They take the flow lock.
     bool UpdateWithUpdateSchedule(const ScheduleUpdateInfo& received, const std::vector<ScheduleRow>& slots);
     bool UpdateWithFixedSchedule(const std::vector<ScheduleRow>& slots, const std::string& plantId);
-    // Empties both tables and stops the timers.
+    // Empties both tables and stops the alarms. Takes the flow lock.
     void DeleteAllUpdateControlInfoFromDB();
     // Tells the logger daemon that schedule data is stored; its result word
     // (0 on success), 1 when the exchange failed.
     int SendScheduleData();
 
-    // Timers.
+    // Alarms.
     void Start();
     void Stop();
     void SetupUpdateScheduleAlarm(bool keepTimer, bool retry);
@@ -154,10 +190,14 @@ public:
     // (UTC) chosen by the id's last digit, today unless it passed more than
     // 20 minutes ago; now + 30 minutes for an id not ending in a digit.
     std::shared_ptr<TimeStamp> FixedScheduleUpdateTime(const std::string& plantId);
-    void CallbackUpdateSchedule(Poco::Timer& timer);
-    void CallbackFixedSchedule(Poco::Timer& timer);
+    // The alarms' ticks, for the run they belong to.
+    void CallbackUpdateSchedule(const Alarm::Run& run);
+    void CallbackFixedSchedule(const Alarm::Run& run);
+    // Plans both alarms again after the wall clock was stepped by
+    // `stepMicros`.
+    void OnClockStep(std::int64_t stepMicros);
 
-    // Whether a failed flow result is worth trying again.
+    // Whether a failed flow result is worth trying again soon.
     static bool IsRetryable(const UpdateResult& result);
 
     // The stored update information (for tools and tests).
@@ -165,68 +205,62 @@ public:
     // Next fetch times; null when the alarm is stopped.
     std::shared_ptr<TimeStamp> GetScheduleUpdateTime();
     std::shared_ptr<TimeStamp> GetFixedScheduleUpdateTime();
+    // The update schedule's failures since its last success.
+    RetryPolicy::History GetUpdateHistory();
+    // Whether the fixed schedule's attempts are under way (waiting between
+    // two of them).
+    bool FixedAttemptsPending() const;
+
+    // One more user (a pin, a tick), and one fewer.
+    void EnterUse() { users_.Enter(); }
+    void LeaveUse() { users_.Leave(); }
+    // Waits up to `ms` for every user to go; true when none is left.
+    bool WaitUnused(long ms) { return users_.WaitUnused(ms); }
 
 private:
-    class Tick;
-
     ScheduleUpdateManager(const ScheduleUpdateManager&) = delete;
     ScheduleUpdateManager& operator=(const ScheduleUpdateManager&) = delete;
 
-    std::future<std::shared_ptr<ServerAccessResult>>
-    StartExchange(const std::function<void(ScheduleServerAccessRequest&)>& setParameters);
+    std::int64_t NowMicroseconds() const;
+    std::string NowDisplay() const;
     bool BringInfoInStep(bool startIfUnchanged);
-    void Register(Request* request);
-    void EnterUse();
-    void LeaveUse();
-    bool WaitUnused(long ms);
-    std::uint64_t Resets();
-    bool ResetSince(std::uint64_t resets, const char* failureText);
+    void DeleteAllLocked();
+    bool UpdateWithUpdateScheduleLocked(const ScheduleUpdateInfo& received, const std::vector<ScheduleRow>& slots);
+    bool UpdateWithFixedScheduleLocked(const std::vector<ScheduleRow>& slots, const std::string& plantId);
     std::shared_ptr<UpdateResult> AccessFailure(const std::string& failureText,
                                                 const std::shared_ptr<ServerAccessResult>& access);
+    enum class AlarmCheck { kReady, kNoPlant, kStandAlone, kNoStoredPlant };
     bool AlarmPreconditions(ScheduleUpdateInfo& info);
-    long MonitoringIntervalMs() const;
-    void ReplaceTimer(Poco::Timer*& timer, const char* deleteLabel,
-                      void (ScheduleUpdateManager::*callback)(Poco::Timer&));
-    void RetireTimer(Poco::Timer* timer);
-    void ReapRetiredTimers();
-    void CancelAlarm(Poco::Timer* timer, std::shared_ptr<CancelEvent>& cancel);
+    AlarmCheck CheckAlarmPreconditions(ScheduleUpdateInfo& info);
+    std::int64_t MonitoringIntervalMs() const;
+    void PlanUpdateAlarm(bool keepTimer, bool retry, const Alarm::Run& run);
+    std::int64_t NextUpdateAttempt(const ScheduleUpdateInfo& info);
+    void FetchUpdateSchedule(const Alarm::Run& run);
+    void RecordUpdateResult(const UpdateResult& result);
+    void PlanFixedAlarm(const Alarm::Run& run, bool nextDay);
+    std::int64_t NextFixedTime(const std::string& plantId, bool nextDay);
+    void FixedAttempt(const Alarm::Run& run, int attempt);
+    void ForwardScheduleData();
+    bool EnterTick();
+    void LeaveTick();
 
-    Channel* channel_;
-    ScheduleUpdateInfoDatabase* infoDatabase_;
+    Clock* clock_;
+    std::unique_ptr<TimerService> ownUpdateTimers_;
+    std::unique_ptr<TimerService> ownFixedTimers_;
+    std::unique_ptr<ExchangeGateway> ownGateway_;
+    ExchangeGateway* gateway_;
+    ScheduleStore store_;
+    Alarm updateAlarm_;
+    Alarm fixedAlarm_;
 
-    // Recursive, since flows call flows. Never held across a network wait.
-    Poco::Mutex flowMutex_;
-    // Counted up (under flowMutex_) each time the tables are emptied.
-    std::uint64_t resets_;
-
-    // Under timerMutex_.
-    Poco::Mutex timerMutex_;
-    Poco::Timer* schedule_timer_;
-    Poco::Timer* fixed_schedule_timer_;
-    std::shared_ptr<TimeStamp> schedule_update_time_;
-    std::shared_ptr<TimeStamp> fixed_schedule_update_time_;
-    // Set by the alarm's Stop, then replaced by a fresh one for the
-    // alarm's next run: a callback holds the one of its own run.
-    std::shared_ptr<CancelEvent> updateCancel_;
-    std::shared_ptr<CancelEvent> fixedCancel_;
-    // Replaced timers whose thread may still be ending, and the timers
-    // whose callback runs now (never deleted while it does).
-    std::vector<Poco::Timer*> retired_;
-    std::vector<Poco::Timer*> ticking_;
-
-    // Under exchangeMutex_: the requests queued or running (and some that
-    // finished, dropped at the next Register).
-    Poco::FastMutex exchangeMutex_;
-    std::vector<Request*> inFlight_;
+    Poco::FastMutex historyMutex_;
+    RetryPolicy::History history_;
 
     // Set by Shutdown.
     std::unique_ptr<CancelEvent> stopEvent_;
 
-    // Under usersMutex_: pins, flows and timer callbacks running now;
-    // `unused_` is signalled when the count drops to zero.
-    Poco::FastMutex usersMutex_;
-    Poco::Condition unused_;
-    int users_;
+    // Pins and alarm ticks running now.
+    UseCount users_;
 };
 
 } // namespace brvo

@@ -8,10 +8,13 @@
 #include "support/SingletonTest.h"
 #include "support/TestFiles.h"
 #include "util/LoggerLog.h"
+#include "util/SystemClock.h"
 
 #include <gtest/gtest.h>
 
 #include <Poco/AutoPtr.h>
+#include <Poco/DateTimeFormat.h>
+#include <Poco/DateTimeFormatter.h>
 #include <Poco/Event.h>
 #include <Poco/Thread.h>
 #include <Poco/Timestamp.h>
@@ -55,7 +58,15 @@ public:
         message = resultMessage;
         done.set();
     }
+    void OnRetryAfter(std::int64_t seconds) override {
+        ++retryAfterCalls;
+        retryAfterBeforeResult = calls == 0;
+        retryAfter = seconds;
+    }
     int calls = 0;
+    int retryAfterCalls = 0;
+    bool retryAfterBeforeResult = false;
+    std::int64_t retryAfter = -1;
     int status = -1;
     int httpStatus = -1;
     std::string contentType;
@@ -231,6 +242,87 @@ TEST_F(ScheduleServerAccessRequestTest, OtherStatusIsReportedAsAnAnswer) {
         EXPECT_EQ(status, recorder.httpStatus);
         EXPECT_EQ("<p>no</p>", recorder.body);
     }
+}
+
+// An overloaded server (429) or one down for maintenance (503) may say how
+// long to leave it alone; the answer is reported as it always was, with the
+// wait before it.
+TEST_F(ScheduleServerAccessRequestTest, RetryAfterOfTooManyRequestsIsReported) {
+    HttpTestServer server(HttpTestServer::AnswerWithHeaders(429, "text/plain", "busy", "Retry-After: 120\r\n"));
+    Recorder recorder;
+    Exchange(recorder, "0000", "P", server.Url("/"));
+    EXPECT_EQ(1, recorder.retryAfterCalls);
+    EXPECT_TRUE(recorder.retryAfterBeforeResult);
+    EXPECT_EQ(120, recorder.retryAfter);
+    EXPECT_EQ(0, recorder.status);
+    EXPECT_EQ(429, recorder.httpStatus);
+    EXPECT_EQ("text/plain", recorder.contentType);
+    EXPECT_EQ("busy", recorder.body);
+    EXPECT_EQ("", recorder.message);
+}
+
+TEST_F(ScheduleServerAccessRequestTest, RetryAfterOfServiceUnavailableIsReported) {
+    HttpTestServer server(HttpTestServer::AnswerWithHeaders(503, "text/html", "down", "retry-after:  3600 \r\n"));
+    Recorder recorder;
+    Exchange(recorder, "0000", "P", server.Url("/"));
+    EXPECT_EQ(1, recorder.retryAfterCalls);
+    EXPECT_EQ(3600, recorder.retryAfter);
+    EXPECT_EQ(0, recorder.status);
+    EXPECT_EQ(503, recorder.httpStatus);
+    EXPECT_EQ("down", recorder.body);
+}
+
+// The date form is counted from the device's clock.
+TEST_F(ScheduleServerAccessRequestTest, RetryAfterAsADateIsReportedInSeconds) {
+    const Poco::Timestamp inFiveMinutes(SystemClock::NowMicroseconds() + 300 * 1000000LL);
+    const std::string date = Poco::DateTimeFormatter::format(inFiveMinutes, Poco::DateTimeFormat::HTTP_FORMAT);
+    HttpTestServer server(HttpTestServer::AnswerWithHeaders(503, "text/plain", "x", "Retry-After: " + date + "\r\n"));
+    Recorder recorder;
+    Exchange(recorder, "0000", "P", server.Url("/"));
+    EXPECT_EQ(1, recorder.retryAfterCalls) << date;
+    EXPECT_LE(recorder.retryAfter, 300) << date;
+    EXPECT_GE(recorder.retryAfter, 300 - 30 * test::TimeScale()) << date;
+    EXPECT_EQ(503, recorder.httpStatus);
+}
+
+TEST_F(ScheduleServerAccessRequestTest, RetryAfterOfOtherStatusesIsNotReported) {
+    for (const int status : {500, 200, 404, 502}) {
+        HttpTestServer server(HttpTestServer::AnswerWithHeaders(status, "text/plain", "x", "Retry-After: 120\r\n"));
+        Recorder recorder;
+        Exchange(recorder, "0000", "P", server.Url("/"));
+        EXPECT_EQ(0, recorder.retryAfterCalls) << status;
+        EXPECT_EQ(-1, recorder.retryAfter) << status;
+        EXPECT_EQ(0, recorder.status) << status;
+        EXPECT_EQ(status, recorder.httpStatus);
+        EXPECT_EQ("x", recorder.body);
+    }
+}
+
+TEST_F(ScheduleServerAccessRequestTest, MissingOrUnreadableRetryAfterIsNotReported) {
+    for (const std::string& headers : {std::string(), std::string("Retry-After: soon\r\n"),
+                                       std::string("Retry-After: -5\r\n"), std::string("Retry-After:\r\n")}) {
+        HttpTestServer server(HttpTestServer::AnswerWithHeaders(429, "text/plain", "x", headers));
+        Recorder recorder;
+        Exchange(recorder, "0000", "P", server.Url("/"));
+        EXPECT_EQ(0, recorder.retryAfterCalls) << headers;
+        EXPECT_EQ(-1, recorder.retryAfter) << headers;
+        EXPECT_EQ(0, recorder.status) << headers;
+        EXPECT_EQ(429, recorder.httpStatus);
+    }
+}
+
+// The wait belongs to a complete answer: one cut short fails as before,
+// without it.
+TEST_F(ScheduleServerAccessRequestTest, RetryAfterOfAnAnswerCutShortIsNotReported) {
+    HttpTestServer server("HTTP/1.1 503 Status\r\nContent-Length: 40\r\nRetry-After: 120\r\n"
+                          "Connection: close\r\n\r\nshort");
+    Recorder recorder;
+    Exchange(recorder, "0000", "P", server.Url("/"));
+    EXPECT_EQ(0, recorder.retryAfterCalls);
+    EXPECT_EQ(1, recorder.status);
+    EXPECT_EQ(0, recorder.httpStatus);
+    EXPECT_EQ(0u, recorder.message.find(kFailurePrefix + "I/O error: answer ended after 5 of 40 bytes]"))
+        << recorder.message;
 }
 
 TEST_F(ScheduleServerAccessRequestTest, RefusedConnectionIsALibraryException) {

@@ -80,6 +80,58 @@ TEST_F(ScheduleServerSendRequestTest, NotFoundYieldsAFailedResult) {
     EXPECT_EQ(nullptr, result->GetResponseParser());
 }
 
+// The schedule update manager learns from the result how long the server
+// asked to be left alone.
+TEST_F(ScheduleServerSendRequestTest, RetryAfterOfTooManyRequestsReachesTheResult) {
+    HttpTestServer server(HttpTestServer::AnswerWithHeaders(429, "text/plain", "busy", "Retry-After: 120\r\n"));
+    std::shared_ptr<ServerAccessResult> result = Access(server.Url("/s"));
+    EXPECT_FALSE(result->IsResult());
+    EXPECT_EQ(429, result->GetStatusCode());
+    EXPECT_EQ("Data is not found.", result->GetFailureReason());
+    EXPECT_EQ(120, result->GetRetryAfterSeconds());
+    EXPECT_EQ("ServerAccessResult [false]  Failure Reason:Data is not found. StatusCode:429 Response Parser:",
+              result->ToString());
+}
+
+TEST_F(ScheduleServerSendRequestTest, RetryAfterOfServiceUnavailableReachesTheResult) {
+    HttpTestServer server(HttpTestServer::AnswerWithHeaders(503, "text/plain", "down", "Retry-After: 45\r\n"));
+    std::shared_ptr<ServerAccessResult> result = Access(server.Url("/s"));
+    EXPECT_EQ(503, result->GetStatusCode());
+    EXPECT_EQ(45, result->GetRetryAfterSeconds());
+}
+
+TEST_F(ScheduleServerSendRequestTest, ResultsWithoutAUsableRetryAfterHaveNone) {
+    const struct {
+        int status;
+        std::string headers;
+    } cases[] = {
+        {500, "Retry-After: 120\r\n"},
+        {429, ""},
+        {503, "Retry-After: whenever\r\n"},
+    };
+    for (const auto& item : cases) {
+        HttpTestServer server(HttpTestServer::AnswerWithHeaders(item.status, "text/plain", "x", item.headers));
+        std::shared_ptr<ServerAccessResult> result = Access(server.Url("/s"));
+        EXPECT_EQ(item.status, result->GetStatusCode());
+        EXPECT_EQ(-1, result->GetRetryAfterSeconds()) << item.status << " " << item.headers;
+    }
+    HttpTestServer good(HttpTestServer::AnswerWithHeaders(200, test::MultipartContentType("sep"),
+                                                          test::TextPartBody("sep", "701"), "Retry-After: 120\r\n"));
+    std::shared_ptr<ServerAccessResult> result = Access(good.Url("/s"));
+    EXPECT_TRUE(result->IsResult());
+    EXPECT_EQ(-1, result->GetRetryAfterSeconds());
+}
+
+TEST_F(ScheduleServerSendRequestTest, ReportedRetryAfterGoesToTheAnswersResult) {
+    ScheduleServerSendRequest callback;
+    std::future<std::shared_ptr<ServerAccessResult>> future = callback.GetFuture();
+    callback.OnRetryAfter(0);
+    callback.OnResult(0, 503, "text/plain", "x", 1, "");
+    std::shared_ptr<ServerAccessResult> result = future.get();
+    EXPECT_EQ(503, result->GetStatusCode());
+    EXPECT_EQ(0, result->GetRetryAfterSeconds());
+}
+
 TEST_F(ScheduleServerSendRequestTest, RefusedConnectionYieldsAFailedResult) {
     std::shared_ptr<ServerAccessResult> result =
         Access("http://127.0.0.1:" + std::to_string(test::ClosedPort()) + "/s");
@@ -88,6 +140,7 @@ TEST_F(ScheduleServerSendRequestTest, RefusedConnectionYieldsAFailedResult) {
     EXPECT_EQ(0u, result->GetFailureReason().find("schedule server access failed. EXCEPTION["))
         << result->GetFailureReason();
     EXPECT_EQ(nullptr, result->GetResponseParser());
+    EXPECT_EQ(-1, result->GetRetryAfterSeconds());
 }
 
 TEST_F(ScheduleServerSendRequestTest, AnswerWithoutLengthYieldsAFailedResult) {

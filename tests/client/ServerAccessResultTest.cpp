@@ -24,6 +24,25 @@ TEST(ServerAccessResultTest, FieldsAsBuilt) {
     EXPECT_EQ(404, result.GetStatusCode());
     EXPECT_EQ("Data is not found.", result.GetFailureReason());
     EXPECT_FALSE(result.GetResponseParser());
+    EXPECT_EQ(-1, result.GetRetryAfterSeconds());
+}
+
+TEST(ServerAccessResultTest, RetryAfterAsSet) {
+    ServerAccessResult result(false, 503, "Data is not found.");
+    result.SetRetryAfterSeconds(120);
+    EXPECT_EQ(120, result.GetRetryAfterSeconds());
+    result.SetRetryAfterSeconds(0);
+    EXPECT_EQ(0, result.GetRetryAfterSeconds());
+    result.SetRetryAfterSeconds(-1);
+    EXPECT_EQ(-1, result.GetRetryAfterSeconds());
+}
+
+// The log lines keep their fields whatever the server asked for.
+TEST(ServerAccessResultTest, RetryAfterIsNotPrinted) {
+    ServerAccessResult result(false, 429, "Data is not found.");
+    result.SetRetryAfterSeconds(120);
+    EXPECT_EQ("ServerAccessResult [false]  Failure Reason:Data is not found. StatusCode:429 Response Parser:",
+              result.ToString());
 }
 
 TEST(ServerAccessResultTest, PrintsWithoutParser) {

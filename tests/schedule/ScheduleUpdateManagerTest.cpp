@@ -1,11 +1,13 @@
 #include "schedule/ScheduleUpdateManager.h"
 
 #include "database/ScheduleDatabase.h"
+#include "schedule/RetryPolicy.h"
 #include "schedule/ScheduleModel.h"
 #include "settings/LoggerSettingManager.h"
 #include "settings/SystemSettingXmlManager.h"
 #include "support/HttpTestServer.h"
 #include "support/SchedulePayload.h"
+#include "support/SimulatedTime.h"
 #include "support/SingletonTest.h"
 #include "support/SqliteFile.h"
 #include "support/TestFiles.h"
@@ -103,6 +105,76 @@ protected:
 
     static std::vector<std::string> LogLines() { return test::FlushedLogLines(); }
 
+    // The manager on simulated time (starting at the real now, so that the
+    // payloads' dates fit, half way into its second, so that every run sees
+    // the same ticks), with the real request pool.
+    ScheduleUpdateManager& SimulatedManager(const std::string& plantId, const std::string& url) {
+        if (!time_) {
+            time_.reset(new test::SimulatedTime(TimeStamp().EpochSeconds() * 1000000LL + 500000));
+            updateLane_ = &time_->NewLane();
+            fixedLane_ = &time_->NewLane();
+        }
+        test::WriteFile(test::SystemSettingPath(),
+                        "<logger><general><outputControlPlantId>" + plantId +
+                            "</outputControlPlantId><outputControlStandAlone>0</outputControlStandAlone>"
+                            "<outputScheduleInformationServerUrl>" +
+                            url + "</outputScheduleInformationServerUrl></general></logger>");
+        SystemSettingXmlManager::CreateInstance();
+        SystemSettingXmlManager::GetInstance()->Load();
+        ScheduleUpdateManager::Environment environment;
+        environment.clock = time_.get();
+        environment.updateTimers = updateLane_;
+        environment.fixedTimers = fixedLane_;
+        ScheduleUpdateManager::CreateInstance(environment);
+        return *ScheduleUpdateManager::GetInstance();
+    }
+
+    void TearDown() override {
+        ScheduleUpdateManager::DeleteInstance();
+        test::SingletonTest::TearDown();
+    }
+
+    std::int64_t NowSeconds() const { return time_->WallMicroseconds() / 1000000; }
+
+    static std::string InfoDbFile() {
+        return test::FixedPath(
+            "/media/sdcard/kestrovanyx/Database/OutputControl/output_control_schedule_update_info.db");
+    }
+
+    // Stores an update information record for `plantId` as after a first
+    // update (its fixed schedule needed or not).
+    void StoreFreshRecord(const std::string& plantId, bool needFixed = false) {
+        ScheduleUpdateInfo info;
+        info.plantId = plantId;
+        info.lastUpdateTime = TimeStamp::FromEpochSeconds(NowSeconds())->FormatDisplay();
+        info.nextUpdateTime = TimeStamp::FromEpochSeconds(NowSeconds() + 3)->FormatDisplay();
+        info.fixedScheduleUpdateFlag = 3;
+        info.isNeedUpdateFixedSchedule = needFixed;
+        ScheduleUpdateManager* manager = ScheduleUpdateManager::GetInstance();
+        manager->DeleteAllUpdateControlInfoFromDB();
+        test::QueryFile(InfoDbFile(), "INSERT INTO output_control_schedule_update_info VALUES ('" + info.plantId +
+                                          "', '" + info.lastUpdateTime + "', '" + info.nextUpdateTime + "', 3, " +
+                                          (needFixed ? "1" : "0") + ")");
+    }
+
+    static void StoreNextUpdateTime(std::int64_t seconds) {
+        test::QueryFile(InfoDbFile(), "UPDATE output_control_schedule_update_info SET nextUpdateTime = '" +
+                                          TimeStamp::FromEpochSeconds(seconds)->FormatDisplay() + "'");
+    }
+
+    // Lets the update alarm run one fetch against `server` (the stored
+    // record's time, three seconds ahead) and returns the log afterwards.
+    std::vector<std::string> TimerRunAgainst(ScheduleUpdateManager& manager, HttpTestServer& server) {
+        const std::size_t before = server.Requests().size();
+        manager.Start();
+        EXPECT_TRUE(time_->AdvanceUntil([&] { return server.Requests().size() > before; }, 10000));
+        return LogLines();
+    }
+
+    std::unique_ptr<test::SimulatedTime> time_;
+    TimerService* updateLane_ = nullptr;
+    TimerService* fixedLane_ = nullptr;
+
     std::int64_t tomorrow_ = 0;
     test::ScheduleRecord update_;
     test::ScheduleRecord fixed_;
@@ -129,24 +201,28 @@ TEST_F(ScheduleUpdateManagerTest, RetryRule) {
     }
 }
 
+// On simulated time, so that each digit's time is seen from both sides of
+// its 20-minute grace, whatever the time of day the test runs.
 TEST_F(ScheduleUpdateManagerTest, FixedScheduleTimeByTheLastDigit) {
-    ScheduleUpdateManager& manager = Manager("", "");
-    const TimeStamp now;
-    const Poco::DateTime today(now.Value());
+    ScheduleUpdateManager& manager = SimulatedManager("", "");
+    const std::int64_t day = NowSeconds() / 86400 * 86400 + 86400;
     for (int digit = 0; digit <= 9; ++digit) {
-        const int minutes = 12 * 60 + 10 + 30 * digit;
-        const Poco::DateTime at(today.year(), today.month(), today.day(), minutes / 60, minutes % 60, 0);
-        std::int64_t expected = TimeStamp(at.timestamp()).EpochSeconds();
-        std::shared_ptr<TimeStamp> got = manager.FixedScheduleUpdateTime("PLANT" + std::to_string(digit));
-        const std::int64_t after = TimeStamp().EpochSeconds();
-        if (expected < after - 20 * 60) expected += 86400;
-        ASSERT_NE(nullptr, got);
-        EXPECT_EQ(expected, got->EpochSeconds()) << digit;
+        const std::int64_t at = day + 12 * 3600 + 10 * 60 + 30 * 60 * digit;
+        const std::string plant = "PLANT" + std::to_string(digit);
+        // An hour before, right at it, 20 minutes after (still today), and
+        // 20 minutes and a second after (tomorrow).
+        const std::vector<std::pair<std::int64_t, std::int64_t>> cases = {
+            {at - 3600, at}, {at, at}, {at + 20 * 60, at}, {at + 20 * 60 + 1, at + 86400}};
+        for (const auto& c : cases) {
+            time_->StepWall((c.first - NowSeconds()) * 1000000LL - time_->WallMicroseconds() % 1000000);
+            std::shared_ptr<TimeStamp> got = manager.FixedScheduleUpdateTime(plant);
+            ASSERT_NE(nullptr, got);
+            EXPECT_EQ(c.second, got->EpochSeconds()) << digit << " at " << c.first - at;
+        }
     }
     std::shared_ptr<TimeStamp> other = manager.FixedScheduleUpdateTime("PLANTX");
     ASSERT_NE(nullptr, other);
-    EXPECT_NEAR(static_cast<double>(TimeStamp().EpochSeconds() + 1800), static_cast<double>(other->EpochSeconds()),
-                5.0);
+    EXPECT_EQ(NowSeconds() + 1800, other->EpochSeconds());
 }
 
 TEST_F(ScheduleUpdateManagerTest, UpdateFixedScheduleNeedsUpdateInformation) {
@@ -287,11 +363,17 @@ TEST_F(ScheduleUpdateManagerTest, NewPlantStartsFromAFreshRecord) {
     EXPECT_EQ(-1, info.fixedScheduleUpdateFlag);
     EXPECT_FALSE(info.isNeedUpdateFixedSchedule);
     EXPECT_TRUE(test::HasLogLine(LogLines(), "I", kTag, "Plant ID change. [] to [" + kPlant + "]"));
-    // The timers run all the same: the next update is due within half an hour.
+    // The timers run all the same: the failed first fetch backs off for half
+    // an hour, stretched by this plant's share.
     ASSERT_NE(nullptr, manager.GetScheduleUpdateTime());
-    EXPECT_LE(manager.GetScheduleUpdateTime()->EpochSeconds(), TimeStamp().EpochSeconds() + 1800);
+    const std::int64_t backOff = 1800 + RetryPolicy::SpreadSeconds(kPlant, 1800);
+    EXPECT_GE(manager.GetScheduleUpdateTime()->EpochSeconds(), TimeStamp().EpochSeconds() + backOff - 2);
+    EXPECT_LE(manager.GetScheduleUpdateTime()->EpochSeconds(), TimeStamp().EpochSeconds() + backOff);
 }
 
+// The update timer's runs below happen on simulated time: the manager's
+// clock and lanes are a SimulatedTime, so no test waits for the alarm; only
+// the exchanges with the loopback server take real (short) time.
 TEST_F(ScheduleUpdateManagerTest, UpdateTimerFiresAtTheStoredTime) {
     UseLoggerSettings("<OutputScheduleMonitoringInterval>1</OutputScheduleMonitoringInterval>");
     HttpTestServer server({HttpTestServer::Answer(503, "text/plain", "busy"),
@@ -300,95 +382,211 @@ TEST_F(ScheduleUpdateManagerTest, UpdateTimerFiresAtTheStoredTime) {
     test::WriteFile(test::FixedPath("/mnt/system/brvlogger/.keep"), "");
     test::UnixPeer logger(test::FixedPath("/mnt/system/brvlogger/brevanta.logger"), test::UnixPeer::kReply,
                           std::string(12, '\0'), 8);
-    ScheduleUpdateManager& manager = Manager(kPlant, server.Url("/s"));
+    ScheduleUpdateManager& manager = SimulatedManager(kPlant, server.Url("/s"));
     bool started = false;
     manager.CheckAndUpdateWithSystemSetting(started, true);
     ASSERT_EQ(1u, server.Requests().size());
-    // Bring the stored next update time to two seconds from now.
-    ScheduleUpdateInfo info = manager.GetUpdateInfo();
-    const std::int64_t due = TimeStamp().EpochSeconds() + 2;
-    test::QueryFile(
-        test::FixedPath("/media/sdcard/kestrovanyx/Database/OutputControl/output_control_schedule_update_info.db"),
-        "UPDATE output_control_schedule_update_info SET nextUpdateTime = '" +
-            TimeStamp::FromEpochSeconds(due)->FormatDisplay() + "'");
-    manager.Start();
-    ASSERT_EQ(due, manager.GetScheduleUpdateTime()->EpochSeconds());
-    ASSERT_TRUE(test::WaitFor([&] { return server.Requests().size() >= 2; }, 10000));
+    // A fresh start (as after a restart): no failure counts, the stored time
+    // rules.
+    ScheduleUpdateManager::DeleteInstance();
+    ScheduleUpdateManager& restarted = SimulatedManager(kPlant, server.Url("/s"));
+    const std::int64_t due = NowSeconds() + 2;
+    StoreNextUpdateTime(due);
+    restarted.Start();
+    ASSERT_EQ(due, restarted.GetScheduleUpdateTime()->EpochSeconds());
+    ASSERT_TRUE(time_->AdvanceUntil([&] { return server.Requests().size() >= 2; }, 10000));
+    // The fetch happened at the stored time, not at a tick before it.
+    EXPECT_EQ(due, NowSeconds());
     EXPECT_EQ("power_plant_id=" + kPlant + "&mac_address=001A2B3C4D5E&schedule_kbn=0000", server.Requests()[1].body);
     ASSERT_TRUE(test::WaitFor([&] { return logger.Received().size() == 1; }, 10000));
     EXPECT_EQ("48", test::QueryValue(kDbFile, "SELECT COUNT(*) FROM output_control_schedule"));
     // The next update is the payload's time, tomorrow.
-    EXPECT_TRUE(test::WaitFor(
-        [&] {
-            std::shared_ptr<TimeStamp> next = manager.GetScheduleUpdateTime();
-            return next && next->EpochSeconds() == tomorrow_;
-        },
-        5000));
+    std::shared_ptr<TimeStamp> next = restarted.GetScheduleUpdateTime();
+    ASSERT_NE(nullptr, next);
+    EXPECT_EQ(tomorrow_, next->EpochSeconds());
 }
 
-// Lets the update timer run one fetch against `server` and returns the log
-// afterwards.
-std::vector<std::string> TimerRunAgainst(ScheduleUpdateManager& manager, HttpTestServer& server) {
-    bool started = false;
-    manager.CheckAndUpdateWithSystemSetting(started, true);
-    // A few seconds ahead: a stored time already past when Start reads it is
-    // moved on by half hours, and the table write and Start may take more
-    // than a second under the Arm emulator.
-    test::QueryFile(
-        test::FixedPath("/media/sdcard/kestrovanyx/Database/OutputControl/output_control_schedule_update_info.db"),
-        "UPDATE output_control_schedule_update_info SET nextUpdateTime = '" +
-            TimeStamp::FromEpochSeconds(TimeStamp().EpochSeconds() + 3)->FormatDisplay() + "'");
+TEST_F(ScheduleUpdateManagerTest, StoredTimeHoursAgoIsSteppedOnItsOwnHalfHours) {
+    ScheduleUpdateManager& manager = SimulatedManager(kPlant, "http://127.0.0.1:9/s");
+    StoreFreshRecord(kPlant);
+    // 5 h 10 min 7 s ago: the next step of that time's half hours after now
+    // is 11 steps on, 19 min 53 s from now.
+    const std::int64_t stored = NowSeconds() - (5 * 3600 + 10 * 60 + 7);
+    StoreNextUpdateTime(stored);
     manager.Start();
-    EXPECT_TRUE(test::WaitFor([&] { return server.Requests().size() >= 2; }, 10000));
-    Poco::Thread::sleep(300);
-    LoggerLog::DeleteInstance();
-    std::vector<std::string> lines = test::ReadLines(test::LogFilePath());
-    LoggerLog::CreateInstance();
-    return lines;
+    ASSERT_NE(nullptr, manager.GetScheduleUpdateTime());
+    EXPECT_EQ(stored + 11 * 1800, manager.GetScheduleUpdateTime()->EpochSeconds());
 }
 
-TEST_F(ScheduleUpdateManagerTest, ClientErrorStopsTheUpdateAlarm) {
+TEST_F(ScheduleUpdateManagerTest, ClientErrorPlansTheNextAttemptHoursLater) {
     UseLoggerSettings("<OutputScheduleMonitoringInterval>1</OutputScheduleMonitoringInterval>");
     HttpTestServer server(HttpTestServer::Answer(404, "text/plain", "gone"));
-    ScheduleUpdateManager& manager = Manager(kPlant, server.Url("/s"));
+    ScheduleUpdateManager& manager = SimulatedManager(kPlant, server.Url("/s"));
+    StoreFreshRecord(kPlant);
     const std::vector<std::string> lines = TimerRunAgainst(manager, server);
-    EXPECT_TRUE(test::HasLogLineStarting(lines, "E", kTag,
-                                         "Update schedule failed. Stop retry. UpdateResult [false]  FailureReason:1 "
-                                         "StatusCode:404"));
-    EXPECT_EQ(nullptr, manager.GetScheduleUpdateTime());
+    std::shared_ptr<TimeStamp> next = manager.GetScheduleUpdateTime();
+    ASSERT_NE(nullptr, next);
+    EXPECT_TRUE(test::HasLogLine(lines, "E", kTag,
+                                 "Update schedule failed. Stop retry. UpdateResult [false]  FailureReason:1 "
+                                 "StatusCode:404 Message:Data is not found. Next attempt [" +
+                                     next->FormatDisplay() + "]"));
+    const std::int64_t failedAt = NowSeconds();
+    // Six hours, stretched by this plant's share of up to twice that.
+    EXPECT_GE(next->EpochSeconds(), failedAt + 6 * 3600);
+    EXPECT_LE(next->EpochSeconds(), failedAt + 18 * 3600);
+    EXPECT_EQ(failedAt + 6 * 3600 + RetryPolicy::SpreadSeconds(kPlant, 6 * 3600), next->EpochSeconds());
+    // A day later the alarm still runs and asks again.
+    const std::size_t asked = server.Requests().size();
+    time_->Advance(24 * 3600 * 1000LL);
+    EXPECT_GT(server.Requests().size(), asked);
+    ASSERT_NE(nullptr, manager.GetScheduleUpdateTime());
+    EXPECT_LE(manager.GetScheduleUpdateTime()->EpochSeconds(), NowSeconds() + 24 * 3600);
 }
 
-TEST_F(ScheduleUpdateManagerTest, ServerErrorRetriesAtTheNextHalfHour) {
+TEST_F(ScheduleUpdateManagerTest, ServerErrorBacksOffFromHalfAnHour) {
     UseLoggerSettings("<OutputScheduleMonitoringInterval>1</OutputScheduleMonitoringInterval>");
     HttpTestServer server(HttpTestServer::Answer(503, "text/plain", "busy"));
-    ScheduleUpdateManager& manager = Manager(kPlant, server.Url("/s"));
-    const std::int64_t before = TimeStamp().EpochSeconds();
+    ScheduleUpdateManager& manager = SimulatedManager(kPlant, server.Url("/s"));
+    StoreFreshRecord(kPlant);
     const std::vector<std::string> lines = TimerRunAgainst(manager, server);
     EXPECT_TRUE(test::HasLogLineStarting(lines, "D", kTag, "retry. schedule_update_time_ ["));
     EXPECT_FALSE(test::HasLogLineStarting(lines, "E", kTag, "Update schedule failed. Stop retry."));
     std::shared_ptr<TimeStamp> next = manager.GetScheduleUpdateTime();
     ASSERT_NE(nullptr, next);
-    EXPECT_GT(next->EpochSeconds(), before + 1700);
-    EXPECT_LE(next->EpochSeconds(), before + 1900);
+    const std::int64_t failedAt = NowSeconds();
+    EXPECT_EQ(failedAt + 1800 + RetryPolicy::SpreadSeconds(kPlant, 1800), next->EpochSeconds());
+    // The second failure waits about twice as long.
+    time_->AdvanceUntil([&] { return server.Requests().size() >= 2; }, 3 * 3600 * 1000LL);
+    ASSERT_EQ(2u, server.Requests().size());
+    next = manager.GetScheduleUpdateTime();
+    ASSERT_NE(nullptr, next);
+    EXPECT_EQ(NowSeconds() + 3600 + RetryPolicy::SpreadSeconds(kPlant, 3600), next->EpochSeconds());
 }
 
-TEST_F(ScheduleUpdateManagerTest, StopCancelsASleepingCallbackPromptly) {
+TEST_F(ScheduleUpdateManagerTest, RetryAfterOfTheServerIsHonoured) {
+    UseLoggerSettings("<OutputScheduleMonitoringInterval>1</OutputScheduleMonitoringInterval>");
+    std::string busy = HttpTestServer::Answer(503, "text/plain", "busy");
+    busy.insert(busy.find("\r\n") + 2, "Retry-After: 120\r\n");
+    HttpTestServer server(busy);
+    ScheduleUpdateManager& manager = SimulatedManager(kPlant, server.Url("/s"));
+    StoreFreshRecord(kPlant);
+    TimerRunAgainst(manager, server);
+    std::shared_ptr<TimeStamp> next = manager.GetScheduleUpdateTime();
+    ASSERT_NE(nullptr, next);
+    EXPECT_EQ(NowSeconds() + 120, next->EpochSeconds());
+}
+
+TEST_F(ScheduleUpdateManagerTest, SuccessEndsTheBackOff) {
+    UseLoggerSettings("<OutputScheduleMonitoringInterval>1</OutputScheduleMonitoringInterval>");
+    HttpTestServer server({HttpTestServer::Answer(503, "text/plain", "busy"),
+                           test::ScheduleServerAnswer(update_, test::kUpdateSchedule)});
+    ScheduleUpdateManager& manager = SimulatedManager(kPlant, server.Url("/s"));
+    StoreFreshRecord(kPlant);
+    TimerRunAgainst(manager, server);
+    EXPECT_EQ(1, manager.GetUpdateHistory().failures);
+    ASSERT_TRUE(time_->AdvanceUntil([&] { return server.Requests().size() >= 2; }, 3 * 3600 * 1000LL));
+    EXPECT_EQ(0, manager.GetUpdateHistory().failures);
+    ASSERT_NE(nullptr, manager.GetScheduleUpdateTime());
+    EXPECT_EQ(tomorrow_, manager.GetScheduleUpdateTime()->EpochSeconds());
+}
+
+TEST_F(ScheduleUpdateManagerTest, ClockSetBackPlansTheStoredTimeAtOnce) {
+    UseLoggerSettings("<OutputScheduleMonitoringInterval>1</OutputScheduleMonitoringInterval>");
+    HttpTestServer server(test::ScheduleServerAnswer(update_, test::kUpdateSchedule));
+    ScheduleUpdateManager& manager = SimulatedManager(kPlant, server.Url("/s"));
+    StoreFreshRecord(kPlant);
+    // Booted a day and seven hours ahead of the stored next update time.
+    const std::int64_t stored = NowSeconds() + 600;
+    StoreNextUpdateTime(stored);
+    time_->StepWall((31 * 3600) * 1000000LL);
+    manager.Start();
+    ASSERT_GT(manager.GetScheduleUpdateTime()->EpochSeconds(), stored + 30 * 3600);
+    // The clock is put right: the stored time is planned at once and kept.
+    time_->StepWall(-(31 * 3600) * 1000000LL);
+    ASSERT_NE(nullptr, manager.GetScheduleUpdateTime());
+    EXPECT_EQ(stored, manager.GetScheduleUpdateTime()->EpochSeconds());
+    ASSERT_TRUE(time_->AdvanceUntil([&] { return !server.Requests().empty(); }, 700 * 1000));
+    EXPECT_EQ(stored, NowSeconds());
+    EXPECT_TRUE(
+        test::HasLogLine(LogLines(), "I", kTag, "The clock was set by [-111600 s]; the alarms are planned again."));
+}
+
+TEST_F(ScheduleUpdateManagerTest, ClockSetForwardPastTheUpdateTimeFetchesAtOnce) {
+    UseLoggerSettings("<OutputScheduleMonitoringInterval>1</OutputScheduleMonitoringInterval>");
+    HttpTestServer server(test::ScheduleServerAnswer(update_, test::kUpdateSchedule));
+    ScheduleUpdateManager& manager = SimulatedManager(kPlant, server.Url("/s"));
+    StoreFreshRecord(kPlant);
+    StoreNextUpdateTime(NowSeconds() + 3600);
+    manager.Start();
+    time_->StepWall(2 * 3600 * 1000000LL);
+    ASSERT_TRUE(time_->AdvanceUntil([&] { return !server.Requests().empty(); }, 3000));
+}
+
+TEST_F(ScheduleUpdateManagerTest, StopCancelsASleepingCallback) {
     UseLoggerSettings("<OutputScheduleMonitoringInterval>1</OutputScheduleMonitoringInterval>");
     HttpTestServer server(HttpTestServer::Answer(503, "text/plain", "busy"));
-    ScheduleUpdateManager& manager = Manager(kPlant, server.Url("/s"));
-    bool started = false;
-    manager.CheckAndUpdateWithSystemSetting(started, true);
-    test::QueryFile(
-        test::FixedPath("/media/sdcard/kestrovanyx/Database/OutputControl/output_control_schedule_update_info.db"),
-        "UPDATE output_control_schedule_update_info SET nextUpdateTime = '" +
-            TimeStamp::FromEpochSeconds(TimeStamp().EpochSeconds() + 30)->FormatDisplay() + "'");
+    ScheduleUpdateManager& manager = SimulatedManager(kPlant, server.Url("/s"));
+    StoreFreshRecord(kPlant);
+    StoreNextUpdateTime(NowSeconds() + 2);
     manager.Start();
-    Poco::Thread::sleep(1500);
-    const Poco::Timestamp stopping;
+    // The tick after one second finds the update a second away and waits
+    // for it; the stop ends that wait.
+    time_->Advance(1200);
+    ASSERT_TRUE(test::HasLogLine(LogLines(), "D", kTag, "sleep"));
     manager.Stop();
-    ScheduleUpdateManager::DeleteInstance();
-    EXPECT_LT(stopping.elapsed(), 3000 * 1000);
+    time_->Advance(5000);
+    EXPECT_TRUE(server.Requests().empty());
+    EXPECT_TRUE(test::HasLogLine(LogLines(), "D", kTag, "Cancel 2"));
+    EXPECT_EQ(nullptr, manager.GetScheduleUpdateTime());
+}
+
+TEST_F(ScheduleUpdateManagerTest, FixedScheduleTriesAgainTheNextDayAfterFiveFailures) {
+    UseLoggerSettings("<OutputScheduleMonitoringInterval>60</OutputScheduleMonitoringInterval>");
+    HttpTestServer server(HttpTestServer::Answer(500, "text/plain", "down"));
+    ScheduleUpdateManager& manager = SimulatedManager(kPlant, server.Url("/s"));
+    StoreFreshRecord(kPlant, true);
+    // Plant "...7": 15:40 UTC. Start at 15:30 of the simulated day.
+    const std::int64_t day = NowSeconds() / 86400 * 86400;
+    time_->StepWall((day + 15 * 3600 + 30 * 60 - NowSeconds()) * 1000000LL);
+    manager.SetupFixedScheduleAlarm();
+    ASSERT_EQ(day + 15 * 3600 + 40 * 60, manager.GetFixedScheduleUpdateTime()->EpochSeconds());
+    ASSERT_TRUE(time_->AdvanceUntil([&] { return server.Requests().size() >= 5; }, 3600 * 1000));
+    // Five minutes apart on the clock (the first at the tick that finds the
+    // time come).
+    EXPECT_GE(NowSeconds(), day + 15 * 3600 + 40 * 60 + 4 * 300);
+    EXPECT_LT(NowSeconds(), day + 15 * 3600 + 40 * 60 + 4 * 300 + 62);
+    const std::vector<std::string> lines = LogLines();
+    for (int attempt = 1; attempt <= 4; ++attempt) {
+        EXPECT_TRUE(
+            test::HasLogLine(lines, "E", kTag, "Fixed schedule update retry. [" + std::to_string(attempt) + "]"));
+    }
+    const std::int64_t tomorrow = day + 86400 + 15 * 3600 + 40 * 60;
+    EXPECT_TRUE(test::HasLogLine(lines, "E", kTag,
+                                 "Fixed schedule update failed 5 times. Next attempt [" +
+                                     TimeStamp::FromEpochSeconds(tomorrow)->FormatDisplay() + "]"));
+    ASSERT_NE(nullptr, manager.GetFixedScheduleUpdateTime());
+    EXPECT_EQ(tomorrow, manager.GetFixedScheduleUpdateTime()->EpochSeconds());
+    time_->Advance(3600 * 1000);
+    EXPECT_EQ(5u, server.Requests().size());
+    ASSERT_TRUE(time_->AdvanceUntil([&] { return server.Requests().size() >= 6; }, 24 * 3600 * 1000LL));
+    EXPECT_GE(NowSeconds(), tomorrow);
+    EXPECT_LT(NowSeconds(), tomorrow + 61);
+}
+
+TEST_F(ScheduleUpdateManagerTest, FixedScheduleNotWorthRetryingTriesTheNextDay) {
+    UseLoggerSettings("<OutputScheduleMonitoringInterval>60</OutputScheduleMonitoringInterval>");
+    HttpTestServer server(HttpTestServer::Answer(404, "text/plain", "gone"));
+    ScheduleUpdateManager& manager = SimulatedManager(kPlant, server.Url("/s"));
+    StoreFreshRecord(kPlant, true);
+    const std::int64_t day = NowSeconds() / 86400 * 86400;
+    time_->StepWall((day + 15 * 3600 + 30 * 60 - NowSeconds()) * 1000000LL);
+    manager.SetupFixedScheduleAlarm();
+    ASSERT_TRUE(time_->AdvanceUntil([&] { return !server.Requests().empty(); }, 3600 * 1000));
+    time_->Advance(3600 * 1000);
     EXPECT_EQ(1u, server.Requests().size());
+    EXPECT_TRUE(test::HasLogLineStarting(LogLines(), "E", kTag, "Update fixed schedule failed. Stop retry. "));
+    ASSERT_NE(nullptr, manager.GetFixedScheduleUpdateTime());
+    EXPECT_EQ(day + 86400 + 15 * 3600 + 40 * 60, manager.GetFixedScheduleUpdateTime()->EpochSeconds());
 }
 
 TEST_F(ScheduleUpdateManagerTest, FixedDataOfAnotherPlantNeedsForce) {

@@ -29,6 +29,18 @@ bool ReadHeaders(Poco::Net::StreamSocket& socket, std::string& text) {
     return true;
 }
 
+// The answer of Answer and AnswerWithHeaders.
+std::string AnswerText(int status, const std::string& contentType, const std::string& body, long long announced,
+                       bool withLength, const std::string& headers) {
+    std::ostringstream text;
+    text << "HTTP/1.1 " << status << " Status\r\n";
+    if (!contentType.empty()) text << "Content-Type: " << contentType << "\r\n";
+    if (withLength)
+        text << "Content-Length: " << (announced < 0 ? static_cast<long long>(body.size()) : announced) << "\r\n";
+    text << "Connection: close\r\n" << headers << "\r\n" << body;
+    return text.str();
+}
+
 } // namespace
 
 HttpTestServer::HttpTestServer(const std::string& answer, int delayMs)
@@ -82,13 +94,12 @@ void HttpTestServer::Release() {
 
 std::string HttpTestServer::Answer(int status, const std::string& contentType, const std::string& body,
                                    long long announced, bool withLength) {
-    std::ostringstream text;
-    text << "HTTP/1.1 " << status << " Status\r\n";
-    if (!contentType.empty()) text << "Content-Type: " << contentType << "\r\n";
-    if (withLength)
-        text << "Content-Length: " << (announced < 0 ? static_cast<long long>(body.size()) : announced) << "\r\n";
-    text << "Connection: close\r\n\r\n" << body;
-    return text.str();
+    return AnswerText(status, contentType, body, announced, withLength, std::string());
+}
+
+std::string HttpTestServer::AnswerWithHeaders(int status, const std::string& contentType, const std::string& body,
+                                              const std::string& headers) {
+    return AnswerText(status, contentType, body, -1, true, headers);
 }
 
 void HttpTestServer::run() {

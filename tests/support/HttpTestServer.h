@@ -80,6 +80,10 @@ public:
     // body.
     static std::string Answer(int status, const std::string& contentType, const std::string& body,
                               long long announced = -1, bool withLength = true);
+    // The same answer with the body's own length and `headers` (whole
+    // header lines, each ending in "\r\n") after Connection: close.
+    static std::string AnswerWithHeaders(int status, const std::string& contentType, const std::string& body,
+                                         const std::string& headers);
 
 private:
     void Serve(Poco::Net::StreamSocket& socket);

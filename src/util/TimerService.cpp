@@ -1,0 +1,7 @@
+#include "util/TimerService.h"
+
+namespace brvo {
+
+TimerService::~TimerService() = default;
+
+} // namespace brvo
