@@ -6,6 +6,7 @@
 // tried again the next day, and a Retry-After is taken as it is given.
 // The daemon's alarms tick every second; every wait of the test runs on
 // the real monotonic clock, so no step of the daemon's clock stretches it.
+#include "schedule/RetryPolicy.h"
 #include "schedule/UpdateResult.h"
 #include "support/ChildProcess.h"
 #include "support/DaemonClient.h"
@@ -19,6 +20,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdint>
 #include <map>
@@ -78,12 +80,6 @@ test::ScheduleRecord FixedRecord(std::int64_t start, int rate) {
     return UpdateRecord(start, rate, start);
 }
 
-// `answer` with `header` (one line without its end) after its status line.
-std::string WithHeader(const std::string& answer, const std::string& header) {
-    const std::size_t statusEnd = answer.find("\r\n") + 2;
-    return answer.substr(0, statusEnd) + header + "\r\n" + answer.substr(statusEnd);
-}
-
 // One line of the daemon's log: its own time (the daemon's clock) and the
 // message after the tag.
 struct LogLine {
@@ -92,10 +88,10 @@ struct LogLine {
     std::string message;
 };
 
-// The first line of the log of level `mark` from `tag` (any tag when it is
-// empty) whose message begins with `prefix`.
-LogLine FindLine(const std::string& mark, const std::string& tag, const std::string& prefix) {
-    LogLine found;
+// The lines of the log of level `mark` from `tag` (any tag when it is
+// empty) whose message begins with `prefix`, in their order.
+std::vector<LogLine> FindLines(const std::string& mark, const std::string& tag, const std::string& prefix) {
+    std::vector<LogLine> found;
     // "[YYYY-MM-DD HH:MM:SS UTC] [mark] [thread] tag message"
     const std::string level = " UTC] [" + mark + "] [";
     for (const std::string& line : test::ReadLines(test::LogFilePath())) {
@@ -106,22 +102,31 @@ LogLine FindLine(const std::string& mark, const std::string& tag, const std::str
         if (space == std::string::npos) continue;
         if (!tag.empty() && line.compare(thread + 2, space - thread - 2, tag) != 0) continue;
         if (line.compare(space + 1, prefix.size(), prefix) != 0) continue;
-        found.found = true;
-        found.at = Seconds(line.substr(1, 19));
-        found.message = line.substr(space + 1);
-        return found;
+        LogLine match;
+        match.found = true;
+        match.at = Seconds(line.substr(1, 19));
+        match.message = line.substr(space + 1);
+        found.push_back(match);
     }
     return found;
 }
 
-// FindLine, waiting up to `timeoutMs` for the line.
-LogLine WaitForLine(const std::string& mark, const std::string& tag, const std::string& prefix,
-                    int timeoutMs = kDueMs) {
+// The first of FindLines; not found when there is none.
+LogLine FindLine(const std::string& mark, const std::string& tag, const std::string& prefix) {
+    const std::vector<LogLine> found = FindLines(mark, tag, prefix);
+    return found.empty() ? LogLine() : found.front();
+}
+
+// The `count`-th of FindLines (from 1), waiting up to `timeoutMs` for it.
+LogLine WaitForLine(const std::string& mark, const std::string& tag, const std::string& prefix, int timeoutMs = kDueMs,
+                    std::size_t count = 1) {
     LogLine found;
     test::WaitFor(
         [&] {
-            found = FindLine(mark, tag, prefix);
-            return found.found;
+            const std::vector<LogLine> lines = FindLines(mark, tag, prefix);
+            if (lines.size() < count) return false;
+            found = lines[count - 1];
+            return true;
         },
         timeoutMs);
     return found;
@@ -183,15 +188,21 @@ protected:
         ASSERT_TRUE(test::StartDaemon(daemon_, test::kDaemonOutput, env));
     }
 
-    // Waits until `server` received `count` requests; then each of them
-    // must have asked for `kbn`.
-    static bool WaitForRequests(const HttpTestServer& server, std::size_t count, const std::string& kbn,
-                                int timeoutMs = kDueMs) {
-        if (!test::WaitFor([&] { return server.Requests().size() >= count; }, timeoutMs)) return false;
+    // Waits until `server` received `count` requests.
+    static bool WaitForRequests(const HttpTestServer& server, std::size_t count, int timeoutMs = kDueMs) {
+        return test::WaitFor([&] { return server.Requests().size() >= count; }, timeoutMs);
+    }
+
+    // The schedule kinds the daemon asked `server` for, in order; a
+    // request that is not the daemon's form for the plant shows whole.
+    static std::vector<std::string> Kinds(const HttpTestServer& server) {
+        const std::string form = "power_plant_id=" + kPlant + "&mac_address=001A2B3C4D5E&schedule_kbn=";
+        std::vector<std::string> kinds;
         for (const HttpTestServer::Received& request : server.Requests()) {
-            EXPECT_EQ("power_plant_id=" + kPlant + "&mac_address=001A2B3C4D5E&schedule_kbn=" + kbn, request.body);
+            const bool ours = request.body.compare(0, form.size(), form) == 0;
+            kinds.push_back(ours ? request.body.substr(form.size()) : request.body);
         }
-        return true;
+        return kinds;
     }
 
     static std::string CountOfRate(int rate) {
@@ -214,9 +225,9 @@ protected:
 };
 
 // The server refuses the update (404) when it is due. The daemon does not
-// give up: it names its next attempt, 6 hours on plus its plant's spread of
-// at most 3 hours, and a day later, with the server answering again, the
-// schedule is fetched and stored.
+// give up: it names its next attempt, the 6 hours of a refusal's back-off
+// plus its plant's spread on, and a day later, with the server answering
+// again, the schedule is fetched and stored.
 TEST_F(NeverStuckTest, NotFoundAtTheUpdateTimeIsTriedAgainHoursLater) {
     const std::int64_t due = day_ + 3 * kHour;
     StoreState(due, false);
@@ -231,14 +242,22 @@ TEST_F(NeverStuckTest, NotFoundAtTheUpdateTimeIsTriedAgainHoursLater) {
                              UpdateResult(FailureReason::kAccessFailed, 404, "Data is not found.").ToString();
     const LogLine failed = WaitForLine("E", kTag, stop);
     ASSERT_TRUE(failed.found) << Log();
-    ASSERT_TRUE(WaitForRequests(server, 1, "0000"));
+    EXPECT_EQ(std::vector<std::string>{"0000"}, Kinds(server));
     EXPECT_GE(failed.at, due);
     const std::int64_t next = TimeAfter(failed.message, stop + " Next attempt ");
     ASSERT_NE(-1, next) << failed.message;
     EXPECT_EQ(stop + " Next attempt [" + Display(next) + "]", failed.message);
-    EXPECT_GE(next, failed.at + 6 * kHour) << failed.message;
-    EXPECT_LE(next, failed.at + 9 * kHour) << failed.message;
-    EXPECT_FALSE(WaitForRequests(server, 2, "0000", kQuietMs)) << "tried again before its time";
+    const std::int64_t backOff = RetryPolicy::kPermanentBaseSeconds;
+    const std::int64_t delay = std::min(backOff + RetryPolicy::SpreadSeconds(kPlant, backOff), kDay);
+    // Counted from the failure's now, which the line's own time may pass by
+    // a second.
+    EXPECT_LE(next, failed.at + delay) << failed.message;
+    EXPECT_GE(next, failed.at + delay - 1) << failed.message;
+    // The alarm holds that time.
+    const LogLine planned = WaitForLine("D", kTag, "retry. schedule_update_time_ [");
+    ASSERT_TRUE(planned.found) << Log();
+    EXPECT_EQ("retry. schedule_update_time_ [" + Display(next) + "]", planned.message);
+    EXPECT_FALSE(WaitForRequests(server, 2, kQuietMs)) << "tried again before its time";
     EXPECT_EQ(stored, test::ScheduleRows());
 
     const std::int64_t nextDay = day_ + kDay;
@@ -247,7 +266,7 @@ TEST_F(NeverStuckTest, NotFoundAtTheUpdateTimeIsTriedAgainHoursLater) {
     SetClock(due + kDay);
     const LogLine updated = WaitForLine("I", kTag, "Schedule Update. [");
     ASSERT_TRUE(updated.found) << Log();
-    EXPECT_TRUE(WaitForRequests(server, 2, "0000"));
+    EXPECT_EQ((std::vector<std::string>{"0000", "0000"}), Kinds(server));
     EXPECT_GE(updated.at, due + kDay);
     EXPECT_EQ(std::to_string(kSlots), CountOfRate(kUpdateRate));
     EXPECT_EQ(Display(nextDay + kDay + 3 * kHour), StoredNextUpdate());
@@ -272,10 +291,10 @@ TEST_F(NeverStuckTest, ClockSetBackReplansTheUpdateAtOnce) {
     SetClock(due - 10);
     const LogLine set = WaitForLine("I", "", "The clock was set by [");
     EXPECT_TRUE(set.found) << Log();
+    EXPECT_LT(set.at, due);
     const LogLine updated = WaitForLine("I", kTag, "Schedule Update. [", kDueMs + 10000);
     ASSERT_TRUE(updated.found) << Log();
-    EXPECT_TRUE(WaitForRequests(server, 1, "0000"));
-    EXPECT_EQ(1u, server.Requests().size());
+    EXPECT_EQ(std::vector<std::string>{"0000"}, Kinds(server));
     EXPECT_GE(updated.at, due);
     EXPECT_LE(updated.at, due + 10);
     EXPECT_EQ(std::to_string(kSlots), CountOfRate(kUpdateRate));
@@ -284,41 +303,62 @@ TEST_F(NeverStuckTest, ClockSetBackReplansTheUpdateAtOnce) {
 
 // The fixed schedule's fetch meets a failing server (500) at the plant's
 // time and then every 5 minutes of the daemon's clock; after the fifth
-// failure the next attempt is the plant's time of the next day, where the
-// server answers again and the fixed schedule is stored.
+// failure the next attempt is the plant's time of the next day. There,
+// after that day's update (which the server answers again), the fixed
+// schedule is fetched and stored.
 TEST_F(NeverStuckTest, FixedScheduleIsTriedAgainTheNextDayAfterFiveFailures) {
-    // No update is due during the test; the update information asks for
-    // the fixed schedule of flag 3.
-    StoreState(day_ + 7 * kDay, true);
-    HttpTestServer server(HttpTestServer::Answer(500, "text/plain", "down"));
     const std::int64_t first = day_ + kFixedTimeOfDay;
+    const std::int64_t nextDay = day_ + kDay;
+    // The update information asks for the fixed schedule of flag 3; the
+    // next update comes the next day, before the plant's time.
+    const std::int64_t update = nextDay + 15 * kHour;
+    StoreState(update, true);
+    HttpTestServer server(HttpTestServer::Answer(500, "text/plain", "down"));
     StartAt(server, first - 600);
     if (HasFatalFailure()) return;
     ASSERT_TRUE(WaitForLine("D", kTag, "fixed_schedule_update_time_ [" + Display(first) + "]").found) << Log();
     EXPECT_TRUE(server.Requests().empty());
     SetClock(first - 2);
 
+    const std::string failure = "Fixed schedule update failed. [";
     for (int attempt = 1; attempt <= 4; ++attempt) {
-        ASSERT_TRUE(WaitForRequests(server, static_cast<std::size_t>(attempt), "9993")) << attempt << "\n" << Log();
-        const std::string retry = "Fixed schedule update retry. [" + std::to_string(attempt) + "]";
-        ASSERT_TRUE(WaitForLine("E", kTag, retry).found) << Log();
+        // The failure is handled (its next attempt planned) before its
+        // line reaches the file.
+        const LogLine failed = WaitForLine("W", kTag, failure, kDueMs, static_cast<std::size_t>(attempt));
+        ASSERT_TRUE(failed.found) << attempt << "\n" << Log();
+        EXPECT_GE(failed.at, first + (attempt - 1) * 300);
         if (attempt == 1) {
-            EXPECT_FALSE(WaitForRequests(server, 2, "9993", kQuietMs)) << "tried again before 5 minutes passed";
+            EXPECT_FALSE(WaitForRequests(server, 2, kQuietMs)) << "tried again before 5 minutes passed";
         }
         SetClock(first + attempt * 300);
+        const std::string retry = "Fixed schedule update retry. [" + std::to_string(attempt) + "]";
+        const LogLine retried = WaitForLine("E", kTag, retry);
+        ASSERT_TRUE(retried.found) << Log();
+        EXPECT_GE(retried.at, first + attempt * 300);
     }
-    ASSERT_TRUE(WaitForRequests(server, 5, "9993")) << Log();
     const std::string failed = "Fixed schedule update failed 5 times. Next attempt [" + Display(first + kDay) + "]";
     ASSERT_TRUE(WaitForLine("E", kTag, failed).found) << Log();
+    EXPECT_EQ(std::vector<std::string>(5, "9993"), Kinds(server));
+    EXPECT_EQ(5u, FindLines("W", kTag, failure).size());
     EXPECT_FALSE(FindLine("E", kTag, "Fixed schedule update retry. [5]").found);
-    EXPECT_FALSE(WaitForRequests(server, 6, "9993", kQuietMs)) << "tried again before the next day";
+    EXPECT_FALSE(WaitForRequests(server, 6, kQuietMs)) << "tried again before the next day";
     EXPECT_EQ("0", CountOfRate(kFixedRate));
 
-    server.SetAnswers({ScheduleServerAnswer(FixedRecord(day_ + 2 * kDay, kFixedRate), test::kFixedSchedule)});
+    server.SetAnswers(
+        {ScheduleServerAnswer(UpdateRecord(nextDay + kDay, kUpdateRate, update + kDay), test::kUpdateSchedule)});
+    SetClock(update);
+    ASSERT_TRUE(WaitForLine("I", kTag, "Schedule Update. [").found) << Log();
+    EXPECT_EQ(std::to_string(kSlots), CountOfRate(kUpdateRate));
+    EXPECT_FALSE(FindLine("I", kTag, "Fixed Schedule Update. [").found);
+
+    server.SetAnswers({ScheduleServerAnswer(FixedRecord(nextDay + 2 * kDay, kFixedRate), test::kFixedSchedule)});
     SetClock(first + kDay);
     const LogLine stored = WaitForLine("I", kTag, "Fixed Schedule Update. [");
     ASSERT_TRUE(stored.found) << Log();
-    EXPECT_TRUE(WaitForRequests(server, 6, "9993"));
+    std::vector<std::string> kinds(5, "9993");
+    kinds.push_back("0000");
+    kinds.push_back("9993");
+    EXPECT_EQ(kinds, Kinds(server));
     EXPECT_GE(stored.at, first + kDay);
     EXPECT_EQ(std::to_string(kSlots), CountOfRate(kFixedRate));
     EXPECT_EQ("0", test::QueryValue(test::kUpdateInfoDbFile,
@@ -333,7 +373,7 @@ TEST_F(NeverStuckTest, RetryAfterOfTheServerSetsTheNextAttempt) {
     StoreState(due, false);
     const std::int64_t nextDay = day_ + kDay;
     HttpTestServer server(
-        {WithHeader(HttpTestServer::Answer(503, "text/plain", "busy"), "Retry-After: 120"),
+        {HttpTestServer::AnswerWithHeaders(503, "text/plain", "busy", "Retry-After: 120\r\n"),
          ScheduleServerAnswer(UpdateRecord(nextDay, kUpdateRate, nextDay + 3 * kHour), test::kUpdateSchedule)});
     StartAt(server, due - 600);
     if (HasFatalFailure()) return;
@@ -342,19 +382,20 @@ TEST_F(NeverStuckTest, RetryAfterOfTheServerSetsTheNextAttempt) {
 
     const LogLine retry = WaitForLine("D", kTag, "retry. schedule_update_time_ [");
     ASSERT_TRUE(retry.found) << Log();
-    ASSERT_TRUE(WaitForRequests(server, 1, "0000"));
+    EXPECT_EQ(std::vector<std::string>{"0000"}, Kinds(server));
     const std::int64_t next = TimeAfter(retry.message, "retry. schedule_update_time_ ");
     ASSERT_NE(-1, next) << retry.message;
-    // Now plus 120 s, now being when the answer came (in whole seconds,
-    // the line written a moment later).
+    // Now plus 120 s, now being when the answer came; the line's own time
+    // may pass it by a second.
     EXPECT_GE(next, due + 120) << retry.message;
     EXPECT_LE(next, retry.at + 120) << retry.message;
-    EXPECT_FALSE(WaitForRequests(server, 2, "0000", kQuietMs)) << "tried again before the server's time";
+    EXPECT_GE(next, retry.at + 119) << retry.message;
+    EXPECT_FALSE(WaitForRequests(server, 2, kQuietMs)) << "tried again before the server's time";
 
     SetClock(next);
     const LogLine updated = WaitForLine("I", kTag, "Schedule Update. [");
     ASSERT_TRUE(updated.found) << Log();
-    EXPECT_TRUE(WaitForRequests(server, 2, "0000"));
+    EXPECT_EQ((std::vector<std::string>{"0000", "0000"}), Kinds(server));
     EXPECT_GE(updated.at, next);
     EXPECT_EQ(std::to_string(kSlots), CountOfRate(kUpdateRate));
     EXPECT_EQ(Display(nextDay + 3 * kHour), StoredNextUpdate());
