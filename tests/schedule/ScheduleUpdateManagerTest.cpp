@@ -19,7 +19,9 @@
 #include <gtest/gtest.h>
 
 #include <Poco/DateTime.h>
-#include <Poco/Thread.h>
+#include <Poco/Net/HTTPClientSession.h>
+#include <Poco/Net/HTTPRequest.h>
+#include <Poco/Net/HTTPResponse.h>
 #include <Poco/Timestamp.h>
 
 #include <chrono>
@@ -696,9 +698,16 @@ TEST_F(ScheduleUpdateManagerTest, FetchAfterShutdownFailsWithoutAskingTheServer)
     ASSERT_NE(nullptr, result);
     EXPECT_EQ(1, ToWire(result->GetFailureReason()));
     EXPECT_EQ("0", StoredSlots());
-    // The server would have recorded a request within this time.
-    Poco::Thread::sleep(300);
-    EXPECT_TRUE(server.Requests().empty());
+    // The server takes one connection after the other: had the aborted
+    // exchange connected, it would stand before this probe of ours.
+    Poco::Net::HTTPClientSession probe("127.0.0.1", static_cast<Poco::UInt16>(server.Port()));
+    Poco::Net::HTTPRequest request(Poco::Net::HTTPRequest::HTTP_POST, "/probe");
+    request.setContentLength(0);
+    probe.sendRequest(request);
+    Poco::Net::HTTPResponse response;
+    probe.receiveResponse(response);
+    ASSERT_EQ(1u, server.Requests().size());
+    EXPECT_NE(std::string::npos, server.Requests()[0].requestLine.find("/probe"));
 }
 
 TEST_F(ScheduleUpdateManagerTest, ShutdownEndsAForwardingWaitingOnASilentLoggerDaemon) {
@@ -825,7 +834,9 @@ TEST_F(ScheduleUpdateManagerTest, DeleteInstanceWaitsForAPinThatGoesSoon) {
     std::future<void> user = std::async(std::launch::async, [&taken] {
         ScheduleUpdateManager::Pin pinned;
         taken.set_value(static_cast<bool>(pinned));
-        Poco::Thread::sleep(50);
+        // Let go once the deletion has begun (it takes the instance away
+        // first), so that it has to wait for this pin.
+        test::WaitFor([] { return ScheduleUpdateManager::GetInstance() == nullptr; }, 10000);
     });
     ASSERT_TRUE(pinnedFirst.get());
     ScheduleUpdateManager::DeleteInstance();
