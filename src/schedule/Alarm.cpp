@@ -22,14 +22,20 @@ Alarm::~Alarm() {
 void Alarm::Retire() {
     {
         Poco::FastMutex::ScopedLock lock(mutex_);
-        EndRunLocked();
-        run_ = std::make_shared<CancelEvent>();
-        run_->Set();
-        due_ = -1;
+        StopLocked();
         cancelled_.clear();
         retired_ = true;
     }
     timers_.CancelWake();
+}
+
+// Ends the current run and leaves an ended one in its place, with no due
+// time (mutex_ held).
+void Alarm::StopLocked() {
+    EndRunLocked();
+    run_ = std::make_shared<CancelEvent>();
+    run_->Set();
+    due_ = -1;
 }
 
 Alarm::Run Alarm::Start(std::int64_t intervalMs, const Step& onTick) {
@@ -53,10 +59,7 @@ Alarm::Run Alarm::QuietFor(const Run& run) {
 
 void Alarm::Stop() {
     Poco::FastMutex::ScopedLock lock(mutex_);
-    EndRunLocked();
-    run_ = std::make_shared<CancelEvent>();
-    run_->Set();
-    due_ = -1;
+    StopLocked();
     if (cancelled_.empty() || retired_) {
         timers_.CancelWake();
     } else {

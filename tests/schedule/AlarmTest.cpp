@@ -103,8 +103,7 @@ TEST_F(AlarmTest, DeferredStepRunsEarlyWhenTheWallClockReachesItsTime) {
 TEST_F(AlarmTest, DeferredStepOfAStoppedRunRunsOnceCancelled) {
     std::vector<bool> cancelled;
     const Alarm::Run quiet = alarm_.QuietFor(alarm_.Start(1000, Noting()));
-    alarm_.DeferFor(quiet, kStart + 60000000, 5000,
-                    [&](const Alarm::Run& run) { cancelled.push_back(run->IsSet()); });
+    alarm_.DeferFor(quiet, kStart + 60000000, 5000, [&](const Alarm::Run& run) { cancelled.push_back(run->IsSet()); });
     alarm_.Stop();
     time_.Advance(10000);
     EXPECT_EQ((std::vector<bool>{true}), cancelled);

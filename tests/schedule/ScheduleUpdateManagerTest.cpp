@@ -173,6 +173,17 @@ protected:
         return LogLines();
     }
 
+    // A manager whose plant ("...7", fetched at 15:40 UTC) needs its fixed
+    // schedule, with the fixed alarm set up at 15:30 of the simulated day.
+    ScheduleUpdateManager& FixedAlarmAtHalfPastThree(HttpTestServer& server) {
+        ScheduleUpdateManager& manager = SimulatedManager(kPlant, server.Url("/s"));
+        StoreFreshRecord(kPlant, true);
+        const std::int64_t day = NowSeconds() / 86400 * 86400;
+        time_->StepWall((day + 15 * 3600 + 30 * 60 - NowSeconds()) * 1000000LL);
+        manager.SetupFixedScheduleAlarm();
+        return manager;
+    }
+
     std::unique_ptr<test::SimulatedTime> time_;
     TimerService* updateLane_ = nullptr;
     TimerService* fixedLane_ = nullptr;
@@ -545,12 +556,8 @@ TEST_F(ScheduleUpdateManagerTest, StopCancelsASleepingCallback) {
 TEST_F(ScheduleUpdateManagerTest, FixedScheduleTriesAgainTheNextDayAfterFiveFailures) {
     UseLoggerSettings("<OutputScheduleMonitoringInterval>60</OutputScheduleMonitoringInterval>");
     HttpTestServer server(HttpTestServer::Answer(500, "text/plain", "down"));
-    ScheduleUpdateManager& manager = SimulatedManager(kPlant, server.Url("/s"));
-    StoreFreshRecord(kPlant, true);
-    // Plant "...7": 15:40 UTC. Start at 15:30 of the simulated day.
+    ScheduleUpdateManager& manager = FixedAlarmAtHalfPastThree(server);
     const std::int64_t day = NowSeconds() / 86400 * 86400;
-    time_->StepWall((day + 15 * 3600 + 30 * 60 - NowSeconds()) * 1000000LL);
-    manager.SetupFixedScheduleAlarm();
     ASSERT_EQ(day + 15 * 3600 + 40 * 60, manager.GetFixedScheduleUpdateTime()->EpochSeconds());
     ASSERT_TRUE(time_->AdvanceUntil([&] { return server.Requests().size() >= 5; }, 3600 * 1000));
     // Five minutes apart on the clock (the first at the tick that finds the
@@ -578,11 +585,8 @@ TEST_F(ScheduleUpdateManagerTest, FixedScheduleTriesAgainTheNextDayAfterFiveFail
 TEST_F(ScheduleUpdateManagerTest, FixedScheduleNotWorthRetryingTriesTheNextDay) {
     UseLoggerSettings("<OutputScheduleMonitoringInterval>60</OutputScheduleMonitoringInterval>");
     HttpTestServer server(HttpTestServer::Answer(404, "text/plain", "gone"));
-    ScheduleUpdateManager& manager = SimulatedManager(kPlant, server.Url("/s"));
-    StoreFreshRecord(kPlant, true);
+    ScheduleUpdateManager& manager = FixedAlarmAtHalfPastThree(server);
     const std::int64_t day = NowSeconds() / 86400 * 86400;
-    time_->StepWall((day + 15 * 3600 + 30 * 60 - NowSeconds()) * 1000000LL);
-    manager.SetupFixedScheduleAlarm();
     ASSERT_TRUE(time_->AdvanceUntil([&] { return !server.Requests().empty(); }, 3600 * 1000));
     time_->Advance(3600 * 1000);
     EXPECT_EQ(1u, server.Requests().size());
