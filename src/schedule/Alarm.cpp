@@ -22,14 +22,20 @@ Alarm::~Alarm() {
 void Alarm::Retire() {
     {
         Poco::FastMutex::ScopedLock lock(mutex_);
-        EndRunLocked();
-        run_ = std::make_shared<CancelEvent>();
-        run_->Set();
-        due_ = -1;
+        StopLocked();
         cancelled_.clear();
         retired_ = true;
     }
     timers_.CancelWake();
+}
+
+// Ends the current run and leaves an ended one in its place, with no due
+// time (mutex_ held).
+void Alarm::StopLocked() {
+    EndRunLocked();
+    run_ = std::make_shared<CancelEvent>();
+    run_->Set();
+    due_ = -1;
 }
 
 Alarm::Run Alarm::Start(std::int64_t intervalMs, const Step& onTick) {
@@ -53,10 +59,7 @@ Alarm::Run Alarm::QuietFor(const Run& run) {
 
 void Alarm::Stop() {
     Poco::FastMutex::ScopedLock lock(mutex_);
-    EndRunLocked();
-    run_ = std::make_shared<CancelEvent>();
-    run_->Set();
-    due_ = -1;
+    StopLocked();
     if (cancelled_.empty() || retired_) {
         timers_.CancelWake();
     } else {
@@ -175,6 +178,12 @@ bool Alarm::TakeWorkLocked(const Run& run, Step& work, Run& workRun, std::vector
 void Alarm::ScheduleNextLocked(const Run& run) {
     if (run != run_ || run->IsSet()) return;
     const std::int64_t now = clock_.MonotonicMicroseconds();
+    // Ticks missed while a step waited or a flow ran are left out; the
+    // ticks go on at their own pace.
+    if (onTick_ && !deferred_ && intervalMs_ > 0 && tickDue_ <= now) {
+        const std::int64_t interval = intervalMs_ * 1000;
+        tickDue_ += ((now - tickDue_) / interval + 1) * interval;
+    }
     std::int64_t delayMs = onTick_ ? std::max<std::int64_t>((tickDue_ - now + 999) / 1000, 0) : -1;
     if (deferred_) {
         const std::int64_t left = (deferred_->monotonicDue - now + 999) / 1000;

@@ -96,6 +96,7 @@ private:
 
     Run BeginLocked(std::int64_t intervalMs, const Step& onTick);
     void EndRunLocked();
+    void StopLocked();
     void OnWake(const Run& run);
     bool TakeWorkLocked(const Run& run, Step& work, Run& workRun, std::vector<Deferred>& cancelled);
     void ScheduleNextLocked(const Run& run);

@@ -19,7 +19,9 @@
 #include <gtest/gtest.h>
 
 #include <Poco/DateTime.h>
-#include <Poco/Thread.h>
+#include <Poco/Net/HTTPClientSession.h>
+#include <Poco/Net/HTTPRequest.h>
+#include <Poco/Net/HTTPResponse.h>
 #include <Poco/Timestamp.h>
 
 #include <chrono>
@@ -169,6 +171,17 @@ protected:
         manager.Start();
         EXPECT_TRUE(time_->AdvanceUntil([&] { return server.Requests().size() > before; }, 10000));
         return LogLines();
+    }
+
+    // A manager whose plant ("...7", fetched at 15:40 UTC) needs its fixed
+    // schedule, with the fixed alarm set up at 15:30 of the simulated day.
+    ScheduleUpdateManager& FixedAlarmAtHalfPastThree(HttpTestServer& server) {
+        ScheduleUpdateManager& manager = SimulatedManager(kPlant, server.Url("/s"));
+        StoreFreshRecord(kPlant, true);
+        const std::int64_t day = NowSeconds() / 86400 * 86400;
+        time_->StepWall((day + 15 * 3600 + 30 * 60 - NowSeconds()) * 1000000LL);
+        manager.SetupFixedScheduleAlarm();
+        return manager;
     }
 
     std::unique_ptr<test::SimulatedTime> time_;
@@ -543,12 +556,8 @@ TEST_F(ScheduleUpdateManagerTest, StopCancelsASleepingCallback) {
 TEST_F(ScheduleUpdateManagerTest, FixedScheduleTriesAgainTheNextDayAfterFiveFailures) {
     UseLoggerSettings("<OutputScheduleMonitoringInterval>60</OutputScheduleMonitoringInterval>");
     HttpTestServer server(HttpTestServer::Answer(500, "text/plain", "down"));
-    ScheduleUpdateManager& manager = SimulatedManager(kPlant, server.Url("/s"));
-    StoreFreshRecord(kPlant, true);
-    // Plant "...7": 15:40 UTC. Start at 15:30 of the simulated day.
+    ScheduleUpdateManager& manager = FixedAlarmAtHalfPastThree(server);
     const std::int64_t day = NowSeconds() / 86400 * 86400;
-    time_->StepWall((day + 15 * 3600 + 30 * 60 - NowSeconds()) * 1000000LL);
-    manager.SetupFixedScheduleAlarm();
     ASSERT_EQ(day + 15 * 3600 + 40 * 60, manager.GetFixedScheduleUpdateTime()->EpochSeconds());
     ASSERT_TRUE(time_->AdvanceUntil([&] { return server.Requests().size() >= 5; }, 3600 * 1000));
     // Five minutes apart on the clock (the first at the tick that finds the
@@ -576,11 +585,8 @@ TEST_F(ScheduleUpdateManagerTest, FixedScheduleTriesAgainTheNextDayAfterFiveFail
 TEST_F(ScheduleUpdateManagerTest, FixedScheduleNotWorthRetryingTriesTheNextDay) {
     UseLoggerSettings("<OutputScheduleMonitoringInterval>60</OutputScheduleMonitoringInterval>");
     HttpTestServer server(HttpTestServer::Answer(404, "text/plain", "gone"));
-    ScheduleUpdateManager& manager = SimulatedManager(kPlant, server.Url("/s"));
-    StoreFreshRecord(kPlant, true);
+    ScheduleUpdateManager& manager = FixedAlarmAtHalfPastThree(server);
     const std::int64_t day = NowSeconds() / 86400 * 86400;
-    time_->StepWall((day + 15 * 3600 + 30 * 60 - NowSeconds()) * 1000000LL);
-    manager.SetupFixedScheduleAlarm();
     ASSERT_TRUE(time_->AdvanceUntil([&] { return !server.Requests().empty(); }, 3600 * 1000));
     time_->Advance(3600 * 1000);
     EXPECT_EQ(1u, server.Requests().size());
@@ -696,9 +702,16 @@ TEST_F(ScheduleUpdateManagerTest, FetchAfterShutdownFailsWithoutAskingTheServer)
     ASSERT_NE(nullptr, result);
     EXPECT_EQ(1, ToWire(result->GetFailureReason()));
     EXPECT_EQ("0", StoredSlots());
-    // The server would have recorded a request within this time.
-    Poco::Thread::sleep(300);
-    EXPECT_TRUE(server.Requests().empty());
+    // The server takes one connection after the other: had the aborted
+    // exchange connected, it would stand before this probe of ours.
+    Poco::Net::HTTPClientSession probe("127.0.0.1", static_cast<Poco::UInt16>(server.Port()));
+    Poco::Net::HTTPRequest request(Poco::Net::HTTPRequest::HTTP_POST, "/probe");
+    request.setContentLength(0);
+    probe.sendRequest(request);
+    Poco::Net::HTTPResponse response;
+    probe.receiveResponse(response);
+    ASSERT_EQ(1u, server.Requests().size());
+    EXPECT_NE(std::string::npos, server.Requests()[0].requestLine.find("/probe"));
 }
 
 TEST_F(ScheduleUpdateManagerTest, ShutdownEndsAForwardingWaitingOnASilentLoggerDaemon) {
@@ -825,7 +838,9 @@ TEST_F(ScheduleUpdateManagerTest, DeleteInstanceWaitsForAPinThatGoesSoon) {
     std::future<void> user = std::async(std::launch::async, [&taken] {
         ScheduleUpdateManager::Pin pinned;
         taken.set_value(static_cast<bool>(pinned));
-        Poco::Thread::sleep(50);
+        // Let go once the deletion has begun (it takes the instance away
+        // first), so that it has to wait for this pin.
+        test::WaitFor([] { return ScheduleUpdateManager::GetInstance() == nullptr; }, 10000);
     });
     ASSERT_TRUE(pinnedFirst.get());
     ScheduleUpdateManager::DeleteInstance();
