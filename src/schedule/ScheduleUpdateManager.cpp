@@ -386,7 +386,10 @@ bool ScheduleUpdateManager::BringInfoInStep(bool startIfUnchanged) {
         }
         return true;
     }
-    if (startIfUnchanged && !standAlone) Start();
+    // The daemon's start starts the alarms. A settings change starts them
+    // when they stand stopped (stand-alone operation has just ended) and
+    // leaves running ones as they are.
+    if (!standAlone && (startIfUnchanged || updateAlarm_.Due() < 0)) Start();
     return false;
 }
 

@@ -515,6 +515,26 @@ TEST_F(ScheduleUpdateManagerTest, ClockSetForwardPastTheUpdateTimeFetchesAtOnce)
     ASSERT_TRUE(time_->AdvanceUntil([&] { return !server.Requests().empty(); }, 3000));
 }
 
+// Stand-alone operation stops the alarms; a settings change that ends it
+// (not only a restart) starts them again.
+TEST_F(ScheduleUpdateManagerTest, EndOfStandAloneOperationStartsTheAlarmsAgain) {
+    HttpTestServer server(test::ScheduleServerAnswer(update_, test::kUpdateSchedule));
+    ScheduleUpdateManager& manager = SimulatedManager(kPlant, server.Url("/s"));
+    StoreFreshRecord(kPlant);
+    manager.Start();
+    ASSERT_NE(nullptr, manager.GetScheduleUpdateTime());
+    bool started = false;
+    test::WriteSystemSetting(kPlant, server.Url("/s"), true);
+    EXPECT_TRUE(manager.CheckAndUpdateWithSystemSetting(started, false)->IsResult());
+    EXPECT_EQ(nullptr, manager.GetScheduleUpdateTime());
+    test::WriteSystemSetting(kPlant, server.Url("/s"), false);
+    EXPECT_TRUE(manager.CheckAndUpdateWithSystemSetting(started, false)->IsResult());
+    EXPECT_FALSE(started);
+    ASSERT_NE(nullptr, manager.GetScheduleUpdateTime());
+    EXPECT_EQ(NowSeconds() + 3, manager.GetScheduleUpdateTime()->EpochSeconds());
+    EXPECT_TRUE(server.Requests().empty());
+}
+
 TEST_F(ScheduleUpdateManagerTest, StopCancelsASleepingCallback) {
     UseLoggerSettings("<OutputScheduleMonitoringInterval>1</OutputScheduleMonitoringInterval>");
     HttpTestServer server(HttpTestServer::Answer(503, "text/plain", "busy"));
