@@ -260,6 +260,14 @@ std::shared_ptr<UpdateResult> ScheduleUpdateManager::UpdateFixedSchedule() {
         ScheduleStore::Lock lock(store_.FlowMutex());
         if (ResetSince(store_, resets, "Fixed schedule update failed."))
             return Failure(FailureReason::kDatabaseWriteFailed, status, "Database update error.");
+        // The server's answer for another plant (a mix-up on its side) is
+        // not ours to store: it would also make that plant the stored one.
+        const std::string stored = store_.SelectUpdateInfoLocked().plantId;
+        if (model.GetPlantId() != stored) {
+            const std::string ids = "[" + stored + "] : [" + model.GetPlantId() + "]";
+            LoggerLog::Error(kTag, "Fixed schedule update failed. It is data of a different power station ID. " + ids);
+            return Failure(FailureReason::kPlantIdMismatch, status, ids);
+        }
         if (!UpdateWithFixedScheduleLocked(slots, model.GetPlantId())) {
             LoggerLog::Warning(kTag, "Fixed schedule update failed. Database update error.");
             return Failure(FailureReason::kDatabaseWriteFailed, status, "Database update error.");

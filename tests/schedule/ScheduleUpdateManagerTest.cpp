@@ -323,6 +323,28 @@ TEST_F(ScheduleUpdateManagerTest, DataOfAnotherPlantIsNotStored) {
     EXPECT_EQ("5", test::QueryValue(kDbFile, "SELECT controlRate FROM output_control_schedule"));
 }
 
+// The server mixes up plants: a fixed schedule of another plant is neither
+// stored nor taken as the plant's own.
+TEST_F(ScheduleUpdateManagerTest, FixedScheduleOfAnotherPlantIsNotStored) {
+    test::ScheduleRecord other = fixed_;
+    other.plantId = "999";
+    HttpTestServer server(test::ScheduleServerAnswer(other, test::kFixedSchedule));
+    ScheduleUpdateManager& manager = Manager(kPlant, server.Url("/s"));
+    ScheduleRow row;
+    row.time = tomorrow_;
+    row.controlRate = 5;
+    ASSERT_TRUE(manager.UpdateWithFixedSchedule({row}, kPlant));
+    std::shared_ptr<UpdateResult> result = manager.UpdateFixedSchedule();
+    EXPECT_EQ(7, ToWire(result->GetFailureReason()));
+    EXPECT_EQ(200, result->GetStatusCode());
+    EXPECT_FALSE(ScheduleUpdateManager::IsRetryable(*result));
+    EXPECT_EQ("1", StoredSlots());
+    EXPECT_EQ(kPlant, manager.GetUpdateInfo().plantId);
+    EXPECT_TRUE(test::HasLogLine(LogLines(), "E", kTag,
+                                 "Fixed schedule update failed. It is data of a different power station ID. [" +
+                                     kPlant + "] : [00000000000000000000000999]"));
+}
+
 TEST_F(ScheduleUpdateManagerTest, PlantIdRemovedFromTheSettingsWipesEverything) {
     HttpTestServer server({test::ScheduleServerAnswer(update_, test::kUpdateSchedule),
                            test::ScheduleServerAnswer(fixed_, test::kFixedSchedule)});
