@@ -122,23 +122,25 @@ ScheduleUpdateManager::ScheduleUpdateManager(const Environment& environment)
     : clock_(environment.clock != nullptr ? environment.clock : &Clock::System()),
       ownUpdateTimers_(environment.updateTimers != nullptr ? nullptr : new ThreadTimerService(*clock_, "UpdateAlarm")),
       ownFixedTimers_(environment.fixedTimers != nullptr ? nullptr : new ThreadTimerService(*clock_, "FixedAlarm")),
+      stepLane_(environment.updateTimers != nullptr ? environment.updateTimers : ownUpdateTimers_.get()),
       ownGateway_(environment.gateway != nullptr ? nullptr : new ExchangeGateway()),
       gateway_(environment.gateway != nullptr ? environment.gateway : ownGateway_.get()),
       updateAlarm_(environment.updateTimers != nullptr ? *environment.updateTimers : *ownUpdateTimers_, *clock_),
       fixedAlarm_(environment.fixedTimers != nullptr ? *environment.fixedTimers : *ownFixedTimers_, *clock_),
       stopEvent_(new CancelEvent()) {
-    TimerService& updateTimers = environment.updateTimers != nullptr ? *environment.updateTimers : *ownUpdateTimers_;
-    updateTimers.OnClockStep([this](std::int64_t step) { OnClockStep(step); });
+    stepLane_->OnClockStep([this](std::int64_t step) { OnClockStep(step); });
     ScheduleDatabase::GetInstance()->SetForwarder([this] { return SendScheduleData(); });
 }
 
 ScheduleUpdateManager::~ScheduleUpdateManager() {
+    // A lane given by the environment outlives the manager: it must not
+    // call into it once it is gone.
+    stepLane_->OnClockStep(TimerService::StepHandler());
     Shutdown();
     // Waits for a forwarding in progress (aborted by Shutdown) to end.
     ScheduleDatabase* database = ScheduleDatabase::GetInstance();
     if (database != nullptr) database->SetForwarder(ScheduleDatabase::Forwarder());
     // The lanes end before the alarms they drive.
-    if (ownUpdateTimers_) ownUpdateTimers_->OnClockStep(TimerService::StepHandler());
     ownUpdateTimers_.reset();
     ownFixedTimers_.reset();
 }

@@ -245,6 +245,8 @@ private:
     Clock* clock_;
     std::unique_ptr<TimerService> ownUpdateTimers_;
     std::unique_ptr<TimerService> ownFixedTimers_;
+    // The update alarm's lane, whose clock steps plan the alarms again.
+    TimerService* stepLane_;
     std::unique_ptr<ExchangeGateway> ownGateway_;
     ExchangeGateway* gateway_;
     ScheduleStore store_;

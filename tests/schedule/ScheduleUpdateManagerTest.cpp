@@ -557,6 +557,15 @@ TEST_F(ScheduleUpdateManagerTest, EndOfStandAloneOperationStartsTheAlarmsAgain) 
     EXPECT_TRUE(server.Requests().empty());
 }
 
+// The lanes of a simulated time outlive the manager: a step of the clock
+// after it is gone reaches nothing.
+TEST_F(ScheduleUpdateManagerTest, ClockStepAfterTheManagerIsGoneReachesNothing) {
+    SimulatedManager(kPlant, "http://127.0.0.1:1/");
+    ScheduleUpdateManager::DeleteInstance();
+    time_->StepWall(3600 * 1000000LL);
+    EXPECT_FALSE(test::HasLogLineStarting(LogLines(), "I", kTag, "The clock was set by"));
+}
+
 TEST_F(ScheduleUpdateManagerTest, StopCancelsASleepingCallback) {
     UseLoggerSettings("<OutputScheduleMonitoringInterval>1</OutputScheduleMonitoringInterval>");
     HttpTestServer server(HttpTestServer::Answer(503, "text/plain", "busy"));
