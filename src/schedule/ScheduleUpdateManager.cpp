@@ -300,6 +300,14 @@ bool ScheduleUpdateManager::UpdateWithUpdateScheduleLocked(const ScheduleUpdateI
         }
         info.nextUpdateTime = received.nextUpdateTime;
     } else {
+        // No record (it could not be written when the plant was set): the
+        // answer must be the configured plant's, as the record would say.
+        const std::string configured = SystemSettings().GetOutputControlPlantId();
+        if (received.plantId != configured) {
+            LoggerLog::Error(kTag, "It is data of a different power station ID. Expected[" + configured + "], but [" +
+                                       received.plantId + "]");
+            return false;
+        }
         info.plantId = received.plantId;
         info.nextUpdateTime = received.nextUpdateTime;
         info.fixedScheduleUpdateFlag = received.fixedScheduleUpdateFlag;
@@ -534,10 +542,15 @@ void ScheduleUpdateManager::Stop() {
     StopFixedScheduleAlarm();
 }
 
-// The three conditions under which no alarm runs; fills `info` otherwise.
+// The two conditions under which no alarm runs; fills `info` otherwise.
+// A plant whose record could not be written (the card was full or
+// read-only when the plant was set) is planned as a fresh record of the
+// configured plant would be: its attempts write the record once the card
+// takes it, instead of leaving the plant without any.
 bool ScheduleUpdateManager::AlarmPreconditions(ScheduleUpdateInfo& info) {
     SystemSettingXmlManager& settings = SystemSettings();
-    if (settings.GetOutputControlPlantId().empty()) {
+    const std::string configured = settings.GetOutputControlPlantId();
+    if (configured.empty()) {
         std::cout << "not PlantId" << std::endl;
         return false;
     }
@@ -548,7 +561,9 @@ bool ScheduleUpdateManager::AlarmPreconditions(ScheduleUpdateInfo& info) {
     info = store_.PeekUpdateInfo();
     if (info.plantId.empty()) {
         std::cout << "not db" << std::endl;
-        return false;
+        info = ScheduleUpdateInfo();
+        info.plantId = configured;
+        info.fixedScheduleUpdateFlag = -1;
     }
     return true;
 }

@@ -345,6 +345,22 @@ TEST_F(ScheduleUpdateManagerTest, FixedScheduleOfAnotherPlantIsNotStored) {
                                      kPlant + "] : [00000000000000000000000999]"));
 }
 
+// Without a record (it could not be written when the plant was set) an
+// answer is taken only for the configured plant.
+TEST_F(ScheduleUpdateManagerTest, AnswerOfAnotherPlantIsNotStoredWithoutARecord) {
+    test::ScheduleRecord other = update_;
+    other.plantId = "999";
+    HttpTestServer server(test::ScheduleServerAnswer(other, test::kUpdateSchedule));
+    ScheduleUpdateManager& manager = Manager(kPlant, server.Url("/s"));
+    std::shared_ptr<UpdateResult> result = manager.UpdateSchedule();
+    EXPECT_EQ(5, ToWire(result->GetFailureReason()));
+    EXPECT_EQ("0", StoredSlots());
+    EXPECT_EQ("", manager.GetUpdateInfo().plantId);
+    EXPECT_TRUE(test::HasLogLine(LogLines(), "E", kTag,
+                                 "It is data of a different power station ID. Expected[" + kPlant +
+                                     "], but [00000000000000000000000999]"));
+}
+
 TEST_F(ScheduleUpdateManagerTest, PlantIdRemovedFromTheSettingsWipesEverything) {
     HttpTestServer server({test::ScheduleServerAnswer(update_, test::kUpdateSchedule),
                            test::ScheduleServerAnswer(fixed_, test::kFixedSchedule)});
@@ -535,6 +551,21 @@ TEST_F(ScheduleUpdateManagerTest, ClockSetForwardPastTheUpdateTimeFetchesAtOnce)
     manager.Start();
     time_->StepWall(2 * 3600 * 1000000LL);
     ASSERT_TRUE(time_->AdvanceUntil([&] { return !server.Requests().empty(); }, 3000));
+}
+
+// A plant whose record could not be written (a full card when it was set)
+// still has its update attempts planned; the first that succeeds writes
+// the record.
+TEST_F(ScheduleUpdateManagerTest, PlantWithoutARecordStillHasAnUpdateAttemptPlanned) {
+    HttpTestServer server(test::ScheduleServerAnswer(update_, test::kUpdateSchedule));
+    ScheduleUpdateManager& manager = SimulatedManager(kPlant, server.Url("/s"));
+    manager.DeleteAllUpdateControlInfoFromDB();
+    manager.Start();
+    ASSERT_NE(nullptr, manager.GetScheduleUpdateTime());
+    EXPECT_LE(manager.GetScheduleUpdateTime()->EpochSeconds(), NowSeconds() + 1800);
+    ASSERT_TRUE(time_->AdvanceUntil([&] { return !server.Requests().empty(); }, 3600 * 1000LL));
+    EXPECT_EQ(kPlant, manager.GetUpdateInfo().plantId);
+    EXPECT_EQ("48", StoredSlots());
 }
 
 // Stand-alone operation stops the alarms; a settings change that ends it
