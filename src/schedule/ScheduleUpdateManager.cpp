@@ -288,8 +288,20 @@ bool ScheduleUpdateManager::UpdateWithUpdateScheduleLocked(const ScheduleUpdateI
                                                            const std::vector<ScheduleRow>& slots) {
     LoggerLog::Debug(kTag, "UpdateWithUpdateSchedule");
     ScheduleUpdateInfo info = store_.SelectUpdateInfoLocked();
-    if (!info.plantId.empty() && info.plantId != received.plantId) {
-        LoggerLog::Error(kTag, "It is data of a different power station ID. Expected[" + info.plantId + "], but [" +
+    const std::string configured = SystemSettings().GetOutputControlPlantId();
+    // A record of a plant no longer configured: the reset at the change of
+    // plant could not be written (the card was full or read-only). It is
+    // done now, with the configured plant's answer.
+    if (!info.plantId.empty() && info.plantId != configured && received.plantId == configured) {
+        LoggerLog::Info(kTag, "Plant ID change. [" + info.plantId + "] to [" + configured + "]");
+        store_.DeleteAllLocked();
+        info = ScheduleUpdateInfo();
+    }
+    // Without a record (it could not be written when the plant was set),
+    // the answer must be the configured plant's, as the record would say.
+    const std::string expected = info.plantId.empty() ? configured : info.plantId;
+    if (received.plantId != expected) {
+        LoggerLog::Error(kTag, "It is data of a different power station ID. Expected[" + expected + "], but [" +
                                    received.plantId + "]");
         return false;
     }
@@ -300,14 +312,6 @@ bool ScheduleUpdateManager::UpdateWithUpdateScheduleLocked(const ScheduleUpdateI
         }
         info.nextUpdateTime = received.nextUpdateTime;
     } else {
-        // No record (it could not be written when the plant was set): the
-        // answer must be the configured plant's, as the record would say.
-        const std::string configured = SystemSettings().GetOutputControlPlantId();
-        if (received.plantId != configured) {
-            LoggerLog::Error(kTag, "It is data of a different power station ID. Expected[" + configured + "], but [" +
-                                       received.plantId + "]");
-            return false;
-        }
         info.plantId = received.plantId;
         info.nextUpdateTime = received.nextUpdateTime;
         info.fixedScheduleUpdateFlag = received.fixedScheduleUpdateFlag;

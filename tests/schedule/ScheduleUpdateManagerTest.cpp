@@ -303,8 +303,11 @@ TEST_F(ScheduleUpdateManagerTest, RefusedAnswersStoreNothing) {
         test::HasLogLine(LogLines(), "W", kTag, "Schedule parse failed. [Schedule data error. data is truncated.]"));
 }
 
+// An answer of a plant that is neither the stored nor the configured one.
 TEST_F(ScheduleUpdateManagerTest, DataOfAnotherPlantIsNotStored) {
-    HttpTestServer server({test::ScheduleServerAnswer(update_, test::kUpdateSchedule)});
+    test::ScheduleRecord other = update_;
+    other.plantId = "888";
+    HttpTestServer server({test::ScheduleServerAnswer(other, test::kUpdateSchedule)});
     ScheduleUpdateManager& manager = Manager(kPlant, server.Url("/s"));
     ScheduleUpdateInfo stored;
     stored.plantId = "00000000000000000000000999";
@@ -318,9 +321,28 @@ TEST_F(ScheduleUpdateManagerTest, DataOfAnotherPlantIsNotStored) {
     EXPECT_EQ(5, ToWire(result->GetFailureReason()));
     EXPECT_EQ("Database update error.", result->GetMessage());
     EXPECT_TRUE(test::HasLogLine(LogLines(), "E", kTag,
-                                 "It is data of a different power station ID. Expected[" + stored.plantId + "], but [" +
-                                     kPlant + "]"));
+                                 "It is data of a different power station ID. Expected[" + stored.plantId +
+                                     "], but [00000000000000000000000888]"));
     EXPECT_EQ("5", test::QueryValue(kDbFile, "SELECT controlRate FROM output_control_schedule"));
+}
+
+// A change of plant whose reset could not be written (a full card) left
+// the record of the plant before: the configured plant's answer resets the
+// tables then and is stored, rather than being refused until a restart.
+TEST_F(ScheduleUpdateManagerTest, RecordOfAPlantNoLongerConfiguredGivesWayToTheConfiguredPlantsAnswer) {
+    HttpTestServer server({test::ScheduleServerAnswer(update_, test::kUpdateSchedule)});
+    ScheduleUpdateManager& manager = Manager(kPlant, server.Url("/s"));
+    const std::string before = "00000000000000000000000999";
+    ScheduleRow row;
+    row.time = tomorrow_ + 3 * 86400;
+    row.controlRate = 5;
+    ASSERT_TRUE(manager.UpdateWithFixedSchedule({row}, before));
+    std::shared_ptr<UpdateResult> result = manager.UpdateSchedule();
+    EXPECT_TRUE(result->IsResult()) << result->ToString();
+    EXPECT_EQ(kPlant, manager.GetUpdateInfo().plantId);
+    EXPECT_EQ("48", StoredSlots());
+    EXPECT_EQ("0", test::QueryValue(kDbFile, "SELECT COUNT(*) FROM output_control_schedule WHERE controlRate = 5"));
+    EXPECT_TRUE(test::HasLogLine(LogLines(), "I", kTag, "Plant ID change. [" + before + "] to [" + kPlant + "]"));
 }
 
 // The server mixes up plants: a fixed schedule of another plant is neither
