@@ -105,10 +105,12 @@ protected:
     static std::vector<std::string> LogLines() { return test::FlushedLogLines(); }
 
     // The manager on simulated time (starting at the real now, so that the
-    // payloads' dates fit), with the real request pool.
+    // payloads' dates fit, on a whole second, so that the tests' times in
+    // whole seconds lie as far ahead as they say), with the real request
+    // pool.
     ScheduleUpdateManager& SimulatedManager(const std::string& plantId, const std::string& url) {
         if (!time_) {
-            time_.reset(new test::SimulatedTime(TimeStamp().Value().epochMicroseconds()));
+            time_.reset(new test::SimulatedTime(TimeStamp().EpochSeconds() * 1000000));
             updateLane_ = &time_->NewLane();
             fixedLane_ = &time_->NewLane();
         }
