@@ -158,7 +158,7 @@ int RunSeeds(const Arguments& arguments) {
         return 2;
     }
     Discard discard;
-    std::cout.rdbuf(&discard);
+    std::streambuf* const kept = std::cout.rdbuf(&discard);
     Report totals;
     for (const std::uint64_t seed : arguments.seeds) {
         SeedRun run(seed, arguments.options);
@@ -168,6 +168,8 @@ int RunSeeds(const Arguments& arguments) {
         std::fflush(report);
         if (results.is_open()) results << Report::ResultLine(outcome) << std::endl;
     }
+    // Given back before `discard` goes: the stream is flushed at the exit.
+    std::cout.rdbuf(kept);
     // The totals of several such runs are added up from their results.
     if (results.is_open()) return totals.AnyFailed() ? 1 : 0;
     return Conclude(totals, arguments.targets);
