@@ -9,6 +9,7 @@ namespace brvo {
 namespace {
 
 const std::int64_t kHalfHourSeconds = 1800;
+const std::int64_t kDaySeconds = 86400;
 
 // Doubles `base` (failures - 1) times, stopping at `cap`.
 std::int64_t Doubled(std::int64_t base, int failures, std::int64_t cap) {
@@ -88,6 +89,12 @@ std::int64_t RetryPolicy::SteppedServerTime(std::int64_t serverNext, std::int64_
     std::int64_t next = serverNext < 0 ? now : serverNext;
     if (next <= now) next += (now - next) / kHalfHourSeconds * kHalfHourSeconds;
     while (next <= now) next += kHalfHourSeconds;
+    // The server names the next server day at the plant's time, which is
+    // more than a day away when it was asked before that time of day (a
+    // retry, a new plant, a restart); a clock set back does the same to a
+    // stored time. Whole days earlier keeps the plant's time of day, so
+    // devices stay spread over the day as the server spread them.
+    if (next > now + kMaxDelaySeconds) next -= (next - now - 1) / kDaySeconds * kDaySeconds;
     return next;
 }
 
@@ -99,8 +106,8 @@ std::int64_t RetryPolicy::NextUpdateAttempt(const History& history, const std::s
 std::int64_t RetryPolicy::NextUpdateAttempt(const History& history, const std::string& plantId, std::int64_t now,
                                             std::int64_t serverNext, int spreadPercent) {
     // Even a server's next time days ahead (or a wrong one, years ahead)
-    // leaves the device asking again within a day.
-    if (history.failures <= 0) return std::min(SteppedServerTime(serverNext, now), now + kMaxDelaySeconds);
+    // leaves the device asking again within a day (SteppedServerTime).
+    if (history.failures <= 0) return SteppedServerTime(serverNext, now);
     const std::int64_t delay = BackOffSeconds(history);
     // A server's own hint is honoured as given; only our own back-off is
     // spread, and never beyond its cap.

@@ -6,7 +6,8 @@
 // The rules, in order:
 //  - No failure since the last success: the server's next update time,
 //    stepped on by 30 minutes while it is not later than now (a time that
-//    does not read counts as now), but never more than 24 h away.
+//    does not read counts as now), and brought nearer by whole days while
+//    it is more than 24 h away.
 //  - The last failure named a Retry-After (a 429 or 503 answer): now plus
 //    that many seconds, held within 30 s and 24 h.
 //  - Retryable failures (IsRetryable) back off from 30 minutes: 30 min,
@@ -94,7 +95,8 @@ public:
     static std::int64_t SpreadSeconds(const std::string& plantId, std::int64_t delay, int spreadPercent);
 
     // The next 30-minute step of `serverNext` after `now` (`now` + 30 min
-    // stepping when serverNext is -1).
+    // stepping when serverNext is -1); a time more than kMaxDelaySeconds
+    // ahead moves back by whole days to within them.
     static std::int64_t SteppedServerTime(std::int64_t serverNext, std::int64_t now);
 
 private:

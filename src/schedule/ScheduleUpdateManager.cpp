@@ -122,23 +122,25 @@ ScheduleUpdateManager::ScheduleUpdateManager(const Environment& environment)
     : clock_(environment.clock != nullptr ? environment.clock : &Clock::System()),
       ownUpdateTimers_(environment.updateTimers != nullptr ? nullptr : new ThreadTimerService(*clock_, "UpdateAlarm")),
       ownFixedTimers_(environment.fixedTimers != nullptr ? nullptr : new ThreadTimerService(*clock_, "FixedAlarm")),
+      stepLane_(environment.updateTimers != nullptr ? environment.updateTimers : ownUpdateTimers_.get()),
       ownGateway_(environment.gateway != nullptr ? nullptr : new ExchangeGateway()),
       gateway_(environment.gateway != nullptr ? environment.gateway : ownGateway_.get()),
       updateAlarm_(environment.updateTimers != nullptr ? *environment.updateTimers : *ownUpdateTimers_, *clock_),
       fixedAlarm_(environment.fixedTimers != nullptr ? *environment.fixedTimers : *ownFixedTimers_, *clock_),
       stopEvent_(new CancelEvent()) {
-    TimerService& updateTimers = environment.updateTimers != nullptr ? *environment.updateTimers : *ownUpdateTimers_;
-    updateTimers.OnClockStep([this](std::int64_t step) { OnClockStep(step); });
+    stepLane_->OnClockStep([this](std::int64_t step) { OnClockStep(step); });
     ScheduleDatabase::GetInstance()->SetForwarder([this] { return SendScheduleData(); });
 }
 
 ScheduleUpdateManager::~ScheduleUpdateManager() {
+    // A lane given by the environment outlives the manager: it must not
+    // call into it once it is gone.
+    stepLane_->OnClockStep(TimerService::StepHandler());
     Shutdown();
     // Waits for a forwarding in progress (aborted by Shutdown) to end.
     ScheduleDatabase* database = ScheduleDatabase::GetInstance();
     if (database != nullptr) database->SetForwarder(ScheduleDatabase::Forwarder());
     // The lanes end before the alarms they drive.
-    if (ownUpdateTimers_) ownUpdateTimers_->OnClockStep(TimerService::StepHandler());
     ownUpdateTimers_.reset();
     ownFixedTimers_.reset();
 }
@@ -260,6 +262,14 @@ std::shared_ptr<UpdateResult> ScheduleUpdateManager::UpdateFixedSchedule() {
         ScheduleStore::Lock lock(store_.FlowMutex());
         if (ResetSince(store_, resets, "Fixed schedule update failed."))
             return Failure(FailureReason::kDatabaseWriteFailed, status, "Database update error.");
+        // The server's answer for another plant (a mix-up on its side) is
+        // not ours to store: it would also make that plant the stored one.
+        const std::string stored = store_.SelectUpdateInfoLocked().plantId;
+        if (model.GetPlantId() != stored) {
+            const std::string ids = "[" + stored + "] : [" + model.GetPlantId() + "]";
+            LoggerLog::Error(kTag, "Fixed schedule update failed. It is data of a different power station ID. " + ids);
+            return Failure(FailureReason::kPlantIdMismatch, status, ids);
+        }
         if (!UpdateWithFixedScheduleLocked(slots, model.GetPlantId())) {
             LoggerLog::Warning(kTag, "Fixed schedule update failed. Database update error.");
             return Failure(FailureReason::kDatabaseWriteFailed, status, "Database update error.");
@@ -278,8 +288,20 @@ bool ScheduleUpdateManager::UpdateWithUpdateScheduleLocked(const ScheduleUpdateI
                                                            const std::vector<ScheduleRow>& slots) {
     LoggerLog::Debug(kTag, "UpdateWithUpdateSchedule");
     ScheduleUpdateInfo info = store_.SelectUpdateInfoLocked();
-    if (!info.plantId.empty() && info.plantId != received.plantId) {
-        LoggerLog::Error(kTag, "It is data of a different power station ID. Expected[" + info.plantId + "], but [" +
+    const std::string configured = SystemSettings().GetOutputControlPlantId();
+    // A record of a plant no longer configured: the reset at the change of
+    // plant could not be written (the card was full or read-only). It is
+    // done now, with the configured plant's answer.
+    if (!info.plantId.empty() && info.plantId != configured && received.plantId == configured) {
+        LoggerLog::Info(kTag, "Plant ID change. [" + info.plantId + "] to [" + configured + "]");
+        store_.DeleteAllLocked();
+        info = ScheduleUpdateInfo();
+    }
+    // Without a record (it could not be written when the plant was set),
+    // the answer must be the configured plant's, as the record would say.
+    const std::string expected = info.plantId.empty() ? configured : info.plantId;
+    if (received.plantId != expected) {
+        LoggerLog::Error(kTag, "It is data of a different power station ID. Expected[" + expected + "], but [" +
                                    received.plantId + "]");
         return false;
     }
@@ -391,7 +413,10 @@ bool ScheduleUpdateManager::BringInfoInStep(bool startIfUnchanged) {
         }
         return true;
     }
-    if (startIfUnchanged && !standAlone) Start();
+    // The daemon's start starts the alarms. A settings change starts them
+    // when they stand stopped (stand-alone operation has just ended) and
+    // leaves running ones as they are.
+    if (!standAlone && (startIfUnchanged || updateAlarm_.Due() < 0)) Start();
     return false;
 }
 
@@ -526,32 +551,30 @@ void ScheduleUpdateManager::Stop() {
     StopFixedScheduleAlarm();
 }
 
-// The three conditions under which no alarm runs; fills `info` otherwise.
+// The two conditions under which no alarm runs; fills `info` otherwise.
+// A plant whose record could not be written (the card was full or
+// read-only when the plant was set) is planned as a fresh record of the
+// configured plant would be: its attempts write the record once the card
+// takes it, instead of leaving the plant without any.
 bool ScheduleUpdateManager::AlarmPreconditions(ScheduleUpdateInfo& info) {
-    return CheckAlarmPreconditions(info) == AlarmCheck::kReady;
-}
-
-// As AlarmPreconditions, telling which condition failed. On kNoStoredPlant
-// `info` holds the configured plant id.
-ScheduleUpdateManager::AlarmCheck ScheduleUpdateManager::CheckAlarmPreconditions(ScheduleUpdateInfo& info) {
     SystemSettingXmlManager& settings = SystemSettings();
     const std::string configured = settings.GetOutputControlPlantId();
     if (configured.empty()) {
         std::cout << "not PlantId" << std::endl;
-        return AlarmCheck::kNoPlant;
+        return false;
     }
     if (settings.GetOutputControlStandAlone()) {
         std::cout << "id StandAlone" << std::endl;
-        return AlarmCheck::kStandAlone;
+        return false;
     }
     info = store_.PeekUpdateInfo();
     if (info.plantId.empty()) {
         std::cout << "not db" << std::endl;
         info = ScheduleUpdateInfo();
         info.plantId = configured;
-        return AlarmCheck::kNoStoredPlant;
+        info.fixedScheduleUpdateFlag = -1;
     }
-    return AlarmCheck::kReady;
+    return true;
 }
 
 // The next update attempt (wall microseconds) for the stored `info` and the
@@ -584,11 +607,7 @@ void ScheduleUpdateManager::SetupUpdateScheduleAlarm(bool keepTimer, bool retry)
 // `keepTimer`, starts its ticks.
 void ScheduleUpdateManager::PlanUpdateAlarm(bool keepTimer, bool retry, const Alarm::Run& run) {
     ScheduleUpdateInfo info;
-    const AlarmCheck check = CheckAlarmPreconditions(info);
-    // After the alarm's own fetch, a table that cannot be read (a failing
-    // card) must not leave the past due time in place, which would fetch at
-    // every tick: the next attempt is planned for the configured plant.
-    if (check != AlarmCheck::kReady && !(run && check == AlarmCheck::kNoStoredPlant)) return;
+    if (!AlarmPreconditions(info)) return;
     const std::int64_t next = NextUpdateAttempt(info);
     if (run) {
         if (!updateAlarm_.SetDueFor(run, next)) return;

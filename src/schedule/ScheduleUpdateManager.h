@@ -229,9 +229,7 @@ private:
     bool UpdateWithFixedScheduleLocked(const std::vector<ScheduleRow>& slots, const std::string& plantId);
     std::shared_ptr<UpdateResult> AccessFailure(const std::string& failureText,
                                                 const std::shared_ptr<ServerAccessResult>& access);
-    enum class AlarmCheck { kReady, kNoPlant, kStandAlone, kNoStoredPlant };
     bool AlarmPreconditions(ScheduleUpdateInfo& info);
-    AlarmCheck CheckAlarmPreconditions(ScheduleUpdateInfo& info);
     std::int64_t MonitoringIntervalMs() const;
     void PlanUpdateAlarm(bool keepTimer, bool retry, const Alarm::Run& run);
     std::int64_t NextUpdateAttempt(const ScheduleUpdateInfo& info);
@@ -247,6 +245,8 @@ private:
     Clock* clock_;
     std::unique_ptr<TimerService> ownUpdateTimers_;
     std::unique_ptr<TimerService> ownFixedTimers_;
+    // The update alarm's lane, whose clock steps plan the alarms again.
+    TimerService* stepLane_;
     std::unique_ptr<ExchangeGateway> ownGateway_;
     ExchangeGateway* gateway_;
     ScheduleStore store_;

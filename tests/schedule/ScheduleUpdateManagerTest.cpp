@@ -108,11 +108,12 @@ protected:
     static std::vector<std::string> LogLines() { return test::FlushedLogLines(); }
 
     // The manager on simulated time (starting at the real now, so that the
-    // payloads' dates fit, half way into its second, so that every run sees
-    // the same ticks), with the real request pool.
+    // payloads' dates fit, on a whole second, so that the tests' times in
+    // whole seconds lie as far ahead as they say), with the real request
+    // pool.
     ScheduleUpdateManager& SimulatedManager(const std::string& plantId, const std::string& url) {
         if (!time_) {
-            time_.reset(new test::SimulatedTime(TimeStamp().EpochSeconds() * 1000000LL + 500000));
+            time_.reset(new test::SimulatedTime(TimeStamp().EpochSeconds() * 1000000));
             updateLane_ = &time_->NewLane();
             fixedLane_ = &time_->NewLane();
         }
@@ -322,8 +323,11 @@ TEST_F(ScheduleUpdateManagerTest, RefusedAnswersStoreNothing) {
         test::HasLogLine(LogLines(), "W", kTag, "Schedule parse failed. [Schedule data error. data is truncated.]"));
 }
 
+// An answer of a plant that is neither the stored nor the configured one.
 TEST_F(ScheduleUpdateManagerTest, DataOfAnotherPlantIsNotStored) {
-    HttpTestServer server({test::ScheduleServerAnswer(update_, test::kUpdateSchedule)});
+    test::ScheduleRecord other = update_;
+    other.plantId = "888";
+    HttpTestServer server({test::ScheduleServerAnswer(other, test::kUpdateSchedule)});
     ScheduleUpdateManager& manager = Manager(kPlant, server.Url("/s"));
     ScheduleUpdateInfo stored;
     stored.plantId = "00000000000000000000000999";
@@ -337,9 +341,66 @@ TEST_F(ScheduleUpdateManagerTest, DataOfAnotherPlantIsNotStored) {
     EXPECT_EQ(5, ToWire(result->GetFailureReason()));
     EXPECT_EQ("Database update error.", result->GetMessage());
     EXPECT_TRUE(test::HasLogLine(LogLines(), "E", kTag,
-                                 "It is data of a different power station ID. Expected[" + stored.plantId + "], but [" +
-                                     kPlant + "]"));
+                                 "It is data of a different power station ID. Expected[" + stored.plantId +
+                                     "], but [00000000000000000000000888]"));
     EXPECT_EQ("5", test::QueryValue(kDbFile, "SELECT controlRate FROM output_control_schedule"));
+}
+
+// A change of plant whose reset could not be written (a full card) left
+// the record of the plant before: the configured plant's answer resets the
+// tables then and is stored, rather than being refused until a restart.
+TEST_F(ScheduleUpdateManagerTest, RecordOfAPlantNoLongerConfiguredGivesWayToTheConfiguredPlantsAnswer) {
+    HttpTestServer server({test::ScheduleServerAnswer(update_, test::kUpdateSchedule)});
+    ScheduleUpdateManager& manager = Manager(kPlant, server.Url("/s"));
+    const std::string before = "00000000000000000000000999";
+    ScheduleRow row;
+    row.time = tomorrow_ + 3 * 86400;
+    row.controlRate = 5;
+    ASSERT_TRUE(manager.UpdateWithFixedSchedule({row}, before));
+    std::shared_ptr<UpdateResult> result = manager.UpdateSchedule();
+    EXPECT_TRUE(result->IsResult()) << result->ToString();
+    EXPECT_EQ(kPlant, manager.GetUpdateInfo().plantId);
+    EXPECT_EQ("48", StoredSlots());
+    EXPECT_EQ("0", test::QueryValue(kDbFile, "SELECT COUNT(*) FROM output_control_schedule WHERE controlRate = 5"));
+    EXPECT_TRUE(test::HasLogLine(LogLines(), "I", kTag, "Plant ID change. [" + before + "] to [" + kPlant + "]"));
+}
+
+// The server mixes up plants: a fixed schedule of another plant is neither
+// stored nor taken as the plant's own.
+TEST_F(ScheduleUpdateManagerTest, FixedScheduleOfAnotherPlantIsNotStored) {
+    test::ScheduleRecord other = fixed_;
+    other.plantId = "999";
+    HttpTestServer server(test::ScheduleServerAnswer(other, test::kFixedSchedule));
+    ScheduleUpdateManager& manager = Manager(kPlant, server.Url("/s"));
+    ScheduleRow row;
+    row.time = tomorrow_;
+    row.controlRate = 5;
+    ASSERT_TRUE(manager.UpdateWithFixedSchedule({row}, kPlant));
+    std::shared_ptr<UpdateResult> result = manager.UpdateFixedSchedule();
+    EXPECT_EQ(7, ToWire(result->GetFailureReason()));
+    EXPECT_EQ(200, result->GetStatusCode());
+    EXPECT_FALSE(ScheduleUpdateManager::IsRetryable(*result));
+    EXPECT_EQ("1", StoredSlots());
+    EXPECT_EQ(kPlant, manager.GetUpdateInfo().plantId);
+    EXPECT_TRUE(test::HasLogLine(LogLines(), "E", kTag,
+                                 "Fixed schedule update failed. It is data of a different power station ID. [" +
+                                     kPlant + "] : [00000000000000000000000999]"));
+}
+
+// Without a record (it could not be written when the plant was set) an
+// answer is taken only for the configured plant.
+TEST_F(ScheduleUpdateManagerTest, AnswerOfAnotherPlantIsNotStoredWithoutARecord) {
+    test::ScheduleRecord other = update_;
+    other.plantId = "999";
+    HttpTestServer server(test::ScheduleServerAnswer(other, test::kUpdateSchedule));
+    ScheduleUpdateManager& manager = Manager(kPlant, server.Url("/s"));
+    std::shared_ptr<UpdateResult> result = manager.UpdateSchedule();
+    EXPECT_EQ(5, ToWire(result->GetFailureReason()));
+    EXPECT_EQ("0", StoredSlots());
+    EXPECT_EQ("", manager.GetUpdateInfo().plantId);
+    EXPECT_TRUE(test::HasLogLine(LogLines(), "E", kTag,
+                                 "It is data of a different power station ID. Expected[" + kPlant +
+                                     "], but [00000000000000000000000999]"));
 }
 
 TEST_F(ScheduleUpdateManagerTest, PlantIdRemovedFromTheSettingsWipesEverything) {
@@ -499,8 +560,10 @@ TEST_F(ScheduleUpdateManagerTest, SuccessEndsTheBackOff) {
     EXPECT_EQ(1, manager.GetUpdateHistory().failures);
     ASSERT_TRUE(time_->AdvanceUntil([&] { return server.Requests().size() >= 2; }, 3 * 3600 * 1000LL));
     EXPECT_EQ(0, manager.GetUpdateHistory().failures);
+    // The payload's next update time (tomorrow's midnight), stepped on by
+    // half hours should the back-off have passed it.
     ASSERT_NE(nullptr, manager.GetScheduleUpdateTime());
-    EXPECT_EQ(tomorrow_, manager.GetScheduleUpdateTime()->EpochSeconds());
+    EXPECT_EQ(RetryPolicy::SteppedServerTime(tomorrow_, NowSeconds()), manager.GetScheduleUpdateTime()->EpochSeconds());
 }
 
 TEST_F(ScheduleUpdateManagerTest, ClockSetBackPlansTheStoredTimeAtOnce) {
@@ -533,6 +596,50 @@ TEST_F(ScheduleUpdateManagerTest, ClockSetForwardPastTheUpdateTimeFetchesAtOnce)
     manager.Start();
     time_->StepWall(2 * 3600 * 1000000LL);
     ASSERT_TRUE(time_->AdvanceUntil([&] { return !server.Requests().empty(); }, 3000));
+}
+
+// A plant whose record could not be written (a full card when it was set)
+// still has its update attempts planned; the first that succeeds writes
+// the record.
+TEST_F(ScheduleUpdateManagerTest, PlantWithoutARecordStillHasAnUpdateAttemptPlanned) {
+    HttpTestServer server(test::ScheduleServerAnswer(update_, test::kUpdateSchedule));
+    ScheduleUpdateManager& manager = SimulatedManager(kPlant, server.Url("/s"));
+    manager.DeleteAllUpdateControlInfoFromDB();
+    manager.Start();
+    ASSERT_NE(nullptr, manager.GetScheduleUpdateTime());
+    EXPECT_LE(manager.GetScheduleUpdateTime()->EpochSeconds(), NowSeconds() + 1800);
+    ASSERT_TRUE(time_->AdvanceUntil([&] { return !server.Requests().empty(); }, 3600 * 1000LL));
+    EXPECT_EQ(kPlant, manager.GetUpdateInfo().plantId);
+    EXPECT_EQ("48", StoredSlots());
+}
+
+// Stand-alone operation stops the alarms; a settings change that ends it
+// (not only a restart) starts them again.
+TEST_F(ScheduleUpdateManagerTest, EndOfStandAloneOperationStartsTheAlarmsAgain) {
+    HttpTestServer server(test::ScheduleServerAnswer(update_, test::kUpdateSchedule));
+    ScheduleUpdateManager& manager = SimulatedManager(kPlant, server.Url("/s"));
+    StoreFreshRecord(kPlant);
+    manager.Start();
+    ASSERT_NE(nullptr, manager.GetScheduleUpdateTime());
+    bool started = false;
+    test::WriteSystemSetting(kPlant, server.Url("/s"), true);
+    EXPECT_TRUE(manager.CheckAndUpdateWithSystemSetting(started, false)->IsResult());
+    EXPECT_EQ(nullptr, manager.GetScheduleUpdateTime());
+    test::WriteSystemSetting(kPlant, server.Url("/s"), false);
+    EXPECT_TRUE(manager.CheckAndUpdateWithSystemSetting(started, false)->IsResult());
+    EXPECT_FALSE(started);
+    ASSERT_NE(nullptr, manager.GetScheduleUpdateTime());
+    EXPECT_EQ(NowSeconds() + 3, manager.GetScheduleUpdateTime()->EpochSeconds());
+    EXPECT_TRUE(server.Requests().empty());
+}
+
+// The lanes of a simulated time outlive the manager: a step of the clock
+// after it is gone reaches nothing.
+TEST_F(ScheduleUpdateManagerTest, ClockStepAfterTheManagerIsGoneReachesNothing) {
+    SimulatedManager(kPlant, "http://127.0.0.1:1/");
+    ScheduleUpdateManager::DeleteInstance();
+    time_->StepWall(3600 * 1000000LL);
+    EXPECT_FALSE(test::HasLogLineStarting(LogLines(), "I", kTag, "The clock was set by"));
 }
 
 TEST_F(ScheduleUpdateManagerTest, StopCancelsASleepingCallback) {
