@@ -48,15 +48,26 @@ DatabaseManager::DatabaseManager(const std::string& tag, const std::string& tabl
 }
 
 DatabaseManager::~DatabaseManager() {
-    Poco::Mutex::ScopedLock lock(mutex_);
-    if (session_) {
-        try {
-            session_->close();
-        } catch (const Poco::Exception&) {
-        }
-        session_.reset();
+    {
+        Poco::Mutex::ScopedLock lock(mutex_);
+        CloseSession();
     }
     Poco::Data::SQLite::Connector::unregisterConnector();
+}
+
+bool DatabaseManager::SessionIsReadOnly() {
+    if (!session_) return false;
+    sqlite3* db = Poco::Data::SQLite::Utility::dbHandle(*session_);
+    return db != nullptr && sqlite3_db_readonly(db, "main") == 1;
+}
+
+void DatabaseManager::CloseSession() {
+    if (!session_) return;
+    try {
+        session_->close();
+    } catch (const Poco::Exception&) {
+    }
+    session_.reset();
 }
 
 std::string DatabaseManager::GetDatabaseFilePath() const {

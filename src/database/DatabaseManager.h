@@ -56,8 +56,13 @@ protected:
         Poco::Mutex::ScopedLock lock(mutex_);
         if (!Open()) return false;
         const Caught caught = GuardedCall(std::forward<Body>(body));
-        if (caught) LoggerLog::Error(tag_, caught.Describe(failure));
-        return !caught;
+        if (!caught) return true;
+        LoggerLog::Error(tag_, caught.Describe(failure));
+        // A session that SQLite opened read-only (the card was read-only
+        // then) stays so even once the card takes writes again: the next
+        // operation opens the file afresh. Any other session is kept.
+        if (SessionIsReadOnly()) CloseSession();
+        return false;
     }
 
     // Runs one statement and returns the number of rows it changed. Throws
@@ -95,6 +100,10 @@ private:
     // commits on the new session. A setting that fails is logged at debug
     // level and changes nothing else; nothing is returned.
     void ApplyDurabilitySettings();
+    // Closes and drops the session, if any (mutex_ held).
+    void CloseSession();
+    // Whether the open session can only read its file (mutex_ held).
+    bool SessionIsReadOnly();
 
     std::string tag_;
     std::string table_;
