@@ -112,7 +112,12 @@ std::int64_t RetryPolicy::NextUpdateAttempt(const History& history, const std::s
     // A server's own hint is honoured as given; only our own back-off is
     // spread, and never beyond its cap.
     const bool hinted = history.retryAfterSeconds >= 0;
-    const std::int64_t spread = hinted ? 0 : SpreadSeconds(plantId, delay, spreadPercent);
+    // Failures not worth retrying soon are not what a fleet meets at once
+    // after an outage: their stretch stays within an hour.
+    const std::int64_t spread = hinted ? 0
+                                : history.lastRetryable
+                                    ? SpreadSeconds(plantId, delay, spreadPercent)
+                                    : SpreadSeconds(plantId, kPermanentSpreadSeconds, spreadPercent > 0 ? 100 : 0);
     const std::int64_t cap = hinted || !history.lastRetryable ? kMaxDelaySeconds : kRetryCapSeconds;
     std::int64_t next = now + std::min(delay + spread, cap);
     if (serverNext > now && serverNext < next) next = serverNext;

@@ -14,10 +14,10 @@
 //    1 h, 2 h, 4 h, then 6 h.
 //  - Failures that are not retryable back off from 6 hours: 6 h, 12 h,
 //    then 24 h.
-//  - A back-off is stretched by a share of itself fixed per plant ID (up to
-//    kSpreadPercent), so that devices which failed together do not come
-//    back together; a retryable one never beyond 6 h, any never beyond
-//    24 h.
+//  - A back-off is stretched by a share fixed per plant ID, so that devices
+//    which failed together do not come back together: a retryable one by
+//    up to kSpreadPercent of itself, never beyond 6 h; one that is not by
+//    up to kPermanentSpreadSeconds, never beyond 24 h.
 //  - The server's next update time wins over a back-off when it is later
 //    than now and sooner than the back-off.
 // Thread-safe: no state.
@@ -60,6 +60,9 @@ public:
     // that failed last and the second retries of those that failed first
     // reach the server in the same half hour. pvoc-fleet weighs it.
     static constexpr int kSpreadPercent = 200;
+    // The largest stretch of a back-off after a failure not worth retrying
+    // soon.
+    static constexpr std::int64_t kPermanentSpreadSeconds = 3600;
 
     // Whether a failed flow result is worth trying again soon: by its HTTP
     // status class (1xx, 3xx, 5xx yes; 2xx, 4xx no), otherwise by its

@@ -346,8 +346,11 @@ TEST(RetryPolicyTest, AfterFailuresTheBackOffIsSpreadPerPlant) {
             // all; one that is not retryable within a day.
             const std::int64_t cap =
                 history.lastRetryable ? RetryPolicy::kRetryCapSeconds : RetryPolicy::kMaxDelaySeconds;
-            EXPECT_EQ(kNow + std::min(delay + RetryPolicy::SpreadSeconds(id, delay), cap),
-                      RetryPolicy::NextUpdateAttempt(history, id, kNow, -1));
+            // Not retryable: a stretch of at most an hour.
+            const std::int64_t spread = history.lastRetryable
+                                            ? RetryPolicy::SpreadSeconds(id, delay)
+                                            : RetryPolicy::SpreadSeconds(id, RetryPolicy::kPermanentSpreadSeconds, 100);
+            EXPECT_EQ(kNow + std::min(delay + spread, cap), RetryPolicy::NextUpdateAttempt(history, id, kNow, -1));
         }
     }
 }

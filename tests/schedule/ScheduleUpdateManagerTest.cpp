@@ -505,10 +505,11 @@ TEST_F(ScheduleUpdateManagerTest, ClientErrorPlansTheNextAttemptHoursLater) {
                                  "StatusCode:404 Message:Data is not found. Next attempt [" +
                                      next->FormatDisplay() + "]"));
     const std::int64_t failedAt = NowSeconds();
-    // Six hours, stretched by this plant's share of up to twice that.
+    // Six hours, stretched by this plant's share of up to an hour.
     EXPECT_GE(next->EpochSeconds(), failedAt + 6 * 3600);
-    EXPECT_LE(next->EpochSeconds(), failedAt + 18 * 3600);
-    EXPECT_EQ(failedAt + 6 * 3600 + RetryPolicy::SpreadSeconds(kPlant, 6 * 3600), next->EpochSeconds());
+    EXPECT_LE(next->EpochSeconds(), failedAt + 7 * 3600);
+    EXPECT_EQ(failedAt + 6 * 3600 + RetryPolicy::SpreadSeconds(kPlant, RetryPolicy::kPermanentSpreadSeconds, 100),
+              next->EpochSeconds());
     // A day later the alarm still runs and asks again.
     const std::size_t asked = server.Requests().size();
     time_->Advance(24 * 3600 * 1000LL);

@@ -138,7 +138,7 @@ int Conclude(const Report& totals, bool targets) {
     return failed || (targets && !met) ? 1 : 0;
 }
 
-int AddUp(const std::vector<std::string>& files) {
+int AddUp(const std::vector<std::string>& files, bool targets) {
     Report totals;
     for (const std::string& file : files) {
         std::string error;
@@ -147,7 +147,7 @@ int AddUp(const std::vector<std::string>& files) {
             return 2;
         }
     }
-    return Conclude(totals, true);
+    return Conclude(totals, targets);
 }
 
 int RunSeeds(const Arguments& arguments) {
@@ -183,7 +183,7 @@ int main(int argc, char** argv) {
         std::fputs(kUsage, stderr);
         return 2;
     }
-    if (!arguments.totals.empty()) return AddUp(arguments.totals);
+    if (!arguments.totals.empty()) return AddUp(arguments.totals, arguments.targets);
     if (!brvo::test::TestRoot::InSandbox()) {
         std::fprintf(stderr, "pvoc-schedule-sim: run me as root through tests/support/run-in-sandbox: I mount "
                              "over the card's database directory\n");

@@ -248,7 +248,8 @@ TEST_F(NeverStuckTest, NotFoundAtTheUpdateTimeIsTriedAgainHoursLater) {
     ASSERT_NE(-1, next) << failed.message;
     EXPECT_EQ(stop + " Next attempt [" + Display(next) + "]", failed.message);
     const std::int64_t backOff = RetryPolicy::kPermanentBaseSeconds;
-    const std::int64_t delay = std::min(backOff + RetryPolicy::SpreadSeconds(kPlant, backOff), kDay);
+    const std::int64_t delay =
+        std::min(backOff + RetryPolicy::SpreadSeconds(kPlant, RetryPolicy::kPermanentSpreadSeconds, 100), kDay);
     // Counted from the failure's now, which the line's own time may pass by
     // a second.
     EXPECT_LE(next, failed.at + delay) << failed.message;
