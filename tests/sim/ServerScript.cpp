@@ -11,7 +11,6 @@ namespace sim {
 namespace {
 
 const std::uint64_t kServerStream = 1;
-const std::int64_t kHour = 3600;
 const std::int64_t kDay = 86400;
 // Spells of faults last from five minutes to three days (as many short as
 // long ones per factor of ten).
