@@ -74,7 +74,7 @@ Fake ParseFake(const char* spec, std::int64_t nowUs) {
     return fake;
 }
 
-// The longest spec kept, line end included.
+// The longest FAKETIME text kept, line end included.
 const std::size_t kSpecSize = 256;
 
 // The first line of `path` that is not a comment, without its line end,
@@ -91,7 +91,8 @@ void ReadSpecFile(const char* path, char* text) {
     text[std::strcspn(text, "\r\n")] = '\0';
 }
 
-// The clock as the spec gives it now; `nowUs` is the real clock now.
+// The faked clock as the FAKETIME text gives it now; `nowUs` is the real
+// clock now.
 Fake CurrentFake(std::int64_t nowUs) {
     static pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
     static bool read = false;
