@@ -4,6 +4,8 @@
 #include "app/BrevantaOutputControlManager.h"
 #include "app/CommandLine.h"
 #include "app/InstanceLock.h"
+#include "database/CleanStopMark.h"
+#include "database/DatabaseManager.h"
 #include "schedule/ScheduleUpdateManager.h"
 #include "server/OutputcontrolServer.h"
 #include "settings/LoggerSettingManager.h"
@@ -84,14 +86,20 @@ int main(int argc, char* argv[]) {
     brvo::LoggerLog::CreateInstance();
     brvo::LoggerSettingManager::GetInstance()->Dump();
     brvo::BrevantaOutputControlManager::CreateInstance();
+    // A stop that was not clean may have cut a write short: the tables are
+    // checked as they are opened.
+    brvo::DatabaseManager::SetCheckOnOpen(!brvo::CleanStopMark::Take());
     brvo::ScheduleUpdateManager::CreateInstance();
 
     brvo::BrevantaOutputControlManager::GetInstance()->Start();
 
-    brvo::LoggerLog::DeleteInstance();
     // A schedule flow that could not be aborted (a host-name lookup) still
-    // runs: end without destroying the statics it may use.
-    if (brvo::ScheduleUpdateManager::HasParked()) {
+    // runs: end without destroying the statics it may use, and without the
+    // clean-stop mark, since it may still write.
+    const bool parked = brvo::ScheduleUpdateManager::HasParked();
+    if (!parked) brvo::CleanStopMark::Leave();
+    brvo::LoggerLog::DeleteInstance();
+    if (parked) {
         std::fflush(nullptr);
         std::_Exit(0);
     }

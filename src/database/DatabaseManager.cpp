@@ -7,18 +7,36 @@
 #include <Poco/Data/SQLite/Connector.h>
 #include <Poco/Data/SQLite/Utility.h>
 #include <Poco/Data/Statement.h>
+#include <Poco/DateTimeFormatter.h>
 #include <Poco/Exception.h>
 #include <Poco/String.h>
+#include <Poco/Timestamp.h>
 
 #include <sqlite3.h>
 
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <dirent.h>
+#include <set>
+#include <sys/stat.h>
 
 namespace brvo {
 
 namespace {
 
-const std::size_t kLoginTimeoutSeconds = 60;
+// One attempt to open the file: a file that cannot be opened now (a
+// directory at its path, a card gone) will not open by trying for longer,
+// and every operation would wait the whole time.
+const std::size_t kOpenAttemptSeconds = 0;
+// How long a statement waits while another connection holds the lock.
+const std::size_t kBusyTimeoutSeconds = 60;
+// What follows a table file's name when it is moved aside.
+const std::string kDamagedInfix = ".damaged-";
+// The files that belong to a table file, by their endings.
+const char* const kCompanions[] = {"-journal", "-wal", "-shm"};
 const std::string kJournalMode = "DELETE";
 const std::string kSynchronous = "FULL";
 
@@ -41,10 +59,97 @@ bool OnlyBlanksAndComments(const char* text) {
     return true;
 }
 
+bool Exists(const std::string& path) {
+    struct stat info;
+    return ::lstat(path.c_str(), &info) == 0;
+}
+
+// `name` without the ending of a companion file, if it has one.
+std::string WithoutCompanionEnding(const std::string& name) {
+    for (const char* ending : kCompanions) {
+        const std::size_t length = std::strlen(ending);
+        if (name.size() > length && name.compare(name.size() - length, length, ending) == 0) {
+            return name.substr(0, name.size() - length);
+        }
+    }
+    return name;
+}
+
+// The directory part of `path` ("." when there is none).
+std::string DirectoryOf(const std::string& path) {
+    const std::size_t slash = path.rfind('/');
+    if (slash == std::string::npos) return ".";
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+// The moved-aside sets of the table file `path` (their main files' paths),
+// oldest first: their names end in a UTC time that sorts as it counts.
+std::set<std::string> DamagedSets(const std::string& path) {
+    std::set<std::string> sets;
+    const std::string directory = DirectoryOf(path);
+    const std::string prefix = path.substr(path.rfind('/') + 1) + kDamagedInfix;
+    DIR* dir = ::opendir(directory.c_str());
+    if (dir == nullptr) return sets;
+    while (const dirent* entry = ::readdir(dir)) {
+        const std::string name = entry->d_name;
+        if (name.compare(0, prefix.size(), prefix) == 0) sets.insert(directory + "/" + WithoutCompanionEnding(name));
+    }
+    ::closedir(dir);
+    return sets;
+}
+
+// Removes the oldest moved-aside sets of `path` beyond the newest `kept`.
+void RemoveOldDamaged(const std::string& path, int kept) {
+    std::set<std::string> sets = DamagedSets(path);
+    while (sets.size() > static_cast<std::size_t>(kept)) {
+        const std::string oldest = *sets.begin();
+        std::remove(oldest.c_str());
+        for (const char* ending : kCompanions) std::remove((oldest + ending).c_str());
+        sets.erase(sets.begin());
+    }
+}
+
+// The name to move `path` aside to: its name, the infix and the UTC time
+// to the millisecond. A name taken already (several moves in one
+// millisecond) gets a count after it, higher than any before, so that the
+// names still sort in the order of the moves.
+std::string AsideName(const std::string& path) {
+    const std::string base =
+        path + kDamagedInfix + Poco::DateTimeFormatter::format(Poco::Timestamp(), "%Y%m%dT%H%M%S.%iZ");
+    bool taken = false;
+    long highest = 0;
+    for (const std::string& set : DamagedSets(path)) {
+        if (set.compare(0, base.size(), base) != 0) continue;
+        taken = true;
+        if (set.size() > base.size() + 1)
+            highest = std::max(highest, std::strtol(set.c_str() + base.size() + 1, nullptr, 10));
+    }
+    if (!taken) return base;
+    char count[32];
+    std::snprintf(count, sizeof count, "-%03ld", highest + 1);
+    return base + count;
+}
+
+bool IsDamageCode(int rc) {
+    return (rc & 0xff) == SQLITE_CORRUPT || (rc & 0xff) == SQLITE_NOTADB;
+}
+
 } // namespace
 
-DatabaseManager::DatabaseManager(const std::string& tag, const std::string& table) : tag_(tag), table_(table) {
+std::atomic<bool> DatabaseManager::checkOnOpen_(false);
+std::atomic<bool> DatabaseManager::renewed_(false);
+
+DatabaseManager::DatabaseManager(const std::string& tag, const std::string& table)
+    : tag_(tag), table_(table), checked_(false), renewing_(false) {
     Poco::Data::SQLite::Connector::registerConnector();
+}
+
+void DatabaseManager::SetCheckOnOpen(bool check) {
+    checkOnOpen_ = check;
+}
+
+bool DatabaseManager::TakeRenewed() {
+    return renewed_.exchange(false);
 }
 
 DatabaseManager::~DatabaseManager() {
@@ -77,13 +182,87 @@ std::string DatabaseManager::GetDatabaseFilePath() const {
 bool DatabaseManager::InitDataBaseFile(const std::string& path) {
     Poco::Mutex::ScopedLock lock(mutex_);
     if (session_) return true;
-    const Caught caught = GuardedCall([&] {
-        session_.reset(new Poco::Data::Session("SQLite", path, kLoginTimeoutSeconds));
+    path_ = path;
+    bool damaged = false;
+    const Caught caught = OpenAndCreate(path, damaged);
+    if (caught) LoggerLog::Error(tag_, "InitDataBaseFile error. [" + caught.GetText() + "]");
+    std::string why = caught.GetText();
+    if (!caught && !checked_) {
+        checked_ = true;
+        damaged = FailsChecks(why);
+    }
+    if (damaged && !renewing_) return MoveAsideAndRenew(why);
+    return !caught;
+}
+
+Caught DatabaseManager::OpenAndCreate(const std::string& path, bool& damaged) {
+    const Outcome outcome = RunGuarded([&] {
+        session_.reset(new Poco::Data::Session("SQLite", path, kOpenAttemptSeconds));
+        session_->setConnectionTimeout(kBusyTimeoutSeconds);
         ApplyDurabilitySettings();
         Execute(CreateTableStatement());
     });
-    if (caught) LoggerLog::Error(tag_, "InitDataBaseFile error. [" + caught.GetText() + "]");
-    return !caught;
+    damaged = outcome.damaged;
+    return outcome.caught;
+}
+
+// A file left by an older or foreign program may hold a table of the same
+// name with other columns; CREATE TABLE IF NOT EXISTS leaves it, and every
+// statement would fail on it for ever. A failure of a check that is not
+// the file's (a lock held too long, an I/O error) is no damage.
+bool DatabaseManager::FailsChecks(std::string& why) {
+    sqlite3* db = Poco::Data::SQLite::Utility::dbHandle(*session_);
+    const std::string probe = "SELECT " + ColumnList() + " FROM " + table_ + " LIMIT 0";
+    sqlite3_stmt* statement = nullptr;
+    int rc = sqlite3_prepare_v2(db, probe.c_str(), -1, &statement, nullptr);
+    if (rc == SQLITE_ERROR || IsDamageCode(rc)) why = sqlite3_errmsg(db);
+    sqlite3_finalize(statement);
+    if (rc == SQLITE_ERROR || IsDamageCode(rc)) return true;
+    if (!checkOnOpen_) return false;
+    statement = nullptr;
+    rc = sqlite3_prepare_v2(db, "PRAGMA quick_check", -1, &statement, nullptr);
+    if (rc == SQLITE_OK) rc = sqlite3_step(statement);
+    const unsigned char* verdict = rc == SQLITE_ROW ? sqlite3_column_text(statement, 0) : nullptr;
+    bool failed = IsDamageCode(rc);
+    if (failed) why = sqlite3_errmsg(db);
+    if (verdict != nullptr && std::strcmp(reinterpret_cast<const char*>(verdict), "ok") != 0) {
+        failed = true;
+        why = std::string("quick_check: ") + reinterpret_cast<const char*>(verdict);
+    }
+    sqlite3_finalize(statement);
+    return failed;
+}
+
+// The damaged file, its journal and any write-ahead files go aside
+// together, so that the set still opens as it was for a later look.
+bool DatabaseManager::MoveAsideAndRenew(const std::string& why) {
+    CloseSession();
+    const std::string aside = AsideName(path_);
+    if (std::rename(path_.c_str(), aside.c_str()) != 0) {
+        const std::string reason = std::strerror(errno);
+        LoggerLog::Limited(LoggerLog::kError, tag_, tag_ + " Damaged table not moved.",
+                           "Damaged table could not be moved aside. [" + path_ + "] " + reason);
+        return false;
+    }
+    for (const char* ending : kCompanions) {
+        if (Exists(path_ + ending)) std::rename((path_ + ending).c_str(), (aside + ending).c_str());
+    }
+    LoggerLog::Error(tag_, "Damaged table moved aside. [" + path_ + "] to [" + aside + "] " + why);
+    RemoveOldDamaged(path_, kKeptDamaged);
+    renewed_ = true;
+    OnRenewed();
+    renewing_ = true;
+    const bool opened = InitDataBaseFile(path_);
+    renewing_ = false;
+    return opened;
+}
+
+void DatabaseManager::AfterFailure(const Outcome& outcome) {
+    if (outcome.damaged && !renewing_ && !path_.empty()) {
+        MoveAsideAndRenew(outcome.caught.GetText());
+        return;
+    }
+    if (SessionIsReadOnly()) CloseSession();
 }
 
 // The device loses power without warning and keeps its tables on flash. A

@@ -1,15 +1,38 @@
 // Common base of the daemon's two SQLite tables: each lives in a file of its
 // own in the output-control database directory and is reached through one
 // lazily opened session, guarded by the table's own recursive mutex.
+//
+// Storage on an SD card. The card fills up, turns read-only, drops out, or
+// is left with a damaged file when the power is cut, and none of that may
+// hold up target power, the start or the stop:
+// - Only a lock is waited for. A session waits up to 60 s when another
+//   connection holds the file's lock (SQLITE_BUSY); every other failure to
+//   open or run a statement (cannot open, I/O error, read-only, full,
+//   corrupt) fails the operation at once with its log line.
+// - Durability: a rollback journal deleted at commit (journal_mode=DELETE)
+//   with synchronous=FULL, so that a commit is on the medium before it
+//   counts and a cut at any moment leaves the old table or the new one.
+//   A write-ahead log with synchronous=NORMAL may lose the last commit at a
+//   power cut; it would also need a second file and write access even to
+//   read, which the read-only diagnosis tools do not have.
+// - Damage heals. A file that SQLite finds corrupt or not a database, or
+//   whose table lacks the defined columns, is moved aside with its journal
+//   as "<file>.damaged-<UTC time>" (the three newest are kept) and a fresh
+//   table is made in its place; TakeRenewed then tells the schedule flows
+//   to fetch everything again, as for a new plant. After a stop that was
+//   not clean (see CleanStopMark), SetCheckOnOpen has each table's first
+//   opening run SQLite's quick check, and a file failing it is damaged.
 #ifndef BRVO_DATABASE_DATABASEMANAGER_H
 #define BRVO_DATABASE_DATABASEMANAGER_H
 
 #include "util/GuardedCall.h"
 #include "util/LoggerLog.h"
 
+#include <Poco/Data/SQLite/SQLiteException.h>
 #include <Poco/Data/Session.h>
 #include <Poco/Mutex.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -26,13 +49,24 @@ public:
     // Closes the session and unregisters the connector.
     virtual ~DatabaseManager();
 
-    // Opens the session on `path` (60 s busy time-out), sets the rollback
-    // journal and fully synced commits, and creates the table if needed.
-    // True when a session exists afterwards; false with the log line
-    // "InitDataBaseFile error. [...]" when opening failed. A session
-    // opened before a failed CREATE TABLE is kept, so later calls return
-    // true without trying again.
+    // Opens the session on `path` (one attempt; a 60 s busy time-out for
+    // its statements), sets the rollback journal and fully synced commits,
+    // and creates the table if needed. True when a session exists
+    // afterwards; false with the log line "InitDataBaseFile error. [...]"
+    // when opening failed. A session opened before a failed CREATE TABLE is
+    // kept, so later calls return true without trying again, unless the
+    // file was found damaged: then it is moved aside and made anew.
     bool InitDataBaseFile(const std::string& path);
+
+    // Damaged files kept beside a table; the oldest beyond go.
+    static constexpr int kKeptDamaged = 3;
+
+    // Whether the first opening of each table checks its file with SQLite's
+    // quick check (set at the start after a stop that was not clean).
+    static void SetCheckOnOpen(bool check);
+    // True (once) when a table was made anew since the last call: its rows,
+    // and the bookkeeping that went with them, are gone.
+    static bool TakeRenewed();
 
     // The table's file: the output-control database directory (created
     // when missing) + "/" + table + ".db".
@@ -41,6 +75,42 @@ public:
 protected:
     // The CREATE TABLE statement of the table.
     virtual std::string CreateTableStatement() const = 0;
+    // The defined columns, comma-separated: a table without one of them is
+    // of another schema.
+    virtual std::string ColumnList() const = 0;
+
+    // Called when the table was made anew (mutex_ held): whatever the
+    // class keeps of the old file's rows is forgotten.
+    virtual void OnRenewed() {}
+
+    // What a table operation's body ended with.
+    struct Outcome {
+        Caught caught;
+        // SQLite found the file corrupt or not a database.
+        bool damaged = false;
+    };
+
+    // Runs a table operation's `body` guarded, telling damage apart.
+    template <typename Body>
+    static Outcome RunGuarded(Body&& body) {
+        Outcome outcome;
+        outcome.caught = GuardedCall([&] {
+            try {
+                std::forward<Body>(body)();
+            } catch (const Poco::Data::SQLite::CorruptImageException&) {
+                outcome.damaged = true;
+                throw;
+            }
+        });
+        return outcome;
+    }
+
+    // After a failed operation (mutex_ held): a damaged file is moved aside
+    // and made anew; a session that SQLite opened read-only (the card was
+    // read-only then) stays so even once the card takes writes again, so
+    // it is dropped and the next operation opens the file afresh. Any other
+    // session is kept.
+    void AfterFailure(const Outcome& outcome);
 
     // Opens the session when there is none yet. False (with the log line
     // "Database Open error.") when it cannot be opened.
@@ -55,13 +125,10 @@ protected:
     bool Operate(const std::string& failure, Body&& body) {
         Poco::Mutex::ScopedLock lock(mutex_);
         if (!Open()) return false;
-        const Caught caught = GuardedCall(std::forward<Body>(body));
-        if (!caught) return true;
-        LoggerLog::Error(tag_, caught.Describe(failure));
-        // A session that SQLite opened read-only (the card was read-only
-        // then) stays so even once the card takes writes again: the next
-        // operation opens the file afresh. Any other session is kept.
-        if (SessionIsReadOnly()) CloseSession();
+        const Outcome outcome = RunGuarded(std::forward<Body>(body));
+        if (!outcome.caught) return true;
+        LoggerLog::Error(tag_, outcome.caught.Describe(failure));
+        AfterFailure(outcome);
         return false;
     }
 
@@ -100,6 +167,16 @@ private:
     // commits on the new session. A setting that fails is logged at debug
     // level and changes nothing else; nothing is returned.
     void ApplyDurabilitySettings();
+    // Opens the session and creates the table; whether the file is damaged
+    // (mutex_ held).
+    Caught OpenAndCreate(const std::string& path, bool& damaged);
+    // Whether the open file fails the checks of a first opening: the
+    // defined columns, and the quick check when asked for; `why` says how.
+    bool FailsChecks(std::string& why);
+    // Moves the damaged file at path_ aside with its journal, keeps the
+    // newest kKeptDamaged such sets, opens a fresh table, and logs where
+    // the file went. False when the file could not be moved (mutex_ held).
+    bool MoveAsideAndRenew(const std::string& why);
     // Closes and drops the session, if any (mutex_ held).
     void CloseSession();
     // Whether the open session can only read its file (mutex_ held).
@@ -108,6 +185,16 @@ private:
     std::string tag_;
     std::string table_;
     std::unique_ptr<Poco::Data::Session> session_;
+    // The file of the session (mutex_).
+    std::string path_;
+    // Whether this table's first opening has been checked (mutex_).
+    bool checked_;
+    // Whether a renewal is under way: a fresh file is never moved aside
+    // (mutex_).
+    bool renewing_;
+
+    static std::atomic<bool> checkOnOpen_;
+    static std::atomic<bool> renewed_;
 };
 
 } // namespace brvo

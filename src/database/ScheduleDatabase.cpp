@@ -79,6 +79,14 @@ std::string ScheduleDatabase::CreateTableStatement() const {
     return sql.str();
 }
 
+std::string ScheduleDatabase::ColumnList() const {
+    return kColumnTime + ", " + kColumnControlRate + ", " + kColumnSent;
+}
+
+void ScheduleDatabase::OnRenewed() {
+    slots_.valid = false;
+}
+
 bool ScheduleDatabase::DeleteAll() {
     Poco::Mutex::ScopedLock lock(mutex_);
     ++writes_;
@@ -140,7 +148,7 @@ bool ScheduleDatabase::CacheCovers(std::int64_t time, std::uint32_t counter) con
 ScheduleRow ScheduleDatabase::RunSelect(std::int64_t time, bool current, bool logErrors, bool& ok) {
     ScheduleRow row;
     row.time = -1;
-    const Caught caught = GuardedCall([&] {
+    const Outcome outcome = RunGuarded([&] {
         std::ostringstream sql;
         sql << "SELECT "
             << " " << kColumnTime << " "
@@ -172,10 +180,13 @@ ScheduleRow ScheduleDatabase::RunSelect(std::int64_t time, bool current, bool lo
             row.sent = sent;
         }
     });
-    ok = !caught;
-    if (caught) {
+    ok = !outcome.caught;
+    if (outcome.caught) {
         row.time = -1;
-        if (logErrors) LoggerLog::Limited(LoggerLog::kError, kTag, kSelectErrorKind, caught.Describe("Select error. "));
+        if (logErrors) {
+            LoggerLog::Limited(LoggerLog::kError, kTag, kSelectErrorKind, outcome.caught.Describe("Select error. "));
+        }
+        AfterFailure(outcome);
     }
     return row;
 }

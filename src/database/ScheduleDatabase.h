@@ -75,6 +75,8 @@ public:
 
 protected:
     std::string CreateTableStatement() const override;
+    std::string ColumnList() const override;
+    void OnRenewed() override;
 
 private:
     // The current and next slots found at `from` while the file's change

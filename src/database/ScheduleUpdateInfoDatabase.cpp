@@ -28,6 +28,11 @@ std::string ScheduleUpdateInfoDatabase::CreateTableStatement() const {
     return sql.str();
 }
 
+std::string ScheduleUpdateInfoDatabase::ColumnList() const {
+    return kColumnPlantId + ", " + kColumnLastUpdateTime + ", " + kColumnNextUpdateTime + ", " +
+           kColumnFixedScheduleUpdateFlag + ", " + kColumnIsNeedUpdateFixedSchedule;
+}
+
 // The values go in between single quotes as they are, without escaping: a
 // value with a quote inside is refused before anything runs, and the
 // failure is logged.

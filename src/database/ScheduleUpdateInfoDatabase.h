@@ -30,6 +30,7 @@ public:
 
 protected:
     std::string CreateTableStatement() const override;
+    std::string ColumnList() const override;
 };
 
 } // namespace brvo

@@ -1,5 +1,7 @@
 #include "schedule/ScheduleUpdateManager.h"
 
+#include "database/DatabaseManager.h"
+
 #include "client/ServerAccessResult.h"
 #include "client/ServerResponseParser.h"
 #include "database/ScheduleDatabase.h"
@@ -373,12 +375,23 @@ std::shared_ptr<UpdateResult> ScheduleUpdateManager::CheckAndUpdateWithSystemSet
                                                                                      bool startIfUnchanged) {
     LoggerLog::Debug(kTag, "CheckAndUpdateWithSystemSetting");
     return GuardedFlow("Check System Setting failed. ", [&]() -> std::shared_ptr<UpdateResult> {
+        ForgetRenewedTables();
         if (!BringInfoInStep(startIfUnchanged)) return Success();
         std::shared_ptr<UpdateResult> result = UpdateOutputControlSchedule();
         if (result->IsResult()) started = true;
         Start();
         return result;
     });
+}
+
+// A table made anew lost its rows, and what the other table says about
+// them no longer holds: both start again from nothing, and the settings
+// check that follows treats the plant as new (its first fetch, the fixed
+// schedule after it).
+bool ScheduleUpdateManager::ForgetRenewedTables() {
+    if (!DatabaseManager::TakeRenewed()) return false;
+    DeleteAllUpdateControlInfoFromDB();
+    return true;
 }
 
 // The locked part of the settings check: true when a new plant needs its
@@ -701,6 +714,14 @@ void ScheduleUpdateManager::CallbackUpdateSchedule(const Alarm::Run& run) {
     if (!EnterTick()) return;
     const TickScope scope([this] { LeaveTick(); });
     LoggerLog::Debug(kTag, "CallbackUpdateSchedule");
+    if (ForgetRenewedTables()) {
+        // Fetched again at once, as for a new plant; the alarms are
+        // planned anew by that check.
+        bool started = false;
+        CheckAndUpdateWithSystemSetting(started, true);
+        if (started) ForwardStoredRows();
+        return;
+    }
     const std::int64_t due = updateAlarm_.Due();
     if (due < 0) {
         LoggerLog::Debug(kTag, "Cancel 1");

@@ -224,6 +224,9 @@ private:
     std::int64_t NowMicroseconds() const;
     std::string NowDisplay() const;
     bool BringInfoInStep(bool startIfUnchanged);
+    // When a table was found damaged and made anew since the last look,
+    // empties both tables (the plant is new again) and returns true.
+    bool ForgetRenewedTables();
     void DeleteAllLocked();
     bool UpdateWithUpdateScheduleLocked(const ScheduleUpdateInfo& received, const std::vector<ScheduleRow>& slots);
     bool UpdateWithFixedScheduleLocked(const std::vector<ScheduleRow>& slots, const std::string& plantId);

@@ -41,6 +41,7 @@ public:
 
 protected:
     std::string CreateTableStatement() const override { return "CREATE TABLE IF NOT EXISTS probe_table (id INTEGER)"; }
+    std::string ColumnList() const override { return "id"; }
 };
 
 // Run on every new SQLite connection of the process while registered: as a

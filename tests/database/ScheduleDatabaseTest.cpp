@@ -17,12 +17,16 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <future>
 #include <memory>
 #include <string>
 #include <vector>
+
+#include <dirent.h>
+#include <sys/stat.h>
 
 namespace brvo {
 namespace {
@@ -445,19 +449,190 @@ TEST_F(ScheduleDatabaseTest, SetForwarderWaitsForTheForwardingInProgress) {
     EXPECT_EQ(1, newCalls);
 }
 
-TEST_F(ScheduleDatabaseTest, CorruptFileIsReportedAndTheSessionKept) {
-    test::WriteFile(kDbFile, std::string(4096, 'x'));
+// The names beside the table file that it was moved aside as, sorted.
+std::vector<std::string> DamagedNames() {
+    std::vector<std::string> names;
+    const std::string directory = kDbFile.substr(0, kDbFile.rfind('/'));
+    DIR* dir = ::opendir(directory.c_str());
+    if (dir == nullptr) return names;
+    while (const dirent* entry = ::readdir(dir)) {
+        const std::string name = entry->d_name;
+        if (name.find(".damaged-") != std::string::npos) names.push_back(name);
+    }
+    ::closedir(dir);
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+// The first of the slots WriteTwoThousandSlots writes: recent enough that
+// the purge of old rows at the opening leaves them all.
+std::int64_t FirstSlot() {
+    return (Now() / 1800 - 1000) * 1800;
+}
+
+// A table file of 2000 slots of rate 50 from FirstSlot() on, 32 KiB.
+void WriteTwoThousandSlots() {
+    test::CreateDatabase(kDbFile, "CREATE TABLE output_control_schedule (time INTEGER PRIMARY KEY ,controlRate "
+                                  "INTEGER,sent BOOLEAN DEFAULT 0 );"
+                                  "WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL SELECT i + 1 FROM n WHERE i < 1999) "
+                                  "INSERT INTO output_control_schedule SELECT " +
+                                      std::to_string(FirstSlot()) + " + i * 1800, 50, 0 FROM n");
+}
+
+// Overwrites `size` bytes of the table file from `offset` with noise.
+void Scribble(std::size_t offset, std::size_t size) {
+    std::string content = test::ReadFile(kDbFile);
+    ASSERT_LE(offset + size, content.size());
+    for (std::size_t i = 0; i < size; ++i) content[offset + i] = static_cast<char>((i * 7 + 3) % 251);
+    test::WriteFile(kDbFile, content);
+}
+
+TEST_F(ScheduleDatabaseTest, GarbageFileIsMovedAsideAndAFreshTableMade) {
+    const std::string garbage(4096, 'x');
+    test::WriteFile(kDbFile, garbage);
+    DatabaseManager::TakeRenewed();
     ScheduleDatabase& database = Database();
+    const std::vector<std::string> names = DamagedNames();
+    ASSERT_EQ(1u, names.size());
+    const std::string aside = kDbFile.substr(0, kDbFile.rfind('/') + 1) + names[0];
+    EXPECT_EQ(0u, names[0].find("output_control_schedule.db.damaged-2")) << names[0];
+    EXPECT_EQ(garbage, test::ReadFile(aside));
     std::vector<std::string> lines = LogLines();
     EXPECT_TRUE(test::HasLogLineStarting(lines, "E", kTag, "InitDataBaseFile error. ["));
-    EXPECT_TRUE(test::HasLogLine(lines, "E", kTag, "Database Open error."));
-    // The session stays: the next operation runs its statement and fails
-    // there instead of opening again.
-    EXPECT_EQ(-1, database.SelectSchedule(Now(), true).time);
-    lines = LogLines();
+    EXPECT_TRUE(
+        test::HasLogLineStarting(lines, "E", kTag, "Damaged table moved aside. [" + kDbFile + "] to [" + aside + "] "));
+    EXPECT_FALSE(test::HasLogLine(lines, "E", kTag, "Database Open error."));
+    EXPECT_TRUE(DatabaseManager::TakeRenewed());
+    EXPECT_FALSE(DatabaseManager::TakeRenewed());
+    // The fresh table works at once.
+    EXPECT_TRUE(database.InsertUpdateSchedule({Row(Now() - 60, 40)}));
+    EXPECT_EQ(40, database.SelectSchedule(Now(), true).controlRate);
+    EXPECT_EQ("1", Count());
+}
+
+TEST_F(ScheduleDatabaseTest, TableOfAnotherSchemaIsMovedAside) {
+    test::CreateDatabase(kDbFile, "CREATE TABLE output_control_schedule (slot INTEGER, rate INTEGER)");
+    DatabaseManager::TakeRenewed();
+    ScheduleDatabase& database = Database();
+    ASSERT_EQ(1u, DamagedNames().size());
+    EXPECT_TRUE(test::HasLogLineStarting(LogLines(), "E", kTag, "Damaged table moved aside. [" + kDbFile + "] to ["));
+    EXPECT_TRUE(DatabaseManager::TakeRenewed());
+    EXPECT_TRUE(database.InsertUpdateSchedule({Row(Now() - 60, 40)}));
+    EXPECT_EQ("40", test::QueryValue(kDbFile, "SELECT controlRate FROM output_control_schedule"));
+}
+
+TEST_F(ScheduleDatabaseTest, EmptyFileIsATableLikeAnyNewOne) {
+    test::WriteFile(kDbFile, "");
+    DatabaseManager::TakeRenewed();
+    EXPECT_TRUE(Database().InsertUpdateSchedule({Row(Now() - 60, 40)}));
+    EXPECT_TRUE(DamagedNames().empty());
+    EXPECT_FALSE(DatabaseManager::TakeRenewed());
+}
+
+// Damage that the opening does not touch is found by the first statement
+// that reads it: that statement fails as defined, and the file goes aside.
+TEST_F(ScheduleDatabaseTest, DamageFoundByASelectMovesTheFileAside) {
+    WriteTwoThousandSlots();
+    Scribble(test::ReadFile(kDbFile).size() - 4096, 4096);
+    DatabaseManager::TakeRenewed();
+    ScheduleDatabase& database = Database();
+    EXPECT_TRUE(DamagedNames().empty());
+    EXPECT_EQ(-1, database.SelectSchedule(FirstSlot() + 1990 * 1800, true).time);
+    const std::vector<std::string> lines = LogLines();
     EXPECT_TRUE(test::HasLogLineStarting(lines, "E", kTag, "Select error. ["));
-    EXPECT_FALSE(database.DeleteAll());
-    EXPECT_TRUE(test::HasLogLineStarting(LogLines(), "E", kTag, "Delete error. ["));
+    EXPECT_TRUE(test::HasLogLineStarting(lines, "E", kTag, "Damaged table moved aside. [" + kDbFile + "] to ["));
+    EXPECT_EQ(1u, DamagedNames().size());
+    EXPECT_TRUE(DatabaseManager::TakeRenewed());
+    EXPECT_EQ("0", Count());
+    EXPECT_TRUE(database.InsertUpdateSchedule({Row(FirstSlot(), 30)}));
+    EXPECT_EQ(30, database.SelectSchedule(FirstSlot() + 10 * 1800, true).controlRate);
+}
+
+TEST_F(ScheduleDatabaseTest, TruncatedFileIsMovedAside) {
+    WriteTwoThousandSlots();
+    const std::string content = test::ReadFile(kDbFile);
+    test::WriteFile(kDbFile, content.substr(0, content.size() / 2));
+    DatabaseManager::TakeRenewed();
+    ScheduleDatabase& database = Database();
+    EXPECT_EQ(1u, DamagedNames().size());
+    EXPECT_TRUE(DatabaseManager::TakeRenewed());
+    EXPECT_EQ(-1, database.SelectSchedule(FirstSlot() + 10 * 1800, true).time);
+    EXPECT_TRUE(database.InsertUpdateSchedule({Row(FirstSlot(), 30)}));
+    EXPECT_EQ("1", Count());
+}
+
+// Damage in a page that neither the opening nor a select of the first
+// slots reads is found only by the check that follows a stop that was not
+// clean.
+TEST_F(ScheduleDatabaseTest, QuickCheckAfterAnUncleanStopFindsDamageThatOpeningMisses) {
+    WriteTwoThousandSlots();
+    const std::size_t size = test::ReadFile(kDbFile).size();
+    Scribble(size - 4096, 4096);
+    DatabaseManager::TakeRenewed();
+    DatabaseManager::SetCheckOnOpen(false);
+    EXPECT_EQ(50, Database().SelectSchedule(FirstSlot(), true).controlRate);
+    EXPECT_TRUE(DamagedNames().empty());
+
+    DatabaseManager::SetCheckOnOpen(true);
+    ScheduleDatabase& database = Reopen();
+    DatabaseManager::SetCheckOnOpen(false);
+    EXPECT_EQ(1u, DamagedNames().size());
+    EXPECT_TRUE(test::HasLogLineStarting(LogLines(), "E", kTag, "Damaged table moved aside. [" + kDbFile + "] to ["));
+    EXPECT_TRUE(DatabaseManager::TakeRenewed());
+    EXPECT_EQ(-1, database.SelectSchedule(FirstSlot(), true).time);
+}
+
+TEST_F(ScheduleDatabaseTest, SoundFileAfterAnUncleanStopIsKept) {
+    WriteTwoThousandSlots();
+    DatabaseManager::TakeRenewed();
+    DatabaseManager::SetCheckOnOpen(true);
+    ScheduleDatabase& database = Database();
+    DatabaseManager::SetCheckOnOpen(false);
+    EXPECT_TRUE(DamagedNames().empty());
+    EXPECT_FALSE(DatabaseManager::TakeRenewed());
+    EXPECT_EQ(50, database.SelectSchedule(FirstSlot(), true).controlRate);
+}
+
+TEST_F(ScheduleDatabaseTest, TheThreeNewestDamagedFilesAreKept) {
+    for (int i = 0; i < 5; ++i) {
+        test::WriteFile(kDbFile, std::string(4096, static_cast<char>('a' + i)));
+        // A journal that begins with a zero byte is not hot: SQLite leaves
+        // it where it is, and it goes aside with the table file.
+        test::WriteFile(kDbFile + "-journal", std::string(1, '\0') + std::string(511, static_cast<char>('a' + i)));
+        Reopen();
+    }
+    database_.reset();
+    const std::vector<std::string> names = DamagedNames();
+    ASSERT_EQ(6u, names.size()) << ::testing::PrintToString(names);
+    const std::string directory = kDbFile.substr(0, kDbFile.rfind('/') + 1);
+    std::string kept;
+    for (const std::string& name : names) {
+        if (name.size() < 8 || name.compare(name.size() - 8, 8, "-journal") != 0) {
+            kept += test::ReadFile(directory + name).substr(0, 1);
+            EXPECT_EQ(test::ReadFile(directory + name).substr(0, 1),
+                      test::ReadFile(directory + name + "-journal").substr(1, 1));
+        }
+    }
+    EXPECT_EQ("cde", kept);
+    EXPECT_FALSE(test::FileExists(kDbFile + "-journal"));
+    DatabaseManager::TakeRenewed();
+}
+
+// A file that cannot be opened does not open by trying for longer: each
+// attempt fails at once, where the session's time-out once cost 60 s.
+TEST_F(ScheduleDatabaseTest, TableThatCannotBeOpenedFailsAtOnce) {
+    test::WriteFile(kDbFile + ".keep", "");
+    ASSERT_EQ(0, ::mkdir(kDbFile.c_str(), 0755));
+    const auto started = std::chrono::steady_clock::now();
+    ScheduleDatabase& database = Database();
+    EXPECT_EQ(-1, database.SelectSchedule(Now(), true).time);
+    EXPECT_FALSE(database.InsertUpdateSchedule({Row(Now(), 1)}));
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(30));
+    const std::vector<std::string> lines = LogLines();
+    EXPECT_TRUE(test::HasLogLineStarting(lines, "E", kTag, "InitDataBaseFile error. ["));
+    EXPECT_TRUE(test::HasLogLine(lines, "E", kTag, "Database Open error."));
+    EXPECT_TRUE(DamagedNames().empty());
+    ::rmdir(kDbFile.c_str());
 }
 
 TEST_F(ScheduleDatabaseTest, StatementsAreLoggedWhenTheTableIsGone) {

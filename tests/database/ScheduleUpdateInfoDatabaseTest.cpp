@@ -167,17 +167,17 @@ TEST_F(ScheduleUpdateInfoDatabaseTest, SemicolonsWithoutQuotesAreStoredAsText) {
     EXPECT_EQ(id, database_->SelectUpdateInfo().plantId);
 }
 
-TEST_F(ScheduleUpdateInfoDatabaseTest, CorruptFileIsReported) {
+TEST_F(ScheduleUpdateInfoDatabaseTest, CorruptFileIsMovedAsideAndTheTableMadeAnew) {
     test::WriteFile(kDbFile, std::string(4096, 'x'));
+    DatabaseManager::TakeRenewed();
     EXPECT_EQ("", database_->SelectUpdateInfo().plantId);
     const std::vector<std::string> lines = LogLines();
     EXPECT_TRUE(test::HasLogLineStarting(lines, "E", kTag, "InitDataBaseFile error. ["));
-    EXPECT_TRUE(test::HasLogLine(lines, "E", kTag, "Database Open error."));
-    EXPECT_FALSE(database_->DeleteUpdateInfo());
-    EXPECT_TRUE(test::HasLogLineStarting(LogLines(), "E", kTag, "Delete error. ["));
-    EXPECT_FALSE(database_->InsertUpdateInfo(Info("P")));
-    EXPECT_EQ("", database_->SelectUpdateInfo().plantId);
-    EXPECT_TRUE(test::HasLogLineStarting(LogLines(), "E", kTag, "Select error. ["));
+    EXPECT_TRUE(test::HasLogLineStarting(lines, "E", kTag,
+                                         "Damaged table moved aside. [" + kDbFile + "] to [" + kDbFile + ".damaged-"));
+    EXPECT_TRUE(DatabaseManager::TakeRenewed());
+    EXPECT_TRUE(database_->InsertUpdateInfo(Info("P")));
+    EXPECT_EQ("P", database_->SelectUpdateInfo().plantId);
 }
 
 } // namespace
