@@ -1,5 +1,6 @@
 #include "schedule/ScheduleUpdateManager.h"
 
+#include "database/DatabaseManager.h"
 #include "database/ScheduleDatabase.h"
 #include "schedule/RetryPolicy.h"
 #include "schedule/ScheduleModel.h"
@@ -24,6 +25,7 @@
 #include <Poco/Net/HTTPResponse.h>
 #include <Poco/Timestamp.h>
 
+#include <algorithm>
 #include <chrono>
 #include <future>
 #include <memory>
@@ -478,6 +480,46 @@ TEST_F(ScheduleUpdateManagerTest, UpdateTimerFiresAtTheStoredTime) {
     std::shared_ptr<TimeStamp> next = restarted.GetScheduleUpdateTime();
     ASSERT_NE(nullptr, next);
     EXPECT_EQ(tomorrow_, next->EpochSeconds());
+}
+
+// A table found damaged is made anew empty: at the update alarm's next
+// tick both tables start again from nothing and the plant is fetched as a
+// new one, the update schedule and then the fixed schedule.
+TEST_F(ScheduleUpdateManagerTest, TableMadeAnewIsFetchedAgainAsForANewPlant) {
+    UseLoggerSettings("<OutputScheduleMonitoringInterval>1</OutputScheduleMonitoringInterval>");
+    update_.plantId = kPlant;
+    fixed_.plantId = kPlant;
+    HttpTestServer server({test::ScheduleServerAnswer(update_, test::kUpdateSchedule),
+                           test::ScheduleServerAnswer(fixed_, test::kFixedSchedule),
+                           test::ScheduleServerAnswer(update_, test::kUpdateSchedule),
+                           test::ScheduleServerAnswer(fixed_, test::kFixedSchedule)});
+    DatabaseManager::TakeRenewed();
+    ScheduleUpdateManager& manager = SimulatedManager(kPlant, server.Url("/s"));
+    bool started = false;
+    manager.CheckAndUpdateWithSystemSetting(started, true);
+    ASSERT_TRUE(started);
+    ASSERT_EQ(2u, server.Requests().size());
+    ASSERT_EQ("96", StoredSlots());
+
+    // The card damaged the file under the open session; the next read
+    // finds it and the table is made anew.
+    test::WriteFile(kDbFile, std::string(test::ReadFile(kDbFile).size(), 'x'));
+    ASSERT_EQ(-1, ScheduleDatabase::GetInstance()->SelectSchedule(NowSeconds(), true).time);
+    ASSERT_EQ("0", StoredSlots());
+    EXPECT_EQ(2u, server.Requests().size());
+
+    ASSERT_TRUE(time_->AdvanceUntil([&] { return server.Requests().size() >= 4; }, 10000));
+    EXPECT_EQ("power_plant_id=" + kPlant + "&mac_address=001A2B3C4D5E&schedule_kbn=0000", server.Requests()[2].body);
+    EXPECT_NE(std::string::npos, server.Requests()[3].body.find("schedule_kbn=999"));
+    const std::vector<std::string> lines = LogLines();
+    EXPECT_TRUE(test::HasLogLineStarting(lines, "E", "ScheduleDatabase", "Damaged table moved aside. [" + kDbFile));
+    const auto plantChanges = std::count_if(lines.begin(), lines.end(), [](const std::string& line) {
+        return line.find("Plant ID change. [] to [" + kPlant + "]") != std::string::npos;
+    });
+    EXPECT_EQ(2, plantChanges);
+    ASSERT_TRUE(test::WaitFor([] { return StoredSlots() == "96"; }, 10000));
+    EXPECT_EQ(kPlant, manager.GetUpdateInfo().plantId);
+    EXPECT_FALSE(DatabaseManager::TakeRenewed());
 }
 
 TEST_F(ScheduleUpdateManagerTest, StoredTimeHoursAgoIsSteppedOnItsOwnHalfHours) {
