@@ -9,7 +9,9 @@
 #include <Poco/Path.h>
 #include <Poco/Timestamp.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 
 namespace brvo {
@@ -18,6 +20,8 @@ namespace {
 
 const std::string kDefaultTimeFormat = "%Y-%m-%d %H:%M:%S";
 const long kTimerIntervalMs = 500;
+// Room a line buffer starts with.
+const std::size_t kBufferStartBytes = 64 * 1024;
 
 // Serialises writing of the fall-back file and the clearing of written
 // buffers across every output of the process. Never destroyed: an output
@@ -32,6 +36,24 @@ void PrintLine(const std::string& text) {
     std::fwrite(text.data(), 1, text.size(), stdout);
 }
 
+// The line as it is echoed: the log file's name, a blank, the line; one
+// stdio call so that lines of several threads never interleave.
+void EchoLine(const std::string& fileName, const std::string& line) {
+    flockfile(stdout);
+    fwrite_unlocked(fileName.data(), 1, fileName.size(), stdout);
+    fputc_unlocked(' ', stdout);
+    fwrite_unlocked(line.data(), 1, line.size(), stdout);
+    funlockfile(stdout);
+}
+
+// The calling thread's line under construction; it keeps its room, so a
+// line costs no allocation once the thread has logged a long one.
+std::string& ThreadLine() {
+    thread_local std::string line;
+    line.clear();
+    return line;
+}
+
 // A byte that would break the line or steer a terminal: C0 controls and DEL.
 // Bytes from 0x80 up (UTF-8) pass as they are.
 bool IsControl(unsigned char byte) {
@@ -42,18 +64,29 @@ bool IsControl(unsigned char byte) {
 // so that no value can end the line early or forge a line of its own. The
 // backslash itself is kept as it is: an escape only tells where a control
 // byte was, it is not meant to be read back.
-void AppendEscaped(std::string& line, const std::string& text) {
+void AppendEscaped(std::string& line, const char* text, std::size_t length) {
     static const char kHex[] = "0123456789abcdef";
     std::size_t plain = 0;
-    for (std::size_t i = 0; i < text.size(); ++i) {
+    for (std::size_t i = 0; i < length; ++i) {
         const unsigned char byte = static_cast<unsigned char>(text[i]);
         if (!IsControl(byte)) continue;
-        line.append(text, plain, i - plain);
+        line.append(text + plain, i - plain);
         const char escape[] = {'\\', 'x', kHex[byte >> 4], kHex[byte & 0x0f]};
         line.append(escape, sizeof escape);
         plain = i + 1;
     }
-    line.append(text, plain, std::string::npos);
+    line.append(text + plain, length - plain);
+}
+
+void AppendEscaped(std::string& line, const std::string& text) {
+    AppendEscaped(line, text.data(), text.size());
+}
+
+// Gives back a buffer's room when a burst grew it past what it keeps.
+void KeepRoom(std::string& buffer) {
+    if (buffer.capacity() <= LogFileOutput::kKeptBufferBytes) return;
+    std::string().swap(buffer);
+    buffer.reserve(kBufferStartBytes);
 }
 
 } // namespace
@@ -69,7 +102,7 @@ LogFileOutput::LogFileOutput(const LogLimiter::Clock& repeatClock, const LogLimi
       maxBufferedSize_(8192), maxRollIndex_(1), maxFileSize_(10485760),
       wallClock_(wallClock ? wallClock : LogLimiter::Clock(&SystemClock::NowMicroseconds)), ticks_(ticks),
       started_(false), timer_(nullptr), flushRequested_(false), errorRecorded_(false), bufferedBytes_(0),
-      countedLines_(0), limiter_(LogLimiter::kPeriodMicroseconds, repeatClock) {}
+      countedBytes_(0), limiter_(LogLimiter::kPeriodMicroseconds, repeatClock) {}
 
 LogFileOutput::~LogFileOutput() {
     if (!started_) return;
@@ -124,7 +157,7 @@ void LogFileOutput::SetFilePath(const std::string& path) {
         Poco::Mutex::ScopedLock lock(mutex_);
         for (LineBuffer& buffer : buffers_) {
             buffer.clear();
-            buffer.reserve(static_cast<std::size_t>(maxBufferedSize_ > 0 ? maxBufferedSize_ : 0) * 3);
+            buffer.reserve(kBufferStartBytes);
         }
         active_ = &buffers_[activeIndex_];
     }
@@ -151,6 +184,27 @@ std::string LogFileOutput::FormatNow() {
     return formattedTime_;
 }
 
+// FormatNow into `text` (at most `size` bytes, cut if longer); its length.
+// Without a temporary string once the second's text is formatted.
+std::size_t LogFileOutput::FormatNowInto(char* text, std::size_t size) {
+    const std::int64_t micros = wallClock_();
+    const std::int64_t second = micros / 1000000 - (micros % 1000000 < 0 ? 1 : 0);
+    Poco::FastMutex::ScopedLock lock(timeMutex_);
+    if (!WholeSecondsOnly(timeFormat_)) {
+        const std::string formatted = Poco::DateTimeFormatter::format(Poco::Timestamp(micros), timeFormat_);
+        const std::size_t length = std::min(size, formatted.size());
+        std::memcpy(text, formatted.data(), length);
+        return length;
+    }
+    if (second != formattedSecond_ || formattedTime_.empty()) {
+        formattedTime_ = Poco::DateTimeFormatter::format(Poco::Timestamp(micros), timeFormat_);
+        formattedSecond_ = second;
+    }
+    const std::size_t length = std::min(size, formattedTime_.size());
+    std::memcpy(text, formattedTime_.data(), length);
+    return length;
+}
+
 // Whether `format` shows nothing finer than seconds (no %i, %c, %F).
 bool LogFileOutput::WholeSecondsOnly(const std::string& format) {
     for (std::size_t i = 0; i + 1 < format.size(); ++i) {
@@ -165,10 +219,10 @@ bool LogFileOutput::WholeSecondsOnly(const std::string& format) {
 void LogFileOutput::Output(int level, const std::string& mark, const std::string& prefix, const std::string& message) {
     if (level < logLevel_) return;
     try {
-        std::string line;
-        const std::string time = FormatNow();
-        line.reserve(time.size() + mark.size() + prefix.size() + message.size() + 16);
-        if (!time.empty()) line.append("[").append(time).append(" UTC] ");
+        std::string& line = ThreadLine();
+        char time[64];
+        const std::size_t timeLength = FormatNowInto(time, sizeof time);
+        if (timeLength > 0) line.append("[").append(time, timeLength).append(" UTC] ");
         if (!mark.empty()) line.append("[").append(mark).append("] ");
         if (!prefix.empty()) {
             AppendEscaped(line, prefix);
@@ -176,14 +230,40 @@ void LogFileOutput::Output(int level, const std::string& mark, const std::string
         }
         AppendEscaped(line, message);
         line.append("\n");
-        PrintLine(fileName_ + " " + line);
-        Poco::Mutex::ScopedLock lock(mutex_);
-        active_->push_back(std::move(line));
+        Queue(line);
     } catch (const Poco::Exception& e) {
         PrintLine("LogOutput error " + e.displayText() + "\n");
     } catch (...) {
         // Logging never throws to its caller; the line is lost.
     }
+}
+
+void LogFileOutput::OutputText(int level, const char* mark, const std::string& thread, const char* tag,
+                               const char* message, std::size_t length) {
+    if (level < logLevel_) return;
+    try {
+        std::string& line = ThreadLine();
+        char time[64];
+        const std::size_t timeLength = FormatNowInto(time, sizeof time);
+        if (timeLength > 0) line.append("[").append(time, timeLength).append(" UTC] ");
+        line.append("[").append(mark).append("] [");
+        AppendEscaped(line, thread);
+        line.append("] ");
+        AppendEscaped(line, tag, std::strlen(tag));
+        line.append(" ");
+        AppendEscaped(line, message, length);
+        line.append("\n");
+        Queue(line);
+    } catch (...) {
+        // Logging never throws to its caller; the line is lost.
+    }
+}
+
+// Echoes a formatted line and appends it to the active buffer.
+void LogFileOutput::Queue(const std::string& line) {
+    EchoLine(fileName_, line);
+    Poco::Mutex::ScopedLock lock(mutex_);
+    active_->append(line);
 }
 
 void LogFileOutput::OutputLimited(int level, const std::string& mark, const std::string& prefix,
@@ -230,16 +310,13 @@ bool LogFileOutput::NeedsFlush() {
         return true;
     }
     if (!bufferedIO_) return true;
-    const int lineCount = static_cast<int>(active_->size());
-    if (countedLines_ != lineCount) {
-        for (int i = countedLines_; i < lineCount; ++i) {
-            bufferedBytes_ += static_cast<int>((*active_)[static_cast<std::size_t>(i)].size());
-        }
-        countedLines_ = lineCount;
+    if (countedBytes_ != active_->size()) {
+        bufferedBytes_ += static_cast<int>(active_->size() - countedBytes_);
+        countedBytes_ = active_->size();
     }
     if (bufferedBytes_ < maxBufferedSize_) return false;
     bufferedBytes_ = 0;
-    countedLines_ = 0;
+    countedBytes_ = 0;
     return true;
 }
 
@@ -280,43 +357,46 @@ bool LogFileOutput::PrepareTarget() {
 // later tick writes them all in the order they were logged.
 void LogFileOutput::RestoreUnwritten(LineBuffer& lines) {
     Poco::Mutex::ScopedLock lock(mutex_);
-    int bytes = 0;
-    for (const std::string& line : lines) bytes += static_cast<int>(line.size());
-    active_->insert(active_->begin(), std::make_move_iterator(lines.begin()), std::make_move_iterator(lines.end()));
-    countedLines_ += static_cast<int>(lines.size());
-    bufferedBytes_ += bytes;
+    active_->insert(0, lines);
+    countedBytes_ += lines.size();
+    bufferedBytes_ += static_cast<int>(lines.size());
     lines.clear();
 }
 
 void LogFileOutput::WriteBuffer(LineBuffer& lines) {
-    std::string chunk;
+    // The chunk is the run of lines from `begin` to `end`; it is written
+    // before a line that would take the file past its limit.
     Poco::UInt64 fileSize = FileUtil::GetSize(filePath_);
-    for (const std::string& line : lines) {
-        if (line.size() + fileSize + chunk.size() > maxFileSize_) {
-            WriteToFile(chunk);
-            chunk.clear();
+    std::size_t begin = 0;
+    std::size_t end = 0;
+    while (end < lines.size()) {
+        const std::size_t feed = lines.find('\n', end);
+        const std::size_t next = feed == std::string::npos ? lines.size() : feed + 1;
+        if ((next - end) + fileSize + (end - begin) > maxFileSize_) {
+            WriteToFile(lines.data() + begin, end - begin);
+            begin = end;
             RollFiles();
             fileSize = FileUtil::GetSize(filePath_);
         }
-        chunk += line;
+        end = next;
     }
-    WriteToFile(chunk);
+    WriteToFile(lines.data() + begin, lines.size() - begin);
 }
 
 void LogFileOutput::ClearWritten(LineBuffer& lines) {
     Poco::Mutex::ScopedLock lock(FileMutex());
     lines.clear();
-    lines.reserve(static_cast<std::size_t>(maxBufferedSize_ > 0 ? maxBufferedSize_ : 0) * 3);
+    KeepRoom(lines);
 }
 
-bool LogFileOutput::WriteToFile(const std::string& text) {
+bool LogFileOutput::WriteToFile(const char* text, std::size_t length) {
     try {
         std::ofstream file(filePath_, std::ios::out | std::ios::app | std::ios::binary);
         if (!file.is_open()) {
             ReportFileError();
             return false;
         }
-        file << text;
+        file.write(text, static_cast<std::streamsize>(length));
         file.flush();
         bool written = false;
         if (file.fail()) {

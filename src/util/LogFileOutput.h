@@ -6,6 +6,13 @@
 //
 // Control characters in a line's prefix and message are written as "\xNN",
 // so that one call is always exactly one line, whatever text a value holds.
+//
+// Memory: each buffer is one run of bytes holding whole lines, each ended
+// by its only line feed, and keeps its room between ticks; a line is
+// formatted in a per-thread buffer that keeps its room too. A line thus
+// costs no heap allocation once the buffers have grown to the traffic; a
+// buffer that a burst grew past kKeptBufferBytes is given back after it
+// was written.
 #ifndef BRVO_UTIL_LOGFILEOUTPUT_H
 #define BRVO_UTIL_LOGFILEOUTPUT_H
 
@@ -66,6 +73,13 @@ public:
     // Formats one line "[time UTC] [mark] prefix message", echoes it to
     // standard output and queues it. Lines below the level are dropped.
     void Output(int level, const std::string& mark, const std::string& prefix, const std::string& message);
+    // As Output, for a line given as pieces of bytes: `mark` (one
+    // letter), `thread` (the thread's text), `tag` and the `length` bytes
+    // of `message`. The line is "[time UTC] [mark] [thread] tag message".
+    // Formats without a temporary string. Lines below the level are
+    // dropped.
+    void OutputText(int level, const char* mark, const std::string& thread, const char* tag, const char* message,
+                    std::size_t length);
     // As Output, for a line that a peer may repeat without end: the first
     // line of `kind` in a period is written, later ones only counted, and
     // one line reports the count when the period is over.
@@ -91,8 +105,13 @@ public:
     int GetLogLevel() const { return logLevel_; }
     bool IsFlushRequested() const { return flushRequested_; }
 
+    // Room a buffer keeps after it was written; a buffer that grew past it
+    // in a burst is given back.
+    static constexpr std::size_t kKeptBufferBytes = 256 * 1024;
+
 private:
-    typedef std::vector<std::string> LineBuffer;
+    // Whole lines, each ended by its line feed.
+    typedef std::string LineBuffer;
 
     void WriteReports(const std::vector<LogLimiter::Report>& reports);
     void WriteCounts(bool all);
@@ -102,8 +121,10 @@ private:
     void WriteBuffer(LineBuffer& lines);
     void RestoreUnwritten(LineBuffer& lines);
     void ClearWritten(LineBuffer& lines);
-    bool WriteToFile(const std::string& text);
+    bool WriteToFile(const char* text, std::size_t length);
     void RollFiles();
+    void Queue(const std::string& line);
+    std::size_t FormatNowInto(char* text, std::size_t size);
     void ReportFileError();
     std::string FormatNow();
     static bool WholeSecondsOnly(const std::string& format);
@@ -131,7 +152,8 @@ private:
     std::atomic<bool> flushRequested_;
     bool errorRecorded_;
     int bufferedBytes_;
-    int countedLines_;
+    // Bytes of the active buffer already added to bufferedBytes_.
+    std::size_t countedBytes_;
     LogLimiter limiter_;
 };
 

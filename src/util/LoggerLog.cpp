@@ -17,6 +17,7 @@ const std::string kLogFileName = "/OutputSchedule_pvocd.log";
 
 // One-letter marks of the six levels, indexed by level.
 const std::string kMarks[] = {"V", "D", "I", "W", "E", "F"};
+const char* const kMarkTexts[] = {"V", "D", "I", "W", "E", "F"};
 
 // Read from every thread; created and deleted on the main thread.
 std::atomic<LoggerLog*> instance(nullptr);
@@ -105,6 +106,17 @@ void LoggerLog::Write(int level, const std::string& tag, const std::string& mess
     } catch (...) {
         // Logging never throws to its caller.
     }
+}
+
+bool LoggerLog::Writes(Level level) {
+    std::shared_ptr<LogFileOutput> current = std::atomic_load(&output);
+    return current && level >= current->GetLogLevel();
+}
+
+void LoggerLog::WriteText(Level level, const char* tag, const char* message, std::size_t length) {
+    std::shared_ptr<LogFileOutput> current = std::atomic_load(&output);
+    if (!current || level < current->GetLogLevel()) return;
+    current->OutputText(level, kMarkTexts[level], ThreadText(), tag, message, length);
 }
 
 void LoggerLog::Limited(Level level, const std::string& tag, const std::string& kind, const std::string& message) {

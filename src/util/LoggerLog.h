@@ -5,6 +5,7 @@
 #ifndef BRVO_UTIL_LOGGERLOG_H
 #define BRVO_UTIL_LOGGERLOG_H
 
+#include <cstddef>
 #include <memory>
 #include <string>
 
@@ -62,6 +63,16 @@ public:
     static void Warning(const std::string& tag, const std::string& message);
     static void Error(const std::string& tag, const std::string& message);
     static void Fatal(const std::string& tag, const std::string& message);
+
+    // Whether a line at `level` would be written now (an output exists and
+    // its level admits the line): lets a caller skip formatting a line that
+    // would be dropped.
+    static bool Writes(Level level);
+    // Queue one line at `level` as the entry points do, its message the
+    // `length` bytes at `message`, without building a temporary string:
+    // for callers that format into a buffer of their own. `tag` is a fixed
+    // NUL-terminated text. Never throws.
+    static void WriteText(Level level, const char* tag, const char* message, std::size_t length);
 
     // Queue a line at `level` that a peer or client may repeat without end:
     // the first line of `kind` in a period (60 s) is written as it is, the
