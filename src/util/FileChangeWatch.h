@@ -9,11 +9,18 @@
 // kernel may not see, no free watch) gets no generation and must be read
 // every time. Writes through a shared memory mapping are not reported by
 // the kernel; settings are written with write() or replaced by rename().
+//
+// A thread that must not wait on the watch's lock (the command server's
+// event loop) may ask Descriptors() for reports itself, by polling them
+// without reading (the reports stay for the readers to take). When one
+// shows, it calls NoteReported, and Generation() tells it, without a lock,
+// whether anything has been seen since a generation was handed out.
 #ifndef BRVO_UTIL_FILECHANGEWATCH_H
 #define BRVO_UTIL_FILECHANGEWATCH_H
 
 #include <Poco/Mutex.h>
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 
@@ -36,6 +43,18 @@ public:
     // out; false for kNotWatched, or when the watch itself failed.
     bool Unchanged(std::int64_t generation);
 
+    // The generation now, without a lock and without taking reports: it
+    // moves on with every report taken or noted. Never kNotWatched.
+    std::int64_t Generation() const { return generation_.load(std::memory_order_acquire); }
+    // Counts a report seen on Descriptors() by a thread that does not take
+    // reports itself: moves the generation on.
+    void NoteReported() { generation_.fetch_add(1, std::memory_order_acq_rel); }
+    // The descriptors that become readable (the inotify queue) or report
+    // an exceptional condition (the mount table) when something watched
+    // changes; -1 each when the watch is broken. They stay open for the
+    // life of the process.
+    void Descriptors(int& inotify, int& mounts) const;
+
     FileChangeWatch(const FileChangeWatch&) = delete;
     FileChangeWatch& operator=(const FileChangeWatch&) = delete;
 
@@ -56,11 +75,12 @@ private:
     // Whether changes on the file system holding `path` reach inotify.
     static bool LocalFileSystem(const std::string& path);
 
-    Poco::FastMutex mutex_;
+    mutable Poco::FastMutex mutex_;
     int inotifyFd_;
     int mountsFd_;
     bool broken_;
-    std::int64_t generation_;
+    // Moved on under mutex_ by Drain, and without it by NoteReported.
+    std::atomic<std::int64_t> generation_;
 };
 
 } // namespace brvo
