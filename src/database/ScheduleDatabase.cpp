@@ -27,6 +27,10 @@ const std::int64_t kFixedScheduleGraceSeconds = 30 * 60;
 
 // Read from every thread; created and deleted on the main thread.
 std::atomic<ScheduleDatabase*> instance(nullptr);
+std::atomic<ScheduleDatabase::WriteObserver> writeObserver(nullptr);
+// The number of the last write operation begun in this process, by any
+// instance: a later write always has a higher number.
+std::atomic<std::uint64_t> lastWrite(0);
 
 int RetentionDays() {
     return LoggerSettingManager::Current().GetOutputControlScheduleRetensionCycle();
@@ -60,11 +64,24 @@ void ScheduleDatabase::DeleteInstance() {
     delete instance.exchange(nullptr);
 }
 
-ScheduleDatabase::ScheduleDatabase() : DatabaseManager(kTag, kTableSchedule), writes_(0) {
+ScheduleDatabase::ScheduleDatabase() : DatabaseManager(kTag, kTableSchedule), writes_(lastWrite.load()) {
     DeleteOldData();
 }
 
 ScheduleDatabase::~ScheduleDatabase() {}
+
+void ScheduleDatabase::SetWriteObserver(WriteObserver observer) {
+    writeObserver = observer;
+}
+
+void ScheduleDatabase::BeginWrite() {
+    writes_.store(lastWrite.fetch_add(1) + 1, std::memory_order_release);
+}
+
+void ScheduleDatabase::NotifyWritten(bool renewed) {
+    const WriteObserver observer = writeObserver;
+    if (observer != nullptr) observer(*this, renewed);
+}
 
 void ScheduleDatabase::SetForwarder(const Forwarder& forwarder) {
     Poco::Mutex::ScopedLock lock(forwardMutex_);
@@ -85,30 +102,34 @@ std::string ScheduleDatabase::ColumnList() const {
 
 void ScheduleDatabase::OnRenewed() {
     slots_.valid = false;
+    BeginWrite();
+    NotifyWritten(true);
 }
 
 bool ScheduleDatabase::DeleteAll() {
     Poco::Mutex::ScopedLock lock(mutex_);
-    ++writes_;
+    BeginWrite();
     bool deleted = false;
-    Operate("Delete error. ", [&] {
+    const bool ran = Operate("Delete error. ", [&] {
         std::ostringstream sql;
         sql << "DELETE FROM " << kTableSchedule << " ";
         deleted = Execute(sql.str()) > 0;
     });
+    if (ran) NotifyWritten(false);
     return deleted;
 }
 
 void ScheduleDatabase::DeleteOldData() {
     Poco::Mutex::ScopedLock lock(mutex_);
-    ++writes_;
-    Operate("Delete old data error. ", [&] {
+    BeginWrite();
+    const bool ran = Operate("Delete old data error. ", [&] {
         const std::int64_t cutoff = NowSeconds() - static_cast<std::int64_t>(RetentionDays()) * kSecondsPerDay;
         std::ostringstream sql;
         sql << "DELETE FROM " << kTableSchedule << " "
             << "WHERE " << kColumnTime << " < " << cutoff;
         Execute(sql.str());
     });
+    if (ran) NotifyWritten(false);
 }
 
 // Clients ask for the target power many times per slot, and a statement
@@ -136,6 +157,25 @@ ScheduleRow ScheduleDatabase::SelectSchedule(std::int64_t time, bool current) {
     slots_.current = current ? row : other;
     slots_.next = current ? other : row;
     return row;
+}
+
+bool ScheduleDatabase::SelectSlots(std::int64_t time, ScheduleRow& current, ScheduleRow& next, std::uint64_t& version) {
+    Poco::Mutex::ScopedLock lock(mutex_);
+    version = WriteCount();
+    current.time = next.time = -1;
+    if (!Open()) return false;
+    std::uint32_t counter = 0;
+    if (ReadChangeCounter(counter) && CacheCovers(time, counter)) {
+        current = slots_.current;
+        next = slots_.next;
+        return true;
+    }
+    bool ok = false;
+    current = RunSelect(time, true, true, ok);
+    if (!ok) return false;
+    next = RunSelect(time, false, true, ok);
+    if (!ok) current.time = -1;
+    return ok;
 }
 
 bool ScheduleDatabase::CacheCovers(std::int64_t time, std::uint32_t counter) const {
@@ -237,7 +277,7 @@ std::size_t ScheduleDatabase::RunInsert(const std::string& header, const std::ve
 
 bool ScheduleDatabase::InsertUpdateSchedule(const std::vector<ScheduleRow>& rows) {
     Poco::Mutex::ScopedLock lock(mutex_);
-    ++writes_;
+    BeginWrite();
     if (rows.empty()) return true;
     bool inserted = false;
     Operate("Insert Update Schedule error. ", [&] {
@@ -251,13 +291,14 @@ bool ScheduleDatabase::InsertUpdateSchedule(const std::vector<ScheduleRow>& rows
                << " VALUES ";
         inserted = InsertRows(header.str(), rows) > 0;
     });
+    if (inserted) NotifyWritten(false);
     return inserted;
 }
 
 bool ScheduleDatabase::InsertFixedSchedule(const std::vector<ScheduleRow>& rows) {
     Poco::Mutex::ScopedLock lock(mutex_);
-    ++writes_;
-    return Operate("Insert Fixed Schedule error. ", [&] {
+    BeginWrite();
+    const bool ran = Operate("Insert Fixed Schedule error. ", [&] {
         const std::int64_t cutoff = NowSeconds() - kFixedScheduleGraceSeconds;
         std::vector<ScheduleRow> later;
         for (const ScheduleRow& row : rows) {
@@ -268,6 +309,8 @@ bool ScheduleDatabase::InsertFixedSchedule(const std::vector<ScheduleRow>& rows)
                << " VALUES ";
         if (!later.empty()) InsertRows(header.str(), later);
     });
+    if (ran) NotifyWritten(false);
+    return ran;
 }
 
 void ScheduleDatabase::UpdateSentFlag() {

@@ -9,12 +9,18 @@
 // a target-power select never waits on that exchange. `forwardMutex_`
 // guards the forwarder and serialises forwarding; it is taken before the
 // table's mutex, never after.
+//
+// Every successful store or delete, and a table made anew, is told to the
+// write observer with the table's mutex still held, right after the
+// commit: what it reads then (SelectSlots) is the table as that write left
+// it, and no other write of the daemon comes between.
 #ifndef BRVO_DATABASE_SCHEDULEDATABASE_H
 #define BRVO_DATABASE_SCHEDULEDATABASE_H
 
 #include "database/DatabaseManager.h"
 #include "database/ScheduleRow.h"
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -26,6 +32,12 @@ class ScheduleDatabase : public DatabaseManager {
 public:
     // Forwards the stored schedule to the logger daemon; 0 on success.
     typedef std::function<int()> Forwarder;
+    // Told after a write (see above); `renewed` when the table was made
+    // anew and must not be read in this call.
+    typedef void (*WriteObserver)(ScheduleDatabase& database, bool renewed);
+
+    // Installs the process-wide write observer (null: none).
+    static void SetWriteObserver(WriteObserver observer);
 
     // Creates the process-wide instance if absent (which purges old rows).
     static void CreateInstance();
@@ -49,6 +61,17 @@ public:
     // before it) or the next one (the earliest starting after it). A row
     // with time -1 when none matches or the table cannot be read.
     ScheduleRow SelectSchedule(std::int64_t time, bool current);
+    // The slot in force at `time` and the next one, read in one step under
+    // the table's mutex (so no write of the daemon falls between them);
+    // `version` is WriteCount() at that moment. False (rows with time -1)
+    // when the table cannot be read.
+    bool SelectSlots(std::int64_t time, ScheduleRow& current, ScheduleRow& next, std::uint64_t& version);
+    // The number of the last write operation begun (a table made anew
+    // counts as one); read without the mutex. Numbers grow across every
+    // instance of the process: two equal numbers mean no write began in
+    // between, and a later write has the higher number.
+    std::uint64_t WriteCount() const { return writes_.load(std::memory_order_acquire); }
+
     // Rows per INSERT statement of a large schedule.
     static constexpr std::size_t kRowsPerStatement = 500;
 
@@ -91,6 +114,8 @@ private:
         ScheduleRow next;
     };
 
+    void BeginWrite();
+    void NotifyWritten(bool renewed);
     ScheduleRow RunSelect(std::int64_t time, bool current, bool logErrors, bool& ok);
     bool CacheCovers(std::int64_t time, std::uint32_t counter) const;
     std::string ValuesGroup(const ScheduleRow& row) const;
@@ -101,8 +126,9 @@ private:
     Poco::Mutex forwardMutex_;
     Forwarder forwarder_;
     SlotCache slots_;
-    // Write operations so far (a change during a forwarding is seen).
-    std::uint64_t writes_;
+    // The last write operation begun (a change during a forwarding is
+    // seen); moved on under mutex_.
+    std::atomic<std::uint64_t> writes_;
 };
 
 } // namespace brvo
