@@ -101,6 +101,15 @@ std::string DeviceSettingXmlManager::GetDeviceSettingFile(const std::string& dev
     return found;
 }
 
+std::string DeviceSettingXmlManager::GetLimitFilePath() {
+    return DescriptionPath(GetDeviceSettingFile(kHouseHoldSolarPowerGeneration));
+}
+
+// The description file of base name `file`; empty for none.
+std::string DeviceSettingXmlManager::DescriptionPath(const std::string& file) {
+    return file.empty() ? std::string() : FileUtil::GetDeviceDirectory() + "/" + file + ".xml";
+}
+
 bool DeviceSettingXmlManager::GetLimit(Limit& limit) {
     const std::string file = GetDeviceSettingFile(kHouseHoldSolarPowerGeneration);
     if (file.empty()) {
@@ -108,7 +117,7 @@ bool DeviceSettingXmlManager::GetLimit(Limit& limit) {
                            " Device type not found in SystemSetting. [" + kHouseHoldSolarPowerGeneration + "]");
         return false;
     }
-    const std::string path = FileUtil::GetDeviceDirectory() + "/" + file + ".xml";
+    const std::string path = DescriptionPath(file);
     // A file read while the change watch still vouches for it exists and
     // says what it said then: neither looked up nor read again.
     LimitFile cached;

@@ -56,6 +56,9 @@ public:
     // its file or the file's root is missing, or the file is no regular
     // file, is larger than the settings cap or cannot be parsed.
     bool GetLimit(Limit& limit);
+    // The description file GetLimit reads (reloading the system settings
+    // as it does); empty when the settings name no such device.
+    std::string GetLimitFilePath();
 
 private:
     // What a description file says about the Limit variable.
@@ -69,6 +72,7 @@ private:
 
     // True when `path` was last read under a generation the change watch
     // still vouches for; `file` then holds what it said.
+    static std::string DescriptionPath(const std::string& file);
     bool CachedLimitFile(const std::string& path, LimitFile& file);
     // Reads and parses `path` (unless its bytes are the ones last parsed)
     // and applies what it says to `limit`. Throws what the parser throws.
