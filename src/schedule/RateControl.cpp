@@ -1,7 +1,7 @@
 #include "schedule/RateControl.h"
 
 #include "database/ScheduleDatabase.h"
-#include "settings/DeviceSettingXmlManager.h"
+#include "schedule/TargetPowerSnapshot.h"
 #include "settings/LoggerSettingManager.h"
 #include "settings/SystemSettingXmlManager.h"
 #include "util/LoggerLog.h"
@@ -10,32 +10,51 @@
 
 #include <cmath>
 #include <cstdio>
+#include <limits>
 
 namespace brvo {
 
 namespace {
 
-const std::string kTag = "RateControl";
+const char kTag[] = "RateControl";
 const std::string kDateFormat = "%Y%m%d";
 // The earliest date the clock may show, in test mode and in normal use.
 const std::string kDate20160101 = "20160101";
 const std::string kDate20200101 = "20200101";
+const std::int64_t kServerOffsetMicros = TimeStamp::kServerOffsetSeconds * 1000000;
+
+// The failure messages and the log lines that report them (also the kind
+// under which their repeats are counted); made once, so that reporting a
+// failure builds no text.
+struct FailureText {
+    std::string message;
+    std::string line;
+};
+
+const FailureText& TextOf(TargetPowerResult::Code code) {
+    static const FailureText* const plantId =
+        new FailureText{"Plantid not found.", "Get Target Power failed. Plantid not found."};
+    static const FailureText* const date =
+        new FailureText{"Current date error.", "Get Target Power failed. Current date error."};
+    static const FailureText* const slot = new FailureText{"can not get.", "Get Target Power failed. can not get."};
+    switch (code) {
+    case TargetPowerResult::Code::kPlantIdNotFound:
+        return *plantId;
+    case TargetPowerResult::Code::kDateError:
+        return *date;
+    default:
+        return *slot;
+    }
+}
 
 Poco::Timestamp WallClock() {
     return Poco::Timestamp(SystemClock::NowMicroseconds());
 }
 
-std::shared_ptr<TargetPowerResult> Failure(double power, TargetPowerResult::Code code, const std::string& message) {
+std::shared_ptr<TargetPowerResult> Failure(double power, TargetPowerResult::Code code) {
     // Asked for by every target power request: held to one line a period.
-    LoggerLog::Limited(LoggerLog::kWarning, kTag, "Get Target Power failed. " + message,
-                       "Get Target Power failed. " + message);
-    return std::make_shared<TargetPowerResult>(power, code, message);
-}
-
-std::string FormatDouble(double value) {
-    char text[64];
-    std::snprintf(text, sizeof text, "%f", value);
-    return text;
+    RateControl::LogFailure(code);
+    return std::make_shared<TargetPowerResult>(power, code, RateControl::FailureMessage(code));
 }
 
 // The settings readers shared by the flows; created on first use.
@@ -49,27 +68,8 @@ DeviceSettingXmlManager& DeviceSettings() {
     return *DeviceSettingXmlManager::GetInstance();
 }
 
-// Whether the clock, read in the device's home time (UTC+9), has reached
-// the earliest date a schedule can be for.
-bool DateIsPlausible(const Poco::Timestamp& now) {
-    const bool testMode = LoggerSettingManager::Current().GetOutputControlTestMode() != 0;
-    std::shared_ptr<TimeStamp> minimum = TimeStamp::Parse(kDateFormat, testMode ? kDate20160101 : kDate20200101);
-    TimeStamp shifted(now);
-    shifted.AddServerOffset();
-    return minimum != nullptr && shifted.Value() >= minimum->Value();
-}
-
-// Maps `rate` through the inverter's scale from Value0 (at 0 %) to Value100
-// (at 100 %), rounded in single precision as the inverters expect. The
-// span and the result are wider than an int: a device file may hold any
-// two ints, and a stored rate above 100 stretches the scale further. With
-// 32-bit inputs the result stays below 2^57, far inside 64 bits.
-std::int64_t ScaleRate(std::int32_t rate, const DeviceSettingXmlManager::Limit& limit) {
-    if (limit.value100 == 100 && limit.value0 == 0) return rate;
-    const std::int64_t span = static_cast<std::int64_t>(limit.value100) - limit.value0;
-    const float scaled =
-        (static_cast<float>(rate) / 100.0f) * static_cast<float>(span) + static_cast<float>(limit.value0);
-    return static_cast<std::int64_t>(std::roundf(scaled));
+bool TestMode() {
+    return LoggerSettingManager::Current().GetOutputControlTestMode() != 0;
 }
 
 } // namespace
@@ -80,36 +80,93 @@ RateControl::RateControl(const Clock& clock) : clock_(clock) {}
 
 RateControl::~RateControl() {}
 
+std::int64_t RateControl::EarliestDateMicros(bool testMode) {
+    std::shared_ptr<TimeStamp> minimum = TimeStamp::Parse(kDateFormat, testMode ? kDate20160101 : kDate20200101);
+    return minimum ? minimum->Value().epochMicroseconds() : std::numeric_limits<std::int64_t>::max();
+}
+
+bool RateControl::DateIsPlausible(std::int64_t nowMicros, std::int64_t earliestMicros) {
+    return nowMicros + kServerOffsetMicros >= earliestMicros;
+}
+
+// Rounded in single precision as the inverters expect. The span and the
+// result are wider than an int: a device file may hold any two ints, and a
+// stored rate above 100 stretches the scale further. With 32-bit inputs
+// the result stays below 2^57, far inside 64 bits.
+std::int64_t RateControl::ScaleRate(std::int32_t rate, const DeviceSettingXmlManager::Limit& limit) {
+    if (limit.value100 == 100 && limit.value0 == 0) return rate;
+    const std::int64_t span = static_cast<std::int64_t>(limit.value100) - limit.value0;
+    const float scaled =
+        (static_cast<float>(rate) / 100.0f) * static_cast<float>(span) + static_cast<float>(limit.value0);
+    return static_cast<std::int64_t>(std::roundf(scaled));
+}
+
+double RateControl::Target(std::int64_t rate, double capacity, double floor) {
+    const double target = static_cast<double>(rate) * capacity / 100.0;
+    return floor > target ? floor : target;
+}
+
+// Each double is formatted into a buffer of its own first: a value too
+// wide for it is cut there, as the line has always shown it.
+std::size_t RateControl::FormatRateLine(char* text, const char* display, std::int64_t rate, double target,
+                                        double capacity) {
+    char targetText[kDoubleTextSize];
+    char capacityText[kDoubleTextSize];
+    std::snprintf(targetText, sizeof targetText, "%f", target);
+    std::snprintf(capacityText, sizeof capacityText, "%f", capacity);
+    const int length = std::snprintf(text, kRateLineSize, "%s(UTC) Output Rate [%lld]  target power[%s]  capacity[%s]",
+                                     display, static_cast<long long>(rate), targetText, capacityText);
+    if (length < 0) return 0;
+    return static_cast<std::size_t>(length) < kRateLineSize ? static_cast<std::size_t>(length) : kRateLineSize - 1;
+}
+
+void RateControl::LogRate(const char* display, std::int64_t rate, double target, double capacity) {
+    if (!LoggerLog::Writes(LoggerLog::kInfo)) return;
+    char line[kRateLineSize];
+    const std::size_t length = FormatRateLine(line, display, rate, target, capacity);
+    LoggerLog::WriteText(LoggerLog::kInfo, kTag, line, length);
+}
+
+const std::string& RateControl::FailureMessage(TargetPowerResult::Code code) {
+    return TextOf(code).message;
+}
+
+void RateControl::LogFailure(TargetPowerResult::Code code) {
+    if (!LoggerLog::Writes(LoggerLog::kWarning)) return;
+    static const std::string* const tag = new std::string(kTag);
+    const FailureText& text = TextOf(code);
+    LoggerLog::Limited(LoggerLog::kWarning, *tag, text.line, text.line);
+}
+
 std::shared_ptr<TargetPowerResult> RateControl::GetTargetPower(double capacity, int requestType) {
     SystemSettingXmlManager& systemSettings = SystemSettings();
     systemSettings.Load();
     if (systemSettings.GetOutputControlPlantId().empty()) {
-        return Failure(capacity, TargetPowerResult::Code::kPlantIdNotFound, "Plantid not found.");
+        return Failure(capacity, TargetPowerResult::Code::kPlantIdNotFound);
     }
     DeviceSettingXmlManager::Limit limit;
     DeviceSettings().GetLimit(limit);
     const double floor = static_cast<double>(limit.valueMin);
 
-    if (!DateIsPlausible(clock_())) {
-        return Failure(floor, TargetPowerResult::Code::kDateError, "Current date error.");
+    if (!DateIsPlausible(clock_().epochMicroseconds(), EarliestDateMicros(TestMode()))) {
+        return Failure(floor, TargetPowerResult::Code::kDateError);
     }
     const TimeStamp now(clock_());
     ScheduleDatabase* database = ScheduleDatabase::GetInstance();
     ScheduleRow slot;
-    if (database != nullptr) {
-        slot = database->SelectSchedule(now.EpochSeconds(), requestType == kCurrentTargetPower);
+    const bool current = requestType == kCurrentTargetPower;
+    if (database != nullptr && !TargetPowerSnapshot::Instance().HeldSlot(now.EpochSeconds(), current, slot)) {
+        slot = database->SelectSchedule(now.EpochSeconds(), current);
     }
     if (slot.time < 0) {
-        return Failure(floor, TargetPowerResult::Code::kNoSchedule, "can not get.");
+        return Failure(floor, TargetPowerResult::Code::kNoSchedule);
     }
     const std::int64_t rate = ScaleRate(slot.controlRate, limit);
-    double target = static_cast<double>(rate) * capacity / 100.0;
-    if (floor > target) target = floor;
+    const double target = Target(rate, capacity, floor);
 
     std::shared_ptr<TimeStamp> start = TimeStamp::FromEpochSeconds(slot.time);
     const std::string display = start ? start->FormatDisplay() : std::string();
-    LoggerLog::Info(kTag, display + "(UTC) Output Rate [" + std::to_string(rate) + "]  target power[" +
-                              FormatDouble(target) + "]  capacity[" + FormatDouble(capacity) + "]");
+    LogRate(display.c_str(), rate, target, capacity);
     return std::make_shared<TargetPowerResult>(target, start ? start->FormatCompact() : std::string());
 }
 

@@ -1,0 +1,247 @@
+#include "schedule/TargetPowerSnapshot.h"
+
+#include "database/ScheduleDatabase.h"
+#include "schedule/RateControl.h"
+#include "settings/LoggerSettingManager.h"
+#include "settings/SystemSettingXmlManager.h"
+#include "util/FileChangeWatch.h"
+#include "util/FileUtil.h"
+#include "util/SystemClock.h"
+#include "util/TimeStamp.h"
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+
+namespace brvo {
+
+namespace {
+
+// Reads of the settings that a report spoils before one holds.
+const int kSettingsAttempts = 3;
+const std::int64_t kMicrosPerSecond = 1000000;
+
+std::int64_t SecondsOf(std::int64_t micros) {
+    return micros / kMicrosPerSecond - (micros % kMicrosPerSecond < 0 ? 1 : 0);
+}
+
+// Copies at most `size` - 1 bytes of `text`, NUL-terminated.
+void CopyText(char* target, std::size_t size, const std::string& text) {
+    const std::size_t length = std::min(size - 1, text.size());
+    std::memcpy(target, text.data(), length);
+    target[length] = '\0';
+}
+
+SystemSettingXmlManager& SystemSettings() {
+    SystemSettingXmlManager::CreateInstance();
+    return *SystemSettingXmlManager::GetInstance();
+}
+
+DeviceSettingXmlManager& DeviceSettings() {
+    DeviceSettingXmlManager::CreateInstance();
+    return *DeviceSettingXmlManager::GetInstance();
+}
+
+void CopySlots(const TargetPowerSnapshot::View& from, TargetPowerSnapshot::View& to) {
+    to.slotsKnown = from.slotsKnown;
+    to.version = from.version;
+    to.from = from.from;
+    to.current = from.current;
+    to.next = from.next;
+}
+
+// Whether the slots of `view` are the answer at `seconds`.
+bool SlotsHold(const TargetPowerSnapshot::View& view, std::int64_t seconds) {
+    return view.slotsKnown && seconds >= view.from && (view.next.time < 0 || seconds < view.next.time);
+}
+
+} // namespace
+
+TargetPowerSnapshot& TargetPowerSnapshot::Instance() {
+    static TargetPowerSnapshot* const holder = new TargetPowerSnapshot();
+    return *holder;
+}
+
+TargetPowerSnapshot::TargetPowerSnapshot() : current_(nullptr), retired_(nullptr) {
+    ScheduleDatabase::SetWriteObserver(&TargetPowerSnapshot::OnTableWritten);
+}
+
+TargetPowerSnapshot::Miss TargetPowerSnapshot::Covers(const View* view, std::int64_t nowMicros) {
+    if (view == nullptr) return Miss::kRebuild;
+    if (!view->settingsKnown) return Miss::kUnusable;
+    if (view->generation != FileChangeWatch::Instance().Generation()) return Miss::kRebuild;
+    if (!view->hasPlantId || !RateControl::DateIsPlausible(nowMicros, view->earliestMicros)) return Miss::kNone;
+    if (!view->slotsKnown) return Miss::kUnusable;
+    return SlotsHold(*view, SecondsOf(nowMicros)) ? Miss::kNone : Miss::kBoundary;
+}
+
+TargetPowerSnapshot::Answer TargetPowerSnapshot::Compute(const View& view, std::int64_t nowMicros, int type,
+                                                         double capacity) {
+    Answer answer;
+    if (!view.hasPlantId) {
+        answer.code = TargetPowerResult::Code::kPlantIdNotFound;
+        answer.power = capacity;
+    } else if (!RateControl::DateIsPlausible(nowMicros, view.earliestMicros)) {
+        answer.code = TargetPowerResult::Code::kDateError;
+        answer.power = static_cast<double>(view.limit.valueMin);
+    } else {
+        const Slot& slot = type == RateControl::kCurrentTargetPower ? view.current : view.next;
+        if (slot.time < 0) {
+            answer.code = TargetPowerResult::Code::kNoSchedule;
+            answer.power = static_cast<double>(view.limit.valueMin);
+        } else {
+            const std::int64_t rate = RateControl::ScaleRate(slot.rate, view.limit);
+            answer.power = RateControl::Target(rate, capacity, static_cast<double>(view.limit.valueMin));
+            answer.timeText = slot.compact;
+            RateControl::LogRate(slot.display, rate, answer.power, capacity);
+            return answer;
+        }
+    }
+    RateControl::LogFailure(answer.code);
+    return answer;
+}
+
+void TargetPowerSnapshot::Reclaim() {
+    View* view = retired_.exchange(nullptr, std::memory_order_acq_rel);
+    while (view != nullptr) {
+        View* next = view->retired;
+        delete view;
+        view = next;
+    }
+}
+
+bool TargetPowerSnapshot::HeldSlot(std::int64_t seconds, bool current, ScheduleRow& slot) {
+    ScheduleDatabase* database = ScheduleDatabase::GetInstance();
+    if (database == nullptr) return false;
+    Poco::FastMutex::ScopedLock lock(publishMutex_);
+    const View* view = current_.load(std::memory_order_acquire);
+    if (view == nullptr || !SlotsHold(*view, seconds) || view->version != database->WriteCount()) return false;
+    const Slot& held = current ? view->current : view->next;
+    slot.time = held.time;
+    slot.controlRate = held.rate;
+    return true;
+}
+
+void TargetPowerSnapshot::Rebuild() {
+    View fresh;
+    for (int attempt = 0; attempt < kSettingsAttempts && !fresh.settingsKnown; ++attempt) {
+        fresh.settingsKnown = ReadSettings(fresh);
+    }
+    const std::int64_t now = SystemClock::NowMicroseconds();
+    // The slots of the view now are kept while no write began since they
+    // were read and they still hold: a settings change then needs no read
+    // of the table (which another process may hold locked).
+    ScheduleDatabase* database = ScheduleDatabase::GetInstance();
+    View held;
+    {
+        Poco::FastMutex::ScopedLock lock(publishMutex_);
+        const View* current = current_.load(std::memory_order_acquire);
+        if (current != nullptr) held = *current;
+    }
+    if (database != nullptr && SlotsHold(held, SecondsOf(now)) && held.version == database->WriteCount()) {
+        CopySlots(held, fresh);
+    } else {
+        ReadSlots(database, now, fresh);
+    }
+    if (!fresh.settingsKnown || !fresh.slotsKnown) fresh.retryAfterMicros = now + kRetryMicroseconds;
+    PublishSettings(fresh);
+}
+
+void TargetPowerSnapshot::OnTableWritten(ScheduleDatabase& database, bool renewed) {
+    TargetPowerSnapshot& holder = Instance();
+    View slots;
+    if (renewed) {
+        // The new table is read by the next rebuild, which is due at once.
+        slots.version = database.WriteCount();
+    } else {
+        holder.ReadSlots(&database, SystemClock::NowMicroseconds(), slots);
+    }
+    holder.PublishSlots(slots);
+}
+
+// Reads the settings twice: the first read finds the device description
+// (and lets the readers take what the watch reported), the second is made
+// with every file it reads watched, and holds when no report came in
+// between.
+bool TargetPowerSnapshot::ReadSettings(View& view) {
+    FileChangeWatch& watch = FileChangeWatch::Instance();
+    ReadSettingValues(view);
+    const std::string devicePath = view.hasPlantId ? DeviceSettings().GetLimitFilePath() : std::string();
+    const std::int64_t systemGeneration = watch.Arm(FileUtil::GetSystemSettingFile());
+    const std::int64_t generation = devicePath.empty() ? systemGeneration : watch.Arm(devicePath);
+    if (systemGeneration == FileChangeWatch::kNotWatched || generation == FileChangeWatch::kNotWatched) return false;
+    ReadSettingValues(view);
+    if (!watch.Unchanged(generation)) return false;
+    view.generation = generation;
+    return true;
+}
+
+// The settings as RateControl reads them: the device only when a plant ID
+// is set.
+void TargetPowerSnapshot::ReadSettingValues(View& view) {
+    SystemSettingXmlManager& systemSettings = SystemSettings();
+    systemSettings.Load();
+    view.hasPlantId = !systemSettings.GetOutputControlPlantId().empty();
+    view.limit = DeviceSettingXmlManager::Limit();
+    if (view.hasPlantId) DeviceSettings().GetLimit(view.limit);
+    view.earliestMicros =
+        RateControl::EarliestDateMicros(LoggerSettingManager::Current().GetOutputControlTestMode() != 0);
+}
+
+bool TargetPowerSnapshot::ReadSlots(ScheduleDatabase* database, std::int64_t nowMicros, View& view) {
+    ScheduleRow current;
+    ScheduleRow next;
+    const std::int64_t seconds = SecondsOf(nowMicros);
+    view.slotsKnown = database != nullptr && database->SelectSlots(seconds, current, next, view.version);
+    view.from = seconds;
+    FillSlot(current, view.current);
+    FillSlot(next, view.next);
+    return view.slotsKnown;
+}
+
+void TargetPowerSnapshot::FillSlot(const ScheduleRow& row, Slot& slot) {
+    slot = Slot();
+    slot.time = row.time;
+    slot.rate = row.controlRate;
+    if (row.time < 0) return;
+    std::shared_ptr<TimeStamp> start = TimeStamp::FromEpochSeconds(row.time);
+    if (!start) return;
+    CopyText(slot.compact, sizeof slot.compact, start->FormatCompact());
+    CopyText(slot.display, sizeof slot.display, start->FormatDisplay());
+}
+
+// The slots read right after a write replace those of the view, settings
+// kept; slots read before a later write never do.
+void TargetPowerSnapshot::PublishSlots(const View& slots) {
+    Poco::FastMutex::ScopedLock lock(publishMutex_);
+    const View* current = current_.load(std::memory_order_acquire);
+    if (current != nullptr && slots.version < current->version) return;
+    View* view = new View(current != nullptr ? *current : View());
+    CopySlots(slots, *view);
+    // Without settings yet, or with a table to read again, the next request
+    // asks for a rebuild at once.
+    view->retryAfterMicros = 0;
+    Publish(view);
+}
+
+// Settings read by a rebuild replace those of the view, and so do its
+// slots unless a write published newer ones meanwhile.
+void TargetPowerSnapshot::PublishSettings(const View& settings) {
+    Poco::FastMutex::ScopedLock lock(publishMutex_);
+    const View* current = current_.load(std::memory_order_acquire);
+    View* view = new View(settings);
+    if (current != nullptr && current->version > settings.version) CopySlots(*current, *view);
+    Publish(view);
+}
+
+// Swaps `view` in and retires the one it replaces (publishMutex_ held).
+void TargetPowerSnapshot::Publish(View* view) {
+    view->retired = nullptr;
+    View* old = current_.exchange(view, std::memory_order_acq_rel);
+    if (old == nullptr) return;
+    old->retired = retired_.load(std::memory_order_relaxed);
+    while (!retired_.compare_exchange_weak(old->retired, old, std::memory_order_release, std::memory_order_relaxed)) {
+    }
+}
+
+} // namespace brvo

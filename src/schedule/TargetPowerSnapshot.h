@@ -1,0 +1,169 @@
+// What a target power answer needs, held in memory so that the command
+// server's event loop can answer CurrentTargetPower and NextTargetPower
+// itself, without a file, a statement or a lock that a flow may hold.
+//
+// A view is immutable once published. It holds two parts:
+// - settings: whether a plant ID is set, the device's rate scale (Value0,
+//   Value100, ValueMin) and the earliest plausible date of the test mode,
+//   with the settings watch's generation they were read under;
+// - slots: the current and the next slot at the time `from` they were
+//   read, with their start times already formatted, and the table's write
+//   count then. They hold from `from` up to (not including) the next
+//   slot's start.
+//
+// Publishing: whoever changes an input publishes a new view by swapping
+// the pointer: the table after every store or delete and when it was made
+// anew (through ScheduleDatabase's write observer, with the table's mutex
+// held, right after the commit, from one read of both slots), and Rebuild
+// (run on an answer worker at the start, after the settings watch
+// reported, and when the view stopped covering). A request therefore gets
+// the schedule before a store or after it, never a mix. Publishers take
+// publishMutex_, after the table's mutex when they hold that, never
+// before it; a part read earlier than the part published is never put
+// back (the table's write count and the watch's generation only grow).
+//
+// Answering (Covers): a request is answered from the view only when
+// - a view exists, and its settings were read under a watch generation
+//   that is still the watch's generation (no report since, taken or
+//   noted): otherwise a rebuild is due;
+// - the plant ID is missing or the date is implausible (those answers need
+//   no slot), or the slots are known and the request's time lies in
+//   [from, next slot's start): past that the slot boundary has passed.
+// Everything else goes to the answer workers, which read the files as
+// before, and the table too unless the view's slots still hold
+// (HeldSlot: so a settings change never waits on a locked table), and the
+// server posts a rebuild. Another process
+// writing the table is seen by the workers' reads, and by the view only
+// once the daemon writes the table or the slot boundary passes.
+//
+// Reclaiming: only one thread reads views (the event loop; a test's own
+// thread in tests). A view replaced by a publisher goes onto a lock-free
+// retire list; the reading thread frees the list in Reclaim, at a point of
+// its loop where it holds no view. A view it still uses was replaced after
+// it loaded it, so it is on the list only from then on and is freed at the
+// next Reclaim, once the reader has let go of it. Readers take no lock.
+#ifndef BRVO_SCHEDULE_TARGETPOWERSNAPSHOT_H
+#define BRVO_SCHEDULE_TARGETPOWERSNAPSHOT_H
+
+#include "schedule/TargetPowerResult.h"
+#include "settings/DeviceSettingXmlManager.h"
+
+#include <Poco/Mutex.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+namespace brvo {
+
+class ScheduleDatabase;
+struct ScheduleRow;
+
+class TargetPowerSnapshot {
+public:
+    // Room for a slot start "%Y%m%d%H%M%S" and "%Y-%m-%d %H:%M:%S".
+    static constexpr std::size_t kCompactSize = 15;
+    static constexpr std::size_t kDisplaySize = 20;
+    // How long a view that cannot answer (settings the watch cannot vouch
+    // for, a table that cannot be read) is kept before it is built again.
+    static constexpr std::int64_t kRetryMicroseconds = 1000000;
+
+    // One slot as the answer shows it.
+    struct Slot {
+        std::int64_t time = -1;
+        std::int32_t rate = 0;
+        char compact[kCompactSize] = {};
+        char display[kDisplaySize] = {};
+    };
+
+    // One published view; never changed after publishing.
+    struct View {
+        // Settings part; known only when the watch vouches for the files.
+        bool settingsKnown = false;
+        std::int64_t generation = -1;
+        bool hasPlantId = false;
+        DeviceSettingXmlManager::Limit limit;
+        std::int64_t earliestMicros = 0;
+        // Slots part; known only when the table could be read.
+        bool slotsKnown = false;
+        std::uint64_t version = 0;
+        std::int64_t from = 0;
+        Slot current;
+        Slot next;
+        // Before this time (microseconds since the epoch) a view that
+        // cannot answer is not built again.
+        std::int64_t retryAfterMicros = 0;
+        // Link of the retire list.
+        View* retired = nullptr;
+    };
+
+    // Why a view does not answer a request.
+    enum class Miss {
+        kNone,      // it answers
+        kRebuild,   // no view, or the settings moved: build one now
+        kBoundary,  // the slot boundary passed: build one now
+        kUnusable,  // settings or table unusable: build again after a while
+    };
+
+    // An answer computed from a view.
+    struct Answer {
+        TargetPowerResult::Code code = TargetPowerResult::Code::kSuccess;
+        double power = 0.0;
+        // The slot's start ("%Y%m%d%H%M%S"); empty on failure. Points into
+        // the view.
+        const char* timeText = "";
+    };
+
+    // The process-wide holder; installs the table's write observer.
+    // Never destroyed.
+    static TargetPowerSnapshot& Instance();
+
+    // The view now; null before the first publish. Reader thread only.
+    const View* Current() const { return current_.load(std::memory_order_acquire); }
+    // Whether `view` answers a target power request (current or next) at
+    // `nowMicros`, and if not, why. Reads nothing but the view and the
+    // watch's generation.
+    static Miss Covers(const View* view, std::int64_t nowMicros);
+    // The answer for `capacity` from a view that covers the request, with
+    // RateControl's log lines. No file, no lock beyond the log's.
+    static Answer Compute(const View& view, std::int64_t nowMicros, int type, double capacity);
+    // Frees the views retired so far. Reader thread only, at a point where
+    // it holds no view.
+    void Reclaim();
+
+    // The slot (`current`, else the next one) the view holds for `seconds`,
+    // when the view's slots were read after the table's last write and
+    // hold at `seconds`: what a select would find, without the table.
+    // False otherwise. Any thread (takes publishMutex_ for the copy).
+    bool HeldSlot(std::int64_t seconds, bool current, ScheduleRow& slot);
+
+    // Reads the settings and (unless the view's slots still hold) the
+    // table, and publishes a view. Runs on a worker; may wait on the
+    // table's lock as any read does.
+    void Rebuild();
+
+    TargetPowerSnapshot(const TargetPowerSnapshot&) = delete;
+    TargetPowerSnapshot& operator=(const TargetPowerSnapshot&) = delete;
+
+private:
+    TargetPowerSnapshot();
+    ~TargetPowerSnapshot() = delete;
+
+    static void OnTableWritten(ScheduleDatabase& database, bool renewed);
+    bool ReadSettings(View& view);
+    static void ReadSettingValues(View& view);
+    bool ReadSlots(ScheduleDatabase* database, std::int64_t nowMicros, View& view);
+    static void FillSlot(const ScheduleRow& row, Slot& slot);
+    void PublishSlots(const View& slots);
+    void PublishSettings(const View& settings);
+    void Publish(View* view);
+
+    // Taken by publishers only.
+    Poco::FastMutex publishMutex_;
+    std::atomic<View*> current_;
+    std::atomic<View*> retired_;
+};
+
+} // namespace brvo
+
+#endif

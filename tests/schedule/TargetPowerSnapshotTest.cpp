@@ -1,0 +1,212 @@
+#include "schedule/TargetPowerSnapshot.h"
+
+#include "database/ScheduleDatabase.h"
+#include "schedule/RateControl.h"
+#include "settings/DeviceSettingXmlManager.h"
+#include "settings/LoggerSettingManager.h"
+#include "settings/SystemSettingXmlManager.h"
+#include "support/SingletonTest.h"
+#include "support/TestFiles.h"
+#include "util/FileChangeWatch.h"
+#include "util/LoggerLog.h"
+#include "util/SystemClock.h"
+#include "util/TimeStamp.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace brvo {
+namespace {
+
+using Miss = TargetPowerSnapshot::Miss;
+
+const std::int64_t kSlotSeconds = 1800;
+// Reads racing the stores.
+const int kReads = 10000;
+
+std::int64_t SlotNow() {
+    return TimeStamp().EpochSeconds() / kSlotSeconds * kSlotSeconds;
+}
+
+// Every slot from two before the current one to four after it at `rate`.
+std::vector<ScheduleRow> Schedule(std::int64_t slot0, int rate) {
+    std::vector<ScheduleRow> rows;
+    for (int k = -2; k <= 4; ++k) {
+        ScheduleRow row;
+        row.time = slot0 + k * kSlotSeconds;
+        row.controlRate = rate;
+        rows.push_back(row);
+    }
+    return rows;
+}
+
+class TargetPowerSnapshotTest : public test::SingletonTest {
+protected:
+    void SetUp() override {
+        // Warnings and up only: the race below computes twenty thousand
+        // answers, each with its Info line otherwise.
+        test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>"
+                                 "<LogLevel>3</LogLevel>");
+        LoggerSettingManager::CreateInstance();
+        LoggerLog::CreateInstance();
+        WriteSystemSetting("PLANT1");
+        WriteDevice("Value0=\"0\" Value100=\"100\" ValueMin=\"0\"");
+        ScheduleDatabase::CreateInstance();
+    }
+
+    void TearDown() override {
+        snapshot_.Reclaim();
+        SingletonTest::TearDown();
+    }
+
+    static void WriteSystemSetting(const std::string& plantId) {
+        test::WriteFile(test::SystemSettingPath(),
+                        "<logger><general><outputControlPlantId>" + plantId +
+                            "</outputControlPlantId></general><channelList><channel><addressList>"
+                            "<address><type>HouseHoldSolarPowerGeneration</type>"
+                            "<deviceSettingFile>pv</deviceSettingFile></address>"
+                            "</addressList></channel></channelList></logger>");
+    }
+
+    static void WriteDevice(const std::string& limitAttributes) {
+        test::WriteFile(test::FixedPath("/usr/local/etc/kestrovanyx/DeviceXML/pv.xml"),
+                        "<lggrdev:EchonetLiteDevices xmlns:lggrdev=\"urn:x\"><lggrdev:Device>"
+                        "<lggrdev:Properties><lggrdev:Property><lggrdev:Variables>"
+                        "<lggrdev:VariableInfo Name=\"Limit\" " +
+                            limitAttributes +
+                            "/>"
+                            "</lggrdev:Variables></lggrdev:Property></lggrdev:Properties>"
+                            "</lggrdev:Device></lggrdev:EchonetLiteDevices>");
+    }
+
+    // The view now, when it answers at the current time.
+    const TargetPowerSnapshot::View* Covering() {
+        const TargetPowerSnapshot::View* view = snapshot_.Current();
+        return TargetPowerSnapshot::Covers(view, SystemClock::NowMicroseconds()) == Miss::kNone ? view : nullptr;
+    }
+
+    TargetPowerSnapshot& snapshot_ = TargetPowerSnapshot::Instance();
+};
+
+TEST_F(TargetPowerSnapshotTest, RebuildAnswersAsRateControlDoes) {
+    const std::int64_t slot0 = SlotNow();
+    std::vector<ScheduleRow> rows = Schedule(slot0, 50);
+    rows[3].controlRate = 80;
+    ASSERT_TRUE(ScheduleDatabase::GetInstance()->InsertUpdateSchedule(rows));
+    snapshot_.Rebuild();
+    const TargetPowerSnapshot::View* view = Covering();
+    ASSERT_NE(nullptr, view);
+    const std::int64_t now = SystemClock::NowMicroseconds();
+    for (int type : {RateControl::kCurrentTargetPower, RateControl::kNextTargetPower}) {
+        const TargetPowerSnapshot::Answer answer = TargetPowerSnapshot::Compute(*view, now, type, 5.5);
+        std::shared_ptr<TargetPowerResult> expected = RateControl().GetTargetPower(5.5, type);
+        EXPECT_EQ(expected->GetCode(), answer.code);
+        EXPECT_EQ(expected->GetTargetPower(), answer.power);
+        EXPECT_EQ(expected->GetTimeText(), answer.timeText);
+    }
+}
+
+// Two schedules replace each other while the view is read: every view read
+// holds the current and the next slot of one of them, never one of each.
+TEST_F(TargetPowerSnapshotTest, StoreRacingReadsNeverMixesTwoSchedules) {
+    const std::int64_t slot0 = SlotNow();
+    ScheduleDatabase& database = *ScheduleDatabase::GetInstance();
+    ASSERT_TRUE(database.InsertUpdateSchedule(Schedule(slot0, 10)));
+    snapshot_.Rebuild();
+    std::atomic<bool> reading(true);
+    std::atomic<int> stores(0);
+    std::thread writer([&] {
+        // Bounded: ends with the reads, or after this many stores.
+        for (int i = 0; reading && i < 100000; ++i) {
+            database.InsertUpdateSchedule(Schedule(slot0, i % 2 == 0 ? 20 : 10));
+            ++stores;
+        }
+    });
+    int answered = 0;
+    int mixed = 0;
+    for (int i = 0; i < kReads; ++i) {
+        snapshot_.Reclaim();
+        const std::int64_t now = SystemClock::NowMicroseconds();
+        const TargetPowerSnapshot::View* view = snapshot_.Current();
+        if (TargetPowerSnapshot::Covers(view, now) != Miss::kNone) continue;
+        const TargetPowerSnapshot::Answer current =
+            TargetPowerSnapshot::Compute(*view, now, RateControl::kCurrentTargetPower, 100.0);
+        const TargetPowerSnapshot::Answer next =
+            TargetPowerSnapshot::Compute(*view, now, RateControl::kNextTargetPower, 100.0);
+        ++answered;
+        if (current.power != next.power || (current.power != 10.0 && current.power != 20.0)) ++mixed;
+    }
+    reading = false;
+    writer.join();
+    EXPECT_EQ(0, mixed) << "of " << answered << " answered";
+    EXPECT_GT(answered, 0);
+    EXPECT_GT(stores.load(), 1);
+}
+
+TEST_F(TargetPowerSnapshotTest, StoreIsPublishedAtOnce) {
+    const std::int64_t slot0 = SlotNow();
+    ScheduleDatabase& database = *ScheduleDatabase::GetInstance();
+    ASSERT_TRUE(database.InsertUpdateSchedule(Schedule(slot0, 10)));
+    snapshot_.Rebuild();
+    ASSERT_TRUE(database.InsertUpdateSchedule(Schedule(slot0, 40)));
+    const TargetPowerSnapshot::View* view = Covering();
+    ASSERT_NE(nullptr, view);
+    EXPECT_EQ(40, view->current.rate);
+    EXPECT_TRUE(database.DeleteAll());
+    view = Covering();
+    ASSERT_NE(nullptr, view);
+    EXPECT_EQ(TargetPowerResult::Code::kNoSchedule,
+              TargetPowerSnapshot::Compute(*view, SystemClock::NowMicroseconds(), RateControl::kCurrentTargetPower,
+                                           1.0)
+                  .code);
+}
+
+// The views hold while nothing changes; a settings change is seen once
+// the settings readers take the watch's report, and the next rebuild
+// answers with it.
+TEST_F(TargetPowerSnapshotTest, SettingsChangeStopsTheViewUntilRebuilt) {
+    ASSERT_TRUE(ScheduleDatabase::GetInstance()->InsertUpdateSchedule(Schedule(SlotNow(), 50)));
+    snapshot_.Rebuild();
+    ASSERT_NE(nullptr, Covering());
+    WriteDevice("Value0=\"0\" Value100=\"100\" ValueMin=\"70\"");
+    // What the event loop does on the watch's report.
+    FileChangeWatch::Instance().NoteReported();
+    EXPECT_EQ(Miss::kRebuild, TargetPowerSnapshot::Covers(snapshot_.Current(), SystemClock::NowMicroseconds()));
+    snapshot_.Rebuild();
+    const TargetPowerSnapshot::View* view = Covering();
+    ASSERT_NE(nullptr, view);
+    EXPECT_EQ(70.0, TargetPowerSnapshot::Compute(*view, SystemClock::NowMicroseconds(),
+                                                 RateControl::kCurrentTargetPower, 100.0)
+                        .power);
+
+    WriteSystemSetting("");
+    FileChangeWatch::Instance().NoteReported();
+    snapshot_.Rebuild();
+    view = Covering();
+    ASSERT_NE(nullptr, view);
+    const TargetPowerSnapshot::Answer answer =
+        TargetPowerSnapshot::Compute(*view, SystemClock::NowMicroseconds(), RateControl::kCurrentTargetPower, 9.0);
+    EXPECT_EQ(TargetPowerResult::Code::kPlantIdNotFound, answer.code);
+    EXPECT_EQ(9.0, answer.power);
+}
+
+TEST_F(TargetPowerSnapshotTest, SlotBoundaryEndsTheView) {
+    const std::int64_t slot0 = SlotNow();
+    ASSERT_TRUE(ScheduleDatabase::GetInstance()->InsertUpdateSchedule(Schedule(slot0, 50)));
+    snapshot_.Rebuild();
+    const TargetPowerSnapshot::View* view = Covering();
+    ASSERT_NE(nullptr, view);
+    EXPECT_EQ(slot0, view->current.time);
+    EXPECT_EQ(slot0 + kSlotSeconds, view->next.time);
+    const std::int64_t boundary = (slot0 + kSlotSeconds) * 1000000;
+    EXPECT_EQ(Miss::kNone, TargetPowerSnapshot::Covers(view, boundary - 1));
+    EXPECT_EQ(Miss::kBoundary, TargetPowerSnapshot::Covers(view, boundary));
+    EXPECT_EQ(Miss::kBoundary, TargetPowerSnapshot::Covers(view, view->from * 1000000 - 1));
+}
+
+} // namespace
+} // namespace brvo
