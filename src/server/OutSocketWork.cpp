@@ -9,12 +9,14 @@
 #include "settings/LoggerSettingManager.h"
 #include "util/FileUtil.h"
 #include "util/LoggerLog.h"
+#include "util/SystemClock.h"
 
 #include <Poco/Clock.h>
 #include <Poco/Exception.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <poll.h>
@@ -27,6 +29,11 @@ namespace {
 
 const char kTag[] = "OutputcontrolServer";
 const std::size_t kMessageSize = 128;
+// Room for the capacity formatted with "%f" in its log line; a wider value
+// is cut to it.
+const std::size_t kCapacityTextSize = RateControl::kDoubleTextSize;
+// Room for one line of this class formatted on the accepting thread.
+const std::size_t kLineSize = 256;
 const std::size_t kTimeTextSize = 15;
 const std::size_t kFixedPlantIdSize = 27;
 // Largest fixed-schedule file read, in bytes: a year of half-hour slots
@@ -52,6 +59,26 @@ std::vector<unsigned char> Answer(std::size_t size, std::int32_t type) {
     PutU32(answer, 0, static_cast<std::uint32_t>(size));
     PutI32(answer, 4, type);
     return answer;
+}
+
+const std::string& kNoMessage() {
+    static const std::string* const empty = new std::string();
+    return *empty;
+}
+
+// Formats a line into a fixed buffer and logs it at `level`; without a
+// temporary string. The caller checks the level first when its arguments
+// cost something to make.
+void LogLine(LoggerLog::Level level, const char* format, ...) __attribute__((format(printf, 2, 3)));
+void LogLine(LoggerLog::Level level, const char* format, ...) {
+    if (!LoggerLog::Writes(level)) return;
+    char line[kLineSize];
+    va_list arguments;
+    va_start(arguments, format);
+    const int length = std::vsnprintf(line, sizeof line, format, arguments);
+    va_end(arguments);
+    if (length < 0) return;
+    LoggerLog::WriteText(level, kTag, line, std::min(static_cast<std::size_t>(length), sizeof line - 1));
 }
 
 std::shared_ptr<UpdateResult> NotRunning() {
@@ -214,13 +241,22 @@ std::vector<unsigned char> OutSocketWork::FixedScheduleAnswer(const UpdateResult
 }
 
 std::vector<unsigned char> OutSocketWork::TargetPowerAnswer(std::int32_t type, const TargetPowerResult& result) {
-    std::vector<unsigned char> answer = Answer(kTargetAnswerSize, type);
-    const double power = result.GetTargetPower();
-    std::memcpy(answer.data() + 8, &power, sizeof power);
-    PutText(answer, 16, kTimeTextSize, result.GetTimeText());
-    PutI32(answer, 31, ToWire(result.GetCode()));
-    PutText(answer, 39, kMessageSize, result.GetMessage());
+    std::vector<unsigned char> answer(kTargetAnswerSize, 0);
+    FillTargetPowerAnswer(answer.data(), type, result.GetTargetPower(), result.GetTimeText().c_str(),
+                          ToWire(result.GetCode()), result.GetMessage());
     return answer;
+}
+
+void OutSocketWork::FillTargetPowerAnswer(unsigned char* answer, std::int32_t type, double power, const char* timeText,
+                                          std::int32_t code, const std::string& message) {
+    std::memset(answer, 0, kTargetAnswerSize);
+    const std::uint32_t size = static_cast<std::uint32_t>(kTargetAnswerSize);
+    std::memcpy(answer, &size, sizeof size);
+    std::memcpy(answer + 4, &type, sizeof type);
+    std::memcpy(answer + 8, &power, sizeof power);
+    std::memcpy(answer + 16, timeText, strnlen(timeText, kTimeTextSize - 1));
+    std::memcpy(answer + 31, &code, sizeof code);
+    std::memcpy(answer + 39, message.data(), std::min(message.size(), kMessageSize - 1));
 }
 
 // Only length and type carry meaning; the rest is zero, never stale memory.
@@ -270,15 +306,9 @@ void OutSocketWork::Serve() {
     // The answer is small and the connection's buffer empty, so it never
     // has to wait; a client that is gone costs the log line.
     const ssize_t sent = send(socket_, answer.data(), answer.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (sent < 1) {
-        LoggerLog::Limited(LoggerLog::kError, kTag, "Request answer not written",
-                           "Request data type " + std::to_string(type) + ", write socket failed. [" +
-                               std::to_string(errno) + "] socket[" + std::to_string(socket_) + "]");
-        Close();
-        return;
-    }
-    LoggerLog::Debug(kTag, "sent [" + std::to_string(sent) + "]");
+    LogServed(sent, type);
     Close();
+    if (sent < 1) return;
     ScheduleDatabase* database = ScheduleDatabase::GetInstance();
     if (sendAfter && database != nullptr) database->UpdateSentFlag();
 }
@@ -364,10 +394,55 @@ std::vector<unsigned char> OutSocketWork::ServeFixedSchedule(bool& sendAfter) {
     return FixedScheduleAnswer(*result);
 }
 
+// The request's type line of the log, for target power.
+const char* OutSocketWork::TypeLine(std::int32_t type) {
+    return type == kCurrentTargetPower ? "RequestDataType CurrentTargetPower [" : "RequestDataType NextTargetPower [";
+}
+
+TargetPowerSnapshot::Miss OutSocketWork::ServeFromSnapshot(const TargetPowerSnapshot::View* view) {
+    const std::int64_t now = SystemClock::NowMicroseconds();
+    const TargetPowerSnapshot::Miss miss = TargetPowerSnapshot::Covers(view, now);
+    if (miss != TargetPowerSnapshot::Miss::kNone) return miss;
+    const std::int32_t type = GetType();
+    if (!started_) {
+        started_ = true;
+        LogLine(LoggerLog::kDebug, "Execute");
+    }
+    if (LoggerLog::Writes(LoggerLog::kDebug)) LogLine(LoggerLog::kDebug, "%s%d]", TypeLine(type), socket_);
+    double capacity = 0.0;
+    std::memcpy(&capacity, Parameters(), sizeof capacity);
+    if (LoggerLog::Writes(LoggerLog::kDebug)) {
+        char text[kCapacityTextSize];
+        std::snprintf(text, sizeof text, "%f", capacity);
+        LogLine(LoggerLog::kDebug, "TargetPower Param capacity [%s]", text);
+    }
+    const TargetPowerSnapshot::Answer result = TargetPowerSnapshot::Compute(*view, now, type, capacity);
+    unsigned char answer[kTargetAnswerSize];
+    FillTargetPowerAnswer(answer, type, result.power, result.timeText, ToWire(result.code),
+                          result.code == TargetPowerResult::Code::kSuccess ? kNoMessage()
+                                                                           : RateControl::FailureMessage(result.code));
+    const ssize_t sent = send(socket_, answer, sizeof answer, MSG_NOSIGNAL | MSG_DONTWAIT);
+    LogServed(sent, type);
+    Close();
+    return miss;
+}
+
+// The line after an answer was written, or the failure to write it.
+void OutSocketWork::LogServed(ssize_t sent, std::int32_t type) {
+    if (sent < 1) {
+        const int error = errno;
+        LoggerLog::Limited(LoggerLog::kError, kTag, "Request answer not written",
+                           "Request data type " + std::to_string(type) + ", write socket failed. [" +
+                               std::to_string(error) + "] socket[" + std::to_string(socket_) + "]");
+        return;
+    }
+    if (LoggerLog::Writes(LoggerLog::kDebug)) LogLine(LoggerLog::kDebug, "sent [%zd]", sent);
+}
+
 std::vector<unsigned char> OutSocketWork::ServeTargetPower(std::int32_t type) {
     double capacity = 0.0;
     std::memcpy(&capacity, Parameters(), sizeof capacity);
-    char text[64];
+    char text[kCapacityTextSize];
     std::snprintf(text, sizeof text, "%f", capacity);
     LoggerLog::Debug(kTag, std::string("TargetPower Param capacity [") + text + "]");
     RateControl control;

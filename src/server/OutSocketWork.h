@@ -8,17 +8,23 @@
 // which may wait on the network, to its flow workers. A work item on its own (Execute without a prior read)
 // reads its request itself, waiting up to the socket time-out.
 //
+// A target power request whose answer the target power snapshot holds is
+// answered by the accepting thread itself (ServeFromSnapshot), with the
+// same answer and log lines as a worker gives.
+//
 // Not thread-safe: one thread at a time owns a work item.
 #ifndef BRVO_SERVER_OUTSOCKETWORK_H
 #define BRVO_SERVER_OUTSOCKETWORK_H
 
 #include "client/Request.h"
+#include "schedule/TargetPowerSnapshot.h"
 
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 namespace brvo {
@@ -97,6 +103,13 @@ public:
     // successful update whose answer went out, forwards the new schedule to
     // the logger daemon. A request of unknown type gets no answer.
     void Serve();
+    // Answers the target power request read so far from `view` (see
+    // TargetPowerSnapshot) when the view covers it: the answer and log lines
+    // Serve would give, built in fixed buffers (no heap allocation but what
+    // the log keeps), then closes the connection. When the view does not
+    // cover it, does nothing and returns why; a worker then serves it.
+    TargetPowerSnapshot::Miss ServeFromSnapshot(const TargetPowerSnapshot::View* view);
+
     // Reads the request (unless already read), waiting up to the socket
     // time-out, then serves it as Serve does.
     void Execute() override;
@@ -112,6 +125,11 @@ public:
     static std::vector<unsigned char> FixedScheduleAnswer(const UpdateResult& result);
     static std::vector<unsigned char> TargetPowerAnswer(std::int32_t type, const TargetPowerResult& result);
     static std::vector<unsigned char> FlushAnswer();
+    // Writes the target power answer into the kTargetAnswerSize bytes at
+    // `answer`: power, slot start `timeText` (at most 14 bytes taken),
+    // result `code` and `message` (at most 127 bytes taken), the rest zero.
+    static void FillTargetPowerAnswer(unsigned char* answer, std::int32_t type, double power, const char* timeText,
+                                      std::int32_t code, const std::string& message);
 
 protected:
     ~OutSocketWork() override;
@@ -127,6 +145,8 @@ private:
     bool ReadUntilDeadline();
     const unsigned char* Parameters() const { return request_ + kHeaderSize; }
     std::string Tag(const std::string& text) const;
+    void LogServed(ssize_t sent, std::int32_t type);
+    static const char* TypeLine(std::int32_t type);
 
     static std::atomic<int> openCount_;
 

@@ -1,10 +1,14 @@
 #include "server/OutputcontrolServer.h"
 
 #include "client/Channel.h"
+#include "schedule/TargetPowerSnapshot.h"
 #include "server/OutSocketWork.h"
+#include "server/SnapshotRebuild.h"
 #include "settings/LoggerSettingManager.h"
+#include "util/FileChangeWatch.h"
 #include "util/FileUtil.h"
 #include "util/LoggerLog.h"
+#include "util/SystemClock.h"
 
 #include <Poco/Mutex.h>
 #include <Poco/Thread.h>
@@ -65,7 +69,8 @@ bool SocketAddress(const std::string& path, sockaddr_un& address) {
 
 OutputcontrolServer::OutputcontrolServer()
     : channel_(new Channel(kWorkerCount)), answerChannel_(new Channel(kAnswerWorkerCount)), listenSocket_(-1),
-      stopping_(false), connectionCap_(0), epoll_(-1), spare_(-1), shed_(0), shedLogged_(false) {
+      stopping_(false), connectionCap_(0), epoll_(-1), spare_(-1), shed_(0), shedLogged_(false), watchEpoll_(-1),
+      rebuildPending_(false) {
     channel_->StartWorkers();
     answerChannel_->StartWorkers();
     LoggerLog::Debug(kTag, "StartWorkers done");
@@ -114,6 +119,8 @@ void OutputcontrolServer::run() {
     if (epoll_ < 0 || epoll_ctl(epoll_, EPOLL_CTL_ADD, socket, &listening) != 0) {
         LoggerLog::Fatal(kTag, "epoll failed. [" + std::to_string(errno) + "]");
     } else {
+        WatchSettings();
+        RequestRebuild();
         ServeLoop(socket);
     }
     // Connections still coming in are closed unanswered when serving ends.
@@ -122,6 +129,8 @@ void OutputcontrolServer::run() {
     if (epoll_ >= 0) close(epoll_);
     if (spare_ >= 0) close(spare_);
     epoll_ = spare_ = -1;
+    if (watchEpoll_ >= 0) close(watchEpoll_);
+    watchEpoll_ = -1;
 }
 
 // False when listen failed, with `failure` naming the path and both
@@ -161,7 +170,10 @@ bool OutputcontrolServer::BindAndListen(int socket, std::string& failure) {
 // changed setting takes effect; ends when an accept fails for good.
 void OutputcontrolServer::ServeLoop(int socket) {
     epoll_event events[kMaxEvents];
+    TargetPowerSnapshot& snapshot = TargetPowerSnapshot::Instance();
     while (!stopping_) {
+        // No view is held here: the views retired so far can go.
+        snapshot.Reclaim();
         const int ready = epoll_wait(epoll_, events, kMaxEvents, WaitMs());
         if (ready == -1) {
             LoggerLog::Debug(kTag, "select error continue");
@@ -291,18 +303,80 @@ void OutputcontrolServer::ReadRequest(int fd) {
     }
 }
 
-// A complete request: schedule flows go to the flow workers, target power
-// and flushes to the answer workers; a request of unknown type is closed
-// here, unanswered.
+// A complete request: target power the snapshot covers is answered here;
+// schedule flows go to the flow workers, other target power and flushes to
+// the answer workers; a request of unknown type is closed here, unanswered.
 void OutputcontrolServer::Dispatch(Poco::AutoPtr<OutSocketWork> work) {
     const std::int32_t type = work->GetType();
     if (!OutSocketWork::IsFlow(type) && !OutSocketWork::IsAnswer(type)) {
         work->Refuse();
         return;
     }
+    if ((type == OutSocketWork::kCurrentTargetPower || type == OutSocketWork::kNextTargetPower) &&
+        AnswerFromSnapshot(*work)) {
+        return;
+    }
     Poco::Mutex::ScopedLock lock(ConnectionMutex());
     work->duplicate();
     (OutSocketWork::IsFlow(type) ? channel_ : answerChannel_)->Enqueue(work.get());
+}
+
+// True when the snapshot answered the request. Otherwise a rebuild is
+// queued when the view is missing, stale or past its slot boundary, or
+// unusable for longer than its retry time.
+bool OutputcontrolServer::AnswerFromSnapshot(OutSocketWork& work) {
+    // Without the watch's reports the loop could not tell a view gone
+    // stale: every request then goes to the workers.
+    if (watchEpoll_ < 0) return false;
+    TakeWatchReports();
+    const TargetPowerSnapshot::View* view = TargetPowerSnapshot::Instance().Current();
+    const TargetPowerSnapshot::Miss miss = work.ServeFromSnapshot(view);
+    if (miss == TargetPowerSnapshot::Miss::kNone) return true;
+    if (miss != TargetPowerSnapshot::Miss::kUnusable || SystemClock::NowMicroseconds() >= view->retryAfterMicros) {
+        RequestRebuild();
+    }
+    return false;
+}
+
+// Queues a rebuild of the snapshot to the answer workers unless one is
+// queued or running.
+void OutputcontrolServer::RequestRebuild() {
+    if (rebuildPending_.exchange(true, std::memory_order_acq_rel)) return;
+    answerChannel_->Enqueue(new SnapshotRebuild(rebuildPending_));
+}
+
+// An epoll set of the settings watch's two descriptors, asked without
+// waiting before each answer from the snapshot. It cannot be the loop's own
+// set: a connection accepted in the same round as one before it may come
+// from a client that changed a setting after the round's wait returned,
+// and the change must count before its answer. Left unset (no answers from
+// the snapshot) when it cannot be made.
+void OutputcontrolServer::WatchSettings() {
+    int inotify = -1;
+    int mounts = -1;
+    FileChangeWatch::Instance().Descriptors(inotify, mounts);
+    if (inotify < 0 || mounts < 0) return;
+    const int watch = epoll_create1(EPOLL_CLOEXEC);
+    epoll_event event = {};
+    event.events = EPOLLIN;
+    event.data.fd = inotify;
+    bool added = watch >= 0 && epoll_ctl(watch, EPOLL_CTL_ADD, inotify, &event) == 0;
+    event.events = EPOLLPRI;
+    event.data.fd = mounts;
+    added = added && epoll_ctl(watch, EPOLL_CTL_ADD, mounts, &event) == 0;
+    if (added) {
+        watchEpoll_ = watch;
+    } else if (watch >= 0) {
+        close(watch);
+    }
+}
+
+// Counts a report of the settings watch that no reader has taken yet
+// (reports stay queued until the settings readers take them; a mount is
+// reported once), so that the view read before it no longer answers.
+void OutputcontrolServer::TakeWatchReports() {
+    epoll_event events[2];
+    if (epoll_wait(watchEpoll_, events, 2, 0) > 0) FileChangeWatch::Instance().NoteReported();
 }
 
 // Closes, unanswered, the connections whose request did not arrive within

@@ -10,6 +10,17 @@
 // power never waits behind a flow; and a select that waits on a database
 // locked by another process holds up answer workers, never the accepting.
 //
+// Target power is answered on the server thread itself whenever the target
+// power snapshot covers the request (see TargetPowerSnapshot for when it
+// does): no file, no statement, no lock a flow may hold. Before each such
+// answer the settings watch's descriptors are asked, without waiting,
+// whether a change was reported that no reader took yet; one counts at
+// once. A request the snapshot does not cover goes to the answer workers
+// as before, and the server queues a rebuild of the snapshot to them (one
+// at a time): at the start, and when a view stopped covering. Retired
+// views are freed at the top of each round of the loop, where it holds
+// none.
+//
 // Open connections are capped below the descriptor limit; past the cap the
 // oldest connection still sending its request is closed, and one spare
 // descriptor lets accept shed a connection even when the process has none
@@ -115,6 +126,10 @@ private:
     bool ShedOldest();
     void ShedWithSpare(int socket);
     void NoteShed();
+    void WatchSettings();
+    void TakeWatchReports();
+    void RequestRebuild();
+    bool AnswerFromSnapshot(OutSocketWork& work);
 
     Channel* channel_;
     Channel* answerChannel_;
@@ -134,6 +149,10 @@ private:
     int shed_;
     Poco::Clock lastShedLine_;
     bool shedLogged_;
+    // The epoll set of the settings watch's descriptors; -1 when none.
+    int watchEpoll_;
+    // Set while a snapshot rebuild is queued or running.
+    std::atomic<bool> rebuildPending_;
 };
 
 } // namespace brvo

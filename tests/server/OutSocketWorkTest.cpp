@@ -3,6 +3,7 @@
 #include "database/ScheduleDatabase.h"
 #include "schedule/ScheduleUpdateManager.h"
 #include "schedule/TargetPowerResult.h"
+#include "schedule/TargetPowerSnapshot.h"
 #include "schedule/UpdateResult.h"
 #include "settings/LoggerSettingManager.h"
 #include "settings/SystemSettingXmlManager.h"
@@ -367,6 +368,138 @@ TEST_F(OutSocketWorkTest, UpdateScheduleStoresAndForwardsAfterAnswering) {
     // The update alarm waits for the stored next update time.
     ASSERT_NE(nullptr, ScheduleUpdateManager::GetInstance()->GetScheduleUpdateTime());
     EXPECT_EQ(tomorrow, ScheduleUpdateManager::GetInstance()->GetScheduleUpdateTime()->EpochSeconds());
+}
+
+// What a log line says, without its time and thread: "[mark] tag message",
+// for the lines of the request (this class and RateControl).
+std::vector<std::string> RequestLines(const std::vector<std::string>& lines) {
+    std::vector<std::string> kept;
+    for (const std::string& line : lines) {
+        const std::size_t mark = line.find(" UTC] ");
+        if (mark == std::string::npos) continue;
+        const std::size_t thread = line.find("] [", mark + 6);
+        if (thread == std::string::npos) continue;
+        const std::size_t tag = line.find("] ", thread + 3);
+        if (tag == std::string::npos) continue;
+        const std::string said = line.substr(mark + 6, thread + 2 - (mark + 6)) + line.substr(tag + 2);
+        if (said.find("] OutputcontrolServer ") != std::string::npos ||
+            said.find("] RateControl ") != std::string::npos) {
+            kept.push_back(said);
+        }
+    }
+    return kept;
+}
+
+// Reads everything `peer` gets until the other end closes, then closes it.
+std::string ReadAll(int peer) {
+    std::string answer;
+    char buffer[512];
+    for (;;) {
+        pollfd in = {peer, POLLIN, 0};
+        if (poll(&in, 1, 2000) <= 0) break;
+        const ssize_t n = read(peer, buffer, sizeof buffer);
+        if (n <= 0) break;
+        answer.append(buffer, static_cast<std::size_t>(n));
+    }
+    close(peer);
+    return answer;
+}
+
+class TargetPowerPathsTest : public OutSocketWorkTest {
+protected:
+    void SetUp() override {
+        OutSocketWorkTest::SetUp();
+        test::WriteFile(test::SystemSettingPath(),
+                        "<logger><general><outputControlPlantId>PLANT1</outputControlPlantId></general>"
+                        "<channelList><channel><addressList><address><type>HouseHoldSolarPowerGeneration</type>"
+                        "<deviceSettingFile>pv</deviceSettingFile></address></addressList></channel>"
+                        "</channelList></logger>");
+        test::WriteFile(test::FixedPath("/usr/local/etc/kestrovanyx/DeviceXML/pv.xml"),
+                        "<lggrdev:EchonetLiteDevices xmlns:lggrdev=\"urn:x\"><lggrdev:Device>"
+                        "<lggrdev:Properties><lggrdev:Property><lggrdev:Variables>"
+                        "<lggrdev:VariableInfo Name=\"Limit\" Value0=\"10\" Value100=\"90\" ValueMin=\"3\"/>"
+                        "</lggrdev:Variables></lggrdev:Property></lggrdev:Properties>"
+                        "</lggrdev:Device></lggrdev:EchonetLiteDevices>");
+        ScheduleDatabase::CreateInstance();
+    }
+
+    void TearDown() override {
+        TargetPowerSnapshot::Instance().Reclaim();
+        OutSocketWorkTest::TearDown();
+    }
+
+    // The answer to `request` from the snapshot's view, or empty when the
+    // view does not cover it.
+    static std::string ServeFast(const std::string& request) {
+        int pair[2];
+        EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, pair));
+        EXPECT_EQ(static_cast<ssize_t>(request.size()), write(pair[0], request.data(), request.size()));
+        Poco::AutoPtr<OutSocketWork> work(new OutSocketWork(pair[1]));
+        EXPECT_EQ(OutSocketWork::kRead, work->ReadAvailable());
+        const TargetPowerSnapshot::Miss miss = work->ServeFromSnapshot(TargetPowerSnapshot::Instance().Current());
+        EXPECT_EQ(TargetPowerSnapshot::Miss::kNone, miss);
+        if (miss != TargetPowerSnapshot::Miss::kNone) {
+            close(pair[0]);
+            return std::string();
+        }
+        EXPECT_EQ(-1, work->GetSocket());
+        return ReadAll(pair[0]);
+    }
+
+    // Serves `request` both ways, the log written anew before each (so that
+    // a line held to one a period shows both times); expects the same
+    // answer and lines, and returns the answer.
+    static std::string ServeBothWays(const std::string& request) {
+        const std::size_t before = RequestLines(test::FlushedLogLines()).size();
+        const std::string fast = ServeFast(request);
+        std::vector<std::string> fastLines = RequestLines(test::FlushedLogLines());
+        const std::string worker = Serve(request);
+        std::vector<std::string> workerLines = RequestLines(test::FlushedLogLines());
+        workerLines.erase(workerLines.begin(), workerLines.begin() + static_cast<std::ptrdiff_t>(fastLines.size()));
+        fastLines.erase(fastLines.begin(), fastLines.begin() + static_cast<std::ptrdiff_t>(before));
+        EXPECT_EQ(worker, fast);
+        EXPECT_EQ(workerLines, fastLines);
+        EXPECT_LE(4u, workerLines.size());
+        return worker;
+    }
+
+    static std::string Capacity(double capacity) {
+        std::string text(8, '\0');
+        std::memcpy(&text[0], &capacity, 8);
+        return text;
+    }
+};
+
+// The event loop's answers and log lines are the workers', byte for byte:
+// success through the inverter's scale and floor, a capacity too wide for
+// its log field, no slot, and no plant ID.
+TEST_F(TargetPowerPathsTest, SnapshotAnswersAndLogsAsTheWorkerPath) {
+    const std::int64_t slot0 = TimeStamp().EpochSeconds() / 1800 * 1800;
+    ScheduleRow current;
+    current.time = slot0;
+    current.controlRate = 50;
+    ScheduleRow next = current;
+    next.time = slot0 + 1800;
+    next.controlRate = 33;
+    ASSERT_TRUE(ScheduleDatabase::GetInstance()->InsertUpdateSchedule({current, next}));
+    TargetPowerSnapshot::Instance().Rebuild();
+    for (const double capacity : {5.5, 0.0, 1e300}) {
+        for (const std::int32_t type : {6, 7}) {
+            SCOPED_TRACE(std::to_string(type) + " " + std::to_string(capacity));
+            const std::string answer = ServeBothWays(Request(type, Capacity(capacity)));
+            ASSERT_EQ(167u, answer.size());
+            EXPECT_EQ(0, WordAt(answer, 31));
+        }
+    }
+
+    ASSERT_TRUE(ScheduleDatabase::GetInstance()->DeleteAll());
+    EXPECT_EQ(5, WordAt(ServeBothWays(Request(7, Capacity(10.0))), 31));
+
+    test::WriteFile(test::SystemSettingPath(), "<logger><general></general></logger>");
+    TargetPowerSnapshot::Instance().Rebuild();
+    const std::string noPlant = ServeBothWays(Request(6, Capacity(10.0)));
+    EXPECT_EQ(11, WordAt(noPlant, 31));
+    EXPECT_EQ(Field("Plantid not found.", 128), noPlant.substr(39));
 }
 
 } // namespace

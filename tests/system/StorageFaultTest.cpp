@@ -279,23 +279,19 @@ TEST_F(StorageFaultTest, GarbageTableFileIsReportedAndLeftAlone) {
     EXPECT_TRUE(daemon_.Running());
 }
 
-TEST_F(StorageFaultTest, LockedTableIsWaitedForAndUsedAfterRelease) {
+TEST_F(StorageFaultTest, LockedTableHoldsUpNoAnswerAndIsWrittenAfterRelease) {
     StartWithStoredSchedule();
     if (HasFatalFailure()) return;
     const int heldMs = static_cast<int>(1000 * test::TimeScale());
 
-    // A reader waits for the lock to go.
-    TableLock readLock(test::kScheduleDbFile);
-    std::future<std::string> power =
-        std::async(std::launch::async, [] { return Ask(test::kCurrentTargetPowerRequest, Capacity(10.0)); });
-    EXPECT_EQ(std::future_status::timeout, power.wait_for(std::chrono::milliseconds(heldMs)));
-    readLock.Release();
-    const std::string answer = power.get();
-    ASSERT_EQ(test::kTargetPowerAnswerSize, answer.size());
-    EXPECT_EQ(0, WordAt(answer, 31));
-    EXPECT_DOUBLE_EQ(10.0 * kRate / 100.0, PowerOf(answer));
+    // Target power is answered from memory while the lock is held (a read
+    // of the table would wait 60 s for it, past the silence allowed here).
+    {
+        TableLock readLock(test::kScheduleDbFile);
+        ExpectCurrentTargetPower(kRate, 20000);
+    }
 
-    // So does a writer, and its rows are stored once the lock is gone.
+    // A writer waits for the lock, and its rows are stored once it is gone.
     std::unique_ptr<HttpTestServer> server = Server(25);
     TableLock writeLock(test::kScheduleDbFile);
     std::future<std::string> update = std::async(std::launch::async, [] { return Ask(test::kUpdateScheduleRequest); });
@@ -308,18 +304,23 @@ TEST_F(StorageFaultTest, LockedTableIsWaitedForAndUsedAfterRelease) {
     ExpectCurrentTargetPower(25);
 }
 
-// A lock held past the 60 s busy time-out of the session fails the read
-// with the defined answer; once the lock is gone, reads work again. The
-// daemon's clock runs 100 times faster, so the time-out passes in 0.6 s.
-TEST_F(StorageFaultTest, LockHeldPastTheBusyTimeOutFailsTheRead) {
+// A lock held past the 60 s busy time-out of the session fails the write
+// with the defined answer; once the lock is gone, writes work again. The
+// daemon's clock runs 100 times faster, so the time-out passes in 0.6 s
+// (and a slot in 18 s: whether target power is answered from memory under
+// the lock is tested at the real pace, above).
+TEST_F(StorageFaultTest, LockHeldPastTheBusyTimeOutFailsTheWrite) {
     StartWithStoredSchedule(test::kScheduleDbFile, FastClock());
     if (HasFatalFailure()) return;
     {
         TableLock lock(test::kScheduleDbFile);
-        ExpectNoTargetPower();
-        EXPECT_TRUE(Logged("E", "ScheduleDatabase", "Select error. ["));
+        std::unique_ptr<HttpTestServer> server = Server(25);
+        ExpectDatabaseUpdateError();
+        EXPECT_TRUE(Logged("E", "ScheduleDatabase", "Insert Update Schedule error. ["));
     }
-    ExpectCurrentTargetPower();
+    std::unique_ptr<HttpTestServer> server = Server(25);
+    EXPECT_EQ(kSuccess, Ask(test::kUpdateScheduleRequest));
+    ExpectCurrentTargetPower(25);
     EXPECT_TRUE(daemon_.Running());
 }
 

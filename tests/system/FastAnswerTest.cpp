@@ -1,0 +1,190 @@
+// The real pvocd answering target power from memory on its accepting
+// thread: a settings change reaches the very next answer, a slot boundary
+// passed under a faked clock gives the new slot's answer, and a table that
+// another process holds locked, or that cannot be opened at all, holds up
+// no answer.
+#include "support/ChildProcess.h"
+#include "support/DaemonClient.h"
+#include "support/SqliteFile.h"
+#include "support/StoredSchedule.h"
+#include "support/TestFiles.h"
+#include "util/TimeStamp.h"
+
+#include <gtest/gtest.h>
+
+#include <sqlite3.h>
+
+#include <csignal>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace brvo {
+namespace {
+
+using test::Ask;
+using test::Capacity;
+using test::Field;
+using test::PowerOf;
+using test::WordAt;
+
+const std::string kPlant = "00000000000000000000000555";
+const std::int64_t kSlotSeconds = 1800;
+const std::string kDevicePath = "/usr/local/etc/kestrovanyx/DeviceXML/pv.xml";
+// Long enough for any answer on a slow machine, far shorter than the
+// 60 s a read waits for a table's lock.
+const int kAnswerWithinMs = 20000;
+
+class FastAnswerTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>"
+                                 "<OutputControlSocketTimeout>10</OutputControlSocketTimeout>");
+        WriteSystemSetting(kPlant);
+        WriteDevice(0);
+    }
+
+    void TearDown() override {
+        if (daemon_.Running()) {
+            daemon_.Signal(SIGTERM);
+            daemon_.WaitExit(5000 * static_cast<int>(test::TimeScale()));
+        }
+    }
+
+    // Stand-alone (nothing is fetched), with the household solar unit's
+    // description in pv.xml.
+    static void WriteSystemSetting(const std::string& plantId) {
+        test::WriteFile(test::SystemSettingPath(),
+                        "<logger><general><outputControlPlantId>" + plantId +
+                            "</outputControlPlantId><outputControlStandAlone>1</outputControlStandAlone></general>"
+                            "<channelList><channel><addressList><address><type>HouseHoldSolarPowerGeneration</type>"
+                            "<deviceSettingFile>pv</deviceSettingFile></address></addressList></channel>"
+                            "</channelList></logger>");
+    }
+
+    static void WriteDevice(int valueMin) {
+        test::WriteFile(kDevicePath, "<lggrdev:EchonetLiteDevices xmlns:lggrdev=\"urn:x\"><lggrdev:Device>"
+                                     "<lggrdev:Properties><lggrdev:Property><lggrdev:Variables>"
+                                     "<lggrdev:VariableInfo Name=\"Limit\" Value0=\"0\" Value100=\"100\" ValueMin=\"" +
+                                         std::to_string(valueMin) +
+                                         "\"/></lggrdev:Variables></lggrdev:Property></lggrdev:Properties>"
+                                         "</lggrdev:Device></lggrdev:EchonetLiteDevices>");
+    }
+
+    // Slots from two before `slot0` to two after it, rate 10 + 10 per slot.
+    static void StoreAround(std::int64_t slot0) {
+        std::vector<std::pair<std::int64_t, int>> slots;
+        for (int k = -2; k <= 2; ++k) slots.emplace_back(slot0 + k * kSlotSeconds, 30 + 10 * k);
+        test::StoreSchedule(kPlant, slots);
+    }
+
+    static std::string AskCurrent(double capacity = 100.0) {
+        return Ask(test::kCurrentTargetPowerRequest, Capacity(capacity), kAnswerWithinMs);
+    }
+
+    void Start(const std::map<std::string, std::string>& env = {}) {
+        ASSERT_TRUE(test::StartDaemon(daemon_, test::kDaemonOutput, env));
+    }
+
+    test::ChildProcess daemon_;
+};
+
+TEST_F(FastAnswerTest, SettingsChangeReachesTheNextAnswer) {
+    StoreAround(TimeStamp().EpochSeconds() / kSlotSeconds * kSlotSeconds);
+    Start();
+    if (HasFatalFailure()) return;
+    std::string answer = AskCurrent();
+    ASSERT_EQ(test::kTargetPowerAnswerSize, answer.size());
+    EXPECT_EQ(0, WordAt(answer, 31));
+    EXPECT_DOUBLE_EQ(30.0, PowerOf(answer));
+
+    // A floor above the rate: the very next answer has it.
+    WriteDevice(45);
+    answer = AskCurrent();
+    ASSERT_EQ(test::kTargetPowerAnswerSize, answer.size());
+    EXPECT_DOUBLE_EQ(45.0, PowerOf(answer));
+    answer = AskCurrent();
+    EXPECT_DOUBLE_EQ(45.0, PowerOf(answer));
+
+    WriteSystemSetting("");
+    answer = AskCurrent(7.0);
+    ASSERT_EQ(test::kTargetPowerAnswerSize, answer.size());
+    EXPECT_EQ(11, WordAt(answer, 31));
+    EXPECT_DOUBLE_EQ(7.0, PowerOf(answer));
+    EXPECT_EQ(Field("Plantid not found.", 128), answer.substr(39));
+
+    WriteSystemSetting(kPlant);
+    answer = AskCurrent();
+    EXPECT_EQ(0, WordAt(answer, 31));
+    EXPECT_DOUBLE_EQ(45.0, PowerOf(answer));
+}
+
+// The daemon's clock stands ten seconds before a slot boundary, then is
+// set past it: the view of the old slot no longer answers, and the answer
+// is the new slot's.
+TEST_F(FastAnswerTest, SlotBoundaryPassedGivesTheNewSlot) {
+    const std::int64_t slot0 = (TimeStamp().EpochSeconds() / kSlotSeconds - 48) * kSlotSeconds;
+    StoreAround(slot0);
+    const std::string clockFile = "/tmp/fast-answer-clock";
+    const auto setClock = [&](std::int64_t seconds) {
+        test::ChildProcess::SetFakeTime(clockFile,
+                                        "@" + TimeStamp::FromEpochSeconds(seconds)->Format("%Y-%m-%d %H:%M:%S"));
+    };
+    setClock(slot0 + kSlotSeconds - 10);
+    std::map<std::string, std::string> env = test::ChildProcess::FakeTimeFileEnv(clockFile);
+    env["TZ"] = "UTC";
+    Start(env);
+    if (HasFatalFailure()) return;
+    std::string answer = AskCurrent();
+    ASSERT_EQ(test::kTargetPowerAnswerSize, answer.size());
+    EXPECT_EQ(Field(TimeStamp::FromEpochSeconds(slot0)->FormatCompact(), 15), answer.substr(16, 15));
+    EXPECT_DOUBLE_EQ(30.0, PowerOf(answer));
+
+    setClock(slot0 + kSlotSeconds + 5);
+    answer = AskCurrent();
+    ASSERT_EQ(test::kTargetPowerAnswerSize, answer.size());
+    EXPECT_EQ(Field(TimeStamp::FromEpochSeconds(slot0 + kSlotSeconds)->FormatCompact(), 15), answer.substr(16, 15));
+    EXPECT_DOUBLE_EQ(40.0, PowerOf(answer));
+    answer = Ask(test::kNextTargetPowerRequest, Capacity(100.0), kAnswerWithinMs);
+    EXPECT_DOUBLE_EQ(50.0, PowerOf(answer));
+}
+
+// Another process holds the table's exclusive lock (a read would wait 60 s
+// for it): the answers come from memory all the same.
+TEST_F(FastAnswerTest, LockedTableHoldsUpNoAnswer) {
+    StoreAround(TimeStamp().EpochSeconds() / kSlotSeconds * kSlotSeconds);
+    Start();
+    if (HasFatalFailure()) return;
+    ASSERT_EQ(0, WordAt(AskCurrent(), 31));
+    sqlite3* db = nullptr;
+    ASSERT_EQ(SQLITE_OK, sqlite3_open_v2(test::kScheduleDbFile, &db, SQLITE_OPEN_READWRITE, nullptr));
+    ASSERT_EQ(SQLITE_OK, sqlite3_exec(db, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr));
+    for (int i = 0; i < 20; ++i) {
+        const std::string answer = AskCurrent();
+        ASSERT_EQ(test::kTargetPowerAnswerSize, answer.size()) << "request " << i << " waited for the lock";
+        EXPECT_EQ(0, WordAt(answer, 31));
+        EXPECT_DOUBLE_EQ(30.0, PowerOf(answer));
+    }
+    // A settings change needs no read of the table either.
+    WriteDevice(45);
+    EXPECT_DOUBLE_EQ(45.0, PowerOf(AskCurrent()));
+    EXPECT_EQ(SQLITE_OK, sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr));
+    sqlite3_close(db);
+}
+
+// A table that cannot be opened (a directory stands at its path): code 5
+// at once, every time.
+TEST_F(FastAnswerTest, UnopenableTableAnswersNoSlotAtOnce) {
+    test::WriteFile(std::string(test::kScheduleDbFile) + "/.keep", "");
+    Start();
+    if (HasFatalFailure()) return;
+    for (int i = 0; i < 5; ++i) {
+        const std::string answer = AskCurrent();
+        ASSERT_EQ(test::kTargetPowerAnswerSize, answer.size());
+        EXPECT_EQ(5, WordAt(answer, 31));
+        EXPECT_EQ(Field("can not get.", 128), answer.substr(39));
+    }
+}
+
+} // namespace
+} // namespace brvo
