@@ -8,6 +8,11 @@
 // and after the requests, and its CPU use while idle. A second reference, the
 // hand-off floor, does the floor's work behind pvocd's own design (an
 // accepting thread handing connections to a pool of workers).
+//
+// With --stalled-port P it measures only pvocd, while schedule flows wait
+// on a schedule server that never answers (this tool listens on
+// 127.0.0.1:P; pvocd's settings must point there) and idle clients hold
+// connections that never send a request.
 #include <Poco/AutoPtr.h>
 #include <Poco/Notification.h>
 #include <Poco/NotificationQueue.h>
@@ -26,6 +31,7 @@
 #include <iostream>
 #include <iterator>
 #include <memory>
+#include <netinet/in.h>
 #include <poll.h>
 #include <string>
 #include <sys/select.h>
@@ -315,6 +321,97 @@ void Print(const char* name, int clients, const Result& r) {
                 r.perSecond, r.p50, r.p99, r.max, r.failures > 0 ? "  (failures!)" : "");
 }
 
+// A schedule server that takes connections and never answers: a flow sent
+// to it waits until the server goes (and closes them).
+class StalledServer {
+public:
+    explicit StalledServer(int port) : fd_(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0)), stop_(false) {
+        const int on = 1;
+        setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+        sockaddr_in address;
+        std::memset(&address, 0, sizeof address);
+        address.sin_family = AF_INET;
+        address.sin_port = htons(static_cast<std::uint16_t>(port));
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        if (bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || listen(fd_, 16) != 0) {
+            std::cerr << "pvoc-load: cannot listen on 127.0.0.1:" << port << std::endl;
+        }
+        thread_ = std::thread([this] { Accept(); });
+    }
+
+    ~StalledServer() {
+        stop_ = true;
+        thread_.join();
+        for (const int client : clients_) close(client);
+        close(fd_);
+    }
+
+    // Connections taken so far.
+    int Accepted() const { return accepted_; }
+
+private:
+    void Accept() {
+        while (!stop_) {
+            pollfd wait = {fd_, POLLIN, 0};
+            if (poll(&wait, 1, 50) <= 0) continue;
+            const int client = accept(fd_, nullptr, nullptr);
+            if (client < 0) continue;
+            clients_.push_back(client);
+            ++accepted_;
+        }
+    }
+
+    int fd_;
+    std::atomic<bool> stop_;
+    std::atomic<int> accepted_{0};
+    std::vector<int> clients_;
+    std::thread thread_;
+};
+
+// A connection to `path` that has sent `bytes` and waits; -1 when it
+// could not connect.
+int OpenHeld(const std::string& path, const std::string& bytes) {
+    sockaddr_un address;
+    if (!Address(path, address)) return -1;
+    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    if (fd < 0) return -1;
+    if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+        (!bytes.empty() && send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(bytes.size()))) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+// Measures pvocd from 1 and 16 clients while `flows` UpdateSchedule
+// requests wait on a stalled schedule server at `port` and `idle` clients
+// hold connections without a request. False when the flows did not reach
+// the server or a request failed.
+bool DriveHeld(const std::string& path, int port, int flows, int idle, int count) {
+    StalledServer stalled(port);
+    std::vector<int> held;
+    for (int i = 0; i < idle; ++i) held.push_back(OpenHeld(path, std::string()));
+    unsigned char update[8] = {0};
+    const std::int32_t length = 8;
+    const std::int32_t type = 2;
+    std::memcpy(update, &length, 4);
+    std::memcpy(update + 4, &type, 4);
+    for (int i = 0; i < flows; ++i) held.push_back(OpenHeld(path, std::string(update, update + sizeof update)));
+    for (int i = 0; i < 100 && stalled.Accepted() < flows; ++i) usleep(100000);
+    bool ok = stalled.Accepted() >= flows;
+    if (!ok) std::cerr << "pvoc-load: only " << stalled.Accepted() << " flow(s) reached the stalled server\n";
+    std::printf("with %d flows waiting on a stalled server and %d idle clients:\n", flows, idle);
+    for (int clients : {1, 16}) {
+        const Result daemon = Drive(path, clients, count);
+        Print("pvocd", clients, daemon);
+        ok = ok && daemon.failures == 0;
+    }
+    for (const int fd : held) {
+        if (fd >= 0) close(fd);
+    }
+    return ok;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -323,6 +420,7 @@ int main(int argc, char** argv) {
     int pid = 0;
     int idleSeconds = 60;
     double readySince = 0;
+    int stalledPort = 0;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         if (arg == "--socket" && i + 1 < argc) {
@@ -335,14 +433,19 @@ int main(int argc, char** argv) {
             idleSeconds = std::max(0, std::atoi(argv[++i]));
         } else if (arg == "--started-at" && i + 1 < argc) {
             readySince = std::atof(argv[++i]);
+        } else if (arg == "--stalled-port" && i + 1 < argc) {
+            stalledPort = std::atoi(argv[++i]);
         } else {
             std::cerr << "usage: pvoc-load [--socket PATH] [--count N] [--pid PID [--started-at T] [--idle S]]\n"
+                         "       pvoc-load [--socket PATH] [--count N] --stalled-port P\n"
                          "Sends N CurrentTargetPower requests from 1, 4 and 16 clients to pvocd and to\n"
                          "a minimal floor server, and prints both and their ratio. With the daemon's\n"
                          "PID it also prints its start-up time (from T, the EPOCHREALTIME of its exec,\n"
                          "to the socket accepting), its resident memory after start and after the\n"
                          "requests, then its CPU use and memory over S idle seconds (default 60; 0\n"
-                         "skips them).\n";
+                         "skips them). With --stalled-port it measures pvocd alone from 1 and 16\n"
+                         "clients while 3 UpdateSchedule requests wait on a schedule server at\n"
+                         "127.0.0.1:P that never answers and 100 clients hold idle connections.\n";
             return 2;
         }
     }
@@ -360,6 +463,7 @@ int main(int argc, char** argv) {
         std::cerr << "pvoc-load: " << socketPath << " gives no target power" << std::endl;
         return 1;
     }
+    if (stalledPort > 0) return DriveHeld(socketPath, stalledPort, 3, 100, count) ? 0 : 1;
     FloorServer floor("/tmp/pvoc-load-floor.sock");
     HandOffServer handOff("/tmp/pvoc-load-handoff.sock");
     int failures = 0;
