@@ -57,17 +57,6 @@ std::shared_ptr<TargetPowerResult> Failure(double power, TargetPowerResult::Code
     return std::make_shared<TargetPowerResult>(power, code, RateControl::FailureMessage(code));
 }
 
-// The settings readers shared by the flows; created on first use.
-SystemSettingXmlManager& SystemSettings() {
-    SystemSettingXmlManager::CreateInstance();
-    return *SystemSettingXmlManager::GetInstance();
-}
-
-DeviceSettingXmlManager& DeviceSettings() {
-    DeviceSettingXmlManager::CreateInstance();
-    return *DeviceSettingXmlManager::GetInstance();
-}
-
 bool TestMode() {
     return LoggerSettingManager::Current().GetOutputControlTestMode() != 0;
 }
@@ -139,13 +128,13 @@ void RateControl::LogFailure(TargetPowerResult::Code code) {
 }
 
 std::shared_ptr<TargetPowerResult> RateControl::GetTargetPower(double capacity, int requestType) {
-    SystemSettingXmlManager& systemSettings = SystemSettings();
+    SystemSettingXmlManager& systemSettings = SystemSettingXmlManager::Shared();
     systemSettings.Load();
     if (systemSettings.GetOutputControlPlantId().empty()) {
         return Failure(capacity, TargetPowerResult::Code::kPlantIdNotFound);
     }
     DeviceSettingXmlManager::Limit limit;
-    DeviceSettings().GetLimit(limit);
+    DeviceSettingXmlManager::Shared().GetLimit(limit);
     const double floor = static_cast<double>(limit.valueMin);
 
     if (!DateIsPlausible(clock_().epochMicroseconds(), EarliestDateMicros(TestMode()))) {

@@ -39,11 +39,6 @@ const std::int64_t kDaySeconds = 86400;
 const std::int64_t kFixedLateSeconds = 20 * 60;
 const std::int64_t kMicros = 1000000;
 
-SystemSettingXmlManager& SystemSettings() {
-    SystemSettingXmlManager::CreateInstance();
-    return *SystemSettingXmlManager::GetInstance();
-}
-
 std::shared_ptr<UpdateResult> Success() {
     return std::make_shared<UpdateResult>();
 }
@@ -290,7 +285,7 @@ bool ScheduleUpdateManager::UpdateWithUpdateScheduleLocked(const ScheduleUpdateI
                                                            const std::vector<ScheduleRow>& slots) {
     LoggerLog::Debug(kTag, "UpdateWithUpdateSchedule");
     ScheduleUpdateInfo info = store_.SelectUpdateInfoLocked();
-    const std::string configured = SystemSettings().GetOutputControlPlantId();
+    const std::string configured = SystemSettingXmlManager::Shared().GetOutputControlPlantId();
     // A record of a plant no longer configured: the reset at the change of
     // plant could not be written (the card was full or read-only). It is
     // done now, with the configured plant's answer.
@@ -398,7 +393,7 @@ bool ScheduleUpdateManager::ForgetRenewedTables() {
 // first fetch (done by the caller, outside the lock).
 bool ScheduleUpdateManager::BringInfoInStep(bool startIfUnchanged) {
     ScheduleStore::Lock lock(store_.FlowMutex());
-    SystemSettingXmlManager& settings = SystemSettings();
+    SystemSettingXmlManager& settings = SystemSettingXmlManager::Shared();
     settings.Load();
     if (!settings.HasGeneral()) return false;
     const bool standAlone = settings.GetOutputControlStandAlone();
@@ -464,7 +459,7 @@ std::shared_ptr<UpdateResult> ScheduleUpdateManager::UpdateWithFixedData(const s
             LoggerLog::Warning(kTag, "Fixed schedule update failed. Database update error.");
             return Failure(FailureReason::kDatabaseWriteFailed, 0, "Database update error.");
         }
-        SystemSettingXmlManager& settings = SystemSettings();
+        SystemSettingXmlManager& settings = SystemSettingXmlManager::Shared();
         if (!settings.HasGeneral()) settings.Load();
         const bool settingChanged = !settings.GetOutputControlStandAlone() || (force && differs);
         settings.SetOutputControlStandAlone(true);
@@ -570,7 +565,7 @@ void ScheduleUpdateManager::Stop() {
 // configured plant would be: its attempts write the record once the card
 // takes it, instead of leaving the plant without any.
 bool ScheduleUpdateManager::AlarmPreconditions(ScheduleUpdateInfo& info) {
-    SystemSettingXmlManager& settings = SystemSettings();
+    SystemSettingXmlManager& settings = SystemSettingXmlManager::Shared();
     const std::string configured = settings.GetOutputControlPlantId();
     if (configured.empty()) {
         std::cout << "not PlantId" << std::endl;

@@ -59,6 +59,11 @@ DeviceSettingXmlManager* DeviceSettingXmlManager::GetInstance() {
     return instance;
 }
 
+DeviceSettingXmlManager& DeviceSettingXmlManager::Shared() {
+    CreateInstance();
+    return *GetInstance();
+}
+
 void DeviceSettingXmlManager::DeleteInstance() {
     delete instance.exchange(nullptr);
 }

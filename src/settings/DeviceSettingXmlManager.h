@@ -39,6 +39,8 @@ public:
     static DeviceSettingXmlManager* GetInstance();
     // Deletes the instance.
     static void DeleteInstance();
+    // The instance, created first (with the system settings) if absent.
+    static DeviceSettingXmlManager& Shared();
 
     // Reads devices through `systemSettings`, which must outlive this object.
     explicit DeviceSettingXmlManager(SystemSettingXmlManager& systemSettings);

@@ -44,6 +44,11 @@ SystemSettingXmlManager* SystemSettingXmlManager::GetInstance() {
     return instance;
 }
 
+SystemSettingXmlManager& SystemSettingXmlManager::Shared() {
+    CreateInstance();
+    return *GetInstance();
+}
+
 void SystemSettingXmlManager::DeleteInstance() {
     delete instance.exchange(nullptr);
 }

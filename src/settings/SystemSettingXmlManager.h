@@ -26,6 +26,8 @@ public:
     static SystemSettingXmlManager* GetInstance();
     // Deletes the instance.
     static void DeleteInstance();
+    // The instance, created first if absent.
+    static SystemSettingXmlManager& Shared();
 
     SystemSettingXmlManager();
     virtual ~SystemSettingXmlManager();

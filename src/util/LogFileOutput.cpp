@@ -20,6 +20,8 @@ namespace {
 
 const std::string kDefaultTimeFormat = "%Y-%m-%d %H:%M:%S";
 const long kTimerIntervalMs = 500;
+// Room for a line's time text; a longer one is cut.
+const std::size_t kTimeTextSize = 128;
 // Room a line buffer starts with.
 const std::size_t kBufferStartBytes = 64 * 1024;
 
@@ -169,23 +171,15 @@ void LogFileOutput::SetFilePath(const std::string& path) {
     }
 }
 
-// Every line carries the time; a format without fractions of a second
-// gives the same text for a whole second, which is formatted only once.
 std::string LogFileOutput::FormatNow() {
-    const std::int64_t micros = wallClock_();
-    const Poco::Timestamp now(micros);
-    const std::int64_t second = micros / 1000000 - (micros % 1000000 < 0 ? 1 : 0);
-    Poco::FastMutex::ScopedLock lock(timeMutex_);
-    if (!WholeSecondsOnly(timeFormat_)) return Poco::DateTimeFormatter::format(now, timeFormat_);
-    if (second != formattedSecond_ || formattedTime_.empty()) {
-        formattedTime_ = Poco::DateTimeFormatter::format(now, timeFormat_);
-        formattedSecond_ = second;
-    }
-    return formattedTime_;
+    char time[kTimeTextSize];
+    return std::string(time, FormatNowInto(time, sizeof time));
 }
 
-// FormatNow into `text` (at most `size` bytes, cut if longer); its length.
-// Without a temporary string once the second's text is formatted.
+// The time text into `text` (at most `size` bytes, cut if longer); its
+// length. Every line carries the time; a format without fractions of a
+// second gives the same text for a whole second, which is formatted only
+// once, so that a line needs no temporary string for it.
 std::size_t LogFileOutput::FormatNowInto(char* text, std::size_t size) {
     const std::int64_t micros = wallClock_();
     const std::int64_t second = micros / 1000000 - (micros % 1000000 < 0 ? 1 : 0);
@@ -205,6 +199,14 @@ std::size_t LogFileOutput::FormatNowInto(char* text, std::size_t size) {
     return length;
 }
 
+// The time part of a line: "[" time " UTC] ", or nothing when the time
+// text is empty.
+void LogFileOutput::AppendTime(std::string& line) {
+    char time[kTimeTextSize];
+    const std::size_t length = FormatNowInto(time, sizeof time);
+    if (length > 0) line.append("[").append(time, length).append(" UTC] ");
+}
+
 // Whether `format` shows nothing finer than seconds (no %i, %c, %F).
 bool LogFileOutput::WholeSecondsOnly(const std::string& format) {
     for (std::size_t i = 0; i + 1 < format.size(); ++i) {
@@ -220,9 +222,7 @@ void LogFileOutput::Output(int level, const std::string& mark, const std::string
     if (level < logLevel_) return;
     try {
         std::string& line = ThreadLine();
-        char time[64];
-        const std::size_t timeLength = FormatNowInto(time, sizeof time);
-        if (timeLength > 0) line.append("[").append(time, timeLength).append(" UTC] ");
+        AppendTime(line);
         if (!mark.empty()) line.append("[").append(mark).append("] ");
         if (!prefix.empty()) {
             AppendEscaped(line, prefix);
@@ -243,9 +243,7 @@ void LogFileOutput::OutputText(int level, const char* mark, const std::string& t
     if (level < logLevel_) return;
     try {
         std::string& line = ThreadLine();
-        char time[64];
-        const std::size_t timeLength = FormatNowInto(time, sizeof time);
-        if (timeLength > 0) line.append("[").append(time, timeLength).append(" UTC] ");
+        AppendTime(line);
         line.append("[").append(mark).append("] [");
         AppendEscaped(line, thread);
         line.append("] ");

@@ -125,6 +125,7 @@ private:
     void RollFiles();
     void Queue(const std::string& line);
     std::size_t FormatNowInto(char* text, std::size_t size);
+    void AppendTime(std::string& line);
     void ReportFileError();
     std::string FormatNow();
     static bool WholeSecondsOnly(const std::string& format);

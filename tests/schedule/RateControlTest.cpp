@@ -49,25 +49,9 @@ protected:
         ScheduleDatabase::CreateInstance();
     }
 
-    static void WriteSystemSetting(const std::string& plantId) {
-        test::WriteFile(test::SystemSettingPath(),
-                        "<logger><general><outputControlPlantId>" + plantId +
-                            "</outputControlPlantId></general><channelList><channel><addressList>"
-                            "<address><type>HouseHoldSolarPowerGeneration</type>"
-                            "<deviceSettingFile>pv</deviceSettingFile></address>"
-                            "</addressList></channel></channelList></logger>");
-    }
+    static void WriteSystemSetting(const std::string& plantId) { test::WriteSystemSettingWithDevice(plantId); }
 
-    static void WriteDevice(const std::string& limitAttributes) {
-        test::WriteFile(test::FixedPath("/usr/local/etc/kestrovanyx/DeviceXML/pv.xml"),
-                        "<lggrdev:EchonetLiteDevices xmlns:lggrdev=\"urn:x\"><lggrdev:Device>"
-                        "<lggrdev:Properties><lggrdev:Property><lggrdev:Variables>"
-                        "<lggrdev:VariableInfo Name=\"Limit\" " +
-                            limitAttributes +
-                            "/>"
-                            "</lggrdev:Variables></lggrdev:Property></lggrdev:Properties>"
-                            "</lggrdev:Device></lggrdev:EchonetLiteDevices>");
-    }
+    static void WriteDevice(const std::string& limitAttributes) { test::WriteDeviceLimit(limitAttributes); }
 
     static void Store(const std::vector<ScheduleRow>& rows) {
         ASSERT_TRUE(ScheduleDatabase::GetInstance()->InsertUpdateSchedule(rows));

@@ -409,17 +409,8 @@ class TargetPowerPathsTest : public OutSocketWorkTest {
 protected:
     void SetUp() override {
         OutSocketWorkTest::SetUp();
-        test::WriteFile(test::SystemSettingPath(),
-                        "<logger><general><outputControlPlantId>PLANT1</outputControlPlantId></general>"
-                        "<channelList><channel><addressList><address><type>HouseHoldSolarPowerGeneration</type>"
-                        "<deviceSettingFile>pv</deviceSettingFile></address></addressList></channel>"
-                        "</channelList></logger>");
-        test::WriteFile(test::FixedPath("/usr/local/etc/kestrovanyx/DeviceXML/pv.xml"),
-                        "<lggrdev:EchonetLiteDevices xmlns:lggrdev=\"urn:x\"><lggrdev:Device>"
-                        "<lggrdev:Properties><lggrdev:Property><lggrdev:Variables>"
-                        "<lggrdev:VariableInfo Name=\"Limit\" Value0=\"10\" Value100=\"90\" ValueMin=\"3\"/>"
-                        "</lggrdev:Variables></lggrdev:Property></lggrdev:Properties>"
-                        "</lggrdev:Device></lggrdev:EchonetLiteDevices>");
+        test::WriteSystemSettingWithDevice("PLANT1");
+        test::WriteDeviceLimit("Value0=\"10\" Value100=\"90\" ValueMin=\"3\"");
         ScheduleDatabase::CreateInstance();
     }
 

@@ -124,6 +124,25 @@ void WriteSystemSetting(const std::string& plantId, const std::string& url, bool
                                        "</outputScheduleInformationServerUrl></general></logger>");
 }
 
+void WriteSystemSettingWithDevice(const std::string& plantId, bool standAlone) {
+    WriteFile(SystemSettingPath(), "<logger><general><outputControlPlantId>" + XmlText(plantId) +
+                                       "</outputControlPlantId><outputControlStandAlone>" + (standAlone ? "1" : "0") +
+                                       "</outputControlStandAlone></general><channelList><channel><addressList>"
+                                       "<address><type>HouseHoldSolarPowerGeneration</type>"
+                                       "<deviceSettingFile>pv</deviceSettingFile></address>"
+                                       "</addressList></channel></channelList></logger>");
+}
+
+void WriteDeviceLimit(const std::string& limitAttributes) {
+    WriteFile(FixedPath("/usr/local/etc/kestrovanyx/DeviceXML/pv.xml"),
+              "<lggrdev:EchonetLiteDevices xmlns:lggrdev=\"urn:x\"><lggrdev:Device>"
+              "<lggrdev:Properties><lggrdev:Property><lggrdev:Variables>"
+              "<lggrdev:VariableInfo Name=\"Limit\" " +
+                  limitAttributes +
+                  "/></lggrdev:Variables></lggrdev:Property></lggrdev:Properties>"
+                  "</lggrdev:Device></lggrdev:EchonetLiteDevices>");
+}
+
 bool WaitForSocket(const std::string& path, int timeoutMs) {
     return WaitFor(
         [&] {

@@ -42,6 +42,12 @@ std::string SystemSettingPath();
 // Writes SystemSetting.xml with the output-control plant ID, the stand-alone
 // flag and the schedule server's URL (texts escaped for XML).
 void WriteSystemSetting(const std::string& plantId, const std::string& url, bool standAlone);
+// Writes SystemSetting.xml with the output-control plant ID, the stand-alone
+// flag, and one household solar unit described by the device file pv.xml.
+void WriteSystemSettingWithDevice(const std::string& plantId, bool standAlone = false);
+// Writes the device file pv.xml with a Limit variable of the given
+// attributes (raw XML text, for example "ValueMin=\"3\"").
+void WriteDeviceLimit(const std::string& limitAttributes);
 // Waits up to `timeoutMs` for a UNIX socket file at `path`.
 bool WaitForSocket(const std::string& path, int timeoutMs);
 

@@ -30,7 +30,6 @@ using test::WordAt;
 
 const std::string kPlant = "00000000000000000000000555";
 const std::int64_t kSlotSeconds = 1800;
-const std::string kDevicePath = "/usr/local/etc/kestrovanyx/DeviceXML/pv.xml";
 // Long enough for any answer on a slow machine, far shorter than the
 // 60 s a read waits for a table's lock.
 const int kAnswerWithinMs = 20000;
@@ -53,22 +52,10 @@ protected:
 
     // Stand-alone (nothing is fetched), with the household solar unit's
     // description in pv.xml.
-    static void WriteSystemSetting(const std::string& plantId) {
-        test::WriteFile(test::SystemSettingPath(),
-                        "<logger><general><outputControlPlantId>" + plantId +
-                            "</outputControlPlantId><outputControlStandAlone>1</outputControlStandAlone></general>"
-                            "<channelList><channel><addressList><address><type>HouseHoldSolarPowerGeneration</type>"
-                            "<deviceSettingFile>pv</deviceSettingFile></address></addressList></channel>"
-                            "</channelList></logger>");
-    }
+    static void WriteSystemSetting(const std::string& plantId) { test::WriteSystemSettingWithDevice(plantId, true); }
 
     static void WriteDevice(int valueMin) {
-        test::WriteFile(kDevicePath, "<lggrdev:EchonetLiteDevices xmlns:lggrdev=\"urn:x\"><lggrdev:Device>"
-                                     "<lggrdev:Properties><lggrdev:Property><lggrdev:Variables>"
-                                     "<lggrdev:VariableInfo Name=\"Limit\" Value0=\"0\" Value100=\"100\" ValueMin=\"" +
-                                         std::to_string(valueMin) +
-                                         "\"/></lggrdev:Variables></lggrdev:Property></lggrdev:Properties>"
-                                         "</lggrdev:Device></lggrdev:EchonetLiteDevices>");
+        test::WriteDeviceLimit("Value0=\"0\" Value100=\"100\" ValueMin=\"" + std::to_string(valueMin) + "\"");
     }
 
     // Slots from two before `slot0` to two after it, rate 10 + 10 per slot.
