@@ -7,6 +7,7 @@
 #include "database/CleanStopMark.h"
 #include "database/DatabaseManager.h"
 #include "schedule/ScheduleUpdateManager.h"
+#include "schedule/TargetPowerSnapshot.h"
 #include "server/OutputcontrolServer.h"
 #include "settings/LoggerSettingManager.h"
 #include "util/LoggerLog.h"
@@ -15,6 +16,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <locale>
 #include <malloc.h>
 #include <sys/stat.h>
 
@@ -22,6 +24,8 @@ namespace {
 
 const mode_t kCreationMask = 022;
 const int kArenas = 2;
+// How long the stop waits for a snapshot rebuild to end.
+const long kRebuildWaitMs = 2000;
 const int kMappedBlockBytes = 256 * 1024;
 
 void OnStopSignal(int) {
@@ -62,6 +66,15 @@ bool TakeInstanceLock(brvo::InstanceLock& lock) {
     return false;
 }
 
+// The C++ library fills its table of narrowed characters lazily, from
+// whichever thread asks first (regular expressions ask, on the flow and
+// answer workers alike). Filled here, before any thread starts, it is only
+// read afterwards.
+void FillNarrowTable() {
+    const std::ctype<char>& ctype = std::use_facet<std::ctype<char>>(std::locale());
+    for (int c = 0; c < 256; ++c) ctype.narrow(static_cast<char>(c), '\0');
+}
+
 } // namespace
 
 int main(int argc, char* argv[]) {
@@ -77,6 +90,7 @@ int main(int argc, char* argv[]) {
     mallopt(M_ARENA_MAX, kArenas);
     mallopt(M_MMAP_THRESHOLD, kMappedBlockBytes);
     std::setlocale(LC_CTYPE, "");
+    FillNarrowTable();
     for (const int signal : kStopSignals) std::signal(signal, OnStopSignal);
     brvo::BrevantaOutputControlManager::IgnoreSignals(kIgnoredSignals,
                                                       sizeof kIgnoredSignals / sizeof kIgnoredSignals[0]);
@@ -107,10 +121,14 @@ int main(int argc, char* argv[]) {
     // A schedule flow that could not be aborted (a host-name lookup) still
     // runs: end without destroying the statics it may use, and without the
     // clean-stop mark, since it may still write.
+    // A snapshot rebuild still reading the settings or the table would
+    // find what it uses destroyed: none starts any more, and one running
+    // is waited for a while, or the process ends as for a parked flow.
+    const bool rebuilding = !brvo::TargetPowerSnapshot::Instance().Stop(kRebuildWaitMs);
     const bool parked = brvo::ScheduleUpdateManager::HasParked();
     if (!parked) brvo::CleanStopMark::Leave();
     brvo::LoggerLog::DeleteInstance();
-    if (parked) {
+    if (parked || rebuilding) {
         std::fflush(nullptr);
         std::_Exit(0);
     }

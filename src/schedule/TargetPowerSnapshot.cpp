@@ -9,6 +9,8 @@
 #include "util/SystemClock.h"
 #include "util/TimeStamp.h"
 
+#include <Poco/Timestamp.h>
+
 #include <algorithm>
 #include <cstring>
 #include <string>
@@ -32,16 +34,6 @@ void CopyText(char* target, std::size_t size, const std::string& text) {
     target[length] = '\0';
 }
 
-SystemSettingXmlManager& SystemSettings() {
-    SystemSettingXmlManager::CreateInstance();
-    return *SystemSettingXmlManager::GetInstance();
-}
-
-DeviceSettingXmlManager& DeviceSettings() {
-    DeviceSettingXmlManager::CreateInstance();
-    return *DeviceSettingXmlManager::GetInstance();
-}
-
 void CopySlots(const TargetPowerSnapshot::View& from, TargetPowerSnapshot::View& to) {
     to.slotsKnown = from.slotsKnown;
     to.version = from.version;
@@ -62,7 +54,7 @@ TargetPowerSnapshot& TargetPowerSnapshot::Instance() {
     return *holder;
 }
 
-TargetPowerSnapshot::TargetPowerSnapshot() : current_(nullptr), retired_(nullptr) {
+TargetPowerSnapshot::TargetPowerSnapshot() : current_(nullptr), retired_(nullptr), rebuilds_(0), stopped_(false) {
     ScheduleDatabase::SetWriteObserver(&TargetPowerSnapshot::OnTableWritten);
 }
 
@@ -122,7 +114,32 @@ bool TargetPowerSnapshot::HeldSlot(std::int64_t seconds, bool current, ScheduleR
     return true;
 }
 
+bool TargetPowerSnapshot::Stop(long timeoutMs) {
+    Poco::Mutex::ScopedLock lock(runMutex_);
+    stopped_ = true;
+    const Poco::Timestamp started;
+    while (rebuilds_ > 0) {
+        const long left = timeoutMs - static_cast<long>(started.elapsed() / 1000);
+        if (left <= 0 || !rebuildEnded_.tryWait(runMutex_, left)) break;
+    }
+    return rebuilds_ == 0;
+}
+
+bool TargetPowerSnapshot::BeginRebuild() {
+    Poco::Mutex::ScopedLock lock(runMutex_);
+    if (stopped_) return false;
+    ++rebuilds_;
+    return true;
+}
+
+void TargetPowerSnapshot::EndRebuild() {
+    Poco::Mutex::ScopedLock lock(runMutex_);
+    --rebuilds_;
+    rebuildEnded_.broadcast();
+}
+
 void TargetPowerSnapshot::Rebuild() {
+    if (!BeginRebuild()) return;
     View fresh;
     for (int attempt = 0; attempt < kSettingsAttempts && !fresh.settingsKnown; ++attempt) {
         fresh.settingsKnown = ReadSettings(fresh);
@@ -145,6 +162,7 @@ void TargetPowerSnapshot::Rebuild() {
     }
     if (!fresh.settingsKnown || !fresh.slotsKnown) fresh.retryAfterMicros = now + kRetryMicroseconds;
     PublishSettings(fresh);
+    EndRebuild();
 }
 
 void TargetPowerSnapshot::OnTableWritten(ScheduleDatabase& database, bool renewed) {
@@ -166,7 +184,8 @@ void TargetPowerSnapshot::OnTableWritten(ScheduleDatabase& database, bool renewe
 bool TargetPowerSnapshot::ReadSettings(View& view) {
     FileChangeWatch& watch = FileChangeWatch::Instance();
     ReadSettingValues(view);
-    const std::string devicePath = view.hasPlantId ? DeviceSettings().GetLimitFilePath() : std::string();
+    const std::string devicePath =
+        view.hasPlantId ? DeviceSettingXmlManager::Shared().GetLimitFilePath() : std::string();
     const std::int64_t systemGeneration = watch.Arm(FileUtil::GetSystemSettingFile());
     const std::int64_t generation = devicePath.empty() ? systemGeneration : watch.Arm(devicePath);
     if (systemGeneration == FileChangeWatch::kNotWatched || generation == FileChangeWatch::kNotWatched) return false;
@@ -179,11 +198,11 @@ bool TargetPowerSnapshot::ReadSettings(View& view) {
 // The settings as RateControl reads them: the device only when a plant ID
 // is set.
 void TargetPowerSnapshot::ReadSettingValues(View& view) {
-    SystemSettingXmlManager& systemSettings = SystemSettings();
+    SystemSettingXmlManager& systemSettings = SystemSettingXmlManager::Shared();
     systemSettings.Load();
     view.hasPlantId = !systemSettings.GetOutputControlPlantId().empty();
     view.limit = DeviceSettingXmlManager::Limit();
-    if (view.hasPlantId) DeviceSettings().GetLimit(view.limit);
+    if (view.hasPlantId) DeviceSettingXmlManager::Shared().GetLimit(view.limit);
     view.earliestMicros =
         RateControl::EarliestDateMicros(LoggerSettingManager::Current().GetOutputControlTestMode() != 0);
 }

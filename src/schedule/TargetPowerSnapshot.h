@@ -48,6 +48,7 @@
 #include "schedule/TargetPowerResult.h"
 #include "settings/DeviceSettingXmlManager.h"
 
+#include <Poco/Condition.h>
 #include <Poco/Mutex.h>
 
 #include <atomic>
@@ -99,10 +100,10 @@ public:
 
     // Why a view does not answer a request.
     enum class Miss {
-        kNone,      // it answers
-        kRebuild,   // no view, or the settings moved: build one now
-        kBoundary,  // the slot boundary passed: build one now
-        kUnusable,  // settings or table unusable: build again after a while
+        kNone,     // it answers
+        kRebuild,  // no view, or the settings moved: build one now
+        kBoundary, // the slot boundary passed: build one now
+        kUnusable, // settings or table unusable: build again after a while
     };
 
     // An answer computed from a view.
@@ -139,8 +140,12 @@ public:
 
     // Reads the settings and (unless the view's slots still hold) the
     // table, and publishes a view. Runs on a worker; may wait on the
-    // table's lock as any read does.
+    // table's lock as any read does. Does nothing once stopped.
     void Rebuild();
+    // Lets no rebuild start any more and waits up to `timeoutMs` for one
+    // that runs: the process may end (and destroy what a rebuild uses) only
+    // after that. False when one still runs then.
+    bool Stop(long timeoutMs);
 
     TargetPowerSnapshot(const TargetPowerSnapshot&) = delete;
     TargetPowerSnapshot& operator=(const TargetPowerSnapshot&) = delete;
@@ -158,10 +163,19 @@ private:
     void PublishSettings(const View& settings);
     void Publish(View* view);
 
+    bool BeginRebuild();
+    void EndRebuild();
+
     // Taken by publishers only.
     Poco::FastMutex publishMutex_;
+
     std::atomic<View*> current_;
     std::atomic<View*> retired_;
+    // Guard the rebuilds running and the stop (runMutex_).
+    Poco::Mutex runMutex_;
+    Poco::Condition rebuildEnded_;
+    int rebuilds_;
+    bool stopped_;
 };
 
 } // namespace brvo
