@@ -15,8 +15,9 @@
 // the pointer: the table after every store or delete and when it was made
 // anew (through ScheduleDatabase's write observer, with the table's mutex
 // held, right after the commit, from one read of both slots), and Rebuild
-// (run on an answer worker at the start, after the settings watch
-// reported, and when the view stopped covering). A request therefore gets
+// (run on an answer worker at the start, and when a request found the view
+// not covering it: a settings change reported, a slot boundary passed; one
+// at a time, and not after Stop). A request therefore gets
 // the schedule before a store or after it, never a mix. Publishers take
 // publishMutex_, after the table's mutex when they hold that, never
 // before it; a part read earlier than the part published is never put
@@ -24,17 +25,22 @@
 //
 // Answering (Covers): a request is answered from the view only when
 // - a view exists, and its settings were read under a watch generation
-//   that is still the watch's generation (no report since, taken or
-//   noted): otherwise a rebuild is due;
+//   that is still the watch's generation (no report since, taken by a
+//   settings reader or noted by the event loop, which looks at the watch's
+//   descriptors before each answer): otherwise a rebuild is due or pending;
 // - the plant ID is missing or the date is implausible (those answers need
 //   no slot), or the slots are known and the request's time lies in
 //   [from, next slot's start): past that the slot boundary has passed.
-// Everything else goes to the answer workers, which read the files as
-// before, and the table too unless the view's slots still hold
-// (HeldSlot: so a settings change never waits on a locked table), and the
-// server posts a rebuild. Another process
-// writing the table is seen by the workers' reads, and by the view only
-// once the daemon writes the table or the slot boundary passes.
+// Everything else (no view yet, a rebuild due or pending, the slot
+// boundary passed, settings the watch cannot vouch for or a table that
+// could not be read, these two retried after kRetryMicroseconds) goes to
+// the answer workers, which read the files as before, and the table too
+// unless the view's slots still hold (HeldSlot: so a settings change never
+// waits on a locked table), and the server posts a rebuild. Another
+// process writing the table is seen by the workers' reads, and by the view
+// only once the daemon writes the table or the slot boundary passes. The
+// only lock an answer from the view takes is the log's, for appending its
+// lines.
 //
 // Reclaiming: only one thread reads views (the event loop; a test's own
 // thread in tests). A view replaced by a publisher goes onto a lock-free
