@@ -186,6 +186,7 @@ bool DatabaseManager::InitDataBaseFile(const std::string& path) {
     bool damaged = false;
     const Caught caught = OpenAndCreate(path, damaged);
     if (caught) LoggerLog::Error(tag_, "InitDataBaseFile error. [" + caught.GetText() + "]");
+    if (caught && !damaged) damaged = LastErrorIsDamage();
     std::string why = caught.GetText();
     if (!caught && !checked_) {
         checked_ = true;
@@ -257,8 +258,16 @@ bool DatabaseManager::MoveAsideAndRenew(const std::string& why) {
     return opened;
 }
 
+// The connector names most damage by its own exception; the session's last
+// error code tells it also where a library maps the code otherwise.
+bool DatabaseManager::LastErrorIsDamage() {
+    if (!session_) return false;
+    sqlite3* db = Poco::Data::SQLite::Utility::dbHandle(*session_);
+    return db != nullptr && IsDamageCode(sqlite3_extended_errcode(db));
+}
+
 void DatabaseManager::AfterFailure(const Outcome& outcome) {
-    if (outcome.damaged && !renewing_ && !path_.empty()) {
+    if ((outcome.damaged || LastErrorIsDamage()) && !renewing_ && !path_.empty()) {
         MoveAsideAndRenew(outcome.caught.GetText());
         return;
     }

@@ -177,6 +177,9 @@ private:
     // newest kKeptDamaged such sets, opens a fresh table, and logs where
     // the file went. False when the file could not be moved (mutex_ held).
     bool MoveAsideAndRenew(const std::string& why);
+    // Whether the session's last error says the file is damaged (mutex_
+    // held).
+    bool LastErrorIsDamage();
     // Closes and drops the session, if any (mutex_ held).
     void CloseSession();
     // Whether the open session can only read its file (mutex_ held).
