@@ -1,5 +1,6 @@
 #include "database/DatabaseManager.h"
 
+#include "database/StorageNote.h"
 #include "util/FileUtil.h"
 #include "util/LoggerLog.h"
 
@@ -33,8 +34,6 @@ namespace {
 const std::size_t kOpenAttemptSeconds = 0;
 // How long a statement waits while another connection holds the lock.
 const std::size_t kBusyTimeoutSeconds = 60;
-// What follows a table file's name when it is moved aside.
-const std::string kDamagedInfix = ".damaged-";
 // The files that belong to a table file, by their endings.
 const char* const kCompanions[] = {"-journal", "-wal", "-shm"};
 const std::string kJournalMode = "DELETE";
@@ -87,7 +86,7 @@ std::string DirectoryOf(const std::string& path) {
 std::set<std::string> DamagedSets(const std::string& path) {
     std::set<std::string> sets;
     const std::string directory = DirectoryOf(path);
-    const std::string prefix = path.substr(path.rfind('/') + 1) + kDamagedInfix;
+    const std::string prefix = path.substr(path.rfind('/') + 1) + StorageNote::kDamagedMark;
     DIR* dir = ::opendir(directory.c_str());
     if (dir == nullptr) return sets;
     while (const dirent* entry = ::readdir(dir)) {
@@ -115,7 +114,7 @@ void RemoveOldDamaged(const std::string& path, int kept) {
 // names still sort in the order of the moves.
 std::string AsideName(const std::string& path) {
     const std::string base =
-        path + kDamagedInfix + Poco::DateTimeFormatter::format(Poco::Timestamp(), "%Y%m%dT%H%M%S.%iZ");
+        path + StorageNote::kDamagedMark + Poco::DateTimeFormatter::format(Poco::Timestamp(), "%Y%m%dT%H%M%S.%iZ");
     bool taken = false;
     long highest = 0;
     for (const std::string& set : DamagedSets(path)) {
@@ -185,7 +184,10 @@ bool DatabaseManager::InitDataBaseFile(const std::string& path) {
     path_ = path;
     bool damaged = false;
     const Caught caught = OpenAndCreate(path, damaged);
-    if (caught) LoggerLog::Error(tag_, "InitDataBaseFile error. [" + caught.GetText() + "]");
+    if (caught) {
+        LoggerLog::Error(tag_, "InitDataBaseFile error. [" + caught.GetText() + "]");
+        StorageNote::Record(path, caught.Describe("InitDataBaseFile error. "));
+    }
     if (caught && !damaged) damaged = LastErrorIsDamage();
     std::string why = caught.GetText();
     if (!caught && !checked_) {
@@ -249,6 +251,7 @@ bool DatabaseManager::MoveAsideAndRenew(const std::string& why) {
         if (Exists(path_ + ending)) std::rename((path_ + ending).c_str(), (aside + ending).c_str());
     }
     LoggerLog::Error(tag_, "Damaged table moved aside. [" + path_ + "] to [" + aside + "] " + why);
+    StorageNote::Record(path_, "moved aside to [" + aside + "] " + why);
     RemoveOldDamaged(path_, kKeptDamaged);
     renewed_ = true;
     OnRenewed();
@@ -267,6 +270,7 @@ bool DatabaseManager::LastErrorIsDamage() {
 }
 
 void DatabaseManager::AfterFailure(const Outcome& outcome) {
+    StorageNote::Record(path_.empty() ? GetDatabaseFilePath() : path_, outcome.caught.Describe(""));
     if ((outcome.damaged || LastErrorIsDamage()) && !renewing_ && !path_.empty()) {
         MoveAsideAndRenew(outcome.caught.GetText());
         return;

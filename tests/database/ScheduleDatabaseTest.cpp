@@ -1,4 +1,5 @@
 #include "database/ScheduleDatabase.h"
+#include "database/StorageNote.h"
 
 #include "schedule/ScheduleModel.h"
 #include "settings/LoggerSettingManager.h"
@@ -504,6 +505,11 @@ TEST_F(ScheduleDatabaseTest, GarbageFileIsMovedAsideAndAFreshTableMade) {
     EXPECT_FALSE(test::HasLogLine(lines, "E", kTag, "Database Open error."));
     EXPECT_TRUE(DatabaseManager::TakeRenewed());
     EXPECT_FALSE(DatabaseManager::TakeRenewed());
+    // pvoctl status finds what happened in the storage note.
+    StorageNote::Entry note;
+    ASSERT_TRUE(StorageNote::Read(note));
+    EXPECT_EQ(kDbFile, note.file);
+    EXPECT_EQ(0u, note.error.find("moved aside to [" + aside + "] ")) << note.error;
     // The fresh table works at once.
     EXPECT_TRUE(database.InsertUpdateSchedule({Row(Now() - 60, 40)}));
     EXPECT_EQ(40, database.SelectSchedule(Now(), true).controlRate);
@@ -632,6 +638,10 @@ TEST_F(ScheduleDatabaseTest, TableThatCannotBeOpenedFailsAtOnce) {
     EXPECT_TRUE(test::HasLogLineStarting(lines, "E", kTag, "InitDataBaseFile error. ["));
     EXPECT_TRUE(test::HasLogLine(lines, "E", kTag, "Database Open error."));
     EXPECT_TRUE(DamagedNames().empty());
+    StorageNote::Entry note;
+    ASSERT_TRUE(StorageNote::Read(note));
+    EXPECT_EQ(kDbFile, note.file);
+    EXPECT_EQ(0u, note.error.find("InitDataBaseFile error. [")) << note.error;
     ::rmdir(kDbFile.c_str());
 }
 
