@@ -2,12 +2,12 @@
 // that cannot be written, is full, or is pulled out while the daemon runs,
 // a database directory that is read-only, a directory where a table file
 // belongs, a table file that is damaged (garbage, cut short, of another
-// schema), a table locked by another process, and the daemon killed in
-// the middle of storing a year of slots. It never crashes, answers with
-// the failures its flows define and at once (only a lock is waited for),
-// stops promptly, moves a damaged file aside and fetches its schedules
-// again, and a table is always either what it was or what the flow meant
-// it to become.
+// schema, a page overwritten by noise), a table locked by another process,
+// and the daemon killed in the middle of storing a year of slots. It never
+// crashes, answers with the failures its flows define and at once (only a
+// lock is waited for), stops promptly, moves a damaged file aside and
+// fetches its schedules again, and a table is always either what it was
+// or what the flow meant it to become.
 //
 // The measured times of the bounds are printed ("[ bound    ]" lines).
 #include "support/ChildProcess.h"
@@ -63,8 +63,11 @@ const std::string kStored = std::to_string(kSlots + 48);
 const std::string kSuccess = Word(144) + Word(2) + Word(0) + Word(0) + std::string(128, '\0');
 // The rate of a schedule stored before the daemon starts.
 const int kOldRate = 33;
+// A year of half-hour slots: a table file of some fifty pages.
+const std::size_t kYear = 17520;
 const std::int64_t kSlotSeconds = 1800;
 const std::size_t kPageSize = 4096;
+const std::string kMarkFile = kDbDirectory + "/pvocd.clean-stop";
 
 // The bounds (times TimeScale()). Before only a lock was waited for, each
 // of these took a minute per table operation on a file that cannot be
@@ -119,6 +122,23 @@ std::string Garbage(std::size_t size) {
     std::string garbage;
     for (std::size_t i = 0; i < size; ++i) garbage += static_cast<char>((i * 7919 + 13) % 251);
     return garbage;
+}
+
+// Overwrites the last page of the table file `file` with noise, as a write
+// cut short on a worn card leaves it; returns the file's bytes afterwards.
+std::string DamageLastPage(const std::string& file) {
+    std::string bytes = test::ReadFile(file);
+    EXPECT_GE(bytes.size(), 16 * kPageSize) << file << " has too few pages";
+    EXPECT_EQ(0u, bytes.size() % kPageSize) << file;
+    std::uint32_t state = 2463534242u;
+    for (std::size_t i = bytes.size() - std::min(bytes.size(), kPageSize); i < bytes.size(); ++i) {
+        state ^= state << 13;
+        state ^= state >> 17;
+        state ^= state << 5;
+        bytes[i] = static_cast<char>(state & 0xff);
+    }
+    test::WriteFile(file, bytes);
+    return bytes;
 }
 
 std::int64_t TodayUtc() {
@@ -191,6 +211,12 @@ protected:
                                  more);
     }
 
+    // Update alarm ticks every second (what waits for the next tick
+    // happens within a second or two), and `more`.
+    static void TickEverySecond(const std::string& more = "") {
+        UseLoggerSettings("<OutputScheduleMonitoringInterval>1</OutputScheduleMonitoringInterval>" + more);
+    }
+
     // Starts the daemon (with `env` added to its environment) and checks
     // that its command socket came up within the bound.
     void StartBounded(const std::map<std::string, std::string>& env = {}) {
@@ -243,6 +269,20 @@ protected:
                        test::QueryValue(dbFile, "SELECT COUNT(*) FROM output_control_schedule") == rows;
             },
             15000);
+    }
+
+    // A server that answers a year of slots of `rate`, the last of them
+    // the half hour before today 00:00 UTC (so that it is the current slot
+    // whenever a test runs, and its row lies in the last page of the table
+    // file), then a fixed schedule of days the year already holds.
+    std::unique_ptr<HttpTestServer> YearServer(int rate) {
+        test::ScheduleRecord year = test::CurrentUpdateRecord(rate, kYear);
+        year.start = test::ServerTime(TodayUtc() - static_cast<std::int64_t>(kYear) * kSlotSeconds, "%Y%m%d%H%M");
+        std::unique_ptr<HttpTestServer> server(
+            new HttpTestServer({ScheduleServerAnswer(year, test::kUpdateSchedule),
+                                ScheduleServerAnswer(test::FixedRecordAhead(30, -2), test::kFixedSchedule)}));
+        test::WriteSystemSetting(kPlant, server->Url("/schedule"), false);
+        return server;
     }
 
     // The schedule of the configured plant at kOldRate, `slots` half hours
@@ -333,6 +373,20 @@ protected:
                 return test::HasLogLineStarting(lines, mark, tag, prefix);
             },
             timeoutMs);
+    }
+
+    // How many ticks of the update alarm the log shows so far.
+    static std::size_t UpdateTicks() {
+        const std::vector<std::string> lines = test::ReadLines(test::LogFilePath());
+        return static_cast<std::size_t>(std::count_if(lines.begin(), lines.end(), [](const std::string& line) {
+            return line.find("] ScheduleUpdateManager CallbackUpdateSchedule") != std::string::npos;
+        }));
+    }
+
+    // Waits until the update alarm ticked `ticks` more times.
+    static bool WaitForTicks(std::size_t ticks) {
+        const std::size_t before = UpdateTicks();
+        return test::WaitFor([&] { return UpdateTicks() >= before + ticks; }, 5000);
     }
 
     // A clock that starts now and runs 100 times faster: the 60 s time-outs
@@ -598,6 +652,75 @@ TEST_F(StorageFaultTest, EmptyScheduleTableFileIsSimplyUsed) {
     StopDaemon();
 }
 
+// A page damaged while the daemon was stopped cleanly goes unnoticed at
+// the start (no check after a clean stop) until a statement reads it: the
+// current target power, whose slot lies in that page. That answer fails;
+// the file is moved aside, and the next tick of the update alarm fetches
+// everything again.
+TEST_F(StorageFaultTest, DamageFoundWhileRunningIsMovedAsideAndFetchedAtTheNextTick) {
+    // Rows are kept for longer than the year, so that the start deletes
+    // none and leaves the file as it was.
+    TickEverySecond("<OutputControlScheduleRetensionCycle>400</OutputControlScheduleRetensionCycle>");
+    server_ = YearServer(45);
+    StartBounded();
+    if (HasFatalFailure()) return;
+    ASSERT_TRUE(WaitForSent(std::to_string(kYear))) << test::ReadFile(test::kDaemonOutput);
+    ExpectCurrentTargetPower(45);
+    StopDaemon();
+    ASSERT_TRUE(test::FileExists(kMarkFile));
+    const std::string damaged = DamageLastPage(test::kScheduleDbFile);
+
+    server_ = Server();
+    StartBounded();
+    if (HasFatalFailure()) return;
+    // Nothing at the start, nor a tick, reads the damaged page.
+    ASSERT_TRUE(WaitForTicks(1));
+    EXPECT_TRUE(MovedAside(test::kScheduleDbFile).empty());
+    EXPECT_TRUE(server_->Requests().empty());
+
+    ExpectNoTargetPower();
+    EXPECT_TRUE(Logged("E", "ScheduleDatabase", "Select error. ["));
+    ExpectMovedAside(test::kScheduleDbFile, "ScheduleDatabase", damaged);
+    ExpectFetchedAsNewPlant(*server_);
+    ExpectCurrentTargetPower();
+    StopDaemon();
+}
+
+// A clean stop leaves its mark beside the tables and the start takes it;
+// a kill leaves none. A page damaged then is found by the check at the
+// next start, which moves the file aside before anything asks, and the
+// settings check of that start fetches everything again.
+TEST_F(StorageFaultTest, DamageLeftByAKillIsFoundAtTheNextStart) {
+    // No tick comes before the start's own settings check has fetched; no
+    // start deletes rows of the year.
+    UseLoggerSettings("<OutputControlScheduleRetensionCycle>400</OutputControlScheduleRetensionCycle>");
+    server_ = YearServer(45);
+    StartBounded();
+    if (HasFatalFailure()) return;
+    ASSERT_TRUE(WaitForSent(std::to_string(kYear))) << test::ReadFile(test::kDaemonOutput);
+    EXPECT_FALSE(test::FileExists(kMarkFile));
+    StopDaemon();
+    EXPECT_TRUE(test::FileExists(kMarkFile));
+    StartBounded();
+    if (HasFatalFailure()) return;
+    EXPECT_FALSE(test::FileExists(kMarkFile));
+    ExpectCurrentTargetPower(45);
+
+    ASSERT_TRUE(daemon_.Signal(SIGKILL));
+    ASSERT_TRUE(daemon_.WaitExit(Scaled(kStopMs)));
+    EXPECT_FALSE(test::FileExists(kMarkFile));
+    const std::string damaged = DamageLastPage(test::kScheduleDbFile);
+
+    server_ = Server();
+    StartBounded();
+    if (HasFatalFailure()) return;
+    ExpectMovedAside(test::kScheduleDbFile, "ScheduleDatabase", damaged);
+    ExpectFetchedAsNewPlant(*server_);
+    ExpectCurrentTargetPower();
+    StopDaemon();
+    EXPECT_TRUE(test::FileExists(kMarkFile));
+}
+
 // A full card fails the update with the defined answer and loses nothing;
 // a full card is no damage. Once there is room, the next update stores.
 TEST_F(StorageFaultTest, FullCardFailsTheUpdateAndLosesNothing) {
@@ -676,7 +799,6 @@ TEST_F(StorageFaultTest, LockHeldPastTheBusyTimeOutFailsTheRead) {
 // integrity check, and the schedule table holds exactly one of the two
 // schedules, never a mix, never the fixed schedule's rows.
 TEST_F(StorageFaultTest, KillWhileStoringAYearLeavesOldOrNewRows) {
-    const std::size_t kYear = 17520;
     const int kFixedRate = 1;
     auto serverFor = [&](int rate) {
         std::unique_ptr<HttpTestServer> server(
