@@ -652,6 +652,30 @@ TEST_F(StorageFaultTest, EmptyScheduleTableFileIsSimplyUsed) {
     StopDaemon();
 }
 
+// An update information file of garbage is moved aside at the start: the
+// plant is new again, and the stored schedule goes with it.
+TEST_F(StorageFaultTest, GarbageUpdateInfoTableIsMovedAsideAndFetchedAgain) {
+    TickEverySecond();
+    StoreOldSchedule();
+    const std::string garbage = Garbage(4096);
+    test::WriteFile(test::kUpdateInfoDbFile, garbage);
+    server_ = Server();
+    StartBounded();
+    if (HasFatalFailure()) return;
+    ExpectMovedAside(test::kUpdateInfoDbFile, "ScheduleUpdateDataInfo", garbage);
+    ExpectFetchedAsNewPlant(*server_);
+    EXPECT_EQ("0", test::QueryValue(test::kScheduleDbFile,
+                                    "SELECT COUNT(*) FROM output_control_schedule WHERE controlRate = " +
+                                        std::to_string(kOldRate)));
+    ExpectCurrentTargetPower();
+    // Fetched once: the ticks that follow leave the fresh tables alone.
+    ASSERT_TRUE(WaitForTicks(2));
+    EXPECT_EQ(2u, server_->Requests().size());
+    EXPECT_EQ(kStored, test::QueryValue(test::kScheduleDbFile, "SELECT COUNT(*) FROM output_control_schedule"));
+    ExpectCurrentTargetPower();
+    StopDaemon();
+}
+
 // A page damaged while the daemon was stopped cleanly goes unnoticed at
 // the start (no check after a clean stop) until a statement reads it: the
 // current target power, whose slot lies in that page. That answer fails;
