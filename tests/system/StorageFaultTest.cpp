@@ -25,7 +25,6 @@
 
 #include <Poco/Clock.h>
 #include <Poco/File.h>
-#include <Poco/Thread.h>
 #include <Poco/Timestamp.h>
 
 #include <sqlite3.h>
@@ -40,6 +39,7 @@
 #include <iostream>
 #include <memory>
 #include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
 
 namespace brvo {
@@ -818,10 +818,11 @@ TEST_F(StorageFaultTest, LockHeldPastTheBusyTimeOutFailsTheRead) {
     EXPECT_TRUE(daemon_.Running());
 }
 
-// Kills the daemon (SIGKILL) while it stores a year of slots, at several
-// moments, and restarts it each time: both table files pass SQLite's
-// integrity check, and the schedule table holds exactly one of the two
-// schedules, never a mix, never the fixed schedule's rows.
+// Kills the daemon (SIGKILL) while it stores a year of slots, at twenty
+// moments spread over the store, and restarts it each time: both table
+// files pass SQLite's integrity check, the schedule table holds exactly
+// one of the two schedules, never a mix, never the fixed schedule's rows,
+// and no file is ever taken for damaged.
 TEST_F(StorageFaultTest, KillWhileStoringAYearLeavesOldOrNewRows) {
     const int kFixedRate = 1;
     auto serverFor = [&](int rate) {
@@ -847,10 +848,22 @@ TEST_F(StorageFaultTest, KillWhileStoringAYearLeavesOldOrNewRows) {
         std::stoll(test::QueryValue(test::kScheduleDbFile, "SELECT MIN(time) FROM output_control_schedule"));
 
     // One undisturbed update gives the time the whole flow takes, up to
-    // its rows being marked sent after the answer.
+    // its rows being marked sent after the answer, and the span in which
+    // the journal shows the rows being written before the answer.
     server = serverFor(20);
-    Poco::Timestamp started;
-    ASSERT_EQ(kSuccess, Ask(test::kUpdateScheduleRequest));
+    const JournalState quiet = JournalState::Of(journal);
+    const Poco::Timestamp started;
+    std::future<std::string> answer = std::async(std::launch::async, [] { return Ask(test::kUpdateScheduleRequest); });
+    Poco::Timestamp::TimeDiff firstWriteUs = -1;
+    Poco::Timestamp::TimeDiff lastWriteUs = -1;
+    while (answer.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
+        if (JournalState::Of(journal).WrittenSince(quiet)) {
+            lastWriteUs = started.elapsed();
+            if (firstWriteUs < 0) firstWriteUs = lastWriteUs;
+        }
+        std::this_thread::sleep_for(std::chrono::microseconds(100));
+    }
+    ASSERT_EQ(kSuccess, answer.get());
     ASSERT_TRUE(test::WaitFor(
         [&] {
             return test::QueryValue(
@@ -859,33 +872,38 @@ TEST_F(StorageFaultTest, KillWhileStoringAYearLeavesOldOrNewRows) {
         },
         30000));
     const Poco::Timestamp::TimeDiff requestUs = started.elapsed();
+    const Poco::Timestamp::TimeDiff writeUs = firstWriteUs < 0 ? 0 : lastWriteUs - firstWriteUs;
+    std::cout << "undisturbed update: " << requestUs << " us, journal written from " << firstWriteUs << " us for "
+              << writeUs << " us" << std::endl;
     int stored = 20;
 
-    // Kills as soon as the journal shows a write under way (and a little
-    // later), then at fixed fractions of the whole flow.
-    const std::vector<int> afterJournalUs = {0, 0, 1000, 3000, 10000, -1, -1, -1};
-    const std::vector<double> ofRequest = {0, 0, 0, 0, 0, 0.25, 0.6, 0.95};
+    // Twelve kills at fractions of the writing span, counted from the
+    // moment the journal shows a write under way; eight at fractions of
+    // the whole flow (fetch, store, answer, forward, sent flags).
+    const std::vector<double> ofWrite = {0, 0, 0.02, 0.05, 0.1, 0.2, 0.3, 0.45, 0.6, 0.75, 0.9, 1.0};
+    const std::vector<double> ofRequest = {0.02, 0.1, 0.25, 0.4, 0.55, 0.7, 0.85, 0.97};
     int hotJournals = 0;
-    for (std::size_t attempt = 0; attempt < afterJournalUs.size(); ++attempt) {
+    for (std::size_t attempt = 0; attempt < ofWrite.size() + ofRequest.size(); ++attempt) {
         SCOPED_TRACE("attempt " + std::to_string(attempt));
+        const bool afterJournal = attempt < ofWrite.size();
+        const double fraction = afterJournal ? ofWrite[attempt] : ofRequest[attempt - ofWrite.size()];
         const int target = 30 + 10 * static_cast<int>(attempt);
         server = serverFor(target);
         const JournalState before = JournalState::Of(journal);
         const int connection = test::SendRequest(test::kUpdateScheduleRequest);
         const Poco::Timestamp asked;
-        if (afterJournalUs[attempt] >= 0) {
+        Poco::Timestamp::TimeDiff delayUs =
+            static_cast<Poco::Timestamp::TimeDiff>(static_cast<double>(afterJournal ? writeUs : requestUs) * fraction);
+        if (afterJournal) {
             while (!JournalState::Of(journal).WrittenSince(before) && asked.elapsed() < 4 * requestUs + 2000000) {
-                Poco::Thread::sleep(0);
+                std::this_thread::sleep_for(std::chrono::microseconds(100));
             }
-            if (afterJournalUs[attempt] > 0) Poco::Thread::sleep(afterJournalUs[attempt] / 1000);
-        } else {
-            const Poco::Timestamp::TimeDiff delayUs =
-                static_cast<Poco::Timestamp::TimeDiff>(static_cast<double>(requestUs) * ofRequest[attempt]);
-            while (asked.elapsed() < delayUs) Poco::Thread::sleep(1);
+            delayUs += asked.elapsed();
         }
+        while (asked.elapsed() < delayUs) std::this_thread::sleep_for(std::chrono::microseconds(100));
         const Poco::Timestamp::TimeDiff killedAtUs = asked.elapsed();
         ASSERT_TRUE(daemon_.Signal(SIGKILL));
-        ASSERT_TRUE(daemon_.WaitExit(5000));
+        ASSERT_TRUE(daemon_.WaitExit(Scaled(5000)));
         test::ReadAnswer(connection, 1000);
         const bool hot = JournalState::Of(journal).WrittenSince(before);
         if (hot) ++hotJournals;
@@ -909,6 +927,8 @@ TEST_F(StorageFaultTest, KillWhileStoringAYearLeavesOldOrNewRows) {
                   << std::endl;
         stored = rate;
         ExpectCurrentTargetPower(stored);
+        EXPECT_TRUE(MovedAside(test::kScheduleDbFile).empty());
+        EXPECT_TRUE(MovedAside(test::kUpdateInfoDbFile).empty());
     }
     // Without a kill in the middle of a write transaction this test would
     // prove little.
