@@ -167,6 +167,7 @@ bool DatabaseManager::SessionIsReadOnly() {
 
 void DatabaseManager::CloseSession() {
     if (!session_) return;
+    OnSessionClosed();
     try {
         session_->close();
     } catch (const Poco::Exception&) {
@@ -254,7 +255,6 @@ bool DatabaseManager::MoveAsideAndRenew(const std::string& why) {
     StorageNote::Record(path_, "moved aside to [" + aside + "] " + why);
     RemoveOldDamaged(path_, kKeptDamaged);
     renewed_ = true;
-    OnRenewed();
     renewing_ = true;
     const bool opened = InitDataBaseFile(path_);
     renewing_ = false;
@@ -275,7 +275,15 @@ void DatabaseManager::AfterFailure(const Outcome& outcome) {
         MoveAsideAndRenew(outcome.caught.GetText());
         return;
     }
-    if (SessionIsReadOnly()) CloseSession();
+    if (SessionIsReadOnly() || FileWasMoved()) CloseSession();
+}
+
+// A card pulled and another mounted in its place leaves the session on a
+// file that is no longer at its path; SQLite then refuses every write.
+bool DatabaseManager::FileWasMoved() {
+    if (!session_) return false;
+    sqlite3* db = Poco::Data::SQLite::Utility::dbHandle(*session_);
+    return db != nullptr && sqlite3_extended_errcode(db) == SQLITE_READONLY_DBMOVED;
 }
 
 // The device loses power without warning and keeps its tables on flash. A

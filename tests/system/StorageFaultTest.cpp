@@ -540,12 +540,12 @@ TEST_F(StorageFaultTest, DirectoryAtTheUpdateInfoTablePathFailsAtOnceUntilRemove
 }
 
 // The card is pulled out (its mount detached) after the daemon stored its
-// schedule, and later a fresh one is put in. The daemon holds its open
-// table files: it answers the target power from what it holds, and an
-// update fails at once (SQLite writes no file that is no longer at its
-// path), so nothing lands beside a file that is not the table's. It keeps
-// to the file it holds when the fresh card comes, and stops promptly.
-TEST_F(StorageFaultTest, CardPulledWhileRunningKeepsAnsweringFromWhatItHolds) {
+// schedule, and later a fresh one is put in. Reads go on from the table
+// file the daemon holds open; the first write finds the file no longer at
+// its path and fails at once, and that session is dropped, so the tables
+// are opened again where they belong: the daemon does not stay on a card
+// that is gone. Once the fresh card is in, updates store there again.
+TEST_F(StorageFaultTest, CardPulledWhileRunningMovesToTheCardPutInItsPlace) {
     ASSERT_TRUE(test::MountTmpfs("/media/sdcard", "size=4m"));
     StartWithStoredSchedule();
     if (HasFatalFailure()) return;
@@ -562,17 +562,24 @@ TEST_F(StorageFaultTest, CardPulledWhileRunningKeepsAnsweringFromWhatItHolds) {
     std::unique_ptr<HttpTestServer> server = Server(25);
     ExpectDatabaseUpdateError();
     EXPECT_TRUE(Logged("E", "ScheduleDatabase", "Insert Update Schedule error. ["));
-    ExpectCurrentTargetPower();
-
-    ASSERT_TRUE(test::MountTmpfs("/media/sdcard", "size=4m"));
-    ExpectCurrentTargetPower();
-    server = Server(25);
-    ExpectDatabaseUpdateError();
-    ExpectCurrentTargetPower();
-    EXPECT_FALSE(test::FileExists(test::kScheduleDbFile));
-    EXPECT_FALSE(test::FileExists(test::kUpdateInfoDbFile));
     EXPECT_TRUE(stored == test::ReadFile(heldPath)) << "the held table file changed";
     ::close(held);
+
+    // A fresh card: the update information's session still holds the old
+    // file and is dropped at its first write, so the second update stores
+    // everything on the new card.
+    ASSERT_TRUE(test::MountTmpfs("/media/sdcard", "size=4m"));
+    server = Server(25);
+    const std::string first = Ask(test::kUpdateScheduleRequest);
+    ASSERT_EQ(static_cast<std::size_t>(test::kUpdateAnswerSize), first.size());
+    server = Server(25);
+    EXPECT_EQ(kSuccess, Ask(test::kUpdateScheduleRequest));
+    EXPECT_EQ(std::to_string(kSlots),
+              test::QueryValue(test::kScheduleDbFile, "SELECT COUNT(*) FROM output_control_schedule WHERE "
+                                                      "controlRate = 25"));
+    EXPECT_EQ(kPlant,
+              test::QueryValue(test::kUpdateInfoDbFile, "SELECT plantId FROM output_control_schedule_update_info"));
+    ExpectCurrentTargetPower(25);
     EXPECT_TRUE(daemon_.Running());
     StopDaemon();
 }
