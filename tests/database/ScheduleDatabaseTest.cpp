@@ -26,7 +26,6 @@
 #include <string>
 #include <vector>
 
-#include <dirent.h>
 #include <sys/stat.h>
 
 namespace brvo {
@@ -452,17 +451,7 @@ TEST_F(ScheduleDatabaseTest, SetForwarderWaitsForTheForwardingInProgress) {
 
 // The names beside the table file that it was moved aside as, sorted.
 std::vector<std::string> DamagedNames() {
-    std::vector<std::string> names;
-    const std::string directory = kDbFile.substr(0, kDbFile.rfind('/'));
-    DIR* dir = ::opendir(directory.c_str());
-    if (dir == nullptr) return names;
-    while (const dirent* entry = ::readdir(dir)) {
-        const std::string name = entry->d_name;
-        if (name.find(".damaged-") != std::string::npos) names.push_back(name);
-    }
-    ::closedir(dir);
-    std::sort(names.begin(), names.end());
-    return names;
+    return StorageNote::DamagedFiles(kDbFile.substr(0, kDbFile.rfind('/')));
 }
 
 // The first of the slots WriteTwoThousandSlots writes: recent enough that
