@@ -31,8 +31,10 @@ std::string LoggerSocketPath() {
     return LoggerSettingManager::Current().GetLoggerSocketPath();
 }
 
+// The send and receive time-out of the exchange; never 0, which the socket
+// takes as no time-out at all, nor below, which it takes as no wait at all.
 int TimeoutSeconds() {
-    return LoggerSettingManager::Current().GetOutputControlSocketTimeout();
+    return LoggerSettingManager::Current().GetBoundedSocketTimeout();
 }
 
 // The command in the device's byte order: total length 8, then the command

@@ -1,6 +1,8 @@
 // One exchange with the logger daemon, run on a worker thread: connects to
 // its UNIX-domain socket, sends the 8-byte command and reads the 12-byte
-// reply, then reports to the callback.
+// reply, then reports to the callback. Sending and reading each wait at
+// most the socket time-out (OutputControlSocketTimeout, 60 s for a value
+// below 1), so a logger daemon that never answers fails the exchange.
 #ifndef BRVO_CLIENT_BRVFDACCESSREQUEST_H
 #define BRVO_CLIENT_BRVFDACCESSREQUEST_H
 

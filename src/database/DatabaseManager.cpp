@@ -1,5 +1,6 @@
 #include "database/DatabaseManager.h"
 
+#include "database/StorageNote.h"
 #include "util/FileUtil.h"
 #include "util/LoggerLog.h"
 
@@ -33,8 +34,6 @@ namespace {
 const std::size_t kOpenAttemptSeconds = 0;
 // How long a statement waits while another connection holds the lock.
 const std::size_t kBusyTimeoutSeconds = 60;
-// What follows a table file's name when it is moved aside.
-const std::string kDamagedInfix = ".damaged-";
 // The files that belong to a table file, by their endings.
 const char* const kCompanions[] = {"-journal", "-wal", "-shm"};
 const std::string kJournalMode = "DELETE";
@@ -87,7 +86,7 @@ std::string DirectoryOf(const std::string& path) {
 std::set<std::string> DamagedSets(const std::string& path) {
     std::set<std::string> sets;
     const std::string directory = DirectoryOf(path);
-    const std::string prefix = path.substr(path.rfind('/') + 1) + kDamagedInfix;
+    const std::string prefix = path.substr(path.rfind('/') + 1) + StorageNote::kDamagedMark;
     DIR* dir = ::opendir(directory.c_str());
     if (dir == nullptr) return sets;
     while (const dirent* entry = ::readdir(dir)) {
@@ -115,7 +114,7 @@ void RemoveOldDamaged(const std::string& path, int kept) {
 // names still sort in the order of the moves.
 std::string AsideName(const std::string& path) {
     const std::string base =
-        path + kDamagedInfix + Poco::DateTimeFormatter::format(Poco::Timestamp(), "%Y%m%dT%H%M%S.%iZ");
+        path + StorageNote::kDamagedMark + Poco::DateTimeFormatter::format(Poco::Timestamp(), "%Y%m%dT%H%M%S.%iZ");
     bool taken = false;
     long highest = 0;
     for (const std::string& set : DamagedSets(path)) {
@@ -168,6 +167,7 @@ bool DatabaseManager::SessionIsReadOnly() {
 
 void DatabaseManager::CloseSession() {
     if (!session_) return;
+    OnSessionClosed();
     try {
         session_->close();
     } catch (const Poco::Exception&) {
@@ -185,7 +185,11 @@ bool DatabaseManager::InitDataBaseFile(const std::string& path) {
     path_ = path;
     bool damaged = false;
     const Caught caught = OpenAndCreate(path, damaged);
-    if (caught) LoggerLog::Error(tag_, "InitDataBaseFile error. [" + caught.GetText() + "]");
+    if (caught) {
+        LoggerLog::Error(tag_, "InitDataBaseFile error. [" + caught.GetText() + "]");
+        StorageNote::Record(path, caught.Describe("InitDataBaseFile error. "));
+    }
+    if (caught && !damaged) damaged = LastErrorIsDamage();
     std::string why = caught.GetText();
     if (!caught && !checked_) {
         checked_ = true;
@@ -248,21 +252,38 @@ bool DatabaseManager::MoveAsideAndRenew(const std::string& why) {
         if (Exists(path_ + ending)) std::rename((path_ + ending).c_str(), (aside + ending).c_str());
     }
     LoggerLog::Error(tag_, "Damaged table moved aside. [" + path_ + "] to [" + aside + "] " + why);
+    StorageNote::Record(path_, "moved aside to [" + aside + "] " + why);
     RemoveOldDamaged(path_, kKeptDamaged);
     renewed_ = true;
-    OnRenewed();
     renewing_ = true;
     const bool opened = InitDataBaseFile(path_);
     renewing_ = false;
     return opened;
 }
 
+// The connector names most damage by its own exception; the session's last
+// error code tells it also where a library maps the code otherwise.
+bool DatabaseManager::LastErrorIsDamage() {
+    if (!session_) return false;
+    sqlite3* db = Poco::Data::SQLite::Utility::dbHandle(*session_);
+    return db != nullptr && IsDamageCode(sqlite3_extended_errcode(db));
+}
+
 void DatabaseManager::AfterFailure(const Outcome& outcome) {
-    if (outcome.damaged && !renewing_ && !path_.empty()) {
+    StorageNote::Record(path_.empty() ? GetDatabaseFilePath() : path_, outcome.caught.Describe(""));
+    if ((outcome.damaged || LastErrorIsDamage()) && !renewing_ && !path_.empty()) {
         MoveAsideAndRenew(outcome.caught.GetText());
         return;
     }
-    if (SessionIsReadOnly()) CloseSession();
+    if (SessionIsReadOnly() || FileWasMoved()) CloseSession();
+}
+
+// A card pulled and another mounted in its place leaves the session on a
+// file that is no longer at its path; SQLite then refuses every write.
+bool DatabaseManager::FileWasMoved() {
+    if (!session_) return false;
+    sqlite3* db = Poco::Data::SQLite::Utility::dbHandle(*session_);
+    return db != nullptr && sqlite3_extended_errcode(db) == SQLITE_READONLY_DBMOVED;
 }
 
 // The device loses power without warning and keeps its tables on flash. A

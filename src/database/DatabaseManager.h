@@ -79,9 +79,10 @@ protected:
     // of another schema.
     virtual std::string ColumnList() const = 0;
 
-    // Called when the table was made anew (mutex_ held): whatever the
-    // class keeps of the old file's rows is forgotten.
-    virtual void OnRenewed() {}
+    // Called whenever the session is closed (mutex_ held): the next one may
+    // be on another file (a table made anew, a card put in), so whatever
+    // the class keeps of the old file's rows is forgotten.
+    virtual void OnSessionClosed() {}
 
     // What a table operation's body ended with.
     struct Outcome {
@@ -105,11 +106,13 @@ protected:
         return outcome;
     }
 
-    // After a failed operation (mutex_ held): a damaged file is moved aside
-    // and made anew; a session that SQLite opened read-only (the card was
-    // read-only then) stays so even once the card takes writes again, so
-    // it is dropped and the next operation opens the file afresh. Any other
-    // session is kept.
+    // After a failed operation (mutex_ held): the failure goes into the
+    // storage note; a damaged file is moved aside and made anew; a session
+    // that SQLite opened read-only (the card was read-only then) stays so
+    // even once the card takes writes again, and one whose file is no
+    // longer at its path (a card pulled, another mounted) refuses every
+    // write, so either is dropped and the next operation opens the file
+    // afresh. Any other session is kept.
     void AfterFailure(const Outcome& outcome);
 
     // Opens the session when there is none yet. False (with the log line
@@ -177,6 +180,12 @@ private:
     // newest kKeptDamaged such sets, opens a fresh table, and logs where
     // the file went. False when the file could not be moved (mutex_ held).
     bool MoveAsideAndRenew(const std::string& why);
+    // Whether the session's last error says its file is no longer at its
+    // path (mutex_ held).
+    bool FileWasMoved();
+    // Whether the session's last error says the file is damaged (mutex_
+    // held).
+    bool LastErrorIsDamage();
     // Closes and drops the session, if any (mutex_ held).
     void CloseSession();
     // Whether the open session can only read its file (mutex_ held).

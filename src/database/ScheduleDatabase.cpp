@@ -100,7 +100,7 @@ std::string ScheduleDatabase::ColumnList() const {
     return kColumnTime + ", " + kColumnControlRate + ", " + kColumnSent;
 }
 
-void ScheduleDatabase::OnRenewed() {
+void ScheduleDatabase::OnSessionClosed() {
     slots_.valid = false;
     BeginWrite();
     NotifyWritten(true);

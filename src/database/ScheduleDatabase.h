@@ -99,7 +99,7 @@ public:
 protected:
     std::string CreateTableStatement() const override;
     std::string ColumnList() const override;
-    void OnRenewed() override;
+    void OnSessionClosed() override;
 
 private:
     // The current and next slots found at `from` while the file's change

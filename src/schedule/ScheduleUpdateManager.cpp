@@ -357,6 +357,11 @@ void ScheduleUpdateManager::DeleteAllUpdateControlInfoFromDB() {
 
 void ScheduleUpdateManager::DeleteAllLocked() {
     LoggerLog::Debug(kTag, "DeleteAllUpdateControlInfoFromDB");
+    // A table made anew before this wipe lost nothing that the wipe does
+    // not take as well. Left pending, it would have the next tick wipe the
+    // schedules fetched after this one (the settings check's own read of
+    // the update information is what finds that file damaged).
+    DatabaseManager::TakeRenewed();
     store_.DeleteAllLocked();
     {
         // The failures belonged to what was wiped.

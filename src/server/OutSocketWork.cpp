@@ -108,8 +108,7 @@ void OutSocketWork::Close() {
 }
 
 int OutSocketWork::TimeoutSeconds() {
-    const int seconds = LoggerSettingManager::Current().GetOutputControlSocketTimeout();
-    return seconds > 0 ? seconds : LoggerSettingManager::kDefaultSocketTimeout;
+    return LoggerSettingManager::Current().GetBoundedSocketTimeout();
 }
 
 std::int64_t OutSocketWork::TimeoutMicroseconds() {

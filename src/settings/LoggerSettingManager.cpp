@@ -231,6 +231,11 @@ int LoggerSettingManager::GetOutputControlSocketTimeout() const {
     return GetInt(kSocketTimeout, kDefaultSocketTimeout);
 }
 
+int LoggerSettingManager::GetBoundedSocketTimeout() const {
+    const int seconds = GetOutputControlSocketTimeout();
+    return seconds > 0 ? seconds : kDefaultSocketTimeout;
+}
+
 std::string LoggerSettingManager::GetLogDirectory() const {
     return GetSdcardPath() + kLogDirectorySuffix;
 }

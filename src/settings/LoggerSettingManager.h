@@ -62,8 +62,8 @@ public:
     // Built-in seconds between periodic schedule checks; the schedule
     // timers also tick at it when the setting is below 1.
     static constexpr int kDefaultMonitoringInterval = 180;
-    // Built-in time-out of socket exchanges in seconds; the command socket
-    // also waits for its clients this long when the setting is below 1.
+    // Built-in time-out of socket exchanges in seconds; they also wait
+    // this long when the setting is below 1 (GetBoundedSocketTimeout).
     static constexpr int kDefaultSocketTimeout = 60;
 
     // Path of the logger daemon's socket.
@@ -94,6 +94,10 @@ public:
     int GetOutputScheduleMonitoringInterval() const;
     // Time-out of socket exchanges in seconds; 60 when not a number.
     int GetOutputControlSocketTimeout() const;
+    // The time-out that socket exchanges wait, in seconds: the one above,
+    // or kDefaultSocketTimeout for a value below 1, since no wait on a
+    // peer may be unbounded. Always at least 1.
+    int GetBoundedSocketTimeout() const;
     // SdcardPath + "/kestrovanyx/Log/OutputScheduleLog".
     std::string GetLogDirectory() const;
 

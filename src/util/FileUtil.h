@@ -17,8 +17,9 @@ public:
     // Tests only: a directory put in front of every fixed absolute path of
     // the machine (the settings and device directories, the card's and the
     // fallback data root, the logger settings' default paths, the MAC
-    // address file, the log's I/O error mark), so that the unit tests need
-    // neither root nor a sandbox. Empty, and never set, in the daemon.
+    // address file, the log's I/O error mark, the storage error note), so
+    // that the unit tests need neither root nor a sandbox. Empty, and never
+    // set, in the daemon.
     static void SetRootPrefix(const std::string& prefix);
     // `path`, a fixed absolute path of the machine, with the root prefix in
     // front; `path` itself while the prefix is empty.

@@ -17,10 +17,15 @@
 #include <Poco/Timestamp.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
+#include <dirent.h>
 #include <future>
 #include <memory>
 #include <string>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
 #include <vector>
 
 namespace brvo {
@@ -36,6 +41,32 @@ std::string Reply(std::int32_t result) {
     std::string reply(12, '\xaa');
     std::memcpy(&reply[8], &result, sizeof result);
     return reply;
+}
+
+// The descriptor of this process connected to the socket at `path`: the
+// exchange's own end; -1 when there is none.
+int ConnectedTo(const std::string& path) {
+    DIR* const fds = opendir("/proc/self/fd");
+    if (fds == nullptr) return -1;
+    int found = -1;
+    while (const dirent* entry = readdir(fds)) {
+        const int fd = std::atoi(entry->d_name);
+        sockaddr_un peer = {};
+        socklen_t length = sizeof peer;
+        if (getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &length) != 0 || peer.sun_family != AF_UNIX) continue;
+        if (length > sizeof peer.sun_family && path == peer.sun_path) found = fd;
+    }
+    closedir(fds);
+    return found;
+}
+
+// The time-out `option` (SO_RCVTIMEO, SO_SNDTIMEO) of `fd` in seconds; -1
+// when it cannot be read.
+long SocketTimeout(int fd, int option) {
+    timeval timeout = {};
+    socklen_t length = sizeof timeout;
+    if (getsockopt(fd, SOL_SOCKET, option, &timeout, &length) != 0) return -1;
+    return static_cast<long>(timeout.tv_sec);
 }
 
 // Records what the exchange reports.
@@ -157,6 +188,36 @@ TEST_F(BrvfdAccessRequestTest, SilentPeerFailsTheReadAfterTheTimeOut) {
     EXPECT_GE(started.elapsed(), 900 * 1000);
     EXPECT_EQ(1, SendScheduleData());
     EXPECT_TRUE(test::HasLogLine(LogLines(), "E", "BrvfdSendCommandRequest", "sending error. error_code [5]"));
+}
+
+// A time-out below 1 s is the built-in 60 s, as for the command socket: a
+// logger daemon that takes the command and never answers then fails the
+// exchange with a failed read after a minute, never holding a worker for
+// good (0 would wait for ever), and one that answers a little late is still
+// heard (below 0 would not wait at all). The kernel measures that wait,
+// which no fake clock shortens: the test reads the time-outs off the
+// exchange's own socket while it waits, then ends it.
+TEST_F(BrvfdAccessRequestTest, TimeOutBelowOneSecondIsTheBuiltInSixty) {
+    for (const char* value : {"0", "-5"}) {
+        UseSettings(std::string("<OutputControlSocketTimeout>") + value + "</OutputControlSocketTimeout>");
+        UnixPeer peer(kLoggerSocket, UnixPeer::kSilent, "", 8);
+        auto kept = std::make_shared<Recorder>();
+        Poco::AutoPtr<BrvfdAccessRequest> request(new BrvfdAccessRequest(kept.get()));
+        request->SetCommand(1);
+        request->Keep(kept);
+        request->duplicate();
+        channel_->Enqueue(request.get());
+        ASSERT_TRUE(test::WaitFor([&] { return peer.Received().size() == 1; }, 5000)) << value;
+        const int fd = ConnectedTo(kLoggerSocket);
+        ASSERT_GE(fd, 0) << value << ": the exchange is no longer waiting";
+        EXPECT_EQ(60, SocketTimeout(fd, SO_RCVTIMEO)) << value;
+        EXPECT_EQ(60, SocketTimeout(fd, SO_SNDTIMEO)) << value;
+        // Still waiting: the time-out, not an error, ends the read.
+        EXPECT_FALSE(kept->done.tryWait(200)) << value;
+        request->Abort();
+        ASSERT_TRUE(kept->done.tryWait(static_cast<long>(10000 * test::TimeScale()))) << value;
+        EXPECT_EQ(5, kept->status) << value;
+    }
 }
 
 TEST_F(BrvfdAccessRequestTest, WithoutCommandNothingIsSent) {

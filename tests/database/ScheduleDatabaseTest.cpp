@@ -1,4 +1,5 @@
 #include "database/ScheduleDatabase.h"
+#include "database/StorageNote.h"
 
 #include "schedule/ScheduleModel.h"
 #include "settings/LoggerSettingManager.h"
@@ -25,7 +26,6 @@
 #include <string>
 #include <vector>
 
-#include <dirent.h>
 #include <sys/stat.h>
 
 namespace brvo {
@@ -451,17 +451,7 @@ TEST_F(ScheduleDatabaseTest, SetForwarderWaitsForTheForwardingInProgress) {
 
 // The names beside the table file that it was moved aside as, sorted.
 std::vector<std::string> DamagedNames() {
-    std::vector<std::string> names;
-    const std::string directory = kDbFile.substr(0, kDbFile.rfind('/'));
-    DIR* dir = ::opendir(directory.c_str());
-    if (dir == nullptr) return names;
-    while (const dirent* entry = ::readdir(dir)) {
-        const std::string name = entry->d_name;
-        if (name.find(".damaged-") != std::string::npos) names.push_back(name);
-    }
-    ::closedir(dir);
-    std::sort(names.begin(), names.end());
-    return names;
+    return StorageNote::DamagedFiles(kDbFile.substr(0, kDbFile.rfind('/')));
 }
 
 // The first of the slots WriteTwoThousandSlots writes: recent enough that
@@ -504,6 +494,11 @@ TEST_F(ScheduleDatabaseTest, GarbageFileIsMovedAsideAndAFreshTableMade) {
     EXPECT_FALSE(test::HasLogLine(lines, "E", kTag, "Database Open error."));
     EXPECT_TRUE(DatabaseManager::TakeRenewed());
     EXPECT_FALSE(DatabaseManager::TakeRenewed());
+    // pvoctl status finds what happened in the storage note.
+    StorageNote::Entry note;
+    ASSERT_TRUE(StorageNote::Read(note));
+    EXPECT_EQ(kDbFile, note.file);
+    EXPECT_EQ(0u, note.error.find("moved aside to [" + aside + "] ")) << note.error;
     // The fresh table works at once.
     EXPECT_TRUE(database.InsertUpdateSchedule({Row(Now() - 60, 40)}));
     EXPECT_EQ(40, database.SelectSchedule(Now(), true).controlRate);
@@ -632,6 +627,10 @@ TEST_F(ScheduleDatabaseTest, TableThatCannotBeOpenedFailsAtOnce) {
     EXPECT_TRUE(test::HasLogLineStarting(lines, "E", kTag, "InitDataBaseFile error. ["));
     EXPECT_TRUE(test::HasLogLine(lines, "E", kTag, "Database Open error."));
     EXPECT_TRUE(DamagedNames().empty());
+    StorageNote::Entry note;
+    ASSERT_TRUE(StorageNote::Read(note));
+    EXPECT_EQ(kDbFile, note.file);
+    EXPECT_EQ(0u, note.error.find("InitDataBaseFile error. [")) << note.error;
     ::rmdir(kDbFile.c_str());
 }
 

@@ -42,6 +42,7 @@ protected:
         EXPECT_EQ(0, settings.GetOutputControlTestMode());
         EXPECT_EQ(180, settings.GetOutputScheduleMonitoringInterval());
         EXPECT_EQ(60, settings.GetOutputControlSocketTimeout());
+        EXPECT_EQ(60, settings.GetBoundedSocketTimeout());
         EXPECT_EQ(test::FixedPath("/media/sdcard/kestrovanyx/Log/OutputScheduleLog"), settings.GetLogDirectory());
     }
 };
@@ -207,6 +208,19 @@ TEST_F(LoggerSettingManagerTest, NegativeRetentionIsReturnedUnchanged) {
 
 TEST_F(LoggerSettingManagerTest, ZeroIsReturnedWithoutRangeCheck) {
     EXPECT_EQ(0, Load("<WatchdogFileUpdateInterval>0</WatchdogFileUpdateInterval>").GetWatchdogFileUpdateInterval());
+}
+
+// The time-out socket exchanges wait is never unbounded: a setting below 1
+// is read as it is, and waited as the built-in 60 s.
+TEST_F(LoggerSettingManagerTest, BoundedSocketTimeoutIsTheBuiltInSixtyBelowOne) {
+    EXPECT_EQ(2, Load("<OutputControlSocketTimeout>2</OutputControlSocketTimeout>").GetBoundedSocketTimeout());
+    for (const char* value : {"0", "-5", "x"}) {
+        LoggerSettingManager::DeleteInstance();
+        const LoggerSettingManager& settings =
+            Load(std::string("<OutputControlSocketTimeout>") + value + "</OutputControlSocketTimeout>");
+        EXPECT_EQ(std::string(value) == "x" ? 60 : std::stoi(value), settings.GetOutputControlSocketTimeout()) << value;
+        EXPECT_EQ(60, settings.GetBoundedSocketTimeout()) << value;
+    }
 }
 
 TEST_F(LoggerSettingManagerTest, OtherRootNameLeavesDefaults) {

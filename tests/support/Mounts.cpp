@@ -48,6 +48,14 @@ bool Unmount(const std::string& directory) {
     return true;
 }
 
+bool UnmountLazily(const std::string& directory) {
+    if (::umount2(directory.c_str(), MNT_DETACH) != 0) {
+        ADD_FAILURE() << "cannot detach " << directory << ": " << std::strerror(errno);
+        return false;
+    }
+    return true;
+}
+
 std::string FillFileSystem(const std::string& directory, const std::string& name) {
     const std::string path = directory + "/" + name;
     const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);

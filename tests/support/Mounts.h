@@ -24,6 +24,11 @@ bool BindMount(const std::string& source, const std::string& target);
 // Unmounts the topmost mount on `directory`. Fails the test and returns
 // false when that fails.
 bool Unmount(const std::string& directory);
+// Detaches the topmost mount on `directory` at once (MNT_DETACH), as a card
+// pulled out while files on it are open: whoever holds a file there keeps
+// it, and the path shows what lies beneath. Fails the test and returns
+// false when that fails.
+bool UnmountLazily(const std::string& directory);
 // Fills the file system of `directory` with a file `name` until no byte
 // more fits. Returns the filler's path.
 std::string FillFileSystem(const std::string& directory, const std::string& name = "filler");

@@ -1,7 +1,10 @@
 // pvoctl status on stored databases: the three output formats, the health
-// verdict and its reasons, the /tmp fall-back and the log's I/O error note,
-// and that reading never writes.
+// verdict and its reasons, the /tmp fall-back, the damaged tables and the
+// storage error note, the log's I/O error note, and that reading never
+// writes.
+#include "database/StorageNote.h"
 #include "support/ChildProcess.h"
+#include "support/SimulatedTime.h"
 #include "support/SqliteFile.h"
 #include "support/StoredSchedule.h"
 #include "support/TestFiles.h"
@@ -22,6 +25,11 @@ namespace {
 
 const std::string kSocket = "/mnt/system/pvoctrl/brevanta.octrl";
 const std::string kPlant = "00000000000000000000000777";
+const std::string kCardTables = "/media/sdcard/kestrovanyx/Database/OutputControl/";
+const std::string kTmpTables = "/tmp/kestrovanyx/Database/OutputControl/";
+const std::string kDamaged = "output_control_schedule.db.damaged-20261126T013800Z";
+// 2026-11-26 01:38:00 UTC.
+const std::int64_t kErrorTime = 1795657080;
 
 int RunPvoctl(const std::vector<std::string>& args, std::string& output, const std::string& directory = "") {
     return test::ChildProcess::RunToEnd(PVOCTL_BINARY, args, output, directory);
@@ -177,6 +185,91 @@ TEST_F(PvoctlStatusTest, TheTmpFallBackAndTheLogIoErrorNoteAreShown) {
     EXPECT_NE(std::string::npos, output.find("pvocd_log_io_error{plant_id=\"" + kPlant + "\"} 1\n")) << output;
     // Reading never creates: no database file and no directory appeared.
     EXPECT_FALSE(test::FileExists("/tmp/kestrovanyx"));
+}
+
+// The daemon's own writer makes the note, so the tool is shown to read
+// what the daemon writes. Neither the note nor the damaged tables change
+// the verdict: the daemon made new tables and goes on.
+TEST_F(PvoctlStatusTest, TheDamagedTablesAndTheLastStorageErrorAreShownInAllThreeFormats) {
+    Store(3600);
+    test::UnixPeer daemon(kSocket, test::UnixPeer::kReply, TargetPowerAnswer(40), 16);
+    test::SimulatedTime errorTime(kErrorTime * 1000000);
+    StorageNote::SetClock(&errorTime);
+    StorageNote::Record(test::kScheduleDbFile, "disk I/O error (\"10\")");
+    StorageNote::SetClock(nullptr);
+    ASSERT_TRUE(test::FileExists("/tmp/pvocd_storage_error"));
+    test::WriteFile(kCardTables + kDamaged, "damaged");
+    test::WriteFile(kCardTables + kDamaged + "-journal", "");
+    std::string output;
+    ASSERT_EQ(0, RunPvoctl({"status"}, output)) << output;
+    EXPECT_EQ(0u, output.find("pvocd status: healthy\n")) << output;
+    EXPECT_NE(std::string::npos,
+              output.find("\n  damaged tables:    " + kDamaged + ", " + kDamaged + "-journal (2 files)\n"))
+        << output;
+    EXPECT_NE(std::string::npos, output.find("\n  storage error:     2026-11-26 01:38:00 UTC " +
+                                             std::string(test::kScheduleDbFile) + ": disk I/O error (\"10\")\n"))
+        << output;
+
+    ASSERT_EQ(0, RunPvoctl({"status", "--json"}, output)) << output;
+    EXPECT_EQ(0u, output.find("{\"healthy\":true,")) << output;
+    EXPECT_NE(std::string::npos,
+              output.find("\"damagedFiles\":[\"" + kDamaged + "\",\"" + kDamaged +
+                          "-journal\"],\"lastError\":{\"time\":" + std::to_string(kErrorTime) + ",\"file\":\"" +
+                          test::kScheduleDbFile + "\",\"error\":\"disk I/O error (\\\"10\\\")\"}}"))
+        << output;
+
+    ASSERT_EQ(0, RunPvoctl({"status", "--prometheus"}, output)) << output;
+    const std::string labels = "{plant_id=\"" + kPlant + "\"}";
+    EXPECT_NE(std::string::npos, output.find("# HELP pvocd_storage_damaged_files ")) << output;
+    EXPECT_NE(std::string::npos,
+              output.find("# TYPE pvocd_storage_damaged_files gauge\npvocd_storage_damaged_files" + labels + " 2\n"))
+        << output;
+    EXPECT_NE(std::string::npos, output.find("# HELP pvocd_storage_last_error_timestamp_seconds ")) << output;
+    EXPECT_NE(std::string::npos, output.find("# TYPE pvocd_storage_last_error_timestamp_seconds gauge\n"
+                                             "pvocd_storage_last_error_timestamp_seconds" +
+                                             labels + " " + std::to_string(kErrorTime) + "\n"))
+        << output;
+    EXPECT_NE(std::string::npos, output.find("pvocd_healthy" + labels + " 1\n")) << output;
+}
+
+TEST_F(PvoctlStatusTest, NoDamagedTablesAndNoStorageErrorAreShownAsNone) {
+    Store(3600);
+    test::UnixPeer daemon(kSocket, test::UnixPeer::kReply, TargetPowerAnswer(40), 16);
+    std::string output;
+    ASSERT_EQ(0, RunPvoctl({"status"}, output)) << output;
+    EXPECT_NE(std::string::npos, output.find("\n  damaged tables:    none\n")) << output;
+    EXPECT_NE(std::string::npos, output.find("\n  storage error:     none noted\n")) << output;
+    ASSERT_EQ(0, RunPvoctl({"status", "--json"}, output)) << output;
+    EXPECT_NE(std::string::npos, output.find("\"damagedFiles\":[],\"lastError\":null}")) << output;
+    ASSERT_EQ(0, RunPvoctl({"status", "--prometheus"}, output)) << output;
+    const std::string labels = "{plant_id=\"" + kPlant + "\"}";
+    EXPECT_NE(std::string::npos, output.find("\npvocd_storage_damaged_files" + labels + " 0\n")) << output;
+    EXPECT_NE(std::string::npos, output.find("\npvocd_storage_last_error_timestamp_seconds" + labels + " 0\n"))
+        << output;
+    // A note the tool cannot read is no note.
+    test::WriteFile("/tmp/pvocd_storage_error", "not a note\n");
+    ASSERT_EQ(0, RunPvoctl({"status"}, output)) << output;
+    EXPECT_NE(std::string::npos, output.find("\n  storage error:     none noted\n")) << output;
+}
+
+// In the /tmp fall-back, the damaged tables are those beside its tables,
+// not those left on the card.
+TEST_F(PvoctlStatusTest, TheDamagedTablesOfTheTmpFallBackAreTheOnesListed) {
+    Store(3600);
+    test::WriteFile(kTmpTables + "output_control_schedule_update_info.db", test::ReadFile(test::kUpdateInfoDbFile));
+    test::CreateDatabase(kTmpTables + "output_control_schedule_update_info.db",
+                         "UPDATE output_control_schedule_update_info SET lastUpdateTime='" + Display(now_ - 600) + "'");
+    test::WriteFile(kCardTables + kDamaged, "");
+    test::WriteFile(kTmpTables + "output_control_schedule.db.damaged-20261127T000000Z-wal", "");
+    std::string output;
+    RunPvoctl({"status"}, output);
+    ASSERT_NE(std::string::npos, output.find("storage:           /tmp/kestrovanyx (/tmp fall-back")) << output;
+    EXPECT_NE(std::string::npos,
+              output.find("\n  damaged tables:    output_control_schedule.db.damaged-20261127T000000Z-wal (1 file)\n"))
+        << output;
+    RunPvoctl({"status", "--prometheus"}, output);
+    EXPECT_NE(std::string::npos, output.find("\npvocd_storage_damaged_files{plant_id=\"" + kPlant + "\"} 1\n"))
+        << output;
 }
 
 // The daemon keeps the root it chose at start for the whole run: a card

@@ -4,9 +4,11 @@
 #include "JsonValue.h"
 #include "StorageLocation.h"
 
+#include "database/StorageNote.h"
 #include "database/TableNames.h"
 #include "settings/LoggerSettingManager.h"
 #include "settings/SystemSettingXmlManager.h"
+#include "util/FileUtil.h"
 #include "util/LogFileOutput.h"
 #include "util/TimeStamp.h"
 
@@ -102,6 +104,7 @@ StatusReport::StatusReport(const std::string& socketPath, int timeoutMs)
     ReadUpdateInfo();
     ReadSchedule();
     ReadFiles();
+    ReadStorageNotes();
     AskSocket(timeoutMs);
     WorkOutTimers();
     Judge();
@@ -161,6 +164,14 @@ void StatusReport::ReadFiles() {
     }
 }
 
+// Damaged tables are moved aside beside the schedule table in use, on the
+// card or in the /tmp fall-back alike. Both are shown, never judged: the
+// daemon made new tables and goes on.
+void StatusReport::ReadStorageNotes() {
+    damagedFiles_ = StorageNote::DamagedFiles(FileUtil::GetDirectory(scheduleDb_));
+    StorageNote::Read(storageError_);
+}
+
 // A target-power request changes nothing in the daemon: it only reads.
 void StatusReport::AskSocket(int timeoutMs) {
     double capacity = 100.0;
@@ -206,6 +217,19 @@ std::string StatusReport::Time(std::int64_t epoch) const {
     return time ? time->FormatDisplay() + " UTC" : "invalid (" + std::to_string(epoch) + ")";
 }
 
+std::string StatusReport::DamagedText() const {
+    if (damagedFiles_.empty()) return "none";
+    std::string text;
+    for (std::size_t i = 0; i < damagedFiles_.size(); ++i) text += (i > 0 ? ", " : "") + damagedFiles_[i];
+    const std::size_t count = damagedFiles_.size();
+    return text + " (" + std::to_string(count) + (count == 1 ? " file)" : " files)");
+}
+
+std::string StatusReport::StorageErrorText() const {
+    if (storageError_.time < 0) return "none noted";
+    return Time(storageError_.time) + " " + storageError_.file + ": " + storageError_.error;
+}
+
 std::string StatusReport::Text() const {
     std::ostringstream out;
     out << "pvocd status: " << (Healthy() ? "healthy" : "unhealthy") << "\n";
@@ -221,6 +245,7 @@ std::string StatusReport::Text() const {
     if (slotCount_ > 0) out << ", " << Time(firstSlot_) << " until " << Time(validUntil_);
     out << "\n  storage:           " << dataRoot_
         << (fallback_ ? " (/tmp fall-back: " + sdcardPath_ + " cannot be written)" : std::string(" (SD card)"))
+        << "\n  damaged tables:    " << DamagedText() << "\n  storage error:     " << StorageErrorText()
         << "\n  log I/O errors:    "
         << (logIoError_ ? LogFileOutput::kErrorFilePath + " present" : std::string("none noted"))
         << "\n  watchdog file:     " << watchdogFile_;
@@ -249,13 +274,27 @@ std::string StatusReport::Json() const {
         << "},\"storage\":{\"dataRoot\":" << JsonValue::Text(dataRoot_)
         << ",\"fallback\":" << (fallback_ ? "true" : "false")
         << ",\"scheduleDatabase\":" << JsonValue::Text(scheduleDb_)
-        << ",\"updateInfoDatabase\":" << JsonValue::Text(updateInfoDb_)
+        << ",\"updateInfoDatabase\":" << JsonValue::Text(updateInfoDb_) << StorageJson()
         << "},\"logIoError\":" << (logIoError_ ? "true" : "false")
         << ",\"watchdog\":{\"file\":" << JsonValue::Text(watchdogFile_) << ",\"ageSeconds\":" << JsonTime(watchdogAge_)
         << ",\"interval\":" << watchdogInterval_ << "},\"socket\":{\"path\":" << JsonValue::Text(socketPath_)
         << ",\"answers\":" << (socketAnswers_ ? "true" : "false") << ",\"error\":" << JsonValue::Text(socketError_)
         << "}}";
     return out.str();
+}
+
+// The damaged files and the last storage error, as members of the storage
+// object.
+std::string StatusReport::StorageJson() const {
+    std::string json = ",\"damagedFiles\":[";
+    for (std::size_t i = 0; i < damagedFiles_.size(); ++i) {
+        json += (i > 0 ? "," : "") + JsonValue::Text(damagedFiles_[i]);
+    }
+    json += "],\"lastError\":";
+    if (storageError_.time < 0) return json + "null";
+    return json + "{\"time\":" + std::to_string(storageError_.time) +
+           ",\"file\":" + JsonValue::Text(storageError_.file) + ",\"error\":" + JsonValue::Text(storageError_.error) +
+           "}";
 }
 
 // Metrics without a value (no update yet, no watchdog file) are left out,
@@ -283,6 +322,10 @@ std::string StatusReport::Prometheus() const {
            validUntil_ >= 0);
     metric("pvocd_storage_fallback", "Whether the /tmp fall-back is used instead of the SD card.", fallback_ ? 1 : 0,
            true);
+    metric("pvocd_storage_damaged_files", "Number of table files moved aside as damaged.",
+           static_cast<std::int64_t>(damagedFiles_.size()), true);
+    metric("pvocd_storage_last_error_timestamp_seconds", "Time of the last storage error noted; 0 when none.",
+           storageError_.time >= 0 ? storageError_.time : 0, true);
     metric("pvocd_log_io_error", "Whether the log's I/O error note file is present.", logIoError_ ? 1 : 0, true);
     metric("pvocd_watchdog_age_seconds", "Seconds since the watchdog file was touched.", watchdogAge_,
            watchdogAge_ >= 0);

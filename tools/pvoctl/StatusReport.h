@@ -1,8 +1,11 @@
 // pvoctl status: what pvocd is doing, gathered from its settings, its two
-// databases (opened read-only), the log's I/O error note, the watchdog file
-// and one harmless request on the command socket.
+// databases (opened read-only), the table files it moved aside as damaged,
+// its storage error note, the log's I/O error note, the watchdog file and
+// one harmless request on the command socket.
 #ifndef BRVO_TOOLS_PVOCTL_STATUSREPORT_H
 #define BRVO_TOOLS_PVOCTL_STATUSREPORT_H
+
+#include "database/StorageNote.h"
 
 #include <cstdint>
 #include <string>
@@ -44,10 +47,14 @@ private:
     void ReadUpdateInfo();
     void ReadSchedule();
     void ReadFiles();
+    void ReadStorageNotes();
     void AskSocket(int timeoutMs);
     void WorkOutTimers();
     void Judge();
     std::string Time(std::int64_t epoch) const;
+    std::string DamagedText() const;
+    std::string StorageErrorText() const;
+    std::string StorageJson() const;
 
     std::int64_t now_;
     std::string socketPath_;
@@ -68,6 +75,10 @@ private:
     std::int64_t firstSlot_ = -1;
     std::int64_t validUntil_ = -1;
     long long slotCount_ = 0;
+    // Names of the table files moved aside, in the schedule table's directory.
+    std::vector<std::string> damagedFiles_;
+    // The daemon's last storage error; its time is -1 when none is noted.
+    StorageNote::Entry storageError_;
     bool logIoError_ = false;
     std::string watchdogFile_;
     std::int64_t watchdogAge_ = -1;
