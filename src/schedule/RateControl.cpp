@@ -5,6 +5,7 @@
 #include "settings/LoggerSettingManager.h"
 #include "settings/SystemSettingXmlManager.h"
 #include "util/LoggerLog.h"
+#include "util/StringUtil.h"
 #include "util/SystemClock.h"
 #include "util/TimeStamp.h"
 
@@ -101,8 +102,8 @@ std::size_t RateControl::FormatRateLine(char* text, const char* display, std::in
                                         double capacity) {
     char targetText[kDoubleTextSize];
     char capacityText[kDoubleTextSize];
-    std::snprintf(targetText, sizeof targetText, "%f", target);
-    std::snprintf(capacityText, sizeof capacityText, "%f", capacity);
+    StringUtil::FormatFixed(target, targetText, sizeof targetText);
+    StringUtil::FormatFixed(capacity, capacityText, sizeof capacityText);
     const int length = std::snprintf(text, kRateLineSize, "%s(UTC) Output Rate [%lld]  target power[%s]  capacity[%s]",
                                      display, static_cast<long long>(rate), targetText, capacityText);
     if (length < 0) return 0;

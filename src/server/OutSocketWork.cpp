@@ -9,6 +9,7 @@
 #include "settings/LoggerSettingManager.h"
 #include "util/FileUtil.h"
 #include "util/LoggerLog.h"
+#include "util/StringUtil.h"
 #include "util/SystemClock.h"
 
 #include <Poco/Clock.h>
@@ -412,7 +413,7 @@ TargetPowerSnapshot::Miss OutSocketWork::ServeFromSnapshot(const TargetPowerSnap
     std::memcpy(&capacity, Parameters(), sizeof capacity);
     if (LoggerLog::Writes(LoggerLog::kDebug)) {
         char text[kCapacityTextSize];
-        std::snprintf(text, sizeof text, "%f", capacity);
+        StringUtil::FormatFixed(capacity, text, sizeof text);
         LogLine(LoggerLog::kDebug, "TargetPower Param capacity [%s]", text);
     }
     const TargetPowerSnapshot::Answer result = TargetPowerSnapshot::Compute(*view, now, type, capacity);
@@ -442,7 +443,7 @@ std::vector<unsigned char> OutSocketWork::ServeTargetPower(std::int32_t type) {
     double capacity = 0.0;
     std::memcpy(&capacity, Parameters(), sizeof capacity);
     char text[kCapacityTextSize];
-    std::snprintf(text, sizeof text, "%f", capacity);
+    StringUtil::FormatFixed(capacity, text, sizeof text);
     LoggerLog::Debug(kTag, std::string("TargetPower Param capacity [") + text + "]");
     RateControl control;
     std::shared_ptr<TargetPowerResult> result = control.GetTargetPower(

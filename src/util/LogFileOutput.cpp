@@ -66,16 +66,38 @@ bool IsControl(unsigned char byte) {
 // so that no value can end the line early or forge a line of its own. The
 // backslash itself is kept as it is: an escape only tells where a control
 // byte was, it is not meant to be read back.
+// Whether any of the eight bytes of `word` is a control byte: below 0x20
+// (a borrow into a byte's top bit that the byte itself did not have) or
+// 0x7f (a zero byte after the XOR). Both tests are exact for "any".
+bool HasControl(std::uint64_t word) {
+    const std::uint64_t ones = 0x0101010101010101ULL;
+    const std::uint64_t highs = 0x8080808080808080ULL;
+    const std::uint64_t below = (word - ones * 0x20) & ~word & highs;
+    const std::uint64_t del = word ^ (ones * 0x7f);
+    return (below | ((del - ones) & ~del & highs)) != 0;
+}
+
 void AppendEscaped(std::string& line, const char* text, std::size_t length) {
     static const char kHex[] = "0123456789abcdef";
     std::size_t plain = 0;
-    for (std::size_t i = 0; i < length; ++i) {
+    std::size_t i = 0;
+    while (i < length) {
+        std::uint64_t word = 0;
+        if (length - i >= sizeof word) {
+            std::memcpy(&word, text + i, sizeof word);
+            if (!HasControl(word)) {
+                i += sizeof word;
+                continue;
+            }
+        }
         const unsigned char byte = static_cast<unsigned char>(text[i]);
-        if (!IsControl(byte)) continue;
-        line.append(text + plain, i - plain);
-        const char escape[] = {'\\', 'x', kHex[byte >> 4], kHex[byte & 0x0f]};
-        line.append(escape, sizeof escape);
-        plain = i + 1;
+        if (IsControl(byte)) {
+            line.append(text + plain, i - plain);
+            const char escape[] = {'\\', 'x', kHex[byte >> 4], kHex[byte & 0x0f]};
+            line.append(escape, sizeof escape);
+            plain = i + 1;
+        }
+        ++i;
     }
     line.append(text + plain, length - plain);
 }
@@ -140,6 +162,7 @@ void LogFileOutput::SetTimeFormat(const std::string& format) {
     if (format.empty()) return;
     Poco::FastMutex::ScopedLock lock(timeMutex_);
     timeFormat_ = format;
+    wholeSeconds_ = WholeSecondsOnly(format);
     formattedTime_.clear();
 }
 
@@ -184,7 +207,7 @@ std::size_t LogFileOutput::FormatNowInto(char* text, std::size_t size) {
     const std::int64_t micros = wallClock_();
     const std::int64_t second = micros / 1000000 - (micros % 1000000 < 0 ? 1 : 0);
     Poco::FastMutex::ScopedLock lock(timeMutex_);
-    if (!WholeSecondsOnly(timeFormat_)) {
+    if (!wholeSeconds_) {
         const std::string formatted = Poco::DateTimeFormatter::format(Poco::Timestamp(micros), timeFormat_);
         const std::size_t length = std::min(size, formatted.size());
         std::memcpy(text, formatted.data(), length);

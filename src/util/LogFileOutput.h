@@ -137,6 +137,8 @@ private:
     std::string timeFormat_;
     Poco::FastMutex timeMutex_;
     std::int64_t formattedSecond_ = -1;
+    // Whether timeFormat_ shows nothing finer than seconds.
+    bool wholeSeconds_ = true;
     std::string formattedTime_;
     std::string directory_;
     std::string filePath_;

@@ -27,6 +27,12 @@ std::atomic<LoggerLog*> instance(nullptr);
 // a deleted writer.
 std::shared_ptr<LogFileOutput> output;
 
+// The lowest level the output writes (kNoOutput without one), kept beside
+// it so that asking whether a line would be written takes no lock: it is
+// asked before every line is formatted.
+const int kNoOutput = LoggerLog::kFatal + 1;
+std::atomic<int> lowestWritten(kNoOutput);
+
 // The file settings handed down by the logger settings; null while there
 // are none. Replaced and read atomically, like the output.
 std::shared_ptr<const LoggerLog::FileSettings> fileSettings;
@@ -85,9 +91,11 @@ void LoggerLog::Initialize() {
     created->SetMaxBufferedSize(settings->maxBufferedSize);
     created->SetFilePath(directory + kLogFileName);
     std::atomic_store(&output, created);
+    lowestWritten.store(created->GetLogLevel(), std::memory_order_relaxed);
 }
 
 void LoggerLog::Finalize() {
+    lowestWritten.store(kNoOutput, std::memory_order_relaxed);
     std::shared_ptr<LogFileOutput> previous = std::atomic_exchange(&output, std::shared_ptr<LogFileOutput>());
     // The writer's destructor writes what is still buffered; it runs here
     // unless another thread is in the middle of a line, and then there.
@@ -109,8 +117,7 @@ void LoggerLog::Write(int level, const std::string& tag, const std::string& mess
 }
 
 bool LoggerLog::Writes(Level level) {
-    std::shared_ptr<LogFileOutput> current = std::atomic_load(&output);
-    return current && level >= current->GetLogLevel();
+    return level >= lowestWritten.load(std::memory_order_relaxed);
 }
 
 void LoggerLog::WriteText(Level level, const char* tag, const char* message, std::size_t length) {

@@ -6,6 +6,7 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 namespace brvo {
 
@@ -85,6 +86,46 @@ std::string StringUtil::BytesToHex(const signed char* bytes, std::size_t size) {
 std::string StringUtil::BytesToString(const unsigned char* bytes, std::size_t size) {
     if (bytes == nullptr) return std::string();
     return std::string(reinterpret_cast<const char*>(bytes), size);
+}
+
+namespace {
+
+// A value formatted with "%f" on this thread, when its text fits.
+struct FixedEntry {
+    std::uint64_t bits = 0;
+    std::size_t length = 0;
+    bool used = false;
+    char text[48] = {};
+};
+
+} // namespace
+
+void StringUtil::FormatFixed(double value, char* text, std::size_t size) {
+    static constexpr std::size_t kEntries = 4;
+    thread_local FixedEntry entries[kEntries];
+    thread_local std::size_t nextEntry = 0;
+    std::uint64_t bits = 0;
+    std::memcpy(&bits, &value, sizeof bits);
+    const FixedEntry* found = nullptr;
+    for (const FixedEntry& entry : entries) {
+        if (entry.used && entry.bits == bits) found = &entry;
+    }
+    if (found == nullptr) {
+        FixedEntry& entry = entries[nextEntry];
+        const int length = std::snprintf(entry.text, sizeof entry.text, "%f", value);
+        if (length < 0 || static_cast<std::size_t>(length) >= sizeof entry.text) {
+            std::snprintf(text, size, "%f", value);
+            return;
+        }
+        entry.bits = bits;
+        entry.length = static_cast<std::size_t>(length);
+        entry.used = true;
+        nextEntry = (nextEntry + 1) % kEntries;
+        found = &entry;
+    }
+    const std::size_t length = found->length < size ? found->length : size - 1;
+    std::memcpy(text, found->text, length);
+    text[length] = '\0';
 }
 
 std::string StringUtil::LongToString(std::int64_t value) {

@@ -28,6 +28,13 @@ public:
     // Returns the decimal text of `value`.
     static std::string LongToString(std::int64_t value);
 
+    // Writes `value` as snprintf's "%f" does into `text` of `size` bytes
+    // (cut to size - 1 and terminated when longer). The last few values
+    // formatted on the calling thread are kept, so a value that repeats
+    // (a plant's capacity, its target power) is copied, not formatted
+    // again. `size` must be at least 1.
+    static void FormatFixed(double value, char* text, std::size_t size);
+
     // Converts a size text such as "500KB", "10MB", "2048" to bytes.
     // Empty text gives 10485760. A "b"/"B" preceded by k, m or g (either
     // case) multiplies by 1024, 1048576 or 1073741824; the number before it

@@ -430,6 +430,37 @@ TEST_F(LogFileOutputTest, EveryControlByteIsWrittenAsAnEscape) {
     }
 }
 
+// Long messages are scanned several bytes at a time: a control byte is
+// found at every position of a word, and the bytes next to the control
+// ranges (space, tilde, 0x80, 0x9f, 0xa0, 0xff) pass at every position.
+TEST_F(LogFileOutputTest, ControlBytesAreFoundAtEveryPositionOfALongMessage) {
+    Make(false).SetFilePath(kFile);
+    std::vector<unsigned char> bytes = ControlBytes();
+    for (int plain : {0x20, 0x7e, 0x80, 0x9f, 0xa0, 0xff}) bytes.push_back(static_cast<unsigned char>(plain));
+    const std::size_t kLength = 24;
+    std::vector<std::string> expected;
+    for (unsigned char byte : bytes) {
+        for (std::size_t at = 0; at < kLength; ++at) {
+            std::string message(kLength, 'm');
+            message[at] = static_cast<char>(byte);
+            Log(message);
+            const bool control = byte < 0x20 || byte == 0x7f;
+            expected.push_back(std::string(at, 'm') +
+                               (control ? Escaped(byte) : std::string(1, static_cast<char>(byte))) +
+                               std::string(kLength - at - 1, 'm'));
+        }
+    }
+    Log("last");
+    ASSERT_TRUE(test::WaitFor([] { return FileHas(kFile, "last"); }, 5000));
+    const std::vector<std::string> lines = test::ReadLines(kFile);
+    ASSERT_EQ(expected.size() + 1, lines.size());
+    for (std::size_t i = 0; i < expected.size(); ++i) {
+        const std::string tail = " Test " + expected[i];
+        ASSERT_GE(lines[i].size(), tail.size());
+        EXPECT_EQ(tail, lines[i].substr(lines[i].size() - tail.size())) << i;
+    }
+}
+
 TEST_F(LogFileOutputTest, Utf8AndPlainTextStayAsTheyAre) {
     Make(false).SetFilePath(kFile);
     const std::string text = "Gr\xc3\xbc\xc3\x9f"

@@ -2,6 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <cstdio>
+#include <limits>
+#include <string>
+
 namespace brvo {
 namespace {
 
@@ -86,3 +91,41 @@ TEST(StringUtilTest, CharacterClassesIgnoreBytesAbove127) {
 
 } // namespace
 } // namespace brvo
+
+// The same text as "%f", whether the value was formatted before on this
+// thread or not, and cut as snprintf cuts it.
+TEST(StringUtilTest, FormatFixedWritesWhatPercentFWrites) {
+    const double values[] = {0.0,
+                             -0.0,
+                             10.0,
+                             4.5,
+                             49.5,
+                             1e-7,
+                             0.0000005,
+                             1234.5678,
+                             -273.15,
+                             1e15,
+                             1e300,
+                             -1e300,
+                             std::numeric_limits<double>::infinity(),
+                             std::nan(""),
+                             2.5,
+                             10.0,
+                             4.5,
+                             0.1 + 0.2,
+                             7.0,
+                             8.0,
+                             9.0};
+    for (int round = 0; round < 3; ++round) {
+        for (double value : values) {
+            char expected[512];
+            std::snprintf(expected, sizeof expected, "%f", value);
+            char text[512];
+            brvo::StringUtil::FormatFixed(value, text, sizeof text);
+            EXPECT_STREQ(expected, text) << round;
+            char cut[8];
+            brvo::StringUtil::FormatFixed(value, cut, sizeof cut);
+            EXPECT_EQ(std::string(expected).substr(0, sizeof cut - 1), cut) << round;
+        }
+    }
+}
