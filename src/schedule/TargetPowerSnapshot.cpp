@@ -55,6 +55,7 @@ TargetPowerSnapshot& TargetPowerSnapshot::Instance() {
 }
 
 TargetPowerSnapshot::TargetPowerSnapshot() : current_(nullptr), retired_(nullptr), rebuilds_(0), stopped_(false) {
+    for (std::atomic<const View*>& held : held_) held.store(nullptr);
     ScheduleDatabase::SetWriteObserver(&TargetPowerSnapshot::OnTableWritten);
 }
 
@@ -93,11 +94,39 @@ TargetPowerSnapshot::Answer TargetPowerSnapshot::Compute(const View& view, std::
     return answer;
 }
 
+// Names the current view in the reader's slot, then checks that it is
+// still current: a publisher that replaced it in between retired it
+// possibly before the name was visible, so the new one is taken instead.
+const TargetPowerSnapshot::View* TargetPowerSnapshot::Hold(int reader) {
+    const View* view = current_.load();
+    for (;;) {
+        held_[reader].store(view);
+        const View* now = current_.load();
+        if (now == view) return view;
+        view = now;
+    }
+}
+
+void TargetPowerSnapshot::LetGo(int reader) {
+    held_[reader].store(nullptr);
+}
+
+bool TargetPowerSnapshot::IsHeld(const View* view) const {
+    for (const std::atomic<const View*>& held : held_) {
+        if (held.load() == view) return true;
+    }
+    return false;
+}
+
 void TargetPowerSnapshot::Reclaim() {
-    View* view = retired_.exchange(nullptr, std::memory_order_acq_rel);
+    View* view = retired_.exchange(nullptr);
     while (view != nullptr) {
         View* next = view->retired;
-        delete view;
+        if (IsHeld(view)) {
+            Retire(view);
+        } else {
+            delete view;
+        }
         view = next;
     }
 }
@@ -256,10 +285,14 @@ void TargetPowerSnapshot::PublishSettings(const View& settings) {
 // Swaps `view` in and retires the one it replaces (publishMutex_ held).
 void TargetPowerSnapshot::Publish(View* view) {
     view->retired = nullptr;
-    View* old = current_.exchange(view, std::memory_order_acq_rel);
-    if (old == nullptr) return;
-    old->retired = retired_.load(std::memory_order_relaxed);
-    while (!retired_.compare_exchange_weak(old->retired, old, std::memory_order_release, std::memory_order_relaxed)) {
+    View* old = current_.exchange(view);
+    if (old != nullptr) Retire(old);
+}
+
+// Pushes `view` onto the retire list.
+void TargetPowerSnapshot::Retire(View* view) {
+    view->retired = retired_.load(std::memory_order_relaxed);
+    while (!retired_.compare_exchange_weak(view->retired, view)) {
     }
 }
 

@@ -42,12 +42,15 @@
 // only lock an answer from the view takes is the log's, for appending its
 // lines.
 //
-// Reclaiming: only one thread reads views (the event loop; a test's own
-// thread in tests). A view replaced by a publisher goes onto a lock-free
-// retire list; the reading thread frees the list in Reclaim, at a point of
-// its loop where it holds no view. A view it still uses was replaced after
-// it loaded it, so it is on the list only from then on and is freed at the
-// next Reclaim, once the reader has let go of it. Readers take no lock.
+// Reclaiming: a reader (one of kReaders, each with its own number, used by
+// one thread at a time) holds the view it answers from with Hold, which
+// names it in the reader's slot, and lets go of it with LetGo. A view
+// replaced by a publisher goes onto a lock-free retire list; Reclaim frees
+// the retired views that no slot names and keeps the others for a later
+// Reclaim. Hold checks, after naming a view, that it is still the current
+// one, so a view it returns was named before it could be retired, and
+// Reclaim, which reads the slots after taking the list, sees the name.
+// Readers take no lock.
 #ifndef BRVO_SCHEDULE_TARGETPOWERSNAPSHOT_H
 #define BRVO_SCHEDULE_TARGETPOWERSNAPSHOT_H
 
@@ -125,8 +128,15 @@ public:
     // Never destroyed.
     static TargetPowerSnapshot& Instance();
 
-    // The view now; null before the first publish. Reader thread only.
-    const View* Current() const { return current_.load(std::memory_order_acquire); }
+    // Readers that may hold a view at once (the command server's loops).
+    static constexpr int kReaders = 2;
+
+    // The view now, held for reader `reader` (0 .. kReaders - 1) until its
+    // LetGo: Reclaim does not free it meanwhile. Null before the first
+    // publish. A reader holds one view at a time.
+    const View* Hold(int reader);
+    // Ends reader `reader`'s hold.
+    void LetGo(int reader);
     // Whether `view` answers a target power request (current or next) at
     // `nowMicros`, and if not, why. Reads nothing but the view and the
     // watch's generation.
@@ -134,8 +144,7 @@ public:
     // The answer for `capacity` from a view that covers the request, with
     // RateControl's log lines. No file, no lock beyond the log's.
     static Answer Compute(const View& view, std::int64_t nowMicros, int type, double capacity);
-    // Frees the views retired so far. Reader thread only, at a point where
-    // it holds no view.
+    // Frees the views retired so far that no reader holds. Any thread.
     void Reclaim();
 
     // The slot (`current`, else the next one) the view holds for `seconds`,
@@ -168,6 +177,8 @@ private:
     void PublishSlots(const View& slots);
     void PublishSettings(const View& settings);
     void Publish(View* view);
+    void Retire(View* view);
+    bool IsHeld(const View* view) const;
 
     bool BeginRebuild();
     void EndRebuild();
@@ -177,6 +188,8 @@ private:
 
     std::atomic<View*> current_;
     std::atomic<View*> retired_;
+    // The view each reader holds; null when it holds none.
+    std::atomic<const View*> held_[kReaders];
     // Guard the rebuilds running and the stop (runMutex_).
     Poco::Mutex runMutex_;
     Poco::Condition rebuildEnded_;

@@ -11,6 +11,7 @@
 #include "util/SystemClock.h"
 
 #include <Poco/Mutex.h>
+#include <Poco/RunnableAdapter.h>
 #include <Poco/Thread.h>
 
 #include <algorithm>
@@ -19,6 +20,7 @@
 #include <fcntl.h>
 #include <string>
 #include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -41,6 +43,9 @@ const int kAcceptBurst = 64;
 // Pause after the kernel ran short of memory for a connection, so that the
 // loop does not spin on a backlog it cannot take.
 const long kShortagePauseMs = 10;
+// The snapshot reader numbers of the two accepting loops.
+const int kServingLoop = 0;
+const int kSecondLoop = 1;
 // At most one log line about shed connections per period.
 const Poco::Clock::ClockDiff kShedLinePeriodUs = 60LL * 1000000;
 
@@ -65,12 +70,23 @@ bool SocketAddress(const std::string& path, sockaddr_un& address) {
     return true;
 }
 
+// Reads what the new connection `work` sent; abandons it when the read
+// failed.
+OutSocketWork::ReadState ReadNew(OutSocketWork& work) {
+    const OutSocketWork::ReadState state = work.ReadAvailable();
+    if (state == OutSocketWork::kReadFailed) work.Abandon();
+    return state;
+}
+
 } // namespace
 
 OutputcontrolServer::OutputcontrolServer()
     : channel_(new Channel(kWorkerCount)), answerChannel_(new Channel(kAnswerWorkerCount)), listenSocket_(-1),
       stopping_(false), connectionCap_(0), epoll_(-1), spare_(-1), shed_(0), shedLogged_(false), watchEpoll_(-1),
-      rebuildPending_(false) {
+      rebuildPending_(false), secondEpoll_(-1), secondThread_(nullptr), handedEvent_(-1), stopEvent_(-1),
+      shedWanted_(false) {
+    handedEvent_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    stopEvent_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     channel_->StartWorkers();
     answerChannel_->StartWorkers();
     LoggerLog::Debug(kTag, "StartWorkers done");
@@ -79,6 +95,8 @@ OutputcontrolServer::OutputcontrolServer()
 OutputcontrolServer::~OutputcontrolServer() {
     delete channel_;
     delete answerChannel_;
+    if (handedEvent_ >= 0) close(handedEvent_);
+    if (stopEvent_ >= 0) close(stopEvent_);
     const int socket = listenSocket_.exchange(-1);
     if (socket >= 0) close(socket);
 }
@@ -94,6 +112,18 @@ void OutputcontrolServer::Stop() {
     stopping_ = true;
     const int socket = listenSocket_;
     if (socket >= 0) shutdown(socket, SHUT_RDWR);
+    // Both loops wait on the socket exclusively: the shutdown may wake
+    // only one of them.
+    Signal(handedEvent_);
+    Signal(stopEvent_);
+}
+
+// Adds one to the event counter `fd`, which wakes a loop that waits on it.
+void OutputcontrolServer::Signal(int fd) {
+    const std::uint64_t one = 1;
+    if (fd >= 0 && write(fd, &one, sizeof one) != sizeof one) {
+        // The counter is non-blocking and far from full: nothing to do.
+    }
 }
 
 void OutputcontrolServer::run() {
@@ -114,15 +144,17 @@ void OutputcontrolServer::run() {
     spare_ = open("/dev/null", O_RDONLY | O_CLOEXEC);
     epoll_ = epoll_create1(EPOLL_CLOEXEC);
     epoll_event listening = {};
-    listening.events = EPOLLIN;
+    listening.events = EPOLLIN | EPOLLEXCLUSIVE;
     listening.data.fd = socket;
-    if (epoll_ < 0 || epoll_ctl(epoll_, EPOLL_CTL_ADD, socket, &listening) != 0) {
+    if (epoll_ < 0 || epoll_ctl(epoll_, EPOLL_CTL_ADD, socket, &listening) != 0 || !WatchEvent(epoll_, handedEvent_)) {
         LoggerLog::Fatal(kTag, "epoll failed. [" + std::to_string(errno) + "]");
     } else {
         WatchSettings();
         RequestRebuild();
+        StartSecondLoop(socket);
         ServeLoop(socket);
     }
+    StopSecondLoop();
     // Connections still coming in are closed unanswered when serving ends.
     pending_.clear();
     byDescriptor_.clear();
@@ -131,6 +163,143 @@ void OutputcontrolServer::run() {
     epoll_ = spare_ = -1;
     if (watchEpoll_ >= 0) close(watchEpoll_);
     watchEpoll_ = -1;
+}
+
+// Adds the event counter `fd` to the epoll set `epoll`.
+bool OutputcontrolServer::WatchEvent(int epoll, int fd) {
+    epoll_event event = {};
+    event.events = EPOLLIN;
+    event.data.fd = fd;
+    return fd >= 0 && epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &event) == 0;
+}
+
+// Starts the second accepting loop on an epoll set of its own; without it
+// (a set or the thread cannot be made) the serving loop accepts alone.
+void OutputcontrolServer::StartSecondLoop(int socket) {
+    const int epoll = epoll_create1(EPOLL_CLOEXEC);
+    epoll_event listening = {};
+    listening.events = EPOLLIN | EPOLLEXCLUSIVE;
+    listening.data.fd = socket;
+    if (epoll < 0 || epoll_ctl(epoll, EPOLL_CTL_ADD, socket, &listening) != 0 || !WatchEvent(epoll, stopEvent_)) {
+        if (epoll >= 0) close(epoll);
+        return;
+    }
+    secondEpoll_ = epoll;
+    secondSocket_ = socket;
+    try {
+        secondThread_ = new Poco::Thread("AcceptLoop");
+        secondThread_->start(secondRunner_);
+    } catch (const Poco::Exception&) {
+        delete secondThread_;
+        secondThread_ = nullptr;
+    }
+}
+
+// Ends the second accepting loop and closes the connections it handed
+// over that the serving loop has not taken.
+void OutputcontrolServer::StopSecondLoop() {
+    if (secondThread_ != nullptr) {
+        stopping_ = true;
+        Signal(stopEvent_);
+        secondThread_->join();
+        delete secondThread_;
+        secondThread_ = nullptr;
+    }
+    if (secondEpoll_ >= 0) close(secondEpoll_);
+    secondEpoll_ = -1;
+    Poco::FastMutex::ScopedLock lock(handedMutex_);
+    for (Handed& handed : handed_) {
+        if (handed.work.isNull()) close(handed.client);
+    }
+    handed_.clear();
+    for (const Handed& handed : pastCap_) close(handed.client);
+    pastCap_.clear();
+}
+
+// The second accepting loop: takes connections off the same backlog, and
+// answers each whose request came with it from the snapshot or hands it to
+// a worker pool, as the serving loop does. A connection still sending its
+// request, or one past the connection cap, goes to the serving loop, which
+// keeps every waiting connection and sheds.
+void OutputcontrolServer::RunSecondLoop() {
+    epoll_event events[2];
+    while (!stopping_) {
+        TargetPowerSnapshot::Instance().Reclaim();
+        const int ready = epoll_wait(secondEpoll_, events, 2, -1);
+        for (int i = 0; i < ready && !stopping_; ++i) {
+            if (events[i].data.fd != secondSocket_) continue;
+            if (!AcceptPending(secondSocket_, (events[i].events & (EPOLLHUP | EPOLLERR)) != 0, kSecondLoop)) return;
+        }
+    }
+}
+
+// A connection the second loop took, under the connection mutex: one past
+// the cap or still sending its request is handed to the serving loop; one
+// whose request is complete is returned, to be served once the mutex is
+// released.
+Poco::AutoPtr<OutSocketWork> OutputcontrolServer::AdmitSecond(int client, const Poco::Clock& accepted) {
+    if (OutSocketWork::OpenCount() >= connectionCap_) {
+        Hand(Handed{Poco::AutoPtr<OutSocketWork>(), client, accepted});
+        return Poco::AutoPtr<OutSocketWork>();
+    }
+    Poco::AutoPtr<OutSocketWork> work(new OutSocketWork(client));
+    const OutSocketWork::ReadState state = ReadNew(*work);
+    if (state == OutSocketWork::kReading) Hand(Handed{work, -1, accepted});
+    return state == OutSocketWork::kRead ? work : Poco::AutoPtr<OutSocketWork>();
+}
+
+void OutputcontrolServer::Hand(const Handed& handed) {
+    {
+        Poco::FastMutex::ScopedLock lock(handedMutex_);
+        handed_.push_back(handed);
+    }
+    Signal(handedEvent_);
+}
+
+// Takes what the second loop handed over; sheds for the second loop when
+// it ran out of descriptors; admits the connections it took past the cap
+// (which sheds).
+void OutputcontrolServer::TakeHanded(int socket) {
+    std::uint64_t count = 0;
+    if (read(handedEvent_, &count, sizeof count) != sizeof count) {
+        // Nothing was signalled since the last read.
+    }
+    MergeHanded();
+    if (shedWanted_.exchange(false) && !ShedOldest()) ShedWithSpare(socket);
+    while (!pastCap_.empty()) {
+        const Handed handed = pastCap_.front();
+        pastCap_.erase(pastCap_.begin());
+        Admit(handed.client, handed.accepted);
+    }
+}
+
+// Puts the connections still sending that the second loop handed over
+// among the waiting ones, in accept order (so the oldest is shed first and
+// each keeps the deadline of its accept); keeps those taken past the cap
+// for TakeHanded. Under the connection mutex, which the second loop holds
+// from its accept to its hand-over: every connection accepted before is
+// then either here or being served.
+void OutputcontrolServer::MergeHanded() {
+    std::vector<Handed> taken;
+    {
+        Poco::Mutex::ScopedLock connections(ConnectionMutex());
+        Poco::FastMutex::ScopedLock lock(handedMutex_);
+        taken.swap(handed_);
+    }
+    for (Handed& handed : taken) {
+        if (handed.work.isNull()) {
+            pastCap_.push_back(handed);
+            continue;
+        }
+        const int fd = handed.work->GetSocket();
+        if (!Watch(fd, EPOLL_CTL_ADD)) {
+            handed.work->Abandon();
+            continue;
+        }
+        PendingList::iterator at = pending_.end();
+        while (at != pending_.begin() && handed.accepted < std::prev(at)->accepted) --at;
+        byDescriptor_[fd] = pending_.insert(at, Pending{handed.work, handed.accepted});
+    }
 }
 
 // False when listen failed, with `failure` naming the path and both
@@ -181,9 +350,11 @@ void OutputcontrolServer::ServeLoop(int socket) {
         }
         for (int i = 0; i < ready; ++i) {
             const int fd = events[i].data.fd;
-            if (fd != socket) {
+            if (fd == handedEvent_) {
+                TakeHanded(socket);
+            } else if (fd != socket) {
                 ReadRequest(fd);
-            } else if (!AcceptPending(socket, (events[i].events & (EPOLLHUP | EPOLLERR)) != 0)) {
+            } else if (!AcceptPending(socket, (events[i].events & (EPOLLHUP | EPOLLERR)) != 0, kServingLoop)) {
                 return;
             }
         }
@@ -200,33 +371,43 @@ int OutputcontrolServer::WaitMs() const {
     return left <= 0 ? 0 : static_cast<int>((left + 999) / 1000);
 }
 
-// Accepts what the backlog holds (a bounded number per round). False when
-// an accept failed for good: the server then ends. A listening socket that
-// was shut down (`hungUp`) reports "no connection" on every accept; that
-// counts as the failure it is.
-bool OutputcontrolServer::AcceptPending(int socket, bool hungUp) {
+// Accepts for loop `loop` what the backlog holds (a bounded number per
+// round). False when an accept failed for good: the loop then ends. A
+// listening socket that was shut down (`hungUp`) reports "no connection"
+// on every accept; that counts as the failure it is.
+bool OutputcontrolServer::AcceptPending(int socket, bool hungUp, int loop) {
     for (int i = 0; i < kAcceptBurst && !stopping_; ++i) {
         sockaddr_un peer;
         socklen_t peerLength = sizeof peer;
         int client = -1;
+        // Accept times are taken under the mutex, so that their order is
+        // the order of the backlog whichever loop accepted.
+        Poco::Clock accepted;
+        Poco::AutoPtr<OutSocketWork> complete;
         {
             Poco::Mutex::ScopedLock lock(ConnectionMutex());
             client = accept4(socket, reinterpret_cast<sockaddr*>(&peer), &peerLength, SOCK_CLOEXEC | SOCK_NONBLOCK);
+            accepted.update();
+            if (client >= 0 && loop == kSecondLoop) complete = AdmitSecond(client, accepted);
         }
         if (client >= 0) {
-            Admit(client);
+            if (loop == kServingLoop) {
+                Admit(client, accepted);
+            } else if (!complete.isNull()) {
+                Dispatch(complete, kSecondLoop);
+            }
             continue;
         }
         const int error = errno;
         if ((error == EAGAIN || error == EWOULDBLOCK) && !hungUp) return true;
-        if (!HandleAcceptFailure(socket, hungUp ? EINVAL : error)) return false;
+        if (!HandleAcceptFailure(socket, hungUp ? EINVAL : error, loop)) return false;
     }
     return true;
 }
 
 // A connection that went away before it was taken, a signal, or a shortage
 // of descriptors or memory passes; anything else ends the server.
-bool OutputcontrolServer::HandleAcceptFailure(int socket, int error) {
+bool OutputcontrolServer::HandleAcceptFailure(int socket, int error, int loop) {
     switch (error) {
     case EINTR:
     case ECONNABORTED:
@@ -234,14 +415,22 @@ bool OutputcontrolServer::HandleAcceptFailure(int socket, int error) {
         return true;
     case EMFILE:
     case ENFILE:
-        if (!ShedOldest()) ShedWithSpare(socket);
+        if (loop == kServingLoop) {
+            if (!ShedOldest()) ShedWithSpare(socket);
+            return true;
+        }
+        // Only the serving loop can shed: it is asked to, and this one
+        // pauses meanwhile.
+        shedWanted_ = true;
+        Signal(handedEvent_);
+        Poco::Thread::sleep(kShortagePauseMs);
         return true;
     case ENOBUFS:
     case ENOMEM:
         Poco::Thread::sleep(kShortagePauseMs);
         return true;
     default:
-        if (!stopping_) LoggerLog::Error(kTag, "Failed to accept");
+        if (!stopping_ && loop == kServingLoop) LoggerLog::Error(kTag, "Failed to accept");
         return false;
     }
 }
@@ -249,8 +438,7 @@ bool OutputcontrolServer::HandleAcceptFailure(int socket, int error) {
 // Takes a new connection in, making room under the cap first. A request
 // that is already complete (a client writes it right after connecting) is
 // served at once; only a connection still sending is watched.
-void OutputcontrolServer::Admit(int client) {
-    const Poco::Clock accepted;
+void OutputcontrolServer::Admit(int client, const Poco::Clock& accepted) {
     if (OutSocketWork::OpenCount() >= connectionCap_ && !ShedOldest()) {
         // Every open connection is running a flow: the newest waits longest.
         close(client);
@@ -258,16 +446,9 @@ void OutputcontrolServer::Admit(int client) {
         return;
     }
     Poco::AutoPtr<OutSocketWork> work(new OutSocketWork(client));
-    switch (work->ReadAvailable()) {
-    case OutSocketWork::kRead:
-        Dispatch(work);
-        return;
-    case OutSocketWork::kReadFailed:
-        work->Abandon();
-        return;
-    case OutSocketWork::kReading:
-        break;
-    }
+    const OutSocketWork::ReadState state = ReadNew(*work);
+    if (state == OutSocketWork::kRead) Dispatch(work, kServingLoop);
+    if (state != OutSocketWork::kReading) return;
     if (!Watch(client, EPOLL_CTL_ADD)) {
         work->Abandon();
         return;
@@ -297,7 +478,7 @@ void OutputcontrolServer::ReadRequest(int fd) {
     case OutSocketWork::kRead: {
         Poco::AutoPtr<OutSocketWork> work = it->work;
         Forget(it);
-        Dispatch(work);
+        Dispatch(work, kServingLoop);
         return;
     }
     }
@@ -306,14 +487,14 @@ void OutputcontrolServer::ReadRequest(int fd) {
 // A complete request: target power the snapshot covers is answered here;
 // schedule flows go to the flow workers, other target power and flushes to
 // the answer workers; a request of unknown type is closed here, unanswered.
-void OutputcontrolServer::Dispatch(Poco::AutoPtr<OutSocketWork> work) {
+void OutputcontrolServer::Dispatch(Poco::AutoPtr<OutSocketWork> work, int reader) {
     const std::int32_t type = work->GetType();
     if (!OutSocketWork::IsFlow(type) && !OutSocketWork::IsAnswer(type)) {
         work->Refuse();
         return;
     }
     if ((type == OutSocketWork::kCurrentTargetPower || type == OutSocketWork::kNextTargetPower) &&
-        AnswerFromSnapshot(*work)) {
+        AnswerFromSnapshot(*work, reader)) {
         return;
     }
     Poco::Mutex::ScopedLock lock(ConnectionMutex());
@@ -324,18 +505,20 @@ void OutputcontrolServer::Dispatch(Poco::AutoPtr<OutSocketWork> work) {
 // True when the snapshot answered the request. Otherwise a rebuild is
 // queued when the view is missing, stale or past its slot boundary, or
 // unusable for longer than its retry time.
-bool OutputcontrolServer::AnswerFromSnapshot(OutSocketWork& work) {
+bool OutputcontrolServer::AnswerFromSnapshot(OutSocketWork& work, int reader) {
     // Without the watch's reports the loop could not tell a view gone
     // stale: every request then goes to the workers.
     if (watchEpoll_ < 0) return false;
     TakeWatchReports();
-    const TargetPowerSnapshot::View* view = TargetPowerSnapshot::Instance().Current();
+    TargetPowerSnapshot& snapshot = TargetPowerSnapshot::Instance();
+    const TargetPowerSnapshot::View* view = snapshot.Hold(reader);
     const TargetPowerSnapshot::Miss miss = work.ServeFromSnapshot(view);
-    if (miss == TargetPowerSnapshot::Miss::kNone) return true;
-    if (miss != TargetPowerSnapshot::Miss::kUnusable || SystemClock::NowMicroseconds() >= view->retryAfterMicros) {
-        RequestRebuild();
-    }
-    return false;
+    const bool rebuild =
+        miss != TargetPowerSnapshot::Miss::kNone &&
+        (miss != TargetPowerSnapshot::Miss::kUnusable || SystemClock::NowMicroseconds() >= view->retryAfterMicros);
+    snapshot.LetGo(reader);
+    if (rebuild) RequestRebuild();
+    return miss == TargetPowerSnapshot::Miss::kNone;
 }
 
 // Queues a rebuild of the snapshot to the answer workers unless one is
@@ -410,6 +593,8 @@ void OutputcontrolServer::Forget(PendingList::iterator it) {
 // Closes the oldest connection still sending its request; false when there
 // is none.
 bool OutputcontrolServer::ShedOldest() {
+    // The oldest may be among those the second loop just handed over.
+    MergeHanded();
     if (pending_.empty()) return false;
     Poco::AutoPtr<OutSocketWork> work = pending_.front().work;
     Forget(pending_.begin());

@@ -10,9 +10,17 @@
 // power never waits behind a flow; and a select that waits on a database
 // locked by another process holds up answer workers, never the accepting.
 //
-// Target power is answered on the server thread itself whenever the target
-// power snapshot covers the request (see TargetPowerSnapshot for when it
-// does): no file, no statement, no lock a flow may hold. Before each such
+// A second accepting loop, on a thread of its own, takes connections off
+// the same backlog (both wait on the listening socket exclusively, so a
+// connection wakes one of them) and serves each whose request came with
+// it as the serving loop does; a connection still sending its request, or
+// one past the cap, it hands to the serving loop, which alone keeps the
+// waiting connections, their deadlines and the shedding. Two loops let
+// target power use both cores of the device.
+//
+// Target power is answered on the accepting loops themselves whenever the
+// target power snapshot covers the request (see TargetPowerSnapshot for
+// when it does): no file, no statement, no lock a flow may hold. Before each such
 // answer the settings watch's descriptors are asked, without waiting,
 // whether a change was reported that no reader took yet; one counts at
 // once. A request the snapshot does not cover goes to the answer workers
@@ -26,20 +34,31 @@
 // descriptor lets accept shed a connection even when the process has none
 // left. accept therefore never fails for lack of descriptors.
 //
-// Threads: run() on the server thread; Stop() from any thread. The
-// connections are the server thread's alone.
+// Threads: run() on the server thread, which starts and joins the second
+// loop's; Stop() from any thread. The waiting connections are the server
+// thread's alone; the hand-over list is guarded by handedMutex_, taken
+// after the process-wide connection mutex when both are held (the second
+// loop holds that one from its accept to its hand-over, and the serving
+// loop while it takes the hand-overs before shedding).
 #ifndef BRVO_SERVER_OUTPUTCONTROLSERVER_H
 #define BRVO_SERVER_OUTPUTCONTROLSERVER_H
 
 #include <Poco/AutoPtr.h>
 #include <Poco/Clock.h>
+#include <Poco/Mutex.h>
 #include <Poco/Runnable.h>
+#include <Poco/RunnableAdapter.h>
 
 #include <atomic>
 #include <functional>
 #include <list>
 #include <string>
 #include <unordered_map>
+#include <vector>
+
+namespace Poco {
+class Thread;
+}
 
 namespace brvo {
 
@@ -108,6 +127,14 @@ private:
         Poco::Clock accepted;
     };
     typedef std::list<Pending> PendingList;
+    // What the second loop hands to the serving loop: a connection still
+    // sending its request (work), or one accepted past the cap (client,
+    // with no work yet).
+    struct Handed {
+        Poco::AutoPtr<OutSocketWork> work;
+        int client;
+        Poco::Clock accepted;
+    };
 
     OutputcontrolServer(const OutputcontrolServer&) = delete;
     OutputcontrolServer& operator=(const OutputcontrolServer&) = delete;
@@ -115,11 +142,11 @@ private:
     bool BindAndListen(int socket, std::string& failure);
     void ServeLoop(int socket);
     int WaitMs() const;
-    bool AcceptPending(int socket, bool hungUp);
-    bool HandleAcceptFailure(int socket, int error);
-    void Admit(int client);
+    bool AcceptPending(int socket, bool hungUp, int loop);
+    bool HandleAcceptFailure(int socket, int error, int loop);
+    void Admit(int client, const Poco::Clock& accepted);
     void ReadRequest(int fd);
-    void Dispatch(Poco::AutoPtr<OutSocketWork> work);
+    void Dispatch(Poco::AutoPtr<OutSocketWork> work, int reader);
     void ExpireLate();
     bool Watch(int fd, int operation);
     void Forget(PendingList::iterator it);
@@ -129,7 +156,16 @@ private:
     void WatchSettings();
     void TakeWatchReports();
     void RequestRebuild();
-    bool AnswerFromSnapshot(OutSocketWork& work);
+    bool AnswerFromSnapshot(OutSocketWork& work, int reader);
+    static void Signal(int fd);
+    static bool WatchEvent(int epoll, int fd);
+    void StartSecondLoop(int socket);
+    void StopSecondLoop();
+    void RunSecondLoop();
+    Poco::AutoPtr<OutSocketWork> AdmitSecond(int client, const Poco::Clock& accepted);
+    void Hand(const Handed& handed);
+    void TakeHanded(int socket);
+    void MergeHanded();
 
     Channel* channel_;
     Channel* answerChannel_;
@@ -153,6 +189,22 @@ private:
     int watchEpoll_;
     // Set while a snapshot rebuild is queued or running.
     std::atomic<bool> rebuildPending_;
+    // The second loop: its epoll set, thread and listening socket.
+    int secondEpoll_;
+    Poco::Thread* secondThread_;
+    int secondSocket_ = -1;
+    Poco::RunnableAdapter<OutputcontrolServer> secondRunner_{*this, &OutputcontrolServer::RunSecondLoop};
+    // Counters that wake the serving loop for a hand-over and the second
+    // loop for its end.
+    int handedEvent_;
+    int stopEvent_;
+    Poco::FastMutex handedMutex_;
+    std::vector<Handed> handed_;
+    // Connections the second loop took past the cap, merged but not yet
+    // admitted; the server thread's alone.
+    std::vector<Handed> pastCap_;
+    // Set by the second loop when it ran out of descriptors.
+    std::atomic<bool> shedWanted_;
 };
 
 } // namespace brvo

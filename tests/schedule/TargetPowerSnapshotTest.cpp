@@ -60,6 +60,7 @@ protected:
     }
 
     void TearDown() override {
+        snapshot_.LetGo(0);
         snapshot_.Reclaim();
         SingletonTest::TearDown();
     }
@@ -68,9 +69,9 @@ protected:
 
     static void WriteDevice(const std::string& limitAttributes) { test::WriteDeviceLimit(limitAttributes); }
 
-    // The view now, when it answers at the current time.
+    // The view now, held for reader 0, when it answers at the current time.
     const TargetPowerSnapshot::View* Covering() {
-        const TargetPowerSnapshot::View* view = snapshot_.Current();
+        const TargetPowerSnapshot::View* view = snapshot_.Hold(0);
         return TargetPowerSnapshot::Covers(view, SystemClock::NowMicroseconds()) == Miss::kNone ? view : nullptr;
     }
 
@@ -109,27 +110,66 @@ TEST_F(TargetPowerSnapshotTest, StoreRacingReadsNeverMixesTwoSchedules) {
             ++stores;
         }
     });
-    int reads = 0;
-    int answered = 0;
-    int mixed = 0;
-    // At least kReads, and on until the writer is done (it makes a bounded
-    // number of stores).
-    while (reads < kReads || stores < kStores) {
-        ++reads;
-        snapshot_.Reclaim();
-        const std::int64_t now = SystemClock::NowMicroseconds();
-        const TargetPowerSnapshot::View* view = snapshot_.Current();
-        if (TargetPowerSnapshot::Covers(view, now) != Miss::kNone) continue;
-        const TargetPowerSnapshot::Answer current =
-            TargetPowerSnapshot::Compute(*view, now, RateControl::kCurrentTargetPower, 100.0);
-        const TargetPowerSnapshot::Answer next =
-            TargetPowerSnapshot::Compute(*view, now, RateControl::kNextTargetPower, 100.0);
-        ++answered;
-        if (current.power != next.power || (current.power != 10.0 && current.power != 20.0)) ++mixed;
+    // Every reader reads and frees retired views as the server's loops do,
+    // at least kReads times and on until the writer is done (it makes a
+    // bounded number of stores). A view freed while another reader still
+    // holds it shows under the sanitizers.
+    struct Reads {
+        int reads = 0;
+        int answered = 0;
+        int mixed = 0;
+    };
+    Reads counts[TargetPowerSnapshot::kReaders];
+    std::vector<std::thread> readers;
+    for (int reader = 0; reader < TargetPowerSnapshot::kReaders; ++reader) {
+        readers.emplace_back([&, reader] {
+            Reads& mine = counts[reader];
+            while (mine.reads < kReads || stores < kStores) {
+                ++mine.reads;
+                const std::int64_t now = SystemClock::NowMicroseconds();
+                const TargetPowerSnapshot::View* view = snapshot_.Hold(reader);
+                if (TargetPowerSnapshot::Covers(view, now) == Miss::kNone) {
+                    const TargetPowerSnapshot::Answer current =
+                        TargetPowerSnapshot::Compute(*view, now, RateControl::kCurrentTargetPower, 100.0);
+                    const TargetPowerSnapshot::Answer next =
+                        TargetPowerSnapshot::Compute(*view, now, RateControl::kNextTargetPower, 100.0);
+                    ++mine.answered;
+                    if (current.power != next.power || (current.power != 10.0 && current.power != 20.0)) {
+                        ++mine.mixed;
+                    }
+                }
+                snapshot_.LetGo(reader);
+                snapshot_.Reclaim();
+            }
+        });
     }
     writer.join();
-    EXPECT_EQ(0, mixed) << "of " << answered << " answered in " << reads << " reads";
-    EXPECT_GT(answered, 0);
+    for (std::thread& reader : readers) reader.join();
+    for (const Reads& mine : counts) {
+        EXPECT_EQ(0, mine.mixed) << "of " << mine.answered << " answered in " << mine.reads << " reads";
+        EXPECT_GT(mine.answered, 0);
+    }
+}
+
+// A view held by a reader outlives its replacement and any number of
+// Reclaims, and still reads as it was published; once let go, the next
+// Reclaim frees it (under the sanitizers a read of a freed view fails).
+TEST_F(TargetPowerSnapshotTest, HeldViewOutlivesItsReplacement) {
+    const std::int64_t slot0 = SlotNow();
+    ScheduleDatabase& database = *ScheduleDatabase::GetInstance();
+    ASSERT_TRUE(database.InsertUpdateSchedule(Schedule(slot0, 10)));
+    snapshot_.Rebuild();
+    const TargetPowerSnapshot::View* held = snapshot_.Hold(1);
+    ASSERT_NE(nullptr, held);
+    for (int rate = 20; rate <= 50; rate += 10) {
+        ASSERT_TRUE(database.InsertUpdateSchedule(Schedule(slot0, rate)));
+        snapshot_.Reclaim();
+    }
+    EXPECT_NE(held, snapshot_.Hold(0));
+    EXPECT_EQ(10, held->current.rate);
+    EXPECT_EQ(50, Covering()->current.rate);
+    snapshot_.LetGo(1);
+    snapshot_.Reclaim();
 }
 
 TEST_F(TargetPowerSnapshotTest, StoreIsPublishedAtOnce) {
@@ -159,7 +199,7 @@ TEST_F(TargetPowerSnapshotTest, SettingsChangeStopsTheViewUntilRebuilt) {
     WriteDevice("Value0=\"0\" Value100=\"100\" ValueMin=\"70\"");
     // What the event loop does on the watch's report.
     FileChangeWatch::Instance().NoteReported();
-    EXPECT_EQ(Miss::kRebuild, TargetPowerSnapshot::Covers(snapshot_.Current(), SystemClock::NowMicroseconds()));
+    EXPECT_EQ(Miss::kRebuild, TargetPowerSnapshot::Covers(snapshot_.Hold(0), SystemClock::NowMicroseconds()));
     snapshot_.Rebuild();
     const TargetPowerSnapshot::View* view = Covering();
     ASSERT_NE(nullptr, view);

@@ -427,7 +427,8 @@ protected:
         EXPECT_EQ(static_cast<ssize_t>(request.size()), write(pair[0], request.data(), request.size()));
         Poco::AutoPtr<OutSocketWork> work(new OutSocketWork(pair[1]));
         EXPECT_EQ(OutSocketWork::kRead, work->ReadAvailable());
-        const TargetPowerSnapshot::Miss miss = work->ServeFromSnapshot(TargetPowerSnapshot::Instance().Current());
+        const TargetPowerSnapshot::Miss miss = work->ServeFromSnapshot(TargetPowerSnapshot::Instance().Hold(0));
+        TargetPowerSnapshot::Instance().LetGo(0);
         EXPECT_EQ(TargetPowerSnapshot::Miss::kNone, miss);
         if (miss != TargetPowerSnapshot::Miss::kNone) {
             close(pair[0]);
