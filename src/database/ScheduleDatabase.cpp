@@ -159,22 +159,23 @@ ScheduleRow ScheduleDatabase::SelectSchedule(std::int64_t time, bool current) {
     return row;
 }
 
-bool ScheduleDatabase::SelectSlots(std::int64_t time, ScheduleRow& current, ScheduleRow& next, std::uint64_t& version) {
+bool ScheduleDatabase::SelectSlots(std::int64_t time, ScheduleRow& current, ScheduleRow& next, ScheduleRow& after,
+                                   std::uint64_t& version) {
     Poco::Mutex::ScopedLock lock(mutex_);
     version = WriteCount();
-    current.time = next.time = -1;
+    current.time = next.time = after.time = -1;
     if (!Open()) return false;
+    bool ok = true;
     std::uint32_t counter = 0;
     if (ReadChangeCounter(counter) && CacheCovers(time, counter)) {
         current = slots_.current;
         next = slots_.next;
-        return true;
+    } else {
+        current = RunSelect(time, true, true, ok);
+        if (ok) next = RunSelect(time, false, true, ok);
     }
-    bool ok = false;
-    current = RunSelect(time, true, true, ok);
-    if (!ok) return false;
-    next = RunSelect(time, false, true, ok);
-    if (!ok) current.time = -1;
+    if (ok && next.time >= 0) after = RunSelect(next.time, false, true, ok);
+    if (!ok) current.time = next.time = after.time = -1;
     return ok;
 }
 

@@ -61,11 +61,13 @@ public:
     // before it) or the next one (the earliest starting after it). A row
     // with time -1 when none matches or the table cannot be read.
     ScheduleRow SelectSchedule(std::int64_t time, bool current);
-    // The slot in force at `time` and the next one, read in one step under
-    // the table's mutex (so no write of the daemon falls between them);
-    // `version` is WriteCount() at that moment. False (rows with time -1)
-    // when the table cannot be read.
-    bool SelectSlots(std::int64_t time, ScheduleRow& current, ScheduleRow& next, std::uint64_t& version);
+    // The slot in force at `time`, the next one and the one after that
+    // (time -1 for none), read in one step under the table's mutex (so no
+    // write of the daemon falls between them); `version` is WriteCount()
+    // at that moment. False (rows with time -1) when the table cannot be
+    // read.
+    bool SelectSlots(std::int64_t time, ScheduleRow& current, ScheduleRow& next, ScheduleRow& after,
+                     std::uint64_t& version);
     // The number of the last write operation begun (a table made anew
     // counts as one); read without the mutex. Numbers grow across every
     // instance of the process: two equal numbers mean no write began in

@@ -40,11 +40,28 @@ void CopySlots(const TargetPowerSnapshot::View& from, TargetPowerSnapshot::View&
     to.from = from.from;
     to.current = from.current;
     to.next = from.next;
+    to.after = from.after;
 }
 
-// Whether the slots of `view` are the answer at `seconds`.
-bool SlotsHold(const TargetPowerSnapshot::View& view, std::int64_t seconds) {
+// Whether the slots of `view` were read for the slot in force at
+// `seconds`: from their reading up to the next slot's start.
+bool SlotsFresh(const TargetPowerSnapshot::View& view, std::int64_t seconds) {
     return view.slotsKnown && seconds >= view.from && (view.next.time < 0 || seconds < view.next.time);
+}
+
+// Whether the slots of `view` answer at `seconds`: while fresh, and then
+// up to the start of the slot after next.
+bool SlotsHold(const TargetPowerSnapshot::View& view, std::int64_t seconds) {
+    return SlotsFresh(view, seconds) || (view.slotsKnown && view.next.time >= 0 && seconds >= view.next.time &&
+                                         (view.after.time < 0 || seconds < view.after.time));
+}
+
+// The slot in force at `seconds` (`current`), or the next one, of slots
+// that hold then.
+const TargetPowerSnapshot::Slot& SlotAt(const TargetPowerSnapshot::View& view, std::int64_t seconds, bool current) {
+    const bool moved = view.next.time >= 0 && seconds >= view.next.time;
+    if (current) return moved ? view.next : view.current;
+    return moved ? view.after : view.next;
 }
 
 } // namespace
@@ -68,6 +85,10 @@ TargetPowerSnapshot::Miss TargetPowerSnapshot::Covers(const View* view, std::int
     return SlotsHold(*view, SecondsOf(nowMicros)) ? Miss::kNone : Miss::kBoundary;
 }
 
+bool TargetPowerSnapshot::Aging(const View& view, std::int64_t nowMicros) {
+    return view.slotsKnown && !SlotsFresh(view, SecondsOf(nowMicros)) && nowMicros >= view.retryAfterMicros;
+}
+
 TargetPowerSnapshot::Answer TargetPowerSnapshot::Compute(const View& view, std::int64_t nowMicros, int type,
                                                          double capacity) {
     Answer answer;
@@ -78,7 +99,7 @@ TargetPowerSnapshot::Answer TargetPowerSnapshot::Compute(const View& view, std::
         answer.code = TargetPowerResult::Code::kDateError;
         answer.power = static_cast<double>(view.limit.valueMin);
     } else {
-        const Slot& slot = type == RateControl::kCurrentTargetPower ? view.current : view.next;
+        const Slot& slot = SlotAt(view, SecondsOf(nowMicros), type == RateControl::kCurrentTargetPower);
         if (slot.time < 0) {
             answer.code = TargetPowerResult::Code::kNoSchedule;
             answer.power = static_cast<double>(view.limit.valueMin);
@@ -137,7 +158,7 @@ bool TargetPowerSnapshot::HeldSlot(std::int64_t seconds, bool current, ScheduleR
     Poco::FastMutex::ScopedLock lock(publishMutex_);
     const View* view = current_.load(std::memory_order_acquire);
     if (view == nullptr || !SlotsHold(*view, seconds) || view->version != database->WriteCount()) return false;
-    const Slot& held = current ? view->current : view->next;
+    const Slot& held = SlotAt(*view, seconds, current);
     slot.time = held.time;
     slot.controlRate = held.rate;
     return true;
@@ -184,10 +205,15 @@ void TargetPowerSnapshot::Rebuild() {
         const View* current = current_.load(std::memory_order_acquire);
         if (current != nullptr) held = *current;
     }
-    if (database != nullptr && SlotsHold(held, SecondsOf(now)) && held.version == database->WriteCount()) {
+    const bool unwritten = database != nullptr && held.version == database->WriteCount();
+    if (unwritten && SlotsFresh(held, SecondsOf(now))) {
         CopySlots(held, fresh);
-    } else {
-        ReadSlots(database, now, fresh);
+    } else if (!ReadSlots(database, now, fresh) && unwritten &&
+               SlotsHold(held, SecondsOf(SystemClock::NowMicroseconds()))) {
+        // The table could not be read (another process may hold it
+        // locked): the slots known answer on while they hold.
+        CopySlots(held, fresh);
+        fresh.retryAfterMicros = now + kRetryMicroseconds;
     }
     if (!fresh.settingsKnown || !fresh.slotsKnown) fresh.retryAfterMicros = now + kRetryMicroseconds;
     PublishSettings(fresh);
@@ -239,11 +265,13 @@ void TargetPowerSnapshot::ReadSettingValues(View& view) {
 bool TargetPowerSnapshot::ReadSlots(ScheduleDatabase* database, std::int64_t nowMicros, View& view) {
     ScheduleRow current;
     ScheduleRow next;
+    ScheduleRow after;
     const std::int64_t seconds = SecondsOf(nowMicros);
-    view.slotsKnown = database != nullptr && database->SelectSlots(seconds, current, next, view.version);
+    view.slotsKnown = database != nullptr && database->SelectSlots(seconds, current, next, after, view.version);
     view.from = seconds;
     FillSlot(current, view.current);
     FillSlot(next, view.next);
+    FillSlot(after, view.after);
     return view.slotsKnown;
 }
 

@@ -6,10 +6,14 @@
 // - settings: whether a plant ID is set, the device's rate scale (Value0,
 //   Value100, ValueMin) and the earliest plausible date of the test mode,
 //   with the settings watch's generation they were read under;
-// - slots: the current and the next slot at the time `from` they were
-//   read, with their start times already formatted, and the table's write
-//   count then. They hold from `from` up to (not including) the next
-//   slot's start.
+// - slots: the current slot, the next one and the one after it at the
+//   time `from` they were read, with their start times already formatted,
+//   and the table's write count then. They are fresh from `from` up to
+//   (not including) the next slot's start, and hold on until the start of
+//   the slot after it: past the next slot's start, that slot is in force
+//   and the one after it is next. A request answered from slots that are
+//   no longer fresh asks for a rebuild, so the slot boundary never sends
+//   target power to the table while the view holds.
 //
 // Publishing: whoever changes an input publishes a new view by swapping
 // the pointer: the table after every store or delete and when it was made
@@ -30,7 +34,8 @@
 //   descriptors before each answer): otherwise a rebuild is due or pending;
 // - the plant ID is missing or the date is implausible (those answers need
 //   no slot), or the slots are known and the request's time lies in
-//   [from, next slot's start): past that the slot boundary has passed.
+//   [from, start of the slot after next): past that the slot boundary
+//   has passed.
 // Everything else (no view yet, a rebuild due or pending, the slot
 // boundary passed, settings the watch cannot vouch for or a table that
 // could not be read, these two retried after kRetryMicroseconds) goes to
@@ -100,6 +105,7 @@ public:
         std::int64_t from = 0;
         Slot current;
         Slot next;
+        Slot after;
         // Before this time (microseconds since the epoch) a view that
         // cannot answer is not built again.
         std::int64_t retryAfterMicros = 0;
@@ -141,6 +147,10 @@ public:
     // `nowMicros`, and if not, why. Reads nothing but the view and the
     // watch's generation.
     static Miss Covers(const View* view, std::int64_t nowMicros);
+    // Whether a view that covers a request at `nowMicros` should be built
+    // again: its slots are past their freshness and no rebuild of it failed
+    // within kRetryMicroseconds.
+    static bool Aging(const View& view, std::int64_t nowMicros);
     // The answer for `capacity` from a view that covers the request, with
     // RateControl's log lines. No file, no lock beyond the log's.
     static Answer Compute(const View& view, std::int64_t nowMicros, int type, double capacity);
@@ -153,9 +163,11 @@ public:
     // False otherwise. Any thread (takes publishMutex_ for the copy).
     bool HeldSlot(std::int64_t seconds, bool current, ScheduleRow& slot);
 
-    // Reads the settings and (unless the view's slots still hold) the
-    // table, and publishes a view. Runs on a worker; may wait on the
-    // table's lock as any read does. Does nothing once stopped.
+    // Reads the settings and (unless the view's slots are still fresh) the
+    // table, and publishes a view. When the table cannot be read, slots
+    // that still hold are kept, to be read again after kRetryMicroseconds.
+    // Runs on a worker; may wait on the table's lock as any read does.
+    // Does nothing once stopped.
     void Rebuild();
     // Lets no rebuild start any more and waits up to `timeoutMs` for one
     // that runs: the process may end (and destroy what a rebuild uses) only

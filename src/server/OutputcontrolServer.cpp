@@ -502,9 +502,10 @@ void OutputcontrolServer::Dispatch(Poco::AutoPtr<OutSocketWork> work, int reader
     (OutSocketWork::IsFlow(type) ? channel_ : answerChannel_)->Enqueue(work.get());
 }
 
-// True when the snapshot answered the request. Otherwise a rebuild is
-// queued when the view is missing, stale or past its slot boundary, or
-// unusable for longer than its retry time.
+// True when the snapshot answered the request. A rebuild is queued when
+// the view answered from slots past their freshness, or did not answer:
+// it is missing, stale or past its slot boundary, or unusable for longer
+// than its retry time.
 bool OutputcontrolServer::AnswerFromSnapshot(OutSocketWork& work, int reader) {
     // Without the watch's reports the loop could not tell a view gone
     // stale: every request then goes to the workers.
@@ -513,9 +514,10 @@ bool OutputcontrolServer::AnswerFromSnapshot(OutSocketWork& work, int reader) {
     TargetPowerSnapshot& snapshot = TargetPowerSnapshot::Instance();
     const TargetPowerSnapshot::View* view = snapshot.Hold(reader);
     const TargetPowerSnapshot::Miss miss = work.ServeFromSnapshot(view);
-    const bool rebuild =
-        miss != TargetPowerSnapshot::Miss::kNone &&
-        (miss != TargetPowerSnapshot::Miss::kUnusable || SystemClock::NowMicroseconds() >= view->retryAfterMicros);
+    const std::int64_t now = SystemClock::NowMicroseconds();
+    const bool rebuild = miss == TargetPowerSnapshot::Miss::kNone
+                             ? TargetPowerSnapshot::Aging(*view, now)
+                             : miss != TargetPowerSnapshot::Miss::kUnusable || now >= view->retryAfterMicros;
     snapshot.LetGo(reader);
     if (rebuild) RequestRebuild();
     return miss == TargetPowerSnapshot::Miss::kNone;

@@ -218,18 +218,59 @@ TEST_F(TargetPowerSnapshotTest, SettingsChangeStopsTheViewUntilRebuilt) {
     EXPECT_EQ(9.0, answer.power);
 }
 
-TEST_F(TargetPowerSnapshotTest, SlotBoundaryEndsTheView) {
+// A view read in one slot still answers in the next one: that slot is then
+// in force and the one after it is next. It is no longer fresh there, so
+// the server asks for a rebuild; at the start of the slot after next, or
+// before its reading, it no longer answers.
+TEST_F(TargetPowerSnapshotTest, ViewHoldsUntilTheSlotAfterNext) {
     const std::int64_t slot0 = SlotNow();
-    ASSERT_TRUE(ScheduleDatabase::GetInstance()->InsertUpdateSchedule(Schedule(slot0, 50)));
+    std::vector<ScheduleRow> rows = Schedule(slot0, 50);
+    for (ScheduleRow& row : rows) row.controlRate = static_cast<int>(50 + (row.time - slot0) / kSlotSeconds);
+    ASSERT_TRUE(ScheduleDatabase::GetInstance()->InsertUpdateSchedule(rows));
     snapshot_.Rebuild();
     const TargetPowerSnapshot::View* view = Covering();
     ASSERT_NE(nullptr, view);
     EXPECT_EQ(slot0, view->current.time);
     EXPECT_EQ(slot0 + kSlotSeconds, view->next.time);
+    EXPECT_EQ(slot0 + 2 * kSlotSeconds, view->after.time);
     const std::int64_t boundary = (slot0 + kSlotSeconds) * 1000000;
+    const std::int64_t end = (slot0 + 2 * kSlotSeconds) * 1000000;
+    const auto power = [view](std::int64_t now, int type) {
+        return TargetPowerSnapshot::Compute(*view, now, type, 100.0).power;
+    };
     EXPECT_EQ(Miss::kNone, TargetPowerSnapshot::Covers(view, boundary - 1));
-    EXPECT_EQ(Miss::kBoundary, TargetPowerSnapshot::Covers(view, boundary));
+    EXPECT_FALSE(TargetPowerSnapshot::Aging(*view, boundary - 1));
+    EXPECT_EQ(50.0, power(boundary - 1, RateControl::kCurrentTargetPower));
+    EXPECT_EQ(51.0, power(boundary - 1, RateControl::kNextTargetPower));
+    EXPECT_EQ(Miss::kNone, TargetPowerSnapshot::Covers(view, boundary));
+    EXPECT_TRUE(TargetPowerSnapshot::Aging(*view, boundary));
+    EXPECT_EQ(51.0, power(boundary, RateControl::kCurrentTargetPower));
+    EXPECT_EQ(52.0, power(boundary, RateControl::kNextTargetPower));
+    EXPECT_STREQ(view->next.compact,
+                 TargetPowerSnapshot::Compute(*view, end - 1, RateControl::kCurrentTargetPower, 1.0).timeText);
+    EXPECT_EQ(Miss::kBoundary, TargetPowerSnapshot::Covers(view, end));
     EXPECT_EQ(Miss::kBoundary, TargetPowerSnapshot::Covers(view, view->from * 1000000 - 1));
+}
+
+// The last stored slot has no slot after it: a view read before it holds
+// on, answering that no next schedule exists once it is in force.
+TEST_F(TargetPowerSnapshotTest, ViewBeforeTheLastSlotHoldsOn) {
+    const std::int64_t slot0 = SlotNow();
+    std::vector<ScheduleRow> rows(2);
+    rows[0].time = slot0;
+    rows[0].controlRate = 30;
+    rows[1].time = slot0 + kSlotSeconds;
+    rows[1].controlRate = 60;
+    ASSERT_TRUE(ScheduleDatabase::GetInstance()->InsertUpdateSchedule(rows));
+    snapshot_.Rebuild();
+    const TargetPowerSnapshot::View* view = Covering();
+    ASSERT_NE(nullptr, view);
+    EXPECT_EQ(-1, view->after.time);
+    const std::int64_t later = (slot0 + 10 * kSlotSeconds) * 1000000;
+    EXPECT_EQ(Miss::kNone, TargetPowerSnapshot::Covers(view, later));
+    EXPECT_EQ(60.0, TargetPowerSnapshot::Compute(*view, later, RateControl::kCurrentTargetPower, 100.0).power);
+    EXPECT_EQ(TargetPowerResult::Code::kNoSchedule,
+              TargetPowerSnapshot::Compute(*view, later, RateControl::kNextTargetPower, 100.0).code);
 }
 
 } // namespace

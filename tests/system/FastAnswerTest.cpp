@@ -1,8 +1,8 @@
 // The real pvocd answering target power from memory on its accepting
 // thread: a settings change reaches the very next answer, a slot boundary
 // passed under a faked clock gives the new slot's answer, and a table that
-// another process holds locked, or that cannot be opened at all, holds up
-// no answer.
+// another process holds locked, also across a slot boundary, or that
+// cannot be opened at all, holds up no answer.
 #include "support/ChildProcess.h"
 #include "support/DaemonClient.h"
 #include "support/SqliteFile.h"
@@ -155,6 +155,41 @@ TEST_F(FastAnswerTest, LockedTableHoldsUpNoAnswer) {
     // A settings change needs no read of the table either.
     WriteDevice(45);
     EXPECT_DOUBLE_EQ(45.0, PowerOf(AskCurrent()));
+    EXPECT_EQ(SQLITE_OK, sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr));
+    sqlite3_close(db);
+}
+
+// The table is locked by another process, and then the clock passes a slot
+// boundary: the slots held in memory still answer, the new slot's rate now
+// and the one after it as next, while the rebuild waits for the lock.
+TEST_F(FastAnswerTest, LockedTableAcrossASlotBoundaryHoldsUpNoAnswer) {
+    const std::int64_t slot0 = (TimeStamp().EpochSeconds() / kSlotSeconds - 48) * kSlotSeconds;
+    StoreAround(slot0);
+    const std::string clockFile = "/tmp/fast-answer-clock";
+    const auto setClock = [&](std::int64_t seconds) {
+        test::ChildProcess::SetFakeTime(clockFile,
+                                        "@" + TimeStamp::FromEpochSeconds(seconds)->Format("%Y-%m-%d %H:%M:%S"));
+    };
+    setClock(slot0 + kSlotSeconds - 10);
+    std::map<std::string, std::string> env = test::ChildProcess::FakeTimeFileEnv(clockFile);
+    env["TZ"] = "UTC";
+    Start(env);
+    if (HasFatalFailure()) return;
+    ASSERT_DOUBLE_EQ(30.0, PowerOf(AskCurrent()));
+    sqlite3* db = nullptr;
+    ASSERT_EQ(SQLITE_OK, sqlite3_open_v2(test::kScheduleDbFile, &db, SQLITE_OPEN_READWRITE, nullptr));
+    ASSERT_EQ(SQLITE_OK, sqlite3_exec(db, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr));
+    setClock(slot0 + kSlotSeconds + 5);
+    for (int i = 0; i < 5; ++i) {
+        std::string answer = AskCurrent();
+        ASSERT_EQ(test::kTargetPowerAnswerSize, answer.size()) << "request " << i << " waited for the lock";
+        EXPECT_EQ(0, WordAt(answer, 31));
+        EXPECT_EQ(Field(TimeStamp::FromEpochSeconds(slot0 + kSlotSeconds)->FormatCompact(), 15), answer.substr(16, 15));
+        EXPECT_DOUBLE_EQ(40.0, PowerOf(answer));
+        answer = Ask(test::kNextTargetPowerRequest, Capacity(100.0), kAnswerWithinMs);
+        ASSERT_EQ(test::kTargetPowerAnswerSize, answer.size()) << "request " << i << " waited for the lock";
+        EXPECT_DOUBLE_EQ(50.0, PowerOf(answer));
+    }
     EXPECT_EQ(SQLITE_OK, sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr));
     sqlite3_close(db);
 }
