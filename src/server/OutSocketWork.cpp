@@ -70,6 +70,14 @@ const std::string& kNoMessage() {
 // Formats a line into a fixed buffer and logs it at `level`; without a
 // temporary string. The caller checks the level first when its arguments
 // cost something to make.
+// The lines of one answer from the snapshot, queued together when it ends.
+struct LineBatch {
+    LineBatch() { LoggerLog::BeginBatch(); }
+    ~LineBatch() { LoggerLog::EndBatch(); }
+    LineBatch(const LineBatch&) = delete;
+    LineBatch& operator=(const LineBatch&) = delete;
+};
+
 void LogLine(LoggerLog::Level level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 void LogLine(LoggerLog::Level level, const char* format, ...) {
     if (!LoggerLog::Writes(level)) return;
@@ -404,6 +412,7 @@ TargetPowerSnapshot::Miss OutSocketWork::ServeFromSnapshot(const TargetPowerSnap
     const TargetPowerSnapshot::Miss miss = TargetPowerSnapshot::Covers(view, now);
     if (miss != TargetPowerSnapshot::Miss::kNone) return miss;
     const std::int32_t type = GetType();
+    const LineBatch batch;
     if (!started_) {
         started_ = true;
         LogLine(LoggerLog::kDebug, "Execute");

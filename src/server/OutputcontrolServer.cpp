@@ -46,6 +46,7 @@ const long kShortagePauseMs = 10;
 // The snapshot reader numbers of the two accepting loops.
 const int kServingLoop = 0;
 const int kSecondLoop = 1;
+static_assert(OutputcontrolServer::kLoops <= TargetPowerSnapshot::kReaders, "a snapshot reader per loop");
 // At most one log line about shed connections per period.
 const Poco::Clock::ClockDiff kShedLinePeriodUs = 60LL * 1000000;
 
@@ -82,7 +83,7 @@ OutSocketWork::ReadState ReadNew(OutSocketWork& work) {
 
 OutputcontrolServer::OutputcontrolServer()
     : channel_(new Channel(kWorkerCount)), answerChannel_(new Channel(kAnswerWorkerCount)), listenSocket_(-1),
-      stopping_(false), connectionCap_(0), epoll_(-1), spare_(-1), shed_(0), shedLogged_(false), watchEpoll_(-1),
+      stopping_(false), connectionCap_(0), epoll_(-1), spare_(-1), shed_(0), shedLogged_(false), watchEpolls_{-1, -1},
       rebuildPending_(false), secondEpoll_(-1), secondThread_(nullptr), handedEvent_(-1), stopEvent_(-1),
       shedWanted_(false) {
     handedEvent_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
@@ -161,8 +162,10 @@ void OutputcontrolServer::run() {
     if (epoll_ >= 0) close(epoll_);
     if (spare_ >= 0) close(spare_);
     epoll_ = spare_ = -1;
-    if (watchEpoll_ >= 0) close(watchEpoll_);
-    watchEpoll_ = -1;
+    for (int& watch : watchEpolls_) {
+        if (watch >= 0) close(watch);
+        watch = -1;
+    }
 }
 
 // Adds the event counter `fd` to the epoll set `epoll`.
@@ -509,8 +512,8 @@ void OutputcontrolServer::Dispatch(Poco::AutoPtr<OutSocketWork> work, int reader
 bool OutputcontrolServer::AnswerFromSnapshot(OutSocketWork& work, int reader) {
     // Without the watch's reports the loop could not tell a view gone
     // stale: every request then goes to the workers.
-    if (watchEpoll_ < 0) return false;
-    TakeWatchReports();
+    if (watchEpolls_[reader] < 0) return false;
+    TakeWatchReports(reader);
     TargetPowerSnapshot& snapshot = TargetPowerSnapshot::Instance();
     const TargetPowerSnapshot::View* view = snapshot.Hold(reader);
     const TargetPowerSnapshot::Miss miss = work.ServeFromSnapshot(view);
@@ -530,38 +533,45 @@ void OutputcontrolServer::RequestRebuild() {
     answerChannel_->Enqueue(new SnapshotRebuild(rebuildPending_));
 }
 
-// An epoll set of the settings watch's two descriptors, asked without
-// waiting before each answer from the snapshot. It cannot be the loop's own
-// set: a connection accepted in the same round as one before it may come
-// from a client that changed a setting after the round's wait returned,
-// and the change must count before its answer. Left unset (no answers from
-// the snapshot) when it cannot be made.
+// An epoll set per accepting loop of the settings watch's two
+// descriptors, asked without waiting before each answer from the snapshot.
+// It cannot be the loop's own set: a connection accepted in the same round
+// as one before it may come from a client that changed a setting after the
+// round's wait returned, and the change must count before its answer. Each
+// loop has its own, so that the two never wait on one set's lock. Left
+// unset (no answers from the snapshot) when one cannot be made.
 void OutputcontrolServer::WatchSettings() {
     int inotify = -1;
     int mounts = -1;
     FileChangeWatch::Instance().Descriptors(inotify, mounts);
     if (inotify < 0 || mounts < 0) return;
-    const int watch = epoll_create1(EPOLL_CLOEXEC);
-    epoll_event event = {};
-    event.events = EPOLLIN;
-    event.data.fd = inotify;
-    bool added = watch >= 0 && epoll_ctl(watch, EPOLL_CTL_ADD, inotify, &event) == 0;
-    event.events = EPOLLPRI;
-    event.data.fd = mounts;
-    added = added && epoll_ctl(watch, EPOLL_CTL_ADD, mounts, &event) == 0;
-    if (added) {
-        watchEpoll_ = watch;
-    } else if (watch >= 0) {
-        close(watch);
+    int watches[kLoops] = {-1, -1};
+    bool added = true;
+    for (int& watch : watches) {
+        watch = epoll_create1(EPOLL_CLOEXEC);
+        epoll_event event = {};
+        event.events = EPOLLIN;
+        event.data.fd = inotify;
+        added = added && watch >= 0 && epoll_ctl(watch, EPOLL_CTL_ADD, inotify, &event) == 0;
+        event.events = EPOLLPRI;
+        event.data.fd = mounts;
+        added = added && epoll_ctl(watch, EPOLL_CTL_ADD, mounts, &event) == 0;
+    }
+    for (int loop = 0; loop < kLoops; ++loop) {
+        if (added) {
+            watchEpolls_[loop] = watches[loop];
+        } else if (watches[loop] >= 0) {
+            close(watches[loop]);
+        }
     }
 }
 
 // Counts a report of the settings watch that no reader has taken yet
 // (reports stay queued until the settings readers take them; a mount is
 // reported once), so that the view read before it no longer answers.
-void OutputcontrolServer::TakeWatchReports() {
+void OutputcontrolServer::TakeWatchReports(int loop) {
     epoll_event events[2];
-    if (epoll_wait(watchEpoll_, events, 2, 0) > 0) FileChangeWatch::Instance().NoteReported();
+    if (epoll_wait(watchEpolls_[loop], events, 2, 0) > 0) FileChangeWatch::Instance().NoteReported();
 }
 
 // Closes, unanswered, the connections whose request did not arrive within

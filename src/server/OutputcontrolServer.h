@@ -69,6 +69,8 @@ class OutputcontrolServer : public Poco::Runnable {
 public:
     // Number of workers that run the schedule flows of local clients.
     static constexpr int kWorkerCount = 3;
+    // Accepting loops: the serving loop and the second one.
+    static constexpr int kLoops = 2;
     // Number of workers that answer target power and log flushes.
     static constexpr int kAnswerWorkerCount = 3;
     // Backlog of the listening socket.
@@ -154,7 +156,7 @@ private:
     void ShedWithSpare(int socket);
     void NoteShed();
     void WatchSettings();
-    void TakeWatchReports();
+    void TakeWatchReports(int loop);
     void RequestRebuild();
     bool AnswerFromSnapshot(OutSocketWork& work, int reader);
     static void Signal(int fd);
@@ -185,8 +187,9 @@ private:
     int shed_;
     Poco::Clock lastShedLine_;
     bool shedLogged_;
-    // The epoll set of the settings watch's descriptors; -1 when none.
-    int watchEpoll_;
+    // Each loop's epoll set of the settings watch's descriptors; -1 when
+    // none.
+    int watchEpolls_[kLoops];
     // Set while a snapshot rebuild is queued or running.
     std::atomic<bool> rebuildPending_;
     // The second loop: its epoll set, thread and listening socket.

@@ -38,15 +38,26 @@ void PrintLine(const std::string& text) {
     std::fwrite(text.data(), 1, text.size(), stdout);
 }
 
-// The line as it is echoed: the log file's name, a blank, the line; one
-// stdio call so that lines of several threads never interleave.
-void EchoLine(const std::string& fileName, const std::string& line) {
+// The lines as they are echoed: each as the log file's name, a blank, the
+// line; under one lock of the stream so that lines of several threads
+// never interleave.
+void EchoLines(const std::string& fileName, const std::string& lines) {
     flockfile(stdout);
-    fwrite_unlocked(fileName.data(), 1, fileName.size(), stdout);
-    fputc_unlocked(' ', stdout);
-    fwrite_unlocked(line.data(), 1, line.size(), stdout);
+    std::size_t start = 0;
+    while (start < lines.size()) {
+        const std::size_t feed = lines.find('\n', start);
+        const std::size_t end = feed == std::string::npos ? lines.size() : feed + 1;
+        fwrite_unlocked(fileName.data(), 1, fileName.size(), stdout);
+        fputc_unlocked(' ', stdout);
+        fwrite_unlocked(lines.data() + start, 1, end - start, stdout);
+        start = end;
+    }
     funlockfile(stdout);
 }
+
+// The lines a thread gathers in a batch, and the writer they are for.
+thread_local std::string batchLines;
+thread_local const LogFileOutput* batchOwner = nullptr;
 
 // The calling thread's line under construction; it keeps its room, so a
 // line costs no allocation once the thread has logged a long one.
@@ -126,7 +137,14 @@ LogFileOutput::LogFileOutput(const LogLimiter::Clock& repeatClock, const LogLimi
       maxBufferedSize_(8192), maxRollIndex_(1), maxFileSize_(10485760),
       wallClock_(wallClock ? wallClock : LogLimiter::Clock(&SystemClock::NowMicroseconds)), ticks_(ticks),
       started_(false), timer_(nullptr), flushRequested_(false), errorRecorded_(false), bufferedBytes_(0),
-      countedBytes_(0), limiter_(LogLimiter::kPeriodMicroseconds, repeatClock) {}
+      countedBytes_(0), limiter_(LogLimiter::kPeriodMicroseconds, repeatClock), timeVersion_(NextTimeVersion()) {}
+
+// A number no writer's time format had before: a thread's kept time text
+// is of this writer and format only while the number is the same.
+std::uint64_t LogFileOutput::NextTimeVersion() {
+    static std::atomic<std::uint64_t> versions(0);
+    return ++versions;
+}
 
 LogFileOutput::~LogFileOutput() {
     if (!started_) return;
@@ -164,6 +182,7 @@ void LogFileOutput::SetTimeFormat(const std::string& format) {
     timeFormat_ = format;
     wholeSeconds_ = WholeSecondsOnly(format);
     formattedTime_.clear();
+    timeVersion_.store(NextTimeVersion(), std::memory_order_release);
 }
 
 void LogFileOutput::SetFilePath(const std::string& path) {
@@ -206,6 +225,15 @@ std::string LogFileOutput::FormatNow() {
 std::size_t LogFileOutput::FormatNowInto(char* text, std::size_t size) {
     const std::int64_t micros = wallClock_();
     const std::int64_t second = micros / 1000000 - (micros % 1000000 < 0 ? 1 : 0);
+    // Each thread keeps the text of the second it last formatted, for this
+    // writer and its time format: most lines then take no lock for it.
+    thread_local TimeText mine;
+    const std::uint64_t version = timeVersion_.load(std::memory_order_acquire);
+    if (mine.version == version && mine.second == second) {
+        const std::size_t length = std::min(size, mine.length);
+        std::memcpy(text, mine.text, length);
+        return length;
+    }
     Poco::FastMutex::ScopedLock lock(timeMutex_);
     if (!wholeSeconds_) {
         const std::string formatted = Poco::DateTimeFormatter::format(Poco::Timestamp(micros), timeFormat_);
@@ -219,6 +247,12 @@ std::size_t LogFileOutput::FormatNowInto(char* text, std::size_t size) {
     }
     const std::size_t length = std::min(size, formattedTime_.size());
     std::memcpy(text, formattedTime_.data(), length);
+    if (formattedTime_.size() <= sizeof mine.text) {
+        mine.version = timeVersion_.load(std::memory_order_relaxed);
+        mine.second = second;
+        mine.length = formattedTime_.size();
+        std::memcpy(mine.text, formattedTime_.data(), mine.length);
+    }
     return length;
 }
 
@@ -280,11 +314,28 @@ void LogFileOutput::OutputText(int level, const char* mark, const std::string& t
     }
 }
 
-// Echoes a formatted line and appends it to the active buffer.
-void LogFileOutput::Queue(const std::string& line) {
-    EchoLine(fileName_, line);
+// Echoes formatted lines and appends them to the active buffer; within a
+// batch of this thread, gathers them instead.
+void LogFileOutput::Queue(const std::string& lines) {
+    if (batchOwner == this) {
+        batchLines.append(lines);
+        return;
+    }
+    EchoLines(fileName_, lines);
     Poco::Mutex::ScopedLock lock(mutex_);
-    active_->append(line);
+    active_->append(lines);
+}
+
+void LogFileOutput::BeginBatch() {
+    batchLines.clear();
+    batchOwner = this;
+}
+
+void LogFileOutput::EndBatch() {
+    if (batchOwner != this) return;
+    batchOwner = nullptr;
+    if (!batchLines.empty()) Queue(batchLines);
+    batchLines.clear();
 }
 
 void LogFileOutput::OutputLimited(int level, const std::string& mark, const std::string& prefix,

@@ -85,6 +85,13 @@ public:
     // one line reports the count when the period is over.
     void OutputLimited(int level, const std::string& mark, const std::string& prefix, const std::string& kind,
                        const std::string& message);
+    // Gathers the lines the calling thread queues from now on, until
+    // EndBatch queues them all with one echo and one append: the lines of
+    // one answer stay together and take the locks once. One batch per
+    // thread at a time.
+    void BeginBatch();
+    // Queues the lines gathered since BeginBatch on this thread.
+    void EndBatch();
     // Asks the next timer tick to write the buffer.
     void RequestFlush();
     // Whether the log is written through the buffer.
@@ -123,7 +130,7 @@ private:
     void ClearWritten(LineBuffer& lines);
     bool WriteToFile(const char* text, std::size_t length);
     void RollFiles();
-    void Queue(const std::string& line);
+    void Queue(const std::string& lines);
     std::size_t FormatNowInto(char* text, std::size_t size);
     void AppendTime(std::string& line);
     void ReportFileError();
@@ -139,6 +146,14 @@ private:
     std::int64_t formattedSecond_ = -1;
     // Whether timeFormat_ shows nothing finer than seconds.
     bool wholeSeconds_ = true;
+    // A thread's text of one whole second (see FormatNowInto).
+    struct TimeText {
+        std::uint64_t version = 0;
+        std::int64_t second = 0;
+        std::size_t length = 0;
+        char text[64] = {};
+    };
+    static std::uint64_t NextTimeVersion();
     std::string formattedTime_;
     std::string directory_;
     std::string filePath_;
@@ -158,6 +173,8 @@ private:
     // Bytes of the active buffer already added to bufferedBytes_.
     std::size_t countedBytes_;
     LogLimiter limiter_;
+    // This writer's time format's number (NextTimeVersion).
+    std::atomic<std::uint64_t> timeVersion_;
 };
 
 } // namespace brvo

@@ -33,6 +33,9 @@ std::shared_ptr<LogFileOutput> output;
 const int kNoOutput = LoggerLog::kFatal + 1;
 std::atomic<int> lowestWritten(kNoOutput);
 
+// The output held by the calling thread's batch; null outside one.
+thread_local std::shared_ptr<LogFileOutput> batchOutput;
+
 // The file settings handed down by the logger settings; null while there
 // are none. Replaced and read atomically, like the output.
 std::shared_ptr<const LoggerLog::FileSettings> fileSettings;
@@ -121,9 +124,27 @@ bool LoggerLog::Writes(Level level) {
 }
 
 void LoggerLog::WriteText(Level level, const char* tag, const char* message, std::size_t length) {
-    std::shared_ptr<LogFileOutput> current = std::atomic_load(&output);
-    if (!current || level < current->GetLogLevel()) return;
+    LogFileOutput* current = batchOutput.get();
+    std::shared_ptr<LogFileOutput> loaded;
+    if (current == nullptr) {
+        loaded = std::atomic_load(&output);
+        current = loaded.get();
+    }
+    if (current == nullptr || level < current->GetLogLevel()) return;
     current->OutputText(level, kMarkTexts[level], ThreadText(), tag, message, length);
+}
+
+void LoggerLog::BeginBatch() {
+    batchOutput = std::atomic_load(&output);
+    if (batchOutput) batchOutput->BeginBatch();
+}
+
+void LoggerLog::EndBatch() {
+    if (!batchOutput) return;
+    batchOutput->EndBatch();
+    // The writer's destructor runs here when the output was finalised
+    // meanwhile.
+    batchOutput.reset();
 }
 
 void LoggerLog::Limited(Level level, const std::string& tag, const std::string& kind, const std::string& message) {

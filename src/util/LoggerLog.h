@@ -64,6 +64,12 @@ public:
     static void Error(const std::string& tag, const std::string& message);
     static void Fatal(const std::string& tag, const std::string& message);
 
+    // Gathers the calling thread's lines until EndBatch, which queues them
+    // at once (LogFileOutput::BeginBatch): for the lines of one answer. The
+    // output is held meanwhile, so its lines take no lock to find it.
+    static void BeginBatch();
+    static void EndBatch();
+
     // Whether a line at `level` would be written now (an output exists and
     // its level admits the line): lets a caller skip formatting a line that
     // would be dropped.
