@@ -20,7 +20,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <dirent.h>
 #include <set>
 #include <sys/stat.h>
 
@@ -87,13 +86,9 @@ std::set<std::string> DamagedSets(const std::string& path) {
     std::set<std::string> sets;
     const std::string directory = DirectoryOf(path);
     const std::string prefix = path.substr(path.rfind('/') + 1) + StorageNote::kDamagedMark;
-    DIR* dir = ::opendir(directory.c_str());
-    if (dir == nullptr) return sets;
-    while (const dirent* entry = ::readdir(dir)) {
-        const std::string name = entry->d_name;
+    for (const std::string& name : StorageNote::DamagedFiles(directory)) {
         if (name.compare(0, prefix.size(), prefix) == 0) sets.insert(directory + "/" + WithoutCompanionEnding(name));
     }
-    ::closedir(dir);
     return sets;
 }
 
@@ -219,9 +214,10 @@ bool DatabaseManager::FailsChecks(std::string& why) {
     const std::string probe = "SELECT " + ColumnList() + " FROM " + table_ + " LIMIT 0";
     sqlite3_stmt* statement = nullptr;
     int rc = sqlite3_prepare_v2(db, probe.c_str(), -1, &statement, nullptr);
-    if (rc == SQLITE_ERROR || IsDamageCode(rc)) why = sqlite3_errmsg(db);
+    const bool otherSchema = rc == SQLITE_ERROR || IsDamageCode(rc);
+    if (otherSchema) why = sqlite3_errmsg(db);
     sqlite3_finalize(statement);
-    if (rc == SQLITE_ERROR || IsDamageCode(rc)) return true;
+    if (otherSchema) return true;
     if (!checkOnOpen_) return false;
     statement = nullptr;
     rc = sqlite3_prepare_v2(db, "PRAGMA quick_check", -1, &statement, nullptr);

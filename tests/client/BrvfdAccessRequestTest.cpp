@@ -21,11 +21,13 @@
 #include <cstring>
 #include <dirent.h>
 #include <future>
+#include <iostream>
 #include <memory>
 #include <string>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/un.h>
+#include <unistd.h>
 #include <vector>
 
 namespace brvo {
@@ -67,6 +69,21 @@ long SocketTimeout(int fd, int option) {
     socklen_t length = sizeof timeout;
     if (getsockopt(fd, SOL_SOCKET, option, &timeout, &length) != 0) return -1;
     return static_cast<long>(timeout.tv_sec);
+}
+
+// Whether this platform reads a socket's time-out back as it was set (a
+// user-mode emulator of a 32-bit target may not translate the 64-bit time
+// form of getsockopt, and reads back 0).
+bool TimeoutsReadBack() {
+    int pair[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM, 0, pair) != 0) return false;
+    timeval timeout = {};
+    timeout.tv_sec = 7;
+    const bool set = setsockopt(pair[0], SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout) == 0;
+    const bool readBack = set && SocketTimeout(pair[0], SO_RCVTIMEO) == 7;
+    close(pair[0]);
+    close(pair[1]);
+    return readBack;
 }
 
 // Records what the exchange reports.
@@ -210,8 +227,13 @@ TEST_F(BrvfdAccessRequestTest, TimeOutBelowOneSecondIsTheBuiltInSixty) {
         ASSERT_TRUE(test::WaitFor([&] { return peer.Received().size() == 1; }, 5000)) << value;
         const int fd = ConnectedTo(kLoggerSocket);
         ASSERT_GE(fd, 0) << value << ": the exchange is no longer waiting";
-        EXPECT_EQ(60, SocketTimeout(fd, SO_RCVTIMEO)) << value;
-        EXPECT_EQ(60, SocketTimeout(fd, SO_SNDTIMEO)) << value;
+        if (TimeoutsReadBack()) {
+            EXPECT_EQ(60, SocketTimeout(fd, SO_RCVTIMEO)) << value;
+            EXPECT_EQ(60, SocketTimeout(fd, SO_SNDTIMEO)) << value;
+        } else {
+            std::cout << "[ note     ] socket time-outs cannot be read back here; only the wait is checked"
+                      << std::endl;
+        }
         // Still waiting: the time-out, not an error, ends the read.
         EXPECT_FALSE(kept->done.tryWait(200)) << value;
         request->Abort();

@@ -13,6 +13,7 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -41,6 +42,17 @@ public:
 
 protected:
     std::string CreateTableStatement() const override { return "CREATE TABLE IF NOT EXISTS probe_table (id INTEGER)"; }
+    std::string ColumnList() const override { return "id"; }
+};
+
+// A table whose CREATE TABLE statement SQLite refuses: a failure that is
+// not the file's.
+class RefusedTable : public DatabaseManager {
+public:
+    RefusedTable() : DatabaseManager(kTag, "refused_table") {}
+
+protected:
+    std::string CreateTableStatement() const override { return "CREATE TABLE refused_table (id INTEGER"; }
     std::string ColumnList() const override { return "id"; }
 };
 
@@ -121,6 +133,28 @@ TEST_F(DatabaseManagerTest, RefusedDurabilitySettingsStillOpenTheTable) {
     const std::vector<std::string> lines = test::FlushedLogLines();
     EXPECT_TRUE(test::HasLogLineStarting(lines, "D", kTag, "Durability settings not applied. ["));
     EXPECT_FALSE(test::HasLogLineStarting(lines, "E", kTag, "InitDataBaseFile error."));
+}
+
+} // namespace
+} // namespace brvo
+
+namespace brvo {
+namespace {
+
+// A session opened before a failed CREATE TABLE is kept, and a later call
+// returns true without trying again; a failure that is not damage moves
+// nothing aside.
+TEST_F(DatabaseManagerTest, SessionOpenedBeforeAFailedCreateTableIsKept) {
+    RefusedTable table;
+    EXPECT_FALSE(table.InitDataBaseFile(kProbeFile));
+    EXPECT_TRUE(table.InitDataBaseFile(kProbeFile));
+    const std::vector<std::string> lines = test::FlushedLogLines();
+    const auto failures = std::count_if(lines.begin(), lines.end(), [](const std::string& line) {
+        return line.find("InitDataBaseFile error. [") != std::string::npos;
+    });
+    EXPECT_EQ(1, failures);
+    EXPECT_TRUE(test::FileExists(kProbeFile));
+    EXPECT_FALSE(DatabaseManager::TakeRenewed());
 }
 
 } // namespace

@@ -389,10 +389,11 @@ TEST_F(NeverStuckTest, RetryAfterOfTheServerSetsTheNextAttempt) {
     const std::int64_t next = TimeAfter(retry.message, "retry. schedule_update_time_ ");
     ASSERT_NE(-1, next) << retry.message;
     // Now plus 120 s, now being when the answer came; the line's own time
-    // may pass it by a second.
+    // may pass it by a second, or by a few on a machine under load (the
+    // default back-off would be half an hour).
     EXPECT_GE(next, due + 120) << retry.message;
     EXPECT_LE(next, retry.at + 120) << retry.message;
-    EXPECT_GE(next, retry.at + 119) << retry.message;
+    EXPECT_GE(next, retry.at + 115) << retry.message;
     EXPECT_FALSE(WaitForRequests(server, 2, kQuietMs)) << "tried again before the server's time";
 
     SetClock(next);
