@@ -29,38 +29,14 @@ namespace brvo {
 namespace {
 
 const char kTag[] = "OutputcontrolServer";
-const std::size_t kMessageSize = 128;
 // Room for the capacity formatted with "%f" in its log line; a wider value
 // is cut to it.
 const std::size_t kCapacityTextSize = RateControl::kDoubleTextSize;
 // Room for one line of this class formatted on the accepting thread.
 const std::size_t kLineSize = 256;
-const std::size_t kTimeTextSize = 15;
-const std::size_t kFixedPlantIdSize = 27;
 // Largest fixed-schedule file read, in bytes: a year of half-hour slots
 // takes about 35 KB as hexadecimal text.
 const std::size_t kMaxFixedScheduleBytes = 4 * 1024 * 1024;
-
-void PutU32(std::vector<unsigned char>& answer, std::size_t offset, std::uint32_t value) {
-    std::memcpy(answer.data() + offset, &value, sizeof value);
-}
-
-void PutI32(std::vector<unsigned char>& answer, std::size_t offset, std::int32_t value) {
-    std::memcpy(answer.data() + offset, &value, sizeof value);
-}
-
-// Copies at most `size` - 1 bytes of `text`, leaving at least one NUL.
-void PutText(std::vector<unsigned char>& answer, std::size_t offset, std::size_t size, const std::string& text) {
-    std::memcpy(answer.data() + offset, text.data(), std::min(text.size(), size - 1));
-}
-
-// A zeroed answer of `size` bytes with its length and type.
-std::vector<unsigned char> Answer(std::size_t size, std::int32_t type) {
-    std::vector<unsigned char> answer(size, 0);
-    PutU32(answer, 0, static_cast<std::uint32_t>(size));
-    PutI32(answer, 4, type);
-    return answer;
-}
 
 const std::string& kNoMessage() {
     static const std::string* const empty = new std::string();
@@ -125,44 +101,29 @@ std::int64_t OutSocketWork::TimeoutMicroseconds() {
 }
 
 bool OutSocketWork::IsFlow(std::int32_t type) {
-    return type == kUpdateSchedule || type == kCheckPlantId || type == kUpdateFixedSchedule ||
-           type == kChangeSettingNotify;
+    return type == CommandWire::kUpdateSchedule || type == CommandWire::kCheckPlantId ||
+           type == CommandWire::kUpdateFixedSchedule || type == CommandWire::kChangeSettingNotify;
 }
 
 bool OutSocketWork::IsAnswer(std::int32_t type) {
-    return type == kCurrentTargetPower || type == kNextTargetPower || type == kFlushLog;
-}
-
-std::size_t OutSocketWork::ParameterSize(std::int32_t type) {
-    switch (type) {
-    case kCheckPlantId:
-        return kCheckPlantIdSize;
-    case kUpdateFixedSchedule:
-        return kFixedScheduleSize;
-    case kCurrentTargetPower:
-    case kNextTargetPower:
-        return kCapacitySize;
-    default:
-        return 0;
-    }
+    return type == CommandWire::kCurrentTargetPower || type == CommandWire::kNextTargetPower ||
+           type == CommandWire::kFlushLog;
 }
 
 std::int32_t OutSocketWork::GetType() const {
-    std::int32_t type = 0;
-    std::memcpy(&type, request_ + 4, sizeof type);
-    return type;
+    return CommandWire::DecodeType(request_);
 }
 
 // The header, then the parameter block of the header's type.
 std::size_t OutSocketWork::ExpectedSize() const {
-    return HasHeader() ? kHeaderSize + ParameterSize(GetType()) : kHeaderSize;
+    return HasHeader() ? CommandWire::kHeaderSize + CommandWire::ParameterSize(GetType()) : CommandWire::kHeaderSize;
 }
 
 OutSocketWork::ReadState OutSocketWork::ReadAvailable() {
     while (!ended_ && received_ < ExpectedSize()) {
         // One read takes header and parameters together when both are there
         // (bytes past the request are dropped, as they would stay unread).
-        const std::size_t room = sizeof request_ - 1 - received_;
+        const std::size_t room = sizeof request_ - received_;
         const ssize_t got = recv(socket_, request_ + received_, room, MSG_DONTWAIT);
         if (got > 0) {
             received_ += static_cast<std::size_t>(got);
@@ -231,45 +192,20 @@ std::string OutSocketWork::Tag(const std::string& text) const {
 }
 
 std::vector<unsigned char> OutSocketWork::UpdateAnswer(std::int32_t type, const UpdateResult& result) {
-    std::vector<unsigned char> answer = Answer(kUpdateAnswerSize, type);
-    PutI32(answer, 8, ToWire(result.GetFailureReason()));
-    PutI32(answer, 12, result.GetStatusCode());
-    PutText(answer, 16, kMessageSize, result.GetMessage());
-    return answer;
+    return CommandWire::EncodeUpdateAnswer(type, ToWire(result.GetFailureReason()), result.GetStatusCode(),
+                                           result.GetMessage());
 }
 
-// The words lie unaligned on purpose: clients read this layout.
+// The plant ID goes out only with changed settings.
 std::vector<unsigned char> OutSocketWork::FixedScheduleAnswer(const UpdateResult& result) {
-    std::vector<unsigned char> answer = Answer(kFixedAnswerSize, kUpdateFixedSchedule);
-    if (result.IsSettingChanged()) PutText(answer, 8, kFixedPlantIdSize, result.GetPlantId());
-    PutI32(answer, 35, ToWire(result.GetFailureReason()));
-    PutI32(answer, 39, result.GetStatusCode());
-    PutText(answer, 43, kMessageSize, result.GetMessage());
-    return answer;
+    return CommandWire::EncodeFixedScheduleAnswer(result.IsSettingChanged() ? result.GetPlantId() : std::string(),
+                                                  ToWire(result.GetFailureReason()), result.GetStatusCode(),
+                                                  result.GetMessage());
 }
 
 std::vector<unsigned char> OutSocketWork::TargetPowerAnswer(std::int32_t type, const TargetPowerResult& result) {
-    std::vector<unsigned char> answer(kTargetAnswerSize, 0);
-    FillTargetPowerAnswer(answer.data(), type, result.GetTargetPower(), result.GetTimeText().c_str(),
-                          ToWire(result.GetCode()), result.GetMessage());
-    return answer;
-}
-
-void OutSocketWork::FillTargetPowerAnswer(unsigned char* answer, std::int32_t type, double power, const char* timeText,
-                                          std::int32_t code, const std::string& message) {
-    std::memset(answer, 0, kTargetAnswerSize);
-    const std::uint32_t size = static_cast<std::uint32_t>(kTargetAnswerSize);
-    std::memcpy(answer, &size, sizeof size);
-    std::memcpy(answer + 4, &type, sizeof type);
-    std::memcpy(answer + 8, &power, sizeof power);
-    std::memcpy(answer + 16, timeText, strnlen(timeText, kTimeTextSize - 1));
-    std::memcpy(answer + 31, &code, sizeof code);
-    std::memcpy(answer + 39, message.data(), std::min(message.size(), kMessageSize - 1));
-}
-
-// Only length and type carry meaning; the rest is zero, never stale memory.
-std::vector<unsigned char> OutSocketWork::FlushAnswer() {
-    return Answer(kUpdateAnswerSize, kFlushLog);
+    return CommandWire::EncodeTargetPowerAnswer(type, result.GetTargetPower(), result.GetTimeText(),
+                                                ToWire(result.GetCode()), result.GetMessage());
 }
 
 void OutSocketWork::Start() {
@@ -323,20 +259,20 @@ void OutSocketWork::Serve() {
 
 std::vector<unsigned char> OutSocketWork::Dispatch(std::int32_t type, bool& sendAfter) {
     switch (type) {
-    case kCheckPlantId:
+    case CommandWire::kCheckPlantId:
         LoggerLog::Debug(kTag, Tag("RequestDataType CheckPlantId"));
         return ServeCheckPlantId();
-    case kUpdateSchedule: {
+    case CommandWire::kUpdateSchedule: {
         LoggerLog::Debug(kTag, Tag("RequestDataType UpdateSchedule"));
         const ScheduleUpdateManager::Pin updates;
         std::shared_ptr<UpdateResult> result = updates ? updates->UpdateOutputControlSchedule() : NotRunning();
         sendAfter = result->IsResult();
         return UpdateAnswer(type, *result);
     }
-    case kUpdateFixedSchedule:
+    case CommandWire::kUpdateFixedSchedule:
         LoggerLog::Debug(kTag, Tag("RequestDataType UpdateFixedSchedule"));
         return ServeFixedSchedule(sendAfter);
-    case kChangeSettingNotify: {
+    case CommandWire::kChangeSettingNotify: {
         LoggerLog::Debug(kTag, Tag("RequestDataType ChangeSettingNotify"));
         const ScheduleUpdateManager::Pin updates;
         bool started = false;
@@ -345,16 +281,16 @@ std::vector<unsigned char> OutSocketWork::Dispatch(std::int32_t type, bool& send
         sendAfter = started;
         return UpdateAnswer(type, *result);
     }
-    case kCurrentTargetPower:
+    case CommandWire::kCurrentTargetPower:
         LoggerLog::Debug(kTag, Tag("RequestDataType CurrentTargetPower"));
         return ServeTargetPower(type);
-    case kNextTargetPower:
+    case CommandWire::kNextTargetPower:
         LoggerLog::Debug(kTag, Tag("RequestDataType NextTargetPower"));
         return ServeTargetPower(type);
-    case kFlushLog:
+    case CommandWire::kFlushLog:
         LoggerLog::Debug(kTag, Tag("RequestDataType FlushLog"));
         LoggerLog::Flush();
-        return FlushAnswer();
+        return CommandWire::EncodeFlushAnswer();
     default:
         LoggerLog::Limited(LoggerLog::kDebug, kTag, "unknown data...", "unknown data...");
         return std::vector<unsigned char>();
@@ -362,24 +298,21 @@ std::vector<unsigned char> OutSocketWork::Dispatch(std::int32_t type, bool& send
 }
 
 // A plant id that fills its 27 bytes without a NUL runs on into the URL
-// when taken as text; the zero byte after the block ends both.
+// when taken as text (CommandWire::DecodeCheckPlantId).
 std::vector<unsigned char> OutSocketWork::ServeCheckPlantId() {
-    const char* block = reinterpret_cast<const char*>(Parameters());
-    const std::string plantId(block);
-    const std::string url(block + kPlantIdSize);
-    LoggerLog::Debug(kTag, "CheckPlantId Param plant_id [" + plantId + "]  plant_url [" + url + "]");
+    const CommandWire::CheckPlantIdRequest request = CommandWire::DecodeCheckPlantId(Parameters());
+    LoggerLog::Debug(kTag, "CheckPlantId Param plant_id [" + request.plantId + "]  plant_url [" + request.url + "]");
     const ScheduleUpdateManager::Pin updates;
-    std::shared_ptr<UpdateResult> result = updates ? updates->CheckPlantId(plantId, url) : NotRunning();
-    return UpdateAnswer(kCheckPlantId, *result);
+    std::shared_ptr<UpdateResult> result = updates ? updates->CheckPlantId(request.plantId, request.url) : NotRunning();
+    return UpdateAnswer(CommandWire::kCheckPlantId, *result);
 }
 
 std::vector<unsigned char> OutSocketWork::ServeFixedSchedule(bool& sendAfter) {
-    const unsigned char* block = Parameters();
-    // The path field is followed by the flag byte: a path of 256 bytes
-    // without NUL is cut at the field's end, not run on into the flag.
-    const char* start = reinterpret_cast<const char*>(block);
-    const std::string path(start, std::find(start, start + kFilePathSize, '\0'));
-    const bool force = block[kFilePathSize] == 1;
+    // A path of 256 bytes without NUL is cut at the field's end, not run on
+    // into the flag byte.
+    const CommandWire::FixedScheduleRequest request = CommandWire::DecodeFixedSchedule(Parameters());
+    const std::string& path = request.path;
+    const bool force = request.force;
     LoggerLog::Debug(kTag,
                      "UpdateFixedSchedule Param file_path [" + path + "]  update_flg [" + (force ? "1" : "0") + "]");
     if (!FileUtil::Exists(path)) {
@@ -404,7 +337,8 @@ std::vector<unsigned char> OutSocketWork::ServeFixedSchedule(bool& sendAfter) {
 
 // The request's type line of the log, for target power.
 const char* OutSocketWork::TypeLine(std::int32_t type) {
-    return type == kCurrentTargetPower ? "RequestDataType CurrentTargetPower [" : "RequestDataType NextTargetPower [";
+    return type == CommandWire::kCurrentTargetPower ? "RequestDataType CurrentTargetPower ["
+                                                    : "RequestDataType NextTargetPower [";
 }
 
 TargetPowerSnapshot::Miss OutSocketWork::ServeFromSnapshot(const TargetPowerSnapshot::View* view) {
@@ -418,18 +352,17 @@ TargetPowerSnapshot::Miss OutSocketWork::ServeFromSnapshot(const TargetPowerSnap
         LogLine(LoggerLog::kDebug, "Execute");
     }
     if (LoggerLog::Writes(LoggerLog::kDebug)) LogLine(LoggerLog::kDebug, "%s%d]", TypeLine(type), socket_);
-    double capacity = 0.0;
-    std::memcpy(&capacity, Parameters(), sizeof capacity);
+    const double capacity = CommandWire::DecodeCapacity(Parameters());
     if (LoggerLog::Writes(LoggerLog::kDebug)) {
         char text[kCapacityTextSize];
         StringUtil::FormatFixed(capacity, text, sizeof text);
         LogLine(LoggerLog::kDebug, "TargetPower Param capacity [%s]", text);
     }
     const TargetPowerSnapshot::Answer result = TargetPowerSnapshot::Compute(*view, now, type, capacity);
-    unsigned char answer[kTargetAnswerSize];
-    FillTargetPowerAnswer(answer, type, result.power, result.timeText, ToWire(result.code),
-                          result.code == TargetPowerResult::Code::kSuccess ? kNoMessage()
-                                                                           : RateControl::FailureMessage(result.code));
+    unsigned char answer[CommandWire::kTargetAnswerSize];
+    CommandWire::FillTargetPowerAnswer(
+        answer, type, result.power, result.timeText, ToWire(result.code),
+        result.code == TargetPowerResult::Code::kSuccess ? kNoMessage() : RateControl::FailureMessage(result.code));
     const ssize_t sent = send(socket_, answer, sizeof answer, MSG_NOSIGNAL | MSG_DONTWAIT);
     LogServed(sent, type);
     Close();
@@ -449,14 +382,14 @@ void OutSocketWork::LogServed(ssize_t sent, std::int32_t type) {
 }
 
 std::vector<unsigned char> OutSocketWork::ServeTargetPower(std::int32_t type) {
-    double capacity = 0.0;
-    std::memcpy(&capacity, Parameters(), sizeof capacity);
+    const double capacity = CommandWire::DecodeCapacity(Parameters());
     char text[kCapacityTextSize];
     StringUtil::FormatFixed(capacity, text, sizeof text);
     LoggerLog::Debug(kTag, std::string("TargetPower Param capacity [") + text + "]");
     RateControl control;
-    std::shared_ptr<TargetPowerResult> result = control.GetTargetPower(
-        capacity, type == kCurrentTargetPower ? RateControl::kCurrentTargetPower : RateControl::kNextTargetPower);
+    std::shared_ptr<TargetPowerResult> result =
+        control.GetTargetPower(capacity, type == CommandWire::kCurrentTargetPower ? RateControl::kCurrentTargetPower
+                                                                                  : RateControl::kNextTargetPower);
     return TargetPowerAnswer(type, *result);
 }
 

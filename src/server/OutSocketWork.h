@@ -18,6 +18,7 @@
 
 #include "client/Request.h"
 #include "schedule/TargetPowerSnapshot.h"
+#include "server/CommandWire.h"
 
 #include <atomic>
 #include <cstddef>
@@ -34,26 +35,6 @@ class UpdateResult;
 
 class OutSocketWork : public Request {
 public:
-    // Request types.
-    static constexpr std::int32_t kUpdateSchedule = 2;
-    static constexpr std::int32_t kCheckPlantId = 3;
-    static constexpr std::int32_t kUpdateFixedSchedule = 4;
-    static constexpr std::int32_t kChangeSettingNotify = 5;
-    static constexpr std::int32_t kCurrentTargetPower = 6;
-    static constexpr std::int32_t kNextTargetPower = 7;
-    static constexpr std::int32_t kFlushLog = 8;
-    // Sizes of the request header, the parameter blocks and the answers.
-    static constexpr std::size_t kHeaderSize = 8;
-    static constexpr std::size_t kCheckPlantIdSize = 283;
-    static constexpr std::size_t kPlantIdSize = 27;
-    static constexpr std::size_t kPlantUrlSize = 256;
-    static constexpr std::size_t kFixedScheduleSize = 257;
-    static constexpr std::size_t kFilePathSize = 256;
-    static constexpr std::size_t kCapacitySize = 8;
-    static constexpr std::size_t kUpdateAnswerSize = 144;
-    static constexpr std::size_t kFixedAnswerSize = 171;
-    static constexpr std::size_t kTargetAnswerSize = 167;
-
     // How far reading the request got.
     enum ReadState {
         kReading,    // more bytes are due
@@ -73,7 +54,7 @@ public:
     // leaves the missing bytes zero (kRead).
     ReadState ReadAvailable();
     // Whether the 8-byte header is in.
-    bool HasHeader() const { return received_ >= kHeaderSize; }
+    bool HasHeader() const { return received_ >= CommandWire::kHeaderSize; }
     // The request type; 0 until the header is in.
     std::int32_t GetType() const;
     // Seconds a client has from connecting to the end of its request
@@ -120,16 +101,10 @@ public:
     // Connections of all work items not yet closed, in this process.
     static int OpenCount() { return openCount_; }
 
-    // The answers, byte for byte.
+    // The answers to the daemon's results (see CommandWire for the bytes).
     static std::vector<unsigned char> UpdateAnswer(std::int32_t type, const UpdateResult& result);
     static std::vector<unsigned char> FixedScheduleAnswer(const UpdateResult& result);
     static std::vector<unsigned char> TargetPowerAnswer(std::int32_t type, const TargetPowerResult& result);
-    static std::vector<unsigned char> FlushAnswer();
-    // Writes the target power answer into the kTargetAnswerSize bytes at
-    // `answer`: power, slot start `timeText` (at most 14 bytes taken),
-    // result `code` and `message` (at most 127 bytes taken), the rest zero.
-    static void FillTargetPowerAnswer(unsigned char* answer, std::int32_t type, double power, const char* timeText,
-                                      std::int32_t code, const std::string& message);
 
 protected:
     ~OutSocketWork() override;
@@ -140,10 +115,9 @@ private:
     std::vector<unsigned char> ServeCheckPlantId();
     std::vector<unsigned char> ServeFixedSchedule(bool& sendAfter);
     std::vector<unsigned char> ServeTargetPower(std::int32_t type);
-    static std::size_t ParameterSize(std::int32_t type);
     std::size_t ExpectedSize() const;
     bool ReadUntilDeadline();
-    const unsigned char* Parameters() const { return request_ + kHeaderSize; }
+    const unsigned char* Parameters() const { return request_ + CommandWire::kHeaderSize; }
     std::string Tag(const std::string& text) const;
     void LogServed(ssize_t sent, std::int32_t type);
     static const char* TypeLine(std::int32_t type);
@@ -151,9 +125,8 @@ private:
     static std::atomic<int> openCount_;
 
     int socket_;
-    // Header and parameter block as received; the zero byte after the
-    // largest block ends every text field taken from it.
-    unsigned char request_[kHeaderSize + kCheckPlantIdSize + 1];
+    // Header and parameter block as received; missing bytes stay zero.
+    unsigned char request_[CommandWire::kHeaderSize + CommandWire::kLargestParameterSize];
     std::size_t received_;
     // Whether the client ended its side before the request was complete.
     bool ended_;

@@ -2,6 +2,7 @@
 
 #include "client/Channel.h"
 #include "schedule/TargetPowerSnapshot.h"
+#include "server/CommandWire.h"
 #include "server/OutSocketWork.h"
 #include "server/SnapshotRebuild.h"
 #include "settings/LoggerSettingManager.h"
@@ -496,7 +497,7 @@ void OutputcontrolServer::Dispatch(Poco::AutoPtr<OutSocketWork> work, int reader
         work->Refuse();
         return;
     }
-    if ((type == OutSocketWork::kCurrentTargetPower || type == OutSocketWork::kNextTargetPower) &&
+    if ((type == CommandWire::kCurrentTargetPower || type == CommandWire::kNextTargetPower) &&
         AnswerFromSnapshot(*work, reader)) {
         return;
     }

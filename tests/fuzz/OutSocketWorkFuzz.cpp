@@ -22,6 +22,7 @@
 #include "fuzz/FuzzEnvironment.h"
 
 #include "schedule/ScheduleUpdateManager.h"
+#include "server/CommandWire.h"
 #include "server/OutSocketWork.h"
 #include "support/SchedulePayload.h"
 #include "support/SingletonScope.h"
@@ -50,7 +51,7 @@ const std::size_t kMaxRequestBytes = 65536;
 const std::string kFixedDirectory = "/tmp/pvocd-fuzz";
 const std::string kInputFile = kFixedDirectory + "/input.hex";
 // Header and parameter block of a fixed-schedule request.
-const std::size_t kFixedRequestBytes = brvo::OutSocketWork::kHeaderSize + brvo::OutSocketWork::kFixedScheduleSize;
+const std::size_t kFixedRequestBytes = brvo::CommandWire::kHeaderSize + brvo::CommandWire::kFixedScheduleSize;
 
 // Today's start in the server's time (UTC+9), YYYYMMDD0000: a schedule from
 // there is not too old to be kept and has a slot for now and the next one.
@@ -156,12 +157,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     close(pair[0]);
 
     const std::size_t length = answer.size();
-    FuzzEnvironment::Check(length == 0 || length == brvo::OutSocketWork::kUpdateAnswerSize ||
-                               length == brvo::OutSocketWork::kFixedAnswerSize ||
-                               length == brvo::OutSocketWork::kTargetAnswerSize,
+    FuzzEnvironment::Check(length == 0 || length == brvo::CommandWire::kUpdateAnswerSize ||
+                               length == brvo::CommandWire::kFixedAnswerSize ||
+                               length == brvo::CommandWire::kTargetAnswerSize,
                            "answer of unknown size");
     if (length != 0) {
-        FuzzEnvironment::Check(WordAt(answer, 0) == length, "answer length word");
+        FuzzEnvironment::Check(WordAt(answer, brvo::CommandWire::kAnswerLengthOffset) == length, "answer length word");
         // A short header is read as far as it came, the rest stays zero.
         unsigned char header[8] = {0};
         if (size > 0) std::memcpy(header, data, std::min<std::size_t>(size, sizeof header));
