@@ -12,12 +12,6 @@ namespace brvo {
 
 namespace {
 
-std::string Word(std::int32_t value) {
-    std::string bytes(4, '\0');
-    std::memcpy(&bytes[0], &value, 4);
-    return bytes;
-}
-
 // Longest wait for a place in the daemon's listen queue.
 const int kConnectTimeoutSeconds = 5;
 
@@ -81,10 +75,6 @@ std::string CommandSocket::Exchange(const std::string& path, const std::string& 
     close(fd);
     if (answer.empty() && error.empty()) error = "pvocd closed the connection without an answer";
     return answer;
-}
-
-std::string CommandSocket::Request(std::int32_t type, const std::string& params) {
-    return Word(static_cast<std::int32_t>(8 + params.size())) + Word(type) + params;
 }
 
 } // namespace brvo

@@ -1,8 +1,8 @@
-// One request to pvocd's command socket and its answer.
+// One request to pvocd's command socket and its answer, as bytes
+// (CommandWire writes and reads them).
 #ifndef BRVO_TOOLS_PVOCTL_COMMANDSOCKET_H
 #define BRVO_TOOLS_PVOCTL_COMMANDSOCKET_H
 
-#include <cstdint>
 #include <string>
 
 namespace brvo {
@@ -13,8 +13,6 @@ public:
     // until the daemon closes; `error` is set when there is no answer
     // within `timeoutMs` (waited for each read).
     static std::string Exchange(const std::string& path, const std::string& request, int timeoutMs, std::string& error);
-    // A request of `type` with `params`: length and type as native words.
-    static std::string Request(std::int32_t type, const std::string& params);
 };
 
 } // namespace brvo

@@ -6,6 +6,7 @@
 
 #include "database/StorageNote.h"
 #include "database/TableNames.h"
+#include "server/CommandWire.h"
 #include "settings/LoggerSettingManager.h"
 #include "settings/SystemSettingXmlManager.h"
 #include "util/FileUtil.h"
@@ -15,7 +16,6 @@
 #include <sqlite3.h>
 
 #include <algorithm>
-#include <cstring>
 #include <limits>
 #include <sstream>
 #include <sys/stat.h>
@@ -30,8 +30,6 @@ const std::int64_t kRetryStep = 1800;
 const std::int64_t kFixedGrace = 20 * 60;
 // Length of one schedule slot.
 const std::int64_t kSlotSeconds = 1800;
-// Answer of a target-power request: header, power, slot, code, message.
-const std::size_t kTargetPowerAnswerBytes = 167;
 
 // An SQLite file opened read-only; a missing file is not created.
 class ReadOnlyDatabase {
@@ -174,12 +172,11 @@ void StatusReport::ReadStorageNotes() {
 
 // A target-power request changes nothing in the daemon: it only reads.
 void StatusReport::AskSocket(int timeoutMs) {
-    double capacity = 100.0;
-    std::string bytes(8, '\0');
-    std::memcpy(&bytes[0], &capacity, 8);
-    const std::string answer =
-        CommandSocket::Exchange(socketPath_, CommandSocket::Request(6, bytes), timeoutMs, socketError_);
-    socketAnswers_ = answer.size() >= kTargetPowerAnswerBytes;
+    const std::string request =
+        CommandWire::EncodeRequest(CommandWire::kCurrentTargetPower, CommandWire::EncodeCapacityBlock(100.0));
+    const std::string answer = CommandSocket::Exchange(socketPath_, request, timeoutMs, socketError_);
+    CommandWire::TargetPowerReply reply;
+    socketAnswers_ = CommandWire::DecodeTargetPowerAnswer(answer, reply);
     if (!socketAnswers_ && socketError_.empty()) socketError_ = "short answer from pvocd";
 }
 

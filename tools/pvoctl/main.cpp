@@ -9,11 +9,11 @@
 #include "ScheduleView.h"
 #include "StatusReport.h"
 
+#include "server/CommandWire.h"
 #include "settings/LoggerSettingManager.h"
 #include "util/FileUtil.h"
 
 #include <cstdint>
-#include <cstring>
 #include <iostream>
 #include <string>
 #include <vector>
@@ -76,22 +76,7 @@ int Usage(const std::string& message) {
     return Fail(message);
 }
 
-std::int32_t WordAt(const std::string& data, std::size_t offset) {
-    std::int32_t value = 0;
-    std::memcpy(&value, data.data() + offset, 4);
-    return value;
-}
-
-std::string TextAt(const std::string& data, std::size_t offset, std::size_t size) {
-    const std::string field = data.substr(offset, size);
-    return field.substr(0, field.find('\0'));
-}
-
-std::string Field(const std::string& text, std::size_t size) {
-    std::string field = text.substr(0, size - 1);
-    field.resize(size, '\0');
-    return field;
-}
+using brvo::CommandWire;
 
 std::string SlotText(const std::string& slot) {
     if (slot.size() != 14) return slot;
@@ -100,13 +85,12 @@ std::string SlotText(const std::string& slot) {
 }
 
 int PrintTargetPower(const Options& options, const std::string& answer) {
-    if (answer.size() < 167) return Fail("short answer from pvocd");
-    double power = 0;
-    std::memcpy(&power, answer.data() + 8, 8);
-    const std::string slot = TextAt(answer, 16, 15);
-    const std::int32_t code = WordAt(answer, 31);
-    const std::string message = TextAt(answer, 39, 128);
-    const std::string powerText = JsonValue::Number(power);
+    CommandWire::TargetPowerReply reply;
+    if (!CommandWire::DecodeTargetPowerAnswer(answer, reply)) return Fail("short answer from pvocd");
+    const std::string& slot = reply.timeText;
+    const std::int32_t code = reply.code;
+    const std::string& message = reply.message;
+    const std::string powerText = JsonValue::Number(reply.power);
     if (options.json) {
         std::cout << "{\"ok\":" << (code == 0 ? "true" : "false") << ",\"code\":" << code << ",\"power\":" << powerText
                   << ",\"slot\":" << JsonValue::Text(slot) << ",\"message\":" << JsonValue::Text(message) << "}"
@@ -121,13 +105,14 @@ int PrintTargetPower(const Options& options, const std::string& answer) {
 }
 
 int PrintUpdate(const Options& options, const std::string& answer, bool fixedLayout) {
-    const std::size_t need = fixedLayout ? 171 : 144;
-    if (answer.size() < need) return Fail("short answer from pvocd");
-    const std::size_t base = fixedLayout ? 35 : 8;
-    const std::int32_t reason = WordAt(answer, base);
-    const std::int32_t status = WordAt(answer, base + 4);
-    const std::string message = TextAt(answer, base + 8, 128);
-    const std::string plantId = fixedLayout ? TextAt(answer, 8, 27) : std::string();
+    CommandWire::UpdateReply reply;
+    const bool whole = fixedLayout ? CommandWire::DecodeFixedScheduleAnswer(answer, reply)
+                                   : CommandWire::DecodeUpdateAnswer(answer, reply);
+    if (!whole) return Fail("short answer from pvocd");
+    const std::int32_t reason = reply.reason;
+    const std::int32_t status = reply.status;
+    const std::string& message = reply.message;
+    const std::string& plantId = reply.plantId;
     if (options.json) {
         std::cout << "{\"ok\":" << (reason == 0 ? "true" : "false") << ",\"reason\":" << reason
                   << ",\"status\":" << status << ",\"message\":" << JsonValue::Text(message);
@@ -149,29 +134,29 @@ std::string BuildRequest(const Options& options, std::int32_t& type, std::string
     const std::vector<std::string>& args = options.args;
     const std::string& command = args[0];
     if ((command == "current" || command == "next") && args.size() <= 2) {
-        type = command == "current" ? 6 : 7;
+        type = command == "current" ? CommandWire::kCurrentTargetPower : CommandWire::kNextTargetPower;
         double capacity = 100.0;
         if (args.size() == 2 && !Options::PositiveNumber(args[1], capacity)) {
             error = "CAPACITY must be a positive number, not \"" + args[1] + "\"";
             return std::string();
         }
-        std::string bytes(8, '\0');
-        std::memcpy(&bytes[0], &capacity, 8);
-        return brvo::CommandSocket::Request(type, bytes);
+        return CommandWire::EncodeRequest(type, CommandWire::EncodeCapacityBlock(capacity));
     }
     const std::size_t count = args.size();
     if (command == "check-plant-id" && count == 3) {
-        type = 3;
-        return brvo::CommandSocket::Request(type, Field(args[1], 27) + Field(args[2], 256));
+        type = CommandWire::kCheckPlantId;
+        return CommandWire::EncodeRequest(type, CommandWire::EncodeCheckPlantIdBlock(args[1], args[2]));
     }
     if (command == "fixed-schedule" && count == 2) {
-        type = 4;
+        type = CommandWire::kUpdateFixedSchedule;
         const std::string file = Options::AbsolutePath(args[1]);
-        return brvo::CommandSocket::Request(type, Field(file, 256) + std::string(1, options.force ? '\1' : '\0'));
+        return CommandWire::EncodeRequest(type, CommandWire::EncodeFixedScheduleBlock(file, options.force ? 1 : 0));
     }
     if (count == 1 && (command == "update" || command == "settings-changed" || command == "flush-log")) {
-        type = command == "update" ? 2 : command == "settings-changed" ? 5 : 8;
-        return brvo::CommandSocket::Request(type, "");
+        type = command == "update"             ? CommandWire::kUpdateSchedule
+               : command == "settings-changed" ? CommandWire::kChangeSettingNotify
+                                               : CommandWire::kFlushLog;
+        return CommandWire::EncodeRequest(type);
     }
     error = "unknown command or wrong arguments: " + command;
     return std::string();
@@ -191,9 +176,11 @@ int RunSocketCommand(const Options& options) {
     const std::string answer =
         brvo::CommandSocket::Exchange(SocketPath(options), request, options.timeoutSeconds * 1000, error);
     if (answer.empty()) return Fail(error);
-    if (type == 6 || type == 7) return PrintTargetPower(options, answer);
-    if (type == 4) return PrintUpdate(options, answer, true);
-    if (type == 8) {
+    if (type == CommandWire::kCurrentTargetPower || type == CommandWire::kNextTargetPower) {
+        return PrintTargetPower(options, answer);
+    }
+    if (type == CommandWire::kUpdateFixedSchedule) return PrintUpdate(options, answer, true);
+    if (type == CommandWire::kFlushLog) {
         std::cout << (options.json ? "{\"ok\":true}" : "log flush requested") << std::endl;
         return 0;
     }
