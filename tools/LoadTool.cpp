@@ -13,6 +13,8 @@
 // on a schedule server that never answers (this tool listens on
 // 127.0.0.1:P; pvocd's settings must point there) and idle clients hold
 // connections that never send a request.
+#include "server/CommandWire.h"
+
 #include <Poco/AutoPtr.h>
 #include <Poco/Notification.h>
 #include <Poco/NotificationQueue.h>
@@ -68,14 +70,9 @@ bool Ask(const sockaddr_un& address, std::int32_t* code = nullptr) {
         close(fd);
         return false;
     }
-    unsigned char request[16] = {0};
-    const std::int32_t length = 16;
-    const std::int32_t type = 6;
-    const double capacity = 100.0;
-    std::memcpy(request, &length, 4);
-    std::memcpy(request + 4, &type, 4);
-    std::memcpy(request + 8, &capacity, 8);
-    bool ok = send(fd, request, sizeof request, MSG_NOSIGNAL) == static_cast<ssize_t>(sizeof request);
+    static const std::string request = brvo::CommandWire::EncodeRequest(brvo::CommandWire::kCurrentTargetPower,
+                                                                        brvo::CommandWire::EncodeCapacityBlock(100.0));
+    bool ok = send(fd, request.data(), request.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(request.size());
     std::size_t got = 0;
     char answer[256];
     while (ok && got < sizeof answer) {
@@ -84,8 +81,12 @@ bool Ask(const sockaddr_un& address, std::int32_t* code = nullptr) {
         got += static_cast<std::size_t>(n);
     }
     close(fd);
-    if (code != nullptr && got == 167) std::memcpy(code, answer + 31, sizeof *code);
-    return ok && got == 167;
+    const bool whole = got == brvo::CommandWire::kTargetAnswerSize;
+    brvo::CommandWire::TargetPowerReply reply;
+    if (code != nullptr && whole && brvo::CommandWire::DecodeTargetPowerAnswer(std::string(answer, got), reply)) {
+        *code = reply.code;
+    }
+    return ok && whole;
 }
 
 Result Drive(const std::string& path, int clients, int count) {
@@ -137,6 +138,9 @@ int Listen(const std::string& path, int flags) {
     return fd;
 }
 
+// What the floors read of a target power request: header and capacity.
+const std::size_t kRequestSize = brvo::CommandWire::kHeaderSize + brvo::CommandWire::kCapacitySize;
+
 // The floor: the least a server must do for this exchange.
 class FloorServer {
 public:
@@ -161,9 +165,9 @@ private:
             if (poll(&wait, 1, 50) <= 0) continue;
             const int client = accept(fd_, nullptr, nullptr);
             if (client < 0) continue;
-            char request[16];
+            char request[kRequestSize];
             ssize_t ignored = read(client, request, sizeof request);
-            unsigned char answer[167] = {0};
+            unsigned char answer[brvo::CommandWire::kTargetAnswerSize] = {0};
             ignored = send(client, answer, sizeof answer, MSG_NOSIGNAL);
             (void)ignored;
             close(client);
@@ -219,9 +223,9 @@ private:
             Poco::AutoPtr<Poco::Notification> item(queue_.waitDequeueNotification(500));
             Connection* connection = dynamic_cast<Connection*>(item.get());
             if (connection == nullptr) continue;
-            char request[16];
+            char request[kRequestSize];
             ssize_t ignored = read(connection->fd, request, sizeof request);
-            unsigned char answer[167] = {0};
+            unsigned char answer[brvo::CommandWire::kTargetAnswerSize] = {0};
             ignored = send(connection->fd, answer, sizeof answer, MSG_NOSIGNAL);
             (void)ignored;
             close(connection->fd);
@@ -391,12 +395,8 @@ bool DriveHeld(const std::string& path, int port, int flows, int idle, int count
     StalledServer stalled(port);
     std::vector<int> held;
     for (int i = 0; i < idle; ++i) held.push_back(OpenHeld(path, std::string()));
-    unsigned char update[8] = {0};
-    const std::int32_t length = 8;
-    const std::int32_t type = 2;
-    std::memcpy(update, &length, 4);
-    std::memcpy(update + 4, &type, 4);
-    for (int i = 0; i < flows; ++i) held.push_back(OpenHeld(path, std::string(update, update + sizeof update)));
+    const std::string update = brvo::CommandWire::EncodeRequest(brvo::CommandWire::kUpdateSchedule);
+    for (int i = 0; i < flows; ++i) held.push_back(OpenHeld(path, update));
     for (int i = 0; i < 100 && stalled.Accepted() < flows; ++i) usleep(100000);
     bool ok = stalled.Accepted() >= flows;
     if (!ok) std::cerr << "pvoc-load: only " << stalled.Accepted() << " flow(s) reached the stalled server\n";
