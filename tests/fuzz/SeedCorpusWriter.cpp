@@ -7,6 +7,7 @@
 //   build/tests/fuzz/pvocd-fuzz-seeds tests/fuzz/corpus
 //
 // Seeds are small on purpose: the fuzzer grows its own corpus from them.
+#include "server/CommandWire.h"
 #include "support/SchedulePayload.h"
 
 #include <Poco/File.h>
@@ -14,7 +15,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -182,26 +182,14 @@ void WriteServerResponseSeeds() {
 
 // --- command socket requests -----------------------------------------------
 
-std::string Word(std::int32_t value) {
-    std::string text(4, '\0');
-    std::memcpy(&text[0], &value, 4);
-    return text;
-}
+using brvo::CommandWire;
 
 std::string Request(std::int32_t type, const std::string& params = "") {
-    return Word(static_cast<std::int32_t>(8 + params.size())) + Word(type) + params;
+    return CommandWire::EncodeRequest(type, params);
 }
 
-std::string Field(const std::string& text, std::size_t size) {
-    std::string field = text.substr(0, size);
-    field.resize(size, '\0');
-    return field;
-}
-
-std::string Capacity(double value) {
-    std::string text(8, '\0');
-    std::memcpy(&text[0], &value, 8);
-    return text;
+std::string FixedSchedule(const std::string& path, std::uint8_t force) {
+    return Request(CommandWire::kUpdateFixedSchedule, CommandWire::EncodeFixedScheduleBlock(path, force));
 }
 
 void WriteOutSocketWorkSeeds() {
@@ -209,34 +197,35 @@ void WriteOutSocketWorkSeeds() {
     // The fixed-schedule files under /tmp/pvocd-fuzz are made by the target.
     // No https address: every one loads the system's CA store, which takes
     // the fuzzer's time without reaching more of the daemon's code.
-    Write(target, "update-schedule", Request(2));
+    Write(target, "update-schedule", Request(CommandWire::kUpdateSchedule));
     Write(target, "check-plant-id",
-          Request(3, Field("01234567890123456789012345", 27) + Field("http://127.0.0.1:1/check", 256)));
-    Write(target, "fixed-valid", Request(4, Field("/tmp/pvocd-fuzz/valid.hex", 256) + Byte(0)));
-    Write(target, "fixed-other-plant-forced", Request(4, Field("/tmp/pvocd-fuzz/other-plant.hex", 256) + Byte(1)));
-    Write(target, "fixed-other-plant", Request(4, Field("/tmp/pvocd-fuzz/other-plant.hex", 256) + Byte(0)));
-    Write(target, "fixed-update-kind", Request(4, Field("/tmp/pvocd-fuzz/update-kind.hex", 256) + Byte(0)));
-    Write(target, "fixed-bad-checksum", Request(4, Field("/tmp/pvocd-fuzz/bad-checksum.hex", 256) + Byte(2)));
-    Write(target, "fixed-empty", Request(4, Field("/tmp/pvocd-fuzz/empty.hex", 256) + Byte(0)));
-    Write(target, "fixed-missing", Request(4, Field("/tmp/pvocd-fuzz/none.hex", 256) + Byte(0)));
+          Request(CommandWire::kCheckPlantId,
+                  CommandWire::EncodeCheckPlantIdBlock("01234567890123456789012345", "http://127.0.0.1:1/check")));
+    Write(target, "fixed-valid", FixedSchedule("/tmp/pvocd-fuzz/valid.hex", 0));
+    Write(target, "fixed-other-plant-forced", FixedSchedule("/tmp/pvocd-fuzz/other-plant.hex", 1));
+    Write(target, "fixed-other-plant", FixedSchedule("/tmp/pvocd-fuzz/other-plant.hex", 0));
+    Write(target, "fixed-update-kind", FixedSchedule("/tmp/pvocd-fuzz/update-kind.hex", 0));
+    Write(target, "fixed-bad-checksum", FixedSchedule("/tmp/pvocd-fuzz/bad-checksum.hex", 2));
+    Write(target, "fixed-empty", FixedSchedule("/tmp/pvocd-fuzz/empty.hex", 0));
+    Write(target, "fixed-missing", FixedSchedule("/tmp/pvocd-fuzz/none.hex", 0));
     // What follows a fixed-schedule request is the content of input.hex.
     ScheduleRecord own = Record();
     own.start = "202201200900";
     own.rates = {100, 80, 60, 40, 20, 0};
     Write(target, "fixed-input-valid",
-          Request(4, Field("/tmp/pvocd-fuzz/input.hex", 256) + Byte(0)) +
-              BuildSchedulePayload({own}, kFixedSchedule).hex);
+          FixedSchedule("/tmp/pvocd-fuzz/input.hex", 0) + BuildSchedulePayload({own}, kFixedSchedule).hex);
     ScheduleRecord other = own;
     other.plantId = "55555555555555555555555555";
     Write(target, "fixed-input-other-plant-forced",
-          Request(4, Field("/tmp/pvocd-fuzz/input.hex", 256) + Byte(1)) +
-              BuildSchedulePayload({other}, kFixedSchedule).hex);
-    Write(target, "change-setting-notify", Request(5));
-    Write(target, "current-target-power", Request(6, Capacity(5.5)));
-    Write(target, "next-target-power", Request(7, Capacity(49.5)));
-    Write(target, "flush-log", Request(8));
+          FixedSchedule("/tmp/pvocd-fuzz/input.hex", 1) + BuildSchedulePayload({other}, kFixedSchedule).hex);
+    Write(target, "change-setting-notify", Request(CommandWire::kChangeSettingNotify));
+    Write(target, "current-target-power",
+          Request(CommandWire::kCurrentTargetPower, CommandWire::EncodeCapacityBlock(5.5)));
+    Write(target, "next-target-power", Request(CommandWire::kNextTargetPower, CommandWire::EncodeCapacityBlock(49.5)));
+    Write(target, "flush-log", Request(CommandWire::kFlushLog));
     Write(target, "unknown-type", Request(9));
-    Write(target, "short-header", Word(8) + "\x06");
+    // A header cut after the first byte of its type.
+    Write(target, "short-header", Request(CommandWire::kCurrentTargetPower).substr(0, CommandWire::kTypeOffset + 1));
 }
 
 // --- settings files --------------------------------------------------------

@@ -1,5 +1,7 @@
 #include "support/CommandClient.h"
 
+#include "server/CommandWire.h"
+
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -7,6 +9,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
+#include <vector>
 
 namespace brvo {
 namespace test {
@@ -30,23 +33,21 @@ std::string Field(const std::string& text, std::size_t size) {
 }
 
 std::string Capacity(double value) {
-    std::string bytes(8, '\0');
-    std::memcpy(&bytes[0], &value, 8);
-    return bytes;
+    return CommandWire::EncodeCapacityBlock(value);
 }
 
 double PowerOf(const std::string& answer) {
-    double value = -1;
-    if (answer.size() >= 16) std::memcpy(&value, answer.data() + 8, 8);
-    return value;
+    CommandWire::TargetPowerReply reply;
+    return CommandWire::DecodeTargetPowerAnswer(answer, reply) ? reply.power : -1;
 }
 
 std::string Request(std::int32_t type, const std::string& params) {
-    return Word(static_cast<std::int32_t>(8 + params.size())) + Word(type) + params;
+    return CommandWire::EncodeRequest(type, params);
 }
 
 std::string TargetPowerAnswer(std::int32_t type, double power, const std::string& timeText) {
-    return Word(167) + Word(type) + Capacity(power) + Field(timeText, 15) + Word(0) + Word(0) + std::string(128, '\0');
+    const std::vector<unsigned char> answer = CommandWire::EncodeTargetPowerAnswer(type, power, timeText, 0, "");
+    return std::string(answer.begin(), answer.end());
 }
 
 int Connect(const std::string& socketPath) {

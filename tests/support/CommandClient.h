@@ -1,6 +1,7 @@
 // A client of the daemon's command socket for tests: builds requests in the
 // device's byte order, sends one per connection and reads the whole answer,
-// and takes answers apart again.
+// and takes answers apart again. The layout itself is CommandWire's; the
+// byte helpers here are for tests that build odd requests by hand.
 #ifndef BRVO_TESTS_SUPPORT_COMMANDCLIENT_H
 #define BRVO_TESTS_SUPPORT_COMMANDCLIENT_H
 
@@ -22,7 +23,8 @@ std::int32_t WordAt(const std::string& data, std::size_t offset);
 std::string Field(const std::string& text, std::size_t size);
 // `value` as the 8 bytes of a double.
 std::string Capacity(double value);
-// The target power of a target-power answer, or -1 when it is too short.
+// The target power of a target-power answer, or -1 when it is shorter than
+// a whole one.
 double PowerOf(const std::string& answer);
 // A whole request: total length, `type`, then `params`.
 std::string Request(std::int32_t type, const std::string& params = "");

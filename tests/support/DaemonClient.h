@@ -5,6 +5,7 @@
 #ifndef BRVO_TESTS_SUPPORT_DAEMONCLIENT_H
 #define BRVO_TESTS_SUPPORT_DAEMONCLIENT_H
 
+#include "server/CommandWire.h"
 #include "support/ChildProcess.h"
 #include "support/CommandClient.h"
 #include "support/SchedulePayload.h"
@@ -22,18 +23,18 @@ namespace test {
 // so usable in its static objects).
 const std::string kLoggerSocket = "/mnt/system/brvlogger/brevanta.logger";
 
-// Request types of the command socket.
-const std::int32_t kUpdateScheduleRequest = 2;
-const std::int32_t kCheckPlantIdRequest = 3;
-const std::int32_t kUpdateFixedScheduleRequest = 4;
-const std::int32_t kChangeSettingRequest = 5;
-const std::int32_t kCurrentTargetPowerRequest = 6;
-const std::int32_t kNextTargetPowerRequest = 7;
-const std::int32_t kFlushLogRequest = 8;
+// Request types of the command socket, under the names the system tests use.
+const std::int32_t kUpdateScheduleRequest = CommandWire::kUpdateSchedule;
+const std::int32_t kCheckPlantIdRequest = CommandWire::kCheckPlantId;
+const std::int32_t kUpdateFixedScheduleRequest = CommandWire::kUpdateFixedSchedule;
+const std::int32_t kChangeSettingRequest = CommandWire::kChangeSettingNotify;
+const std::int32_t kCurrentTargetPowerRequest = CommandWire::kCurrentTargetPower;
+const std::int32_t kNextTargetPowerRequest = CommandWire::kNextTargetPower;
+const std::int32_t kFlushLogRequest = CommandWire::kFlushLog;
 
 // Sizes of the answers.
-const std::size_t kUpdateAnswerSize = 144;
-const std::size_t kTargetPowerAnswerSize = 167;
+const std::size_t kUpdateAnswerSize = CommandWire::kUpdateAnswerSize;
+const std::size_t kTargetPowerAnswerSize = CommandWire::kTargetAnswerSize;
 
 // Connects to the daemon's command socket and sends one request of `type`
 // with `params`; returns the connection, or -1 (with a test failure) when
