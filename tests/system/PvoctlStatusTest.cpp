@@ -3,7 +3,9 @@
 // storage error note, the log's I/O error note, and that reading never
 // writes.
 #include "database/StorageNote.h"
+#include "server/CommandWire.h"
 #include "support/ChildProcess.h"
+#include "support/CommandClient.h"
 #include "support/SimulatedTime.h"
 #include "support/SqliteFile.h"
 #include "support/StoredSchedule.h"
@@ -35,14 +37,9 @@ int RunPvoctl(const std::vector<std::string>& args, std::string& output, const s
     return test::ChildProcess::RunToEnd(PVOCTL_BINARY, args, output, directory);
 }
 
-// A target-power answer as pvocd writes it: 167 bytes, code 0.
+// A target-power answer as pvocd writes it, code 0.
 std::string TargetPowerAnswer(double power) {
-    std::string answer(167, '\0');
-    const std::int32_t length = 167;
-    std::memcpy(&answer[0], &length, 4);
-    std::memcpy(&answer[8], &power, 8);
-    std::memcpy(&answer[16], "20260101000000", 14);
-    return answer;
+    return test::TargetPowerAnswer(CommandWire::kCurrentTargetPower, power, "20260101000000");
 }
 
 sockaddr_un UnixAddress(const std::string& path) {

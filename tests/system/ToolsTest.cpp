@@ -1,7 +1,9 @@
 // The operators' tools against the real daemon: pvoctl's answers and exit
 // codes, and the two simulators standing in for the schedule server and
 // the logger daemon.
+#include "server/CommandWire.h"
 #include "support/ChildProcess.h"
+#include "support/CommandClient.h"
 #include "support/HttpTestServer.h"
 #include "support/SchedulePayload.h"
 #include "support/StoredSchedule.h"
@@ -12,7 +14,6 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <cstring>
 #include <sys/stat.h>
 
 namespace brvo {
@@ -254,12 +255,7 @@ TEST_F(ToolsTest, ARelativeFixedScheduleFileIsTakenFromTheCurrentDirectory) {
 }
 
 TEST_F(ToolsTest, NumbersArePrintedInFullPrecision) {
-    std::string answer(167, '\0');
-    const std::int32_t length = 167;
-    const double power = 74074.0734;
-    std::memcpy(&answer[0], &length, 4);
-    std::memcpy(&answer[8], &power, 8);
-    std::memcpy(&answer[16], "20260101000000", 14);
+    const std::string answer = test::TargetPowerAnswer(CommandWire::kCurrentTargetPower, 74074.0734, "20260101000000");
     test::UnixPeer peer("/tmp/precise.sock", test::UnixPeer::kReply, answer, 16);
     std::string output;
     EXPECT_EQ(0,
@@ -269,10 +265,10 @@ TEST_F(ToolsTest, NumbersArePrintedInFullPrecision) {
     EXPECT_EQ(0, RunTool({PVOCTL_BINARY, "--socket", "/tmp/precise.sock", "next"}, output)) << output;
     EXPECT_EQ("target power 74074.0734 for the slot starting 2026-01-01 00:00:00 UTC\n", output);
     ASSERT_EQ(2u, peer.Received().size());
-    double capacity = 0;
-    ASSERT_EQ(16u, peer.Received()[0].size());
-    std::memcpy(&capacity, peer.Received()[0].data() + 8, 8);
-    EXPECT_EQ(185185.1835, capacity);
+    const std::string request = peer.Received()[0];
+    ASSERT_EQ(16u, request.size());
+    EXPECT_EQ(185185.1835, CommandWire::DecodeCapacity(reinterpret_cast<const unsigned char*>(request.data()) +
+                                                       CommandWire::kHeaderSize));
 }
 
 TEST_F(ToolsTest, ShowScheduleInTheServersDay) {
