@@ -40,7 +40,7 @@ void ConvertInto(const std::string& text, int& value) {
     value = static_cast<int>(parsed);
 }
 
-// Read from every thread; created and deleted on the main thread.
+// Read from every thread; created by whichever thread first needs it.
 std::atomic<DeviceSettingXmlManager*> instance(nullptr);
 
 } // namespace
@@ -50,9 +50,12 @@ const std::string& DeviceSettingXmlManager::AddressPath() {
 }
 
 void DeviceSettingXmlManager::CreateInstance() {
-    if (instance != nullptr) return;
+    if (instance.load() != nullptr) return;
     SystemSettingXmlManager::CreateInstance();
-    instance = new DeviceSettingXmlManager(*SystemSettingXmlManager::GetInstance());
+    DeviceSettingXmlManager* created = new DeviceSettingXmlManager(*SystemSettingXmlManager::GetInstance());
+    DeviceSettingXmlManager* expected = nullptr;
+    // A thread that lost the race frees its own and uses the winner's.
+    if (!instance.compare_exchange_strong(expected, created)) delete created;
 }
 
 DeviceSettingXmlManager* DeviceSettingXmlManager::GetInstance() {

@@ -33,7 +33,8 @@ public:
     };
 
     // Creates the process-wide instance if absent, reading devices through
-    // the process-wide system settings (created if absent).
+    // the process-wide system settings (created if absent). Safe from any
+    // thread: racing callers end up with one instance.
     static void CreateInstance();
     // The instance, or null before CreateInstance.
     static DeviceSettingXmlManager* GetInstance();

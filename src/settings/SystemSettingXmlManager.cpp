@@ -27,7 +27,8 @@ const std::string kNodeLoadErrorKind = "LoadSystemSettingXmlNode failed";
 const std::string kRootPath = "/logger";
 const std::string kRootName = "logger";
 
-// Read from every thread; created and deleted on the main thread.
+// Read from every thread; created by whichever thread first needs it (the
+// start-up check and an answer worker's snapshot rebuild may race to it).
 std::atomic<SystemSettingXmlManager*> instance(nullptr);
 
 // Thrown inside Load when the document has no logger root, so that the
@@ -37,7 +38,11 @@ class MissingRoot : public std::exception {};
 } // namespace
 
 void SystemSettingXmlManager::CreateInstance() {
-    if (instance == nullptr) instance = new SystemSettingXmlManager();
+    if (instance.load() != nullptr) return;
+    SystemSettingXmlManager* created = new SystemSettingXmlManager();
+    SystemSettingXmlManager* expected = nullptr;
+    // A thread that lost the race frees its own and uses the winner's.
+    if (!instance.compare_exchange_strong(expected, created)) delete created;
 }
 
 SystemSettingXmlManager* SystemSettingXmlManager::GetInstance() {

@@ -21,6 +21,7 @@ namespace brvo {
 class SystemSettingXmlManager {
 public:
     // Creates the process-wide instance if absent (nothing is loaded yet).
+    // Safe from any thread: racing callers end up with one instance.
     static void CreateInstance();
     // The instance, or null before CreateInstance.
     static SystemSettingXmlManager* GetInstance();

@@ -8,8 +8,10 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdio>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace brvo {
@@ -323,6 +325,34 @@ TEST_F(DeviceSettingXmlManagerTest, SystemSettingsNestedTooDeepFindNoDevice) {
     DeviceSettingXmlManager::Limit limit;
     EXPECT_FALSE(devices_.GetLimit(limit));
     EXPECT_TRUE(Logged("W", " Device type not found in SystemSetting. [HouseHoldSolarPowerGeneration]"));
+}
+
+// The start-up check and an answer worker's snapshot rebuild may be the
+// first to need the settings at the same moment: every racing caller gets
+// the one instance, and none is lost (the sanitizer builds see a leak).
+TEST_F(DeviceSettingXmlManagerTest, RacingFirstUsesMakeOneInstance) {
+    DeviceSettingXmlManager::DeleteInstance();
+    SystemSettingXmlManager::DeleteInstance();
+    const std::size_t kThreads = 8;
+    std::atomic<std::size_t> waiting(kThreads);
+    std::vector<DeviceSettingXmlManager*> devices(kThreads, nullptr);
+    std::vector<SystemSettingXmlManager*> systems(kThreads, nullptr);
+    std::vector<std::thread> threads;
+    for (std::size_t i = 0; i < kThreads; ++i) {
+        threads.emplace_back([&, i] {
+            waiting.fetch_sub(1);
+            while (waiting.load() > 0) {
+            }
+            devices[i] = &DeviceSettingXmlManager::Shared();
+            systems[i] = &SystemSettingXmlManager::Shared();
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    for (std::size_t i = 0; i < kThreads; ++i) {
+        EXPECT_EQ(DeviceSettingXmlManager::GetInstance(), devices[i]);
+        EXPECT_EQ(SystemSettingXmlManager::GetInstance(), systems[i]);
+    }
+    ASSERT_NE(nullptr, DeviceSettingXmlManager::GetInstance());
 }
 
 } // namespace

@@ -221,7 +221,7 @@ TEST_F(DaemonLifecycleTest, UnwritableLogDirectoryIsNotedOnce) {
     ASSERT_TRUE(test::WaitFor([] { return LogHas(test::kDaemonOutput, "Start AppVer:"); }, 10000));
     ASSERT_TRUE(daemon_.Signal(SIGTERM));
     ASSERT_TRUE(daemon_.WaitExit(5000));
-    EXPECT_EQ(0, daemon_.ExitCode());
+    EXPECT_EQ(0, daemon_.ExitCode()) << test::ReadFile(test::kDaemonOutput);
     const std::vector<std::string> entries = test::ReadLines("/tmp/logger_io_file_error");
     ASSERT_EQ(1u, entries.size());
     EXPECT_TRUE(std::regex_match(

@@ -33,6 +33,8 @@ const std::int64_t kSlotSeconds = 1800;
 // Long enough for any answer on a slow machine, far shorter than the
 // 60 s a read waits for a table's lock.
 const int kAnswerWithinMs = 20000;
+// The file the daemon's faked clock is read from.
+const char kClockFile[] = "/tmp/fast-answer-clock";
 
 class FastAnswerTest : public ::testing::Test {
 protected:
@@ -73,6 +75,22 @@ protected:
         ASSERT_TRUE(test::StartDaemon(daemon_, test::kDaemonOutput, env));
     }
 
+    // Sets the daemon's faked clock to `seconds` since the epoch.
+    static void SetClock(std::int64_t seconds) {
+        test::ChildProcess::SetFakeTime(kClockFile,
+                                        "@" + TimeStamp::FromEpochSeconds(seconds)->Format("%Y-%m-%d %H:%M:%S"));
+    }
+
+    // Stores the slots around `slot0` and starts the daemon with its clock
+    // standing ten seconds before the next slot's start.
+    void StartBeforeBoundary(std::int64_t slot0) {
+        StoreAround(slot0);
+        SetClock(slot0 + kSlotSeconds - 10);
+        std::map<std::string, std::string> env = test::ChildProcess::FakeTimeFileEnv(kClockFile);
+        env["TZ"] = "UTC";
+        Start(env);
+    }
+
     test::ChildProcess daemon_;
 };
 
@@ -111,23 +129,14 @@ TEST_F(FastAnswerTest, SettingsChangeReachesTheNextAnswer) {
 // is the new slot's.
 TEST_F(FastAnswerTest, SlotBoundaryPassedGivesTheNewSlot) {
     const std::int64_t slot0 = (TimeStamp().EpochSeconds() / kSlotSeconds - 48) * kSlotSeconds;
-    StoreAround(slot0);
-    const std::string clockFile = "/tmp/fast-answer-clock";
-    const auto setClock = [&](std::int64_t seconds) {
-        test::ChildProcess::SetFakeTime(clockFile,
-                                        "@" + TimeStamp::FromEpochSeconds(seconds)->Format("%Y-%m-%d %H:%M:%S"));
-    };
-    setClock(slot0 + kSlotSeconds - 10);
-    std::map<std::string, std::string> env = test::ChildProcess::FakeTimeFileEnv(clockFile);
-    env["TZ"] = "UTC";
-    Start(env);
+    StartBeforeBoundary(slot0);
     if (HasFatalFailure()) return;
     std::string answer = AskCurrent();
     ASSERT_EQ(test::kTargetPowerAnswerSize, answer.size());
     EXPECT_EQ(Field(TimeStamp::FromEpochSeconds(slot0)->FormatCompact(), 15), answer.substr(16, 15));
     EXPECT_DOUBLE_EQ(30.0, PowerOf(answer));
 
-    setClock(slot0 + kSlotSeconds + 5);
+    SetClock(slot0 + kSlotSeconds + 5);
     answer = AskCurrent();
     ASSERT_EQ(test::kTargetPowerAnswerSize, answer.size());
     EXPECT_EQ(Field(TimeStamp::FromEpochSeconds(slot0 + kSlotSeconds)->FormatCompact(), 15), answer.substr(16, 15));
@@ -164,22 +173,13 @@ TEST_F(FastAnswerTest, LockedTableHoldsUpNoAnswer) {
 // and the one after it as next, while the rebuild waits for the lock.
 TEST_F(FastAnswerTest, LockedTableAcrossASlotBoundaryHoldsUpNoAnswer) {
     const std::int64_t slot0 = (TimeStamp().EpochSeconds() / kSlotSeconds - 48) * kSlotSeconds;
-    StoreAround(slot0);
-    const std::string clockFile = "/tmp/fast-answer-clock";
-    const auto setClock = [&](std::int64_t seconds) {
-        test::ChildProcess::SetFakeTime(clockFile,
-                                        "@" + TimeStamp::FromEpochSeconds(seconds)->Format("%Y-%m-%d %H:%M:%S"));
-    };
-    setClock(slot0 + kSlotSeconds - 10);
-    std::map<std::string, std::string> env = test::ChildProcess::FakeTimeFileEnv(clockFile);
-    env["TZ"] = "UTC";
-    Start(env);
+    StartBeforeBoundary(slot0);
     if (HasFatalFailure()) return;
     ASSERT_DOUBLE_EQ(30.0, PowerOf(AskCurrent()));
     sqlite3* db = nullptr;
     ASSERT_EQ(SQLITE_OK, sqlite3_open_v2(test::kScheduleDbFile, &db, SQLITE_OPEN_READWRITE, nullptr));
     ASSERT_EQ(SQLITE_OK, sqlite3_exec(db, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr));
-    setClock(slot0 + kSlotSeconds + 5);
+    SetClock(slot0 + kSlotSeconds + 5);
     for (int i = 0; i < 5; ++i) {
         std::string answer = AskCurrent();
         ASSERT_EQ(test::kTargetPowerAnswerSize, answer.size()) << "request " << i << " waited for the lock";

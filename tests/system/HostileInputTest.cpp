@@ -301,6 +301,9 @@ TEST_F(HostileInputTest, LoggerSocketPathOneTooLongReachesNoOtherSocket) {
     UseLoggerSettings("<LoggerSocketPath>" + path + "</LoggerSocketPath>");
     test::WriteSystemSetting("", "", false);
     StartServing();
+    // A fixed schedule stored before the start's settings check found no
+    // plant would be wiped by it.
+    ASSERT_TRUE(test::WaitFor([] { return LogHas("ScheduleUpdateManager Plant ID is not set. []"); }, Scaled(10000)));
     test::WriteFile("/tmp/fixed.hex", test::BuildSchedulePayload({FixedFromNow({50, 60})}, test::kFixedSchedule).hex);
     const std::string answer = Ask(4, Field("/tmp/fixed.hex", 256) + std::string(1, '\0'));
     ASSERT_EQ(171u, answer.size());

@@ -95,7 +95,11 @@ std::vector<LogLine> FindLines(const std::string& mark, const std::string& tag, 
     // "[YYYY-MM-DD HH:MM:SS UTC] [mark] [thread] tag message"
     const std::string level = " UTC] [" + mark + "] [";
     for (const std::string& line : test::ReadLines(test::LogFilePath())) {
-        if (line.compare(0, 1, "[") != 0 || line.compare(20, level.size(), level) != 0) continue;
+        // A line still being written when the file was read may be cut.
+        if (line.size() < 20 + level.size() || line.compare(0, 1, "[") != 0 ||
+            line.compare(20, level.size(), level) != 0) {
+            continue;
+        }
         const std::size_t thread = line.find("] ", 20 + level.size());
         if (thread == std::string::npos) continue;
         const std::size_t space = line.find(' ', thread + 2);

@@ -186,6 +186,15 @@ TEST_F(ScheduleFlowTest, StandAloneFetchesNothing) {
 TEST_F(ScheduleFlowTest, FixedScheduleByFileWithAndWithoutForce) {
     WriteSystemSetting("", "", false);
     StartDaemon();
+    // The start's settings check runs beside the command socket: once it has
+    // found no plant, a stored fixed schedule is no longer wiped by it.
+    ASSERT_TRUE(test::WaitFor(
+        [] {
+            return test::ReadFile(test::LogFilePath()).find("ScheduleUpdateManager Plant ID is not set. []") !=
+                   std::string::npos;
+        },
+        10000))
+        << test::ReadFile(test::kDaemonOutput);
     test::ScheduleRecord first = fixed_;
     first.plantId = "111";
     test::WriteFile("/tmp/first.hex", test::BuildSchedulePayload({first}, test::kFixedSchedule).hex);
