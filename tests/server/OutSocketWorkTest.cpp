@@ -5,8 +5,10 @@
 #include "schedule/TargetPowerResult.h"
 #include "schedule/TargetPowerSnapshot.h"
 #include "schedule/UpdateResult.h"
+#include "server/CommandWire.h"
 #include "settings/LoggerSettingManager.h"
 #include "settings/SystemSettingXmlManager.h"
+#include "support/CommandClient.h"
 #include "support/HttpTestServer.h"
 #include "support/SchedulePayload.h"
 #include "support/SingletonTest.h"
@@ -39,28 +41,13 @@ std::string Bytes(const std::vector<unsigned char>& data) {
     return std::string(data.begin(), data.end());
 }
 
-std::string Word(std::int32_t value) {
-    std::string text(4, '\0');
-    std::memcpy(&text[0], &value, 4);
-    return text;
-}
-
-std::string Request(std::int32_t type, const std::string& params = "") {
-    return Word(static_cast<std::int32_t>(8 + params.size())) + Word(type) + params;
-}
-
-std::int32_t WordAt(const std::string& data, std::size_t offset) {
-    std::int32_t value = 0;
-    std::memcpy(&value, data.data() + offset, 4);
-    return value;
-}
-
-// A NUL-padded text field of `size` bytes.
-std::string Field(const std::string& text, std::size_t size) {
-    std::string field = text.substr(0, size);
-    field.resize(size, '\0');
-    return field;
-}
+// Whole answers below are spelled out byte by byte from the defined
+// answer tables, not built with the codec, so that the daemon's answers
+// are checked against the tables themselves.
+using test::Field;
+using test::Request;
+using test::Word;
+using test::WordAt;
 
 class OutSocketWorkTest : public test::SingletonTest {
 protected:
@@ -121,26 +108,31 @@ TEST_F(OutSocketWorkTest, UpdateAnswerLayout) {
     const std::string answer = Bytes(OutSocketWork::UpdateAnswer(
         3, UpdateResult(FailureReason::kPlantIdNotRegistered, 200, "Plant ID is not registered")));
     ASSERT_EQ(144u, answer.size());
-    EXPECT_EQ(Word(144) + Word(3) + Word(6) + Word(200) + Field("Plant ID is not registered", 128), answer);
+    EXPECT_EQ(Word(144) + Word(3) + Word(6) + Word(200) +
+                  Field("Plant ID is not registered", CommandWire::kMessageSize),
+              answer);
 }
 
 TEST_F(OutSocketWorkTest, UpdateAnswerCutsTheMessageAt127Bytes) {
     const std::string answer =
         Bytes(OutSocketWork::UpdateAnswer(2, UpdateResult(FailureReason::kAccessFailed, 0, std::string(300, 'm'))));
-    EXPECT_EQ(std::string(127, 'm') + '\0', answer.substr(16));
+    EXPECT_EQ(std::string(127, 'm') + '\0', answer.substr(CommandWire::kUpdateMessageOffset));
 }
 
 TEST_F(OutSocketWorkTest, FixedScheduleAnswerLayoutIsUnaligned) {
     const std::string changed = Bytes(OutSocketWork::FixedScheduleAnswer(UpdateResult(true, "PLANT9")));
     ASSERT_EQ(171u, changed.size());
-    EXPECT_EQ(Word(171) + Word(4) + Field("PLANT9", 27) + Word(0) + Word(0) + std::string(128, '\0'), changed);
+    EXPECT_EQ(Word(171) + Word(4) + Field("PLANT9", CommandWire::kFixedPlantIdSize) + Word(0) + Word(0) +
+                  std::string(128, '\0'),
+              changed);
     const std::string unchanged = Bytes(OutSocketWork::FixedScheduleAnswer(UpdateResult(false, "PLANT9")));
-    EXPECT_EQ(std::string(27, '\0'), unchanged.substr(8, 27));
+    EXPECT_EQ(std::string(27, '\0'),
+              unchanged.substr(CommandWire::kFixedPlantIdOffset, CommandWire::kFixedPlantIdSize));
     const std::string failed =
         Bytes(OutSocketWork::FixedScheduleAnswer(UpdateResult(FailureReason::kPlantIdMismatch, 0, "[A] : [B]")));
-    EXPECT_EQ(7, WordAt(failed, 35));
-    EXPECT_EQ(0, WordAt(failed, 39));
-    EXPECT_EQ(Field("[A] : [B]", 128), failed.substr(43));
+    EXPECT_EQ(7, WordAt(failed, CommandWire::kFixedReasonOffset));
+    EXPECT_EQ(0, WordAt(failed, CommandWire::kFixedStatusOffset));
+    EXPECT_EQ(Field("[A] : [B]", CommandWire::kMessageSize), failed.substr(CommandWire::kFixedMessageOffset));
 }
 
 TEST_F(OutSocketWorkTest, TargetPowerAnswerLayout) {
@@ -149,17 +141,17 @@ TEST_F(OutSocketWorkTest, TargetPowerAnswerLayout) {
     const double power = 2.75;
     std::string powerBytes(8, '\0');
     std::memcpy(&powerBytes[0], &power, 8);
-    EXPECT_EQ(Word(167) + Word(6) + powerBytes + Field("20220119030000", 15) + Word(0) + Word(0) +
-                  std::string(128, '\0'),
+    EXPECT_EQ(Word(167) + Word(6) + powerBytes + Field("20220119030000", CommandWire::kTargetTimeSize) + Word(0) +
+                  Word(0) + std::string(128, '\0'),
               answer);
     const std::string failed = Bytes(OutSocketWork::TargetPowerAnswer(
         7, TargetPowerResult(1.0, TargetPowerResult::Code::kNoSchedule, "can not get.")));
-    EXPECT_EQ(5, WordAt(failed, 31));
-    EXPECT_EQ(Field("can not get.", 128), failed.substr(39));
+    EXPECT_EQ(5, WordAt(failed, CommandWire::kTargetCodeOffset));
+    EXPECT_EQ(Field("can not get.", CommandWire::kMessageSize), failed.substr(CommandWire::kTargetMessageOffset));
 }
 
 TEST_F(OutSocketWorkTest, FlushAnswerIsLengthTypeAndZeros) {
-    const std::string answer = Serve(Request(8));
+    const std::string answer = Serve(Request(CommandWire::kFlushLog));
     EXPECT_EQ(Word(144) + Word(8) + std::string(136, '\0'), answer);
     EXPECT_TRUE(test::HasLogLineStarting(LogLines(), "D", kTag, "RequestDataType FlushLog ["));
 }
@@ -173,11 +165,12 @@ TEST_F(OutSocketWorkTest, UnknownTypesGetNoAnswer) {
 }
 
 TEST_F(OutSocketWorkTest, FixedScheduleFileMissing) {
-    const std::string answer = Serve(Request(4, Field(test::FixedPath("/tmp/none.hex"), 256) + std::string(1, '\1')));
+    const std::string answer = Serve(Request(
+        CommandWire::kUpdateFixedSchedule, CommandWire::EncodeFixedScheduleBlock(test::FixedPath("/tmp/none.hex"), 1)));
     ASSERT_EQ(171u, answer.size());
-    EXPECT_EQ(9, WordAt(answer, 35));
-    EXPECT_EQ(0, WordAt(answer, 39));
-    EXPECT_EQ(Field("file not found.", 128), answer.substr(43));
+    EXPECT_EQ(9, WordAt(answer, CommandWire::kFixedReasonOffset));
+    EXPECT_EQ(0, WordAt(answer, CommandWire::kFixedStatusOffset));
+    EXPECT_EQ(Field("file not found.", CommandWire::kMessageSize), answer.substr(CommandWire::kFixedMessageOffset));
     EXPECT_TRUE(test::HasLogLine(LogLines(), "D", kTag,
                                  "UpdateFixedSchedule Param file_path [" + test::FixedPath("/tmp/none.hex") +
                                      "]  update_flg [1]"));
@@ -186,10 +179,12 @@ TEST_F(OutSocketWorkTest, FixedScheduleFileMissing) {
 TEST_F(OutSocketWorkTest, EmptyFixedScheduleFileIsPassedOnAsEmptyText) {
     ScheduleUpdateManager::CreateInstance();
     test::WriteFile(test::FixedPath("/tmp/empty.hex"), "");
-    const std::string answer = Serve(Request(4, Field(test::FixedPath("/tmp/empty.hex"), 256) + std::string(1, '\2')));
+    const std::string answer =
+        Serve(Request(CommandWire::kUpdateFixedSchedule,
+                      CommandWire::EncodeFixedScheduleBlock(test::FixedPath("/tmp/empty.hex"), 2)));
     ASSERT_EQ(171u, answer.size());
-    EXPECT_EQ(3, WordAt(answer, 35));
-    EXPECT_EQ(Field("data is missing.", 128), answer.substr(43));
+    EXPECT_EQ(3, WordAt(answer, CommandWire::kFixedReasonOffset));
+    EXPECT_EQ(Field("data is missing.", CommandWire::kMessageSize), answer.substr(CommandWire::kFixedMessageOffset));
     // A flag of 2 is not 1: no force.
     EXPECT_TRUE(test::HasLogLine(LogLines(), "D", kTag,
                                  "UpdateFixedSchedule Param file_path [" + test::FixedPath("/tmp/empty.hex") +
@@ -204,17 +199,22 @@ TEST_F(OutSocketWorkTest, FixedSchedulePathThatIsNoRegularFileIsRefused) {
     test::MakeFifo(test::FixedPath("/tmp/fixed.fifo"));
     for (const std::string& path :
          {test::FixedPath("/tmp/adir"), test::FixedPath("/tmp/fixed.fifo"), std::string("/dev/zero")}) {
-        const std::string answer = Serve(Request(4, Field(path, 256) + std::string(1, '\1')));
+        const std::string answer =
+            Serve(Request(CommandWire::kUpdateFixedSchedule, CommandWire::EncodeFixedScheduleBlock(path, 1)));
         ASSERT_EQ(171u, answer.size()) << path;
-        EXPECT_EQ(std::string(27, '\0'), answer.substr(8, 27)) << path;
-        EXPECT_EQ(9, WordAt(answer, 35)) << path;
-        EXPECT_EQ(0, WordAt(answer, 39)) << path;
-        EXPECT_EQ(Field("file not usable. [not a regular file]", 128), answer.substr(43)) << path;
+        EXPECT_EQ(std::string(27, '\0'),
+                  answer.substr(CommandWire::kFixedPlantIdOffset, CommandWire::kFixedPlantIdSize))
+            << path;
+        EXPECT_EQ(9, WordAt(answer, CommandWire::kFixedReasonOffset)) << path;
+        EXPECT_EQ(0, WordAt(answer, CommandWire::kFixedStatusOffset)) << path;
+        EXPECT_EQ(Field("file not usable. [not a regular file]", CommandWire::kMessageSize),
+                  answer.substr(CommandWire::kFixedMessageOffset))
+            << path;
         EXPECT_TRUE(test::HasLogLine(LogLines(), "W", kTag,
                                      "UpdateFixedSchedule file not usable. [" + path + "] [not a regular file]"))
             << path;
     }
-    EXPECT_EQ(Word(144) + Word(8) + std::string(136, '\0'), Serve(Request(8)));
+    EXPECT_EQ(Word(144) + Word(8) + std::string(136, '\0'), Serve(Request(CommandWire::kFlushLog)));
     test::RemoveAll(test::FixedPath("/tmp/fixed.fifo"));
 }
 
@@ -222,14 +222,19 @@ TEST_F(OutSocketWorkTest, FixedScheduleFileOverFourMebibytesIsRefused) {
     ScheduleUpdateManager::CreateInstance();
     const std::size_t cap = 4 * 1024 * 1024;
     test::WriteFile(test::FixedPath("/tmp/large.hex"), std::string(cap, '0'));
-    const std::string atCap = Serve(Request(4, Field(test::FixedPath("/tmp/large.hex"), 256) + std::string(1, '\0')));
+    const std::string atCap =
+        Serve(Request(CommandWire::kUpdateFixedSchedule,
+                      CommandWire::EncodeFixedScheduleBlock(test::FixedPath("/tmp/large.hex"), 0)));
     ASSERT_EQ(171u, atCap.size());
-    EXPECT_NE(9, WordAt(atCap, 35));
+    EXPECT_NE(9, WordAt(atCap, CommandWire::kFixedReasonOffset));
     test::WriteFile(test::FixedPath("/tmp/large.hex"), std::string(cap + 1, '0'));
-    const std::string over = Serve(Request(4, Field(test::FixedPath("/tmp/large.hex"), 256) + std::string(1, '\0')));
+    const std::string over =
+        Serve(Request(CommandWire::kUpdateFixedSchedule,
+                      CommandWire::EncodeFixedScheduleBlock(test::FixedPath("/tmp/large.hex"), 0)));
     ASSERT_EQ(171u, over.size());
-    EXPECT_EQ(9, WordAt(over, 35));
-    EXPECT_EQ(Field("file not usable. [larger than 4194304 bytes]", 128), over.substr(43));
+    EXPECT_EQ(9, WordAt(over, CommandWire::kFixedReasonOffset));
+    EXPECT_EQ(Field("file not usable. [larger than 4194304 bytes]", CommandWire::kMessageSize),
+              over.substr(CommandWire::kFixedMessageOffset));
     test::RemoveAll(test::FixedPath("/tmp/large.hex"));
 }
 
@@ -242,10 +247,13 @@ TEST_F(OutSocketWorkTest, FixedScheduleFileIsStoredAndSwitchesToStandAlone) {
     record.start = TimeStamp::FromEpochSeconds(tomorrow + 9 * 3600)->Format("%Y%m%d%H%M");
     record.rates = std::vector<int>(48, 70);
     test::WriteFile(test::FixedPath("/tmp/fixed.hex"), test::BuildSchedulePayload({record}, test::kFixedSchedule).hex);
-    const std::string answer = Serve(Request(4, Field(test::FixedPath("/tmp/fixed.hex"), 256) + std::string(1, '\0')));
+    const std::string answer =
+        Serve(Request(CommandWire::kUpdateFixedSchedule,
+                      CommandWire::EncodeFixedScheduleBlock(test::FixedPath("/tmp/fixed.hex"), 0)));
     ASSERT_EQ(171u, answer.size());
-    EXPECT_EQ(0, WordAt(answer, 35)) << answer.substr(43);
-    EXPECT_EQ(Field("00000000000000000000012345", 27), answer.substr(8, 27));
+    EXPECT_EQ(0, WordAt(answer, CommandWire::kFixedReasonOffset)) << answer.substr(CommandWire::kFixedMessageOffset);
+    EXPECT_EQ(Field("00000000000000000000012345", CommandWire::kFixedPlantIdSize),
+              answer.substr(CommandWire::kFixedPlantIdOffset, CommandWire::kFixedPlantIdSize));
     EXPECT_EQ("48", test::QueryValue(kDbFile, "SELECT COUNT(*) FROM output_control_schedule"));
     EXPECT_TRUE(SystemSettingXmlManager::GetInstance()->GetOutputControlStandAlone());
 }
@@ -253,7 +261,7 @@ TEST_F(OutSocketWorkTest, FixedScheduleFileIsStoredAndSwitchesToStandAlone) {
 TEST_F(OutSocketWorkTest, PlantIdWithoutNulRunsOnIntoTheUrl) {
     ScheduleUpdateManager::CreateInstance();
     const std::string params = std::string(27, 'A') + Field("http://127.0.0.1:1/x", 256);
-    const std::string answer = Serve(Request(3, params));
+    const std::string answer = Serve(Request(CommandWire::kCheckPlantId, params));
     ASSERT_EQ(144u, answer.size());
     EXPECT_TRUE(test::HasLogLine(LogLines(), "D", kTag,
                                  "CheckPlantId Param plant_id [" + std::string(27, 'A') +
@@ -265,18 +273,21 @@ TEST_F(OutSocketWorkTest, CheckPlantIdAsksTheServer) {
     // Byte 32 of the answer is zero: registered.
     HttpTestServer server(
         HttpTestServer::Answer(200, test::MultipartContentType("b"), test::BinaryPartBody("b", std::string(40, '\0'))));
-    const std::string answer = Serve(Request(3, Field("PLANT", 27) + Field(server.Url("/check"), 256)));
+    const std::string answer =
+        Serve(Request(CommandWire::kCheckPlantId, CommandWire::EncodeCheckPlantIdBlock("PLANT", server.Url("/check"))));
     ASSERT_EQ(144u, answer.size());
-    EXPECT_EQ(3, WordAt(answer, 4));
-    EXPECT_EQ(0, WordAt(answer, 8));
+    EXPECT_EQ(3, WordAt(answer, CommandWire::kAnswerTypeOffset));
+    EXPECT_EQ(0, WordAt(answer, CommandWire::kUpdateReasonOffset));
     EXPECT_EQ("power_plant_id=PLANT&mac_address=001A2B3C4D5E&schedule_kbn=8888", server.Requests().at(0).body);
 
     HttpTestServer refusing(HttpTestServer::Answer(200, test::MultipartContentType("b"),
                                                    test::BinaryPartBody("b", std::string(32, '\0') + "\1")));
-    const std::string other = Serve(Request(3, Field("PLANT", 27) + Field(refusing.Url("/check"), 256)));
-    EXPECT_EQ(6, WordAt(other, 8));
-    EXPECT_EQ(200, WordAt(other, 12));
-    EXPECT_EQ(Field("Plant ID is not registered", 128), other.substr(16));
+    const std::string other = Serve(
+        Request(CommandWire::kCheckPlantId, CommandWire::EncodeCheckPlantIdBlock("PLANT", refusing.Url("/check"))));
+    EXPECT_EQ(6, WordAt(other, CommandWire::kUpdateReasonOffset));
+    EXPECT_EQ(200, WordAt(other, CommandWire::kUpdateStatusOffset));
+    EXPECT_EQ(Field("Plant ID is not registered", CommandWire::kMessageSize),
+              other.substr(CommandWire::kUpdateMessageOffset));
 }
 
 TEST_F(OutSocketWorkTest, TruncatedCapacityReadsAsZero) {
@@ -287,12 +298,12 @@ TEST_F(OutSocketWorkTest, TruncatedCapacityReadsAsZero) {
     row.time = now - 60;
     row.controlRate = 50;
     ASSERT_TRUE(ScheduleDatabase::GetInstance()->InsertUpdateSchedule({row}));
-    const std::string answer = Serve(Request(6));
+    const std::string answer = Serve(Request(CommandWire::kCurrentTargetPower));
     ASSERT_EQ(167u, answer.size());
     double power = -1;
     std::memcpy(&power, answer.data() + 8, 8);
     EXPECT_EQ(0.0, power);
-    EXPECT_EQ(0, WordAt(answer, 31));
+    EXPECT_EQ(0, WordAt(answer, CommandWire::kTargetCodeOffset));
     EXPECT_TRUE(test::HasLogLine(LogLines(), "D", kTag, "TargetPower Param capacity [0.000000]"));
 }
 
@@ -310,15 +321,16 @@ TEST_F(OutSocketWorkTest, CurrentAndNextTargetPower) {
     const double capacity = 10.0;
     std::string capacityBytes(8, '\0');
     std::memcpy(&capacityBytes[0], &capacity, 8);
-    const std::string first = Serve(Request(6, capacityBytes));
+    const std::string first = Serve(Request(CommandWire::kCurrentTargetPower, capacityBytes));
     double power = 0;
     std::memcpy(&power, first.data() + 8, 8);
     EXPECT_DOUBLE_EQ(4.0, power);
-    EXPECT_EQ(Field(TimeStamp::FromEpochSeconds(now - 60)->FormatCompact(), 15), first.substr(16, 15));
-    const std::string second = Serve(Request(7, capacityBytes));
+    EXPECT_EQ(Field(TimeStamp::FromEpochSeconds(now - 60)->FormatCompact(), CommandWire::kTargetTimeSize),
+              first.substr(CommandWire::kTargetTimeOffset, CommandWire::kTargetTimeSize));
+    const std::string second = Serve(Request(CommandWire::kNextTargetPower, capacityBytes));
     std::memcpy(&power, second.data() + 8, 8);
     EXPECT_DOUBLE_EQ(9.0, power);
-    EXPECT_EQ(7, WordAt(second, 4));
+    EXPECT_EQ(7, WordAt(second, CommandWire::kAnswerTypeOffset));
 }
 
 TEST_F(OutSocketWorkTest, UpdateScheduleStoresAndForwardsAfterAnswering) {
@@ -346,7 +358,7 @@ TEST_F(OutSocketWorkTest, UpdateScheduleStoresAndForwardsAfterAnswering) {
     ASSERT_TRUE(SystemSettingXmlManager::GetInstance()->Load());
     ScheduleUpdateManager::CreateInstance();
 
-    const std::string reply = Serve(Request(2));
+    const std::string reply = Serve(Request(CommandWire::kUpdateSchedule));
     ASSERT_EQ(144u, reply.size());
     EXPECT_EQ(Word(144) + Word(2) + Word(0) + Word(0) + std::string(128, '\0'), reply);
     const std::vector<HttpTestServer::Received> requests = server.Requests();
@@ -480,18 +492,19 @@ TEST_F(TargetPowerPathsTest, SnapshotAnswersAndLogsAsTheWorkerPath) {
             SCOPED_TRACE(std::to_string(type) + " " + std::to_string(capacity));
             const std::string answer = ServeBothWays(Request(type, Capacity(capacity)));
             ASSERT_EQ(167u, answer.size());
-            EXPECT_EQ(0, WordAt(answer, 31));
+            EXPECT_EQ(0, WordAt(answer, CommandWire::kTargetCodeOffset));
         }
     }
 
     ASSERT_TRUE(ScheduleDatabase::GetInstance()->DeleteAll());
-    EXPECT_EQ(5, WordAt(ServeBothWays(Request(7, Capacity(10.0))), 31));
+    EXPECT_EQ(5, WordAt(ServeBothWays(Request(CommandWire::kNextTargetPower, Capacity(10.0))), 31));
 
     test::WriteFile(test::SystemSettingPath(), "<logger><general></general></logger>");
     TargetPowerSnapshot::Instance().Rebuild();
-    const std::string noPlant = ServeBothWays(Request(6, Capacity(10.0)));
-    EXPECT_EQ(11, WordAt(noPlant, 31));
-    EXPECT_EQ(Field("Plantid not found.", 128), noPlant.substr(39));
+    const std::string noPlant = ServeBothWays(Request(CommandWire::kCurrentTargetPower, Capacity(10.0)));
+    EXPECT_EQ(11, WordAt(noPlant, CommandWire::kTargetCodeOffset));
+    EXPECT_EQ(Field("Plantid not found.", CommandWire::kMessageSize),
+              noPlant.substr(CommandWire::kTargetMessageOffset));
 }
 
 } // namespace

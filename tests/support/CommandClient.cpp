@@ -50,6 +50,16 @@ std::string TargetPowerAnswer(std::int32_t type, double power, const std::string
     return std::string(answer.begin(), answer.end());
 }
 
+std::string UpdateAnswer(std::int32_t type, std::int32_t reason, std::int32_t status, const std::string& message) {
+    const std::vector<unsigned char> answer = CommandWire::EncodeUpdateAnswer(type, reason, status, message);
+    return std::string(answer.begin(), answer.end());
+}
+
+std::string FlushAnswer() {
+    const std::vector<unsigned char> answer = CommandWire::EncodeFlushAnswer();
+    return std::string(answer.begin(), answer.end());
+}
+
 int Connect(const std::string& socketPath) {
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) return -1;

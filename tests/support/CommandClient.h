@@ -33,6 +33,13 @@ std::string Request(std::int32_t type, const std::string& params = "");
 // with `power` for the slot starting at `timeText` ("%Y%m%d%H%M%S").
 std::string TargetPowerAnswer(std::int32_t type, double power, const std::string& timeText);
 
+// The update answer to a request of `type` (2, 3 or 5) with `reason`,
+// `status` and `message`; by default the answer of a success.
+std::string UpdateAnswer(std::int32_t type, std::int32_t reason = 0, std::int32_t status = 0,
+                         const std::string& message = "");
+// The answer to FlushLog.
+std::string FlushAnswer();
+
 // A client socket connected to `socketPath`, or -1.
 int Connect(const std::string& socketPath);
 

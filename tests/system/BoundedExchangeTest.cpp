@@ -5,6 +5,7 @@
 // wire or speak another protocol. Each exchange fails as an access failure,
 // nothing is stored or forwarded, and the daemon goes on answering from what
 // it stored.
+#include "server/CommandWire.h"
 #include "support/DaemonClient.h"
 #include "support/HttpTestServer.h"
 #include "support/ProcessStatus.h"
@@ -60,7 +61,7 @@ std::string CutRegisteredAnswer() {
 
 // The parameters of a plant check of `url`.
 std::string CheckParams(const std::string& url) {
-    return Field("777", 27) + Field(url, 256);
+    return CommandWire::EncodeCheckPlantIdBlock("777", url);
 }
 
 class BoundedExchangeTest : public test::ScheduleServerFixture {
@@ -77,9 +78,10 @@ protected:
     // library text beginning with `text`.
     static void ExpectAccessFailure(const std::string& reply, const std::string& text) {
         ASSERT_EQ(test::kUpdateAnswerSize, reply.size());
-        EXPECT_EQ(1, WordAt(reply, 8));
-        EXPECT_EQ(0, WordAt(reply, 12));
-        EXPECT_EQ(0u, reply.substr(16).find(kAccessFailed + text)) << reply.substr(16);
+        EXPECT_EQ(1, WordAt(reply, CommandWire::kUpdateReasonOffset));
+        EXPECT_EQ(0, WordAt(reply, CommandWire::kUpdateStatusOffset));
+        EXPECT_EQ(0u, reply.substr(CommandWire::kUpdateMessageOffset).find(kAccessFailed + text))
+            << reply.substr(CommandWire::kUpdateMessageOffset);
     }
 
     // The stored schedule is kept, nothing was forwarded since `told`
@@ -113,7 +115,7 @@ TEST_F(BoundedExchangeTest, StartUpFetchOfACutAnswerStoresNothing) {
     EXPECT_EQ(0, logger_->Connections());
     const std::string answer = Ask(test::kCurrentTargetPowerRequest, test::Capacity(10.0));
     EXPECT_EQ(test::kTargetPowerAnswerSize, answer.size());
-    EXPECT_NE(0, WordAt(answer, 31));
+    EXPECT_NE(0, WordAt(answer, CommandWire::kTargetCodeOffset));
     // Nothing was kept from the cut answer; a complete one is taken.
     ExpectUpdateWorksAgain();
     ExpectCurrentTargetPower();

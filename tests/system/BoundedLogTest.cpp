@@ -3,6 +3,7 @@
 // connections that bring no request cost a handful of lines, so the log's
 // history (its start-up lines) is not rolled away. The daemon answers
 // target power throughout.
+#include "server/CommandWire.h"
 #include "support/ChildProcess.h"
 #include "support/CommandClient.h"
 #include "support/StoredSchedule.h"
@@ -177,7 +178,8 @@ TEST_F(BoundedLogTest, ALineBreakInACheckedPlantIdForgesNoLine) {
     // The 27 bytes of the plant ID without a NUL run on into the URL field.
     const std::string idField = kForged.substr(0, 27);
     ASSERT_EQ(27u, idField.size());
-    test::Ask(test::kCommandSocket, 3, Field(idField, 27) + Field(kForged.substr(27), 256));
+    test::Ask(test::kCommandSocket, CommandWire::kCheckPlantId,
+              Field(idField, CommandWire::kPlantIdSize) + Field(kForged.substr(27), CommandWire::kPlantUrlSize));
     ASSERT_TRUE(test::WaitFor([] { return LogHas("CheckPlantId Param plant_id ["); }, 10000));
     EXPECT_TRUE(LogHas("CheckPlantId Param plant_id [" + kForgedEscaped + "]  plant_url [" + kForged.substr(27) + "]"));
     EXPECT_TRUE(TargetPowerIsRight());

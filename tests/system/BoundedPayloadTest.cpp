@@ -4,6 +4,7 @@
 // thousand times, or dates its schedule outside the service years. Each
 // is refused: nothing is stored, the logger daemon is not told, the target
 // power stays what the stored schedule says, memory and log stay bounded.
+#include "server/CommandWire.h"
 #include "support/ChildProcess.h"
 #include "support/DaemonClient.h"
 #include "support/HttpTestServer.h"
@@ -62,8 +63,8 @@ protected:
         const std::string reply = Ask(test::kUpdateScheduleRequest);
         EXPECT_EQ(test::kUpdateAnswerSize, reply.size());
         if (reply.size() != test::kUpdateAnswerSize) return reply;
-        EXPECT_EQ(2, WordAt(reply, 4));
-        EXPECT_NE(0, WordAt(reply, 8)) << "accepted";
+        EXPECT_EQ(2, WordAt(reply, CommandWire::kAnswerTypeOffset));
+        EXPECT_NE(0, WordAt(reply, CommandWire::kUpdateReasonOffset)) << "accepted";
         // A later request is served after the refused one ended.
         EXPECT_EQ(test::kUpdateAnswerSize, Ask(test::kFlushLogRequest).size());
         EXPECT_EQ(told, logger_->Connections());
@@ -74,8 +75,8 @@ protected:
 
     static void ExpectFailure(const std::string& reply, std::int32_t reason, const std::string& message) {
         ASSERT_EQ(test::kUpdateAnswerSize, reply.size());
-        EXPECT_EQ(reason, WordAt(reply, 8));
-        EXPECT_EQ(test::Field(message, 128), reply.substr(16));
+        EXPECT_EQ(reason, WordAt(reply, CommandWire::kUpdateReasonOffset));
+        EXPECT_EQ(test::Field(message, CommandWire::kMessageSize), reply.substr(CommandWire::kUpdateMessageOffset));
     }
 
     std::int64_t startedKiB_ = 0;

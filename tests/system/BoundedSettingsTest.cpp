@@ -2,6 +2,7 @@
 // are no such files: nested far too deep, larger than any real one, FIFOs
 // without a writer, devices. The daemon must refuse each at once, keep
 // answering with what it had, and stay within its memory bound.
+#include "server/CommandWire.h"
 #include "support/ChildProcess.h"
 #include "support/CommandClient.h"
 #include "support/DaemonClient.h"
@@ -113,11 +114,12 @@ protected:
 
     // The fixed-schedule answer refusing a file for `reason`.
     static std::string Refusal(const std::string& reason) {
-        return Word(171) + Word(test::kUpdateFixedScheduleRequest) + std::string(27, '\0') + Word(9) + Word(0) +
-               Field("file not usable. [" + reason + "]", 128);
+        const std::vector<unsigned char> answer =
+            CommandWire::EncodeFixedScheduleAnswer("", 9, 0, "file not usable. [" + reason + "]");
+        return std::string(answer.begin(), answer.end());
     }
 
-    static std::string FixedRequest(const std::string& path) { return Field(path, 256) + std::string(1, '\1'); }
+    static std::string FixedRequest(const std::string& path) { return CommandWire::EncodeFixedScheduleBlock(path, 1); }
 
     static const char kLoggerSettings[];
 

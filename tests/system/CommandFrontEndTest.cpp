@@ -6,6 +6,7 @@
 // beyond the descriptor limit never stops the socket from answering; a stop
 // request is not held up by a client; and a fixed-schedule file is read even
 // where nothing can be written.
+#include "server/CommandWire.h"
 #include "support/ChildProcess.h"
 #include "support/DaemonClient.h"
 #include "support/HttpTestServer.h"
@@ -214,8 +215,8 @@ HangUps WatchHangUps(const std::vector<Connection>& connections, Clock::time_poi
 // A computed target power of the stored rate for kCapacity.
 void ExpectTargetPower(std::int32_t type, const std::string& answer) {
     ASSERT_EQ(test::kTargetPowerAnswerSize, answer.size()) << "type " << type << " was not answered in time";
-    EXPECT_EQ(type, WordAt(answer, 4));
-    EXPECT_EQ(0, WordAt(answer, 31)) << answer.substr(39);
+    EXPECT_EQ(type, WordAt(answer, CommandWire::kAnswerTypeOffset));
+    EXPECT_EQ(0, WordAt(answer, CommandWire::kTargetCodeOffset)) << answer.substr(CommandWire::kTargetMessageOffset);
     EXPECT_DOUBLE_EQ(kCapacity * kRate / 100.0, PowerOf(answer));
 }
 
@@ -225,18 +226,10 @@ void ExpectTargetPowersPromptly() {
     ExpectTargetPower(test::kNextTargetPowerRequest, AskPromptly(test::kNextTargetPowerRequest, Capacity(kCapacity)));
 }
 
-std::string FlushAnswer() {
-    return Word(144) + Word(test::kFlushLogRequest) + std::string(136, '\0');
-}
-
-std::string SucceededAnswer(std::int32_t type) {
-    return Word(144) + Word(type) + Word(0) + Word(0) + std::string(128, '\0');
-}
-
 // The parameter block of an UpdateFixedSchedule request for `path`,
 // without force.
 std::string FixedScheduleParams(const std::string& path) {
-    return Field(path, 256) + std::string(1, '\0');
+    return CommandWire::EncodeFixedScheduleBlock(path, 0);
 }
 
 // Writes a fixed schedule of `rate` for the stored plant, one day starting
@@ -374,8 +367,9 @@ protected:
         for (const Connection& update : updates) {
             const std::string reply = update.ReadUntilClosed(Scaled(10000));
             ASSERT_EQ(test::kUpdateAnswerSize, reply.size());
-            EXPECT_EQ(test::kUpdateScheduleRequest, WordAt(reply, 4));
-            EXPECT_EQ(1, WordAt(reply, 8)) << reply.substr(16);
+            EXPECT_EQ(test::kUpdateScheduleRequest, WordAt(reply, CommandWire::kAnswerTypeOffset));
+            EXPECT_EQ(1, WordAt(reply, CommandWire::kUpdateReasonOffset))
+                << reply.substr(CommandWire::kUpdateMessageOffset);
         }
     }
 
@@ -392,7 +386,7 @@ TEST_F(CommandFrontEndTest, TargetPowerAndFlushLogAreAnsweredWhileUpdatesWaitOnA
     const std::vector<Connection> updates = UpdatesHeldByTheServer(5);
 
     ExpectTargetPowersPromptly();
-    EXPECT_EQ(FlushAnswer(), AskPromptly(test::kFlushLogRequest));
+    EXPECT_EQ(test::FlushAnswer(), AskPromptly(test::kFlushLogRequest));
     EXPECT_FALSE(AnyAnswered(updates)) << "an update did not wait for the stalled server";
 
     ExpectUpdatesFailOnceReleased(updates);
@@ -406,19 +400,19 @@ TEST_F(CommandFrontEndTest, SettingNotifyAndFixedScheduleAreAnsweredWhileAnUpdat
     const std::vector<Connection> update = UpdatesHeldByTheServer(1);
 
     // The plant is the stored one: nothing to fetch, nothing to wait for.
-    EXPECT_EQ(SucceededAnswer(test::kChangeSettingRequest), AskPromptly(test::kChangeSettingRequest));
+    EXPECT_EQ(test::UpdateAnswer(test::kChangeSettingRequest), AskPromptly(test::kChangeSettingRequest));
     EXPECT_FALSE(AnyAnswered(update)) << "the update did not wait for the stalled server";
 
     WriteFixedSchedule("/tmp/fixed.hex", 30, 3);
     const std::string fixed = AskPromptly(test::kUpdateFixedScheduleRequest, FixedScheduleParams("/tmp/fixed.hex"));
     ASSERT_EQ(171u, fixed.size()) << "the fixed schedule was not answered in time";
-    EXPECT_EQ(0, WordAt(fixed, 35)) << fixed.substr(43);
+    EXPECT_EQ(0, WordAt(fixed, CommandWire::kFixedReasonOffset)) << fixed.substr(CommandWire::kFixedMessageOffset);
     EXPECT_EQ("48", RowsOfRate(30));
 
     server_->Release();
     const std::string reply = update.front().ReadUntilClosed(Scaled(10000));
     ASSERT_EQ(test::kUpdateAnswerSize, reply.size());
-    EXPECT_EQ(test::kUpdateScheduleRequest, WordAt(reply, 4));
+    EXPECT_EQ(test::kUpdateScheduleRequest, WordAt(reply, CommandWire::kAnswerTypeOffset));
     ExpectTargetPowersPromptly();
 }
 
@@ -521,7 +515,7 @@ TEST_F(CommandFrontEndTest, IdleClientsBeyondTheDescriptorLimitLeaveTheSocketAns
 
     idle.clear();
     ExpectTargetPower(test::kNextTargetPowerRequest, AskPromptly(test::kNextTargetPowerRequest, Capacity(kCapacity)));
-    EXPECT_EQ(FlushAnswer(), AskPromptly(test::kFlushLogRequest));
+    EXPECT_EQ(test::FlushAnswer(), AskPromptly(test::kFlushLogRequest));
     EXPECT_TRUE(daemon_.Running());
     // Told in the log, but not once per connection.
     EXPECT_TRUE(test::WaitFor([] { return ClosedConnectionLines() > 0; }, 3000)) << LoggedProblems();
@@ -543,7 +537,7 @@ TEST_F(CommandFrontEndTest, FixedScheduleOnAReadOnlyFileSystemIsStored) {
 
     const std::string answer = AskPromptly(test::kUpdateFixedScheduleRequest, FixedScheduleParams(path));
     ASSERT_EQ(171u, answer.size());
-    EXPECT_EQ(0, WordAt(answer, 35)) << answer.substr(43);
+    EXPECT_EQ(0, WordAt(answer, CommandWire::kFixedReasonOffset)) << answer.substr(CommandWire::kFixedMessageOffset);
     std::vector<std::vector<std::string>> fixedRows;
     for (const auto& row : test::ScheduleRows()) {
         if (row.at(1) == "30") fixedRows.push_back(row);

@@ -3,6 +3,7 @@
 // passed under a faked clock gives the new slot's answer, and a table that
 // another process holds locked, also across a slot boundary, or that
 // cannot be opened at all, holds up no answer.
+#include "server/CommandWire.h"
 #include "support/ChildProcess.h"
 #include "support/DaemonClient.h"
 #include "support/SqliteFile.h"
@@ -100,7 +101,7 @@ TEST_F(FastAnswerTest, SettingsChangeReachesTheNextAnswer) {
     if (HasFatalFailure()) return;
     std::string answer = AskCurrent();
     ASSERT_EQ(test::kTargetPowerAnswerSize, answer.size());
-    EXPECT_EQ(0, WordAt(answer, 31));
+    EXPECT_EQ(0, WordAt(answer, CommandWire::kTargetCodeOffset));
     EXPECT_DOUBLE_EQ(30.0, PowerOf(answer));
 
     // A floor above the rate: the very next answer has it.
@@ -114,13 +115,13 @@ TEST_F(FastAnswerTest, SettingsChangeReachesTheNextAnswer) {
     WriteSystemSetting("");
     answer = AskCurrent(7.0);
     ASSERT_EQ(test::kTargetPowerAnswerSize, answer.size());
-    EXPECT_EQ(11, WordAt(answer, 31));
+    EXPECT_EQ(11, WordAt(answer, CommandWire::kTargetCodeOffset));
     EXPECT_DOUBLE_EQ(7.0, PowerOf(answer));
-    EXPECT_EQ(Field("Plantid not found.", 128), answer.substr(39));
+    EXPECT_EQ(Field("Plantid not found.", CommandWire::kMessageSize), answer.substr(CommandWire::kTargetMessageOffset));
 
     WriteSystemSetting(kPlant);
     answer = AskCurrent();
-    EXPECT_EQ(0, WordAt(answer, 31));
+    EXPECT_EQ(0, WordAt(answer, CommandWire::kTargetCodeOffset));
     EXPECT_DOUBLE_EQ(45.0, PowerOf(answer));
 }
 
@@ -133,13 +134,15 @@ TEST_F(FastAnswerTest, SlotBoundaryPassedGivesTheNewSlot) {
     if (HasFatalFailure()) return;
     std::string answer = AskCurrent();
     ASSERT_EQ(test::kTargetPowerAnswerSize, answer.size());
-    EXPECT_EQ(Field(TimeStamp::FromEpochSeconds(slot0)->FormatCompact(), 15), answer.substr(16, 15));
+    EXPECT_EQ(Field(TimeStamp::FromEpochSeconds(slot0)->FormatCompact(), CommandWire::kTargetTimeSize),
+              answer.substr(CommandWire::kTargetTimeOffset, CommandWire::kTargetTimeSize));
     EXPECT_DOUBLE_EQ(30.0, PowerOf(answer));
 
     SetClock(slot0 + kSlotSeconds + 5);
     answer = AskCurrent();
     ASSERT_EQ(test::kTargetPowerAnswerSize, answer.size());
-    EXPECT_EQ(Field(TimeStamp::FromEpochSeconds(slot0 + kSlotSeconds)->FormatCompact(), 15), answer.substr(16, 15));
+    EXPECT_EQ(Field(TimeStamp::FromEpochSeconds(slot0 + kSlotSeconds)->FormatCompact(), CommandWire::kTargetTimeSize),
+              answer.substr(CommandWire::kTargetTimeOffset, CommandWire::kTargetTimeSize));
     EXPECT_DOUBLE_EQ(40.0, PowerOf(answer));
     answer = Ask(test::kNextTargetPowerRequest, Capacity(100.0), kAnswerWithinMs);
     EXPECT_DOUBLE_EQ(50.0, PowerOf(answer));
@@ -151,14 +154,14 @@ TEST_F(FastAnswerTest, LockedTableHoldsUpNoAnswer) {
     StoreAround(TimeStamp().EpochSeconds() / kSlotSeconds * kSlotSeconds);
     Start();
     if (HasFatalFailure()) return;
-    ASSERT_EQ(0, WordAt(AskCurrent(), 31));
+    ASSERT_EQ(0, WordAt(AskCurrent(), CommandWire::kTargetCodeOffset));
     sqlite3* db = nullptr;
     ASSERT_EQ(SQLITE_OK, sqlite3_open_v2(test::kScheduleDbFile, &db, SQLITE_OPEN_READWRITE, nullptr));
     ASSERT_EQ(SQLITE_OK, sqlite3_exec(db, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr));
     for (int i = 0; i < 20; ++i) {
         const std::string answer = AskCurrent();
         ASSERT_EQ(test::kTargetPowerAnswerSize, answer.size()) << "request " << i << " waited for the lock";
-        EXPECT_EQ(0, WordAt(answer, 31));
+        EXPECT_EQ(0, WordAt(answer, CommandWire::kTargetCodeOffset));
         EXPECT_DOUBLE_EQ(30.0, PowerOf(answer));
     }
     // A settings change needs no read of the table either.
@@ -183,8 +186,10 @@ TEST_F(FastAnswerTest, LockedTableAcrossASlotBoundaryHoldsUpNoAnswer) {
     for (int i = 0; i < 5; ++i) {
         std::string answer = AskCurrent();
         ASSERT_EQ(test::kTargetPowerAnswerSize, answer.size()) << "request " << i << " waited for the lock";
-        EXPECT_EQ(0, WordAt(answer, 31));
-        EXPECT_EQ(Field(TimeStamp::FromEpochSeconds(slot0 + kSlotSeconds)->FormatCompact(), 15), answer.substr(16, 15));
+        EXPECT_EQ(0, WordAt(answer, CommandWire::kTargetCodeOffset));
+        EXPECT_EQ(
+            Field(TimeStamp::FromEpochSeconds(slot0 + kSlotSeconds)->FormatCompact(), CommandWire::kTargetTimeSize),
+            answer.substr(CommandWire::kTargetTimeOffset, CommandWire::kTargetTimeSize));
         EXPECT_DOUBLE_EQ(40.0, PowerOf(answer));
         answer = Ask(test::kNextTargetPowerRequest, Capacity(100.0), kAnswerWithinMs);
         ASSERT_EQ(test::kTargetPowerAnswerSize, answer.size()) << "request " << i << " waited for the lock";
@@ -203,8 +208,8 @@ TEST_F(FastAnswerTest, UnopenableTableAnswersNoSlotAtOnce) {
     for (int i = 0; i < 5; ++i) {
         const std::string answer = AskCurrent();
         ASSERT_EQ(test::kTargetPowerAnswerSize, answer.size());
-        EXPECT_EQ(5, WordAt(answer, 31));
-        EXPECT_EQ(Field("can not get.", 128), answer.substr(39));
+        EXPECT_EQ(5, WordAt(answer, CommandWire::kTargetCodeOffset));
+        EXPECT_EQ(Field("can not get.", CommandWire::kMessageSize), answer.substr(CommandWire::kTargetMessageOffset));
     }
 }
 

@@ -1,6 +1,7 @@
 // The real pvocd in the sandbox fed with hostile input: SQL in plant IDs
 // and paths, socket paths longer than a socket address holds, a missing
 // touch command for the watchdog, and output rates above 100 %.
+#include "server/CommandWire.h"
 #include "support/ChildProcess.h"
 #include "support/CommandClient.h"
 #include "support/HttpTestServer.h"
@@ -155,7 +156,7 @@ TEST_F(HostileInputTest, SqlInThePlantIdOfTheSettingsRunsNothing) {
         // A plant change wipes both tables and writes the new plant's
         // update information; the quote makes that one statement fail.
         test::WriteSystemSetting(hostile, "", true);
-        EXPECT_EQ(Word(144) + Word(5) + Word(0) + Word(0) + std::string(128, '\0'), Ask(5));
+        EXPECT_EQ(test::UpdateAnswer(CommandWire::kChangeSettingNotify), Ask(CommandWire::kChangeSettingNotify));
         EXPECT_TRUE(test::ScheduleRows().empty());
         EXPECT_TRUE(test::UpdateInfoRows().empty());
         EXPECT_EQ(std::vector<std::string>{"output_control_schedule"}, test::TableNames(test::kScheduleDbFile));
@@ -169,7 +170,7 @@ TEST_F(HostileInputTest, SqlInThePlantIdOfTheSettingsRunsNothing) {
             Scaled(3000)));
         // Back to a known plant with its rows for the next text.
         test::WriteSystemSetting(kPlant, "", true);
-        EXPECT_EQ(144u, Ask(5).size());
+        EXPECT_EQ(144u, Ask(CommandWire::kChangeSettingNotify).size());
         test::QueryFile(test::kUpdateInfoDbFile, "DELETE FROM output_control_schedule_update_info");
         test::QueryFile(test::kScheduleDbFile, "DELETE FROM output_control_schedule");
         StoreFourSlots();
@@ -187,7 +188,7 @@ TEST_F(HostileInputTest, SqlInThePlantIdAtStartUpRunsNothing) {
     EXPECT_TRUE(test::ScheduleRows().empty());
     EXPECT_TRUE(test::UpdateInfoRows().empty());
     EXPECT_TRUE(test::HasLogLineStarting(LogLines(), "E", "ScheduleUpdateDataInfo", "Insert Update error. ["));
-    EXPECT_EQ(144u, Ask(8).size());
+    EXPECT_EQ(144u, Ask(CommandWire::kFlushLog).size());
     EXPECT_TRUE(StopsCleanly(daemon_));
 }
 
@@ -205,8 +206,9 @@ TEST_F(HostileInputTest, SqlInCheckPlantIdTouchesNoRow) {
     const std::vector<std::string> ids = {"'; DROP TABLE t; --", "x');DELETE FROM o;--", "';DELETE FROM s;--"};
     for (const std::string& id : ids) {
         ASSERT_LE(id.size(), 26u);
-        EXPECT_EQ(Word(144) + Word(3) + Word(0) + Word(0) + std::string(128, '\0'),
-                  Ask(3, Field(id, 27) + Field(registered.Url("/c"), 256)))
+        EXPECT_EQ(test::UpdateAnswer(CommandWire::kCheckPlantId),
+                  Ask(CommandWire::kCheckPlantId,
+                      Field(id, CommandWire::kPlantIdSize) + Field(registered.Url("/c"), CommandWire::kPlantUrlSize)))
             << id;
     }
     EXPECT_EQ(ids.size(), registered.Requests().size());
@@ -225,10 +227,11 @@ TEST_F(HostileInputTest, SqlInAFixedSchedulePathTouchesNoRowButItsOwn) {
 
     // No such file: nothing changes.
     const std::string missing = "/tmp/x'; DROP TABLE output_control_schedule; --";
-    const std::string notFound = Ask(4, Field(missing, 256) + std::string(1, '\1'));
+    const std::string notFound =
+        Ask(CommandWire::kUpdateFixedSchedule, CommandWire::EncodeFixedScheduleBlock(missing, 1));
     ASSERT_EQ(171u, notFound.size());
-    EXPECT_EQ(9, WordAt(notFound, 35));
-    EXPECT_EQ(Field("file not found.", 128), notFound.substr(43));
+    EXPECT_EQ(9, WordAt(notFound, CommandWire::kFixedReasonOffset));
+    EXPECT_EQ(Field("file not found.", CommandWire::kMessageSize), notFound.substr(CommandWire::kFixedMessageOffset));
     EXPECT_EQ(schedule, test::ScheduleRows());
     EXPECT_EQ(info, test::UpdateInfoRows());
 
@@ -237,9 +240,9 @@ TEST_F(HostileInputTest, SqlInAFixedSchedulePathTouchesNoRowButItsOwn) {
     const std::string path = "/tmp/y'); DELETE FROM output_control_schedule; --.hex";
     test::ScheduleRecord fixed = FixedFromNow({90, 90, 90, 90, 90, 90});
     test::WriteFile(path, test::BuildSchedulePayload({fixed}, test::kFixedSchedule).hex);
-    const std::string stored4 = Ask(4, Field(path, 256) + std::string(1, '\0'));
+    const std::string stored4 = Ask(CommandWire::kUpdateFixedSchedule, CommandWire::EncodeFixedScheduleBlock(path, 0));
     ASSERT_EQ(171u, stored4.size());
-    EXPECT_EQ(0, WordAt(stored4, 35)) << stored4.substr(43);
+    EXPECT_EQ(0, WordAt(stored4, CommandWire::kFixedReasonOffset)) << stored4.substr(CommandWire::kFixedMessageOffset);
     const auto rows = test::ScheduleRows();
     ASSERT_EQ(7u, rows.size());
     for (std::size_t i = 0; i < 4; ++i) EXPECT_EQ(schedule[i], rows[i]);
@@ -288,7 +291,7 @@ TEST_F(HostileInputTest, CommandSocketPathOfTheLargestLengthServes) {
     test::WriteSystemSetting("", "", false);
     StartDaemon();
     ASSERT_TRUE(test::WaitForSocket(path, Scaled(5000)));
-    EXPECT_EQ(Word(144) + Word(8) + std::string(136, '\0'), test::Ask(path, 8));
+    EXPECT_EQ(test::FlushAnswer(), test::Ask(path, CommandWire::kFlushLog));
     EXPECT_TRUE(StopsCleanly(daemon_));
 }
 
@@ -305,9 +308,10 @@ TEST_F(HostileInputTest, LoggerSocketPathOneTooLongReachesNoOtherSocket) {
     // plant would be wiped by it.
     ASSERT_TRUE(test::WaitFor([] { return LogHas("ScheduleUpdateManager Plant ID is not set. []"); }, Scaled(10000)));
     test::WriteFile("/tmp/fixed.hex", test::BuildSchedulePayload({FixedFromNow({50, 60})}, test::kFixedSchedule).hex);
-    const std::string answer = Ask(4, Field("/tmp/fixed.hex", 256) + std::string(1, '\0'));
+    const std::string answer =
+        Ask(CommandWire::kUpdateFixedSchedule, CommandWire::EncodeFixedScheduleBlock("/tmp/fixed.hex", 0));
     ASSERT_EQ(171u, answer.size());
-    EXPECT_EQ(0, WordAt(answer, 35)) << answer.substr(43);
+    EXPECT_EQ(0, WordAt(answer, CommandWire::kFixedReasonOffset)) << answer.substr(CommandWire::kFixedMessageOffset);
     // The forwarding after the answer fails to connect, so the rows stay
     // unsent.
     ASSERT_TRUE(test::WaitFor([] { return LogHas("ScheduleDatabase Cloud Send error."); }, Scaled(5000)));
@@ -317,7 +321,7 @@ TEST_F(HostileInputTest, LoggerSocketPathOneTooLongReachesNoOtherSocket) {
     EXPECT_EQ(0, peer.Connections());
     EXPECT_EQ("2",
               test::QueryValue(test::kScheduleDbFile, "SELECT COUNT(*) FROM output_control_schedule WHERE sent = 0"));
-    EXPECT_EQ(144u, Ask(8).size());
+    EXPECT_EQ(144u, Ask(CommandWire::kFlushLog).size());
     EXPECT_TRUE(StopsCleanly(daemon_));
 }
 
@@ -382,8 +386,8 @@ TEST_F(HostileInputTest, MissingTouchCommandLeavesTheDaemonServingWithoutZombies
     // The test's own namespace still has the command.
     EXPECT_TRUE(test::FileExists("/usr/bin/touch"));
     // Still serving, with exact answers.
-    EXPECT_EQ(TargetAnswer(6, 20, 8.0, slot0_), Ask(6, test::Capacity(8.0)));
-    EXPECT_EQ(TargetAnswer(7, 30, 8.0, slot0_ + kSlotSeconds), Ask(7, test::Capacity(8.0)));
+    EXPECT_EQ(TargetAnswer(6, 20, 8.0, slot0_), Ask(CommandWire::kCurrentTargetPower, test::Capacity(8.0)));
+    EXPECT_EQ(TargetAnswer(7, 30, 8.0, slot0_ + kSlotSeconds), Ask(CommandWire::kNextTargetPower, test::Capacity(8.0)));
     EXPECT_TRUE(daemon_.Running());
     EXPECT_TRUE(StopsCleanly(daemon_));
 }
@@ -412,10 +416,11 @@ TEST_F(HostileInputTest, RatesAboveHundredFromTheServerAreStoredAndUsedAsTheyAre
     const auto rows = test::ScheduleRows();
     for (std::size_t i = 0; i < 6; ++i) EXPECT_EQ(std::to_string(update.rates[i]), rows[i][1]) << i;
     for (std::size_t i = 0; i < 3; ++i) EXPECT_EQ(std::to_string(fixed.rates[i]), rows[6 + i][1]) << i;
-    EXPECT_EQ(TargetAnswer(6, 255, 4.0, slot0_), Ask(6, test::Capacity(4.0)));
-    EXPECT_EQ(TargetAnswer(7, 101, 4.0, slot0_ + kSlotSeconds), Ask(7, test::Capacity(4.0)));
+    EXPECT_EQ(TargetAnswer(6, 255, 4.0, slot0_), Ask(CommandWire::kCurrentTargetPower, test::Capacity(4.0)));
+    EXPECT_EQ(TargetAnswer(7, 101, 4.0, slot0_ + kSlotSeconds),
+              Ask(CommandWire::kNextTargetPower, test::Capacity(4.0)));
     // A large plant: 255 % of 1e300 is 2.55e300, no overflow.
-    const std::string large = Ask(6, test::Capacity(1e300));
+    const std::string large = Ask(CommandWire::kCurrentTargetPower, test::Capacity(1e300));
     EXPECT_EQ(TargetAnswer(6, 255, 1e300, slot0_), large);
     EXPECT_DOUBLE_EQ(2.55e300, test::PowerOf(large));
     EXPECT_TRUE(StopsCleanly(daemon_));
@@ -428,9 +433,10 @@ TEST_F(HostileInputTest, RatesAboveHundredAsAFixedScheduleAreStoredAndUsedAsThey
     StartServing();
     const std::vector<int> rates = {255, 101, 254};
     test::WriteFile("/tmp/fixed.hex", test::BuildSchedulePayload({FixedFromNow(rates)}, test::kFixedSchedule).hex);
-    const std::string answer = Ask(4, Field("/tmp/fixed.hex", 256) + std::string(1, '\0'));
+    const std::string answer =
+        Ask(CommandWire::kUpdateFixedSchedule, CommandWire::EncodeFixedScheduleBlock("/tmp/fixed.hex", 0));
     ASSERT_EQ(171u, answer.size());
-    EXPECT_EQ(0, WordAt(answer, 35)) << answer.substr(43);
+    EXPECT_EQ(0, WordAt(answer, CommandWire::kFixedReasonOffset)) << answer.substr(CommandWire::kFixedMessageOffset);
     const auto rows = test::ScheduleRows();
     ASSERT_EQ(3u, rows.size());
     for (std::size_t i = 0; i < 3; ++i) {
@@ -438,8 +444,9 @@ TEST_F(HostileInputTest, RatesAboveHundredAsAFixedScheduleAreStoredAndUsedAsThey
                                             std::to_string(rates[i]), "0"}),
                   rows[i]);
     }
-    EXPECT_EQ(TargetAnswer(6, 255, 10.0, slot0_), Ask(6, test::Capacity(10.0)));
-    EXPECT_EQ(TargetAnswer(7, 101, 10.0, slot0_ + kSlotSeconds), Ask(7, test::Capacity(10.0)));
+    EXPECT_EQ(TargetAnswer(6, 255, 10.0, slot0_), Ask(CommandWire::kCurrentTargetPower, test::Capacity(10.0)));
+    EXPECT_EQ(TargetAnswer(7, 101, 10.0, slot0_ + kSlotSeconds),
+              Ask(CommandWire::kNextTargetPower, test::Capacity(10.0)));
     EXPECT_TRUE(StopsCleanly(daemon_));
 }
 

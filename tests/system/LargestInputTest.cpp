@@ -2,6 +2,7 @@
 // accepts: two years of day records from the schedule server, and a
 // fixed-schedule file as large as a client may hand in. Each is taken
 // whole, within the daemon's memory bound, while target power answers.
+#include "server/CommandWire.h"
 #include "support/ChildProcess.h"
 #include "support/CommandClient.h"
 #include "support/DaemonClient.h"
@@ -134,9 +135,9 @@ TEST_F(LargestInputTest, FixedScheduleFileAtTheSizeCapIsStoredWithinTheMemoryBou
     hex.resize(kFixedFileCap, '0');
     test::WriteFile("/tmp/fixed.hex", hex);
     const std::string answer = test::Ask(test::kUpdateFixedScheduleRequest,
-                                         Field("/tmp/fixed.hex", 256) + std::string(1, '\1'), Scaled(60000));
+                                         CommandWire::EncodeFixedScheduleBlock("/tmp/fixed.hex", 1), Scaled(60000));
     ASSERT_EQ(171u, answer.size());
-    EXPECT_EQ(0, WordAt(answer, 35)) << answer.substr(43);
+    EXPECT_EQ(0, WordAt(answer, CommandWire::kFixedReasonOffset)) << answer.substr(CommandWire::kFixedMessageOffset);
     // Slots up to half an hour ago are not taken from a fixed schedule.
     const auto rows = test::ScheduleRows();
     EXPECT_GT(rows.size(), static_cast<std::size_t>(kDays - 2) * 48);

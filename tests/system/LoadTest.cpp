@@ -1,6 +1,7 @@
 // The real pvocd under many clients at once on its command socket: every
 // client gets exactly the answer a lone request gets, and once the load is
 // over the daemon is back to the descriptors, threads and memory it had.
+#include "server/CommandWire.h"
 #include "support/ChildProcess.h"
 #include "support/CommandClient.h"
 #include "support/ProcessStatus.h"
@@ -90,7 +91,7 @@ protected:
     // The answer a lone request of `type` (6, 7 or 8) with `capacity` gets
     // when it is served at epoch second `now`.
     std::string Expected(std::int32_t type, double capacity, std::int64_t now) const {
-        if (type == 8) return test::Word(144) + test::Word(8) + std::string(136, '\0');
+        if (type == 8) return test::FlushAnswer();
         std::int64_t slot = now / kSlotSeconds * kSlotSeconds;
         if (type == 7) slot += kSlotSeconds;
         const int rate = RateOf(static_cast<int>((slot - slot0_) / kSlotSeconds));

@@ -2,6 +2,7 @@
 // up: the daemon goes on serving, notes each period of failed log writes
 // once in the fall-back file under /tmp, and writes its log again as soon
 // as there is room.
+#include "server/CommandWire.h"
 #include "support/ChildProcess.h"
 #include "support/DaemonClient.h"
 #include "support/Mounts.h"
@@ -44,10 +45,11 @@ protected:
     // Asks for a fixed schedule from a file that does not exist: the
     // daemon logs the path and answers "file not found.".
     static void AskWithMarker(const std::string& path) {
-        const std::string answer = Ask(test::kUpdateFixedScheduleRequest, Field(path, 256) + std::string(1, '\0'));
+        const std::string answer =
+            Ask(test::kUpdateFixedScheduleRequest, CommandWire::EncodeFixedScheduleBlock(path, 0));
         ASSERT_EQ(171u, answer.size());
-        EXPECT_EQ(9, WordAt(answer, 35));
-        EXPECT_EQ(Field("file not found.", 128), answer.substr(43));
+        EXPECT_EQ(9, WordAt(answer, CommandWire::kFixedReasonOffset));
+        EXPECT_EQ(Field("file not found.", CommandWire::kMessageSize), answer.substr(CommandWire::kFixedMessageOffset));
     }
 
     static bool LogShows(const std::string& text) {

@@ -2,6 +2,7 @@
 // the command and never answers. The daemon gives up within the socket
 // time-out, leaves every row unsent, keeps answering its own clients, and
 // forwards the rows once the logger daemon is back.
+#include "server/CommandWire.h"
 #include "support/ChildProcess.h"
 #include "support/DaemonClient.h"
 #include "support/HttpTestServer.h"
@@ -122,7 +123,7 @@ TEST_P(LoggerDaemonFaultTest, RowsStayUnsentAndClientsAreServed) {
         EXPECT_EQ(std::string("\x08\x00\x00\x00\x01\x00\x00\x00", 8), silent->Received()[0]);
         // While the forwarding waits for the reply, the command socket
         // answers at once.
-        EXPECT_EQ(Word(144) + Word(8), Ask(test::kFlushLogRequest).substr(0, 8));
+        EXPECT_EQ(test::FlushAnswer(), Ask(test::kFlushLogRequest));
         EXPECT_FALSE(CloudSendFailed());
         ASSERT_TRUE(test::WaitFor(CloudSendFailed, boundMs)) << test::ReadFile(test::LogFilePath());
         // It gave up because the receive time-out ran out, not sooner.
@@ -139,7 +140,7 @@ TEST_P(LoggerDaemonFaultTest, RowsStayUnsentAndClientsAreServed) {
     // The target power comes from the stored, unsent rows.
     const std::string power = Ask(test::kCurrentTargetPowerRequest, Capacity(10.0), boundMs);
     ASSERT_EQ(test::kTargetPowerAnswerSize, power.size());
-    EXPECT_EQ(0, WordAt(power, 31));
+    EXPECT_EQ(0, WordAt(power, CommandWire::kTargetCodeOffset));
     EXPECT_DOUBLE_EQ(10.0 * kRate / 100.0, PowerOf(power));
 
     // An update request is answered before its rows are forwarded, so a
@@ -147,7 +148,7 @@ TEST_P(LoggerDaemonFaultTest, RowsStayUnsentAndClientsAreServed) {
     std::unique_ptr<HttpTestServer> again = Server();
     test::WriteSystemSetting(kPlant, again->Url("/schedule"), false);
     const Poco::Timestamp asked;
-    EXPECT_EQ(Word(144) + Word(2) + Word(0) + Word(0) + std::string(128, '\0'), Ask(test::kUpdateScheduleRequest));
+    EXPECT_EQ(test::UpdateAnswer(CommandWire::kUpdateSchedule), Ask(test::kUpdateScheduleRequest));
     if (fault == LoggerFault::kSilent) {
         EXPECT_LT(asked.elapsed(), kTimeoutSeconds * 1000000LL * test::TimeScale());
         EXPECT_TRUE(test::WaitFor([&] { return silent->Received().size() == 2; }, boundMs));
@@ -168,7 +169,7 @@ TEST_P(LoggerDaemonFaultTest, RowsStayUnsentAndClientsAreServed) {
     test::UnixPeer logger(test::kLoggerSocket, test::UnixPeer::kReply, std::string(12, '\0'), 8);
     std::unique_ptr<HttpTestServer> last = Server();
     test::WriteSystemSetting(kPlant, last->Url("/schedule"), false);
-    EXPECT_EQ(Word(144) + Word(2) + Word(0) + Word(0) + std::string(128, '\0'), Ask(test::kUpdateScheduleRequest));
+    EXPECT_EQ(test::UpdateAnswer(CommandWire::kUpdateSchedule), Ask(test::kUpdateScheduleRequest));
     EXPECT_TRUE(test::WaitFor([] { return Unsent() == "0"; }, boundMs));
     EXPECT_EQ(1, logger.Connections());
     EXPECT_TRUE(daemon_.Running());

@@ -7,6 +7,7 @@
 // network peer: whatever the peers do, the daemon logs "Kill complete."
 // and exits with code 0 within half a second, and leaves no schedule
 // half-written.
+#include "server/CommandWire.h"
 #include "support/ChildProcess.h"
 #include "support/DaemonClient.h"
 #include "support/HttpTestServer.h"
@@ -317,7 +318,7 @@ TEST_F(PromptStopTest, StopsPromptlyOnSigusr1WhileAPlantCheckWaitsOnAStalledServ
     info_ = test::UpdateInfoRows();
     stalled_ = StallingServer();
     client_ = test::SendRequest(test::kCheckPlantIdRequest,
-                                test::Field("777", 27) + test::Field(stalled_->Url("/check"), 256));
+                                CommandWire::EncodeCheckPlantIdBlock("777", stalled_->Url("/check")));
     ASSERT_GE(client_, 0);
     WaitUntilStalled();
     if (HasFatalFailure()) return;

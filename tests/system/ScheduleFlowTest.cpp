@@ -1,6 +1,7 @@
 // The real pvocd in the sandbox against a simulated schedule server (HTTP on
 // 127.0.0.1) and a simulated logger daemon (UNIX socket), driven only
 // through its command socket, its files and its signals.
+#include "server/CommandWire.h"
 #include "support/ChildProcess.h"
 #include "support/DaemonClient.h"
 #include "support/HttpTestServer.h"
@@ -115,39 +116,43 @@ TEST_F(ScheduleFlowTest, EveryRequestTypeIsAnswered) {
     ASSERT_TRUE(test::WaitFor([&] { return logger.Received().size() == 1; }, 15000));
 
     // FlushLog.
-    EXPECT_EQ(Word(144) + Word(8) + std::string(136, '\0'), Ask(8));
+    EXPECT_EQ(test::FlushAnswer(), Ask(CommandWire::kFlushLog));
     // Unknown types: closed without an answer.
     EXPECT_EQ("", Ask(1));
     EXPECT_EQ("", Ask(9));
     // Target powers: no slot now (the schedule starts tomorrow), the next
     // one is tomorrow's first at 60 %.
-    const std::string current = Ask(6, Capacity(10.0));
+    const std::string current = Ask(CommandWire::kCurrentTargetPower, Capacity(10.0));
     ASSERT_EQ(167u, current.size());
-    EXPECT_EQ(5, WordAt(current, 31));
-    EXPECT_EQ(Field("can not get.", 128), current.substr(39));
-    const std::string next = Ask(7, Capacity(10.0));
+    EXPECT_EQ(5, WordAt(current, CommandWire::kTargetCodeOffset));
+    EXPECT_EQ(Field("can not get.", CommandWire::kMessageSize), current.substr(CommandWire::kTargetMessageOffset));
+    const std::string next = Ask(CommandWire::kNextTargetPower, Capacity(10.0));
     ASSERT_EQ(167u, next.size());
-    EXPECT_EQ(0, WordAt(next, 31));
+    EXPECT_EQ(0, WordAt(next, CommandWire::kTargetCodeOffset));
     EXPECT_DOUBLE_EQ(6.0, PowerOf(next));
-    EXPECT_EQ(Field(TimeStamp::FromEpochSeconds(tomorrow_)->FormatCompact(), 15), next.substr(16, 15));
+    EXPECT_EQ(Field(TimeStamp::FromEpochSeconds(tomorrow_)->FormatCompact(), CommandWire::kTargetTimeSize),
+              next.substr(CommandWire::kTargetTimeOffset, CommandWire::kTargetTimeSize));
     // UpdateSchedule: both fetches again, success.
-    const std::string updated = Ask(2);
-    EXPECT_EQ(Word(144) + Word(2) + Word(0) + Word(0) + std::string(128, '\0'), updated);
+    const std::string updated = Ask(CommandWire::kUpdateSchedule);
+    EXPECT_EQ(test::UpdateAnswer(CommandWire::kUpdateSchedule), updated);
     // ChangeSettingNotify with the same plant: nothing to do.
-    EXPECT_EQ(Word(144) + Word(5) + Word(0) + Word(0) + std::string(128, '\0'), Ask(5));
+    EXPECT_EQ(test::UpdateAnswer(CommandWire::kChangeSettingNotify), Ask(CommandWire::kChangeSettingNotify));
     // CheckPlantId: the server's answer has a non-zero byte 32.
-    const std::string check = Ask(3, Field("P", 27) + Field(server.Url("/check"), 256));
+    const std::string check =
+        Ask(CommandWire::kCheckPlantId, CommandWire::EncodeCheckPlantIdBlock("P", server.Url("/check")));
     ASSERT_EQ(144u, check.size());
-    EXPECT_EQ(6, WordAt(check, 8));
-    EXPECT_EQ(200, WordAt(check, 12));
-    EXPECT_EQ(Field("Plant ID is not registered", 128), check.substr(16));
+    EXPECT_EQ(6, WordAt(check, CommandWire::kUpdateReasonOffset));
+    EXPECT_EQ(200, WordAt(check, CommandWire::kUpdateStatusOffset));
+    EXPECT_EQ(Field("Plant ID is not registered", CommandWire::kMessageSize),
+              check.substr(CommandWire::kUpdateMessageOffset));
     // UpdateFixedSchedule with a missing file.
-    const std::string missing = Ask(4, Field("/tmp/none.hex", 256) + std::string(1, '\0'));
+    const std::string missing =
+        Ask(CommandWire::kUpdateFixedSchedule, CommandWire::EncodeFixedScheduleBlock("/tmp/none.hex", 0));
     ASSERT_EQ(171u, missing.size());
-    EXPECT_EQ(9, WordAt(missing, 35));
-    EXPECT_EQ(Field("file not found.", 128), missing.substr(43));
+    EXPECT_EQ(9, WordAt(missing, CommandWire::kFixedReasonOffset));
+    EXPECT_EQ(Field("file not found.", CommandWire::kMessageSize), missing.substr(CommandWire::kFixedMessageOffset));
     // The daemon still serves.
-    EXPECT_EQ(144u, Ask(8).size());
+    EXPECT_EQ(144u, Ask(CommandWire::kFlushLog).size());
 }
 
 TEST_F(ScheduleFlowTest, ChangedPlantIdWipesBothTables) {
@@ -159,12 +164,12 @@ TEST_F(ScheduleFlowTest, ChangedPlantIdWipesBothTables) {
     StartDaemon();
     ASSERT_TRUE(test::WaitFor([&] { return Count() == "96"; }, 15000));
     WriteSystemSetting("00000000000000000000000888", server.Url("/schedule"), false);
-    const std::string answer = Ask(5);
+    const std::string answer = Ask(CommandWire::kChangeSettingNotify);
     ASSERT_EQ(144u, answer.size());
     // The new plant's fetch meets the failing server: reason 1, status 500.
-    EXPECT_EQ(1, WordAt(answer, 8));
-    EXPECT_EQ(500, WordAt(answer, 12));
-    EXPECT_EQ(Field("Data is not found.", 128), answer.substr(16));
+    EXPECT_EQ(1, WordAt(answer, CommandWire::kUpdateReasonOffset));
+    EXPECT_EQ(500, WordAt(answer, CommandWire::kUpdateStatusOffset));
+    EXPECT_EQ(Field("Data is not found.", CommandWire::kMessageSize), answer.substr(CommandWire::kUpdateMessageOffset));
     EXPECT_EQ("0", Count());
     EXPECT_EQ("00000000000000000000000888",
               test::QueryValue(kInfoFile, "SELECT plantId FROM output_control_schedule_update_info"));
@@ -198,10 +203,12 @@ TEST_F(ScheduleFlowTest, FixedScheduleByFileWithAndWithoutForce) {
     test::ScheduleRecord first = fixed_;
     first.plantId = "111";
     test::WriteFile("/tmp/first.hex", test::BuildSchedulePayload({first}, test::kFixedSchedule).hex);
-    const std::string stored = Ask(4, Field("/tmp/first.hex", 256) + std::string(1, '\0'));
+    const std::string stored =
+        Ask(CommandWire::kUpdateFixedSchedule, CommandWire::EncodeFixedScheduleBlock("/tmp/first.hex", 0));
     ASSERT_EQ(171u, stored.size());
-    EXPECT_EQ(0, WordAt(stored, 35));
-    EXPECT_EQ(Field("00000000000000000000000111", 27), stored.substr(8, 27));
+    EXPECT_EQ(0, WordAt(stored, CommandWire::kFixedReasonOffset));
+    EXPECT_EQ(Field("00000000000000000000000111", CommandWire::kFixedPlantIdSize),
+              stored.substr(CommandWire::kFixedPlantIdOffset, CommandWire::kFixedPlantIdSize));
     EXPECT_EQ("48", Count());
 
     test::ScheduleRecord other = fixed_;
@@ -209,14 +216,18 @@ TEST_F(ScheduleFlowTest, FixedScheduleByFileWithAndWithoutForce) {
     other.rates = std::vector<int>(48, 20);
     other.start = ServerTime(tomorrow_ + 2 * 86400, "%Y%m%d%H%M");
     test::WriteFile("/tmp/other.hex", test::BuildSchedulePayload({other}, test::kFixedSchedule).hex);
-    const std::string refused = Ask(4, Field("/tmp/other.hex", 256) + std::string(1, '\0'));
-    EXPECT_EQ(7, WordAt(refused, 35));
-    EXPECT_EQ(Field("[00000000000000000000000111] : [00000000000000000000000222]", 128), refused.substr(43));
+    const std::string refused =
+        Ask(CommandWire::kUpdateFixedSchedule, CommandWire::EncodeFixedScheduleBlock("/tmp/other.hex", 0));
+    EXPECT_EQ(7, WordAt(refused, CommandWire::kFixedReasonOffset));
+    EXPECT_EQ(Field("[00000000000000000000000111] : [00000000000000000000000222]", CommandWire::kMessageSize),
+              refused.substr(CommandWire::kFixedMessageOffset));
     EXPECT_EQ("48", Count());
 
-    const std::string forced = Ask(4, Field("/tmp/other.hex", 256) + std::string(1, '\1'));
-    EXPECT_EQ(0, WordAt(forced, 35));
-    EXPECT_EQ(Field("00000000000000000000000222", 27), forced.substr(8, 27));
+    const std::string forced =
+        Ask(CommandWire::kUpdateFixedSchedule, CommandWire::EncodeFixedScheduleBlock("/tmp/other.hex", 1));
+    EXPECT_EQ(0, WordAt(forced, CommandWire::kFixedReasonOffset));
+    EXPECT_EQ(Field("00000000000000000000000222", CommandWire::kFixedPlantIdSize),
+              forced.substr(CommandWire::kFixedPlantIdOffset, CommandWire::kFixedPlantIdSize));
     EXPECT_EQ("48", Count());
     EXPECT_EQ("48", Count(" WHERE controlRate = 20"));
 }
@@ -242,24 +253,27 @@ TEST_F(ScheduleFlowTest, TargetPowerIsComputedWithTheClockPast2038) {
     fixed.rates[1] = 40; // 00:30
     fixed.rates[2] = 70; // 01:00
     test::WriteFile("/tmp/2040.hex", test::BuildSchedulePayload({fixed}, test::kFixedSchedule).hex);
-    const std::string stored = Ask(4, Field("/tmp/2040.hex", 256) + std::string(1, '\0'));
+    const std::string stored =
+        Ask(CommandWire::kUpdateFixedSchedule, CommandWire::EncodeFixedScheduleBlock("/tmp/2040.hex", 0));
     ASSERT_EQ(171u, stored.size());
-    ASSERT_EQ(0, WordAt(stored, 35)) << stored.substr(43);
+    ASSERT_EQ(0, WordAt(stored, CommandWire::kFixedReasonOffset)) << stored.substr(CommandWire::kFixedMessageOffset);
     // Only slots later than the clock minus 30 minutes are kept: not 00:00.
     EXPECT_EQ("47", Count());
     EXPECT_EQ("40", test::QueryValue(kDbFile, "SELECT controlRate FROM output_control_schedule WHERE time = " +
                                                   std::to_string(day + 1800)));
 
-    const std::string current = Ask(6, Capacity(10.0));
+    const std::string current = Ask(CommandWire::kCurrentTargetPower, Capacity(10.0));
     ASSERT_EQ(167u, current.size());
-    EXPECT_EQ(0, WordAt(current, 31)) << current.substr(39);
+    EXPECT_EQ(0, WordAt(current, CommandWire::kTargetCodeOffset)) << current.substr(CommandWire::kTargetMessageOffset);
     EXPECT_DOUBLE_EQ(4.0, PowerOf(current));
-    EXPECT_EQ(Field("20400301003000", 15), current.substr(16, 15));
-    const std::string next = Ask(7, Capacity(10.0));
+    EXPECT_EQ(Field("20400301003000", CommandWire::kTargetTimeSize),
+              current.substr(CommandWire::kTargetTimeOffset, CommandWire::kTargetTimeSize));
+    const std::string next = Ask(CommandWire::kNextTargetPower, Capacity(10.0));
     ASSERT_EQ(167u, next.size());
-    EXPECT_EQ(0, WordAt(next, 31)) << next.substr(39);
+    EXPECT_EQ(0, WordAt(next, CommandWire::kTargetCodeOffset)) << next.substr(CommandWire::kTargetMessageOffset);
     EXPECT_DOUBLE_EQ(7.0, PowerOf(next));
-    EXPECT_EQ(Field("20400301010000", 15), next.substr(16, 15));
+    EXPECT_EQ(Field("20400301010000", CommandWire::kTargetTimeSize),
+              next.substr(CommandWire::kTargetTimeOffset, CommandWire::kTargetTimeSize));
     EXPECT_NE(std::string::npos, test::ReadFile(test::LogFilePath()).find("[2040-03-01 00:4"));
 }
 
@@ -267,23 +281,25 @@ TEST_F(ScheduleFlowTest, ServerFailuresGiveTheirReasons) {
     WriteSystemSetting("", "", false);
     StartDaemon();
     HttpTestServer notFound(HttpTestServer::Answer(404, "text/plain", "no"));
-    std::string answer = Ask(3, Field("P", 27) + Field(notFound.Url("/c"), 256));
-    EXPECT_EQ(1, WordAt(answer, 8));
-    EXPECT_EQ(404, WordAt(answer, 12));
-    EXPECT_EQ(Field("Data is not found.", 128), answer.substr(16));
-    answer = Ask(3, Field("P", 27) + Field("http://127.0.0.1:" + std::to_string(test::ClosedPort()) + "/c", 256));
-    EXPECT_EQ(1, WordAt(answer, 8));
-    EXPECT_EQ(0, WordAt(answer, 12));
-    EXPECT_EQ(0u, answer.substr(16).find("schedule server access failed. EXCEPTION["));
+    std::string answer = Ask(CommandWire::kCheckPlantId, CommandWire::EncodeCheckPlantIdBlock("P", notFound.Url("/c")));
+    EXPECT_EQ(1, WordAt(answer, CommandWire::kUpdateReasonOffset));
+    EXPECT_EQ(404, WordAt(answer, CommandWire::kUpdateStatusOffset));
+    EXPECT_EQ(Field("Data is not found.", CommandWire::kMessageSize), answer.substr(CommandWire::kUpdateMessageOffset));
+    answer =
+        Ask(CommandWire::kCheckPlantId,
+            CommandWire::EncodeCheckPlantIdBlock("P", "http://127.0.0.1:" + std::to_string(test::ClosedPort()) + "/c"));
+    EXPECT_EQ(1, WordAt(answer, CommandWire::kUpdateReasonOffset));
+    EXPECT_EQ(0, WordAt(answer, CommandWire::kUpdateStatusOffset));
+    EXPECT_EQ(0u, answer.substr(CommandWire::kUpdateMessageOffset).find("schedule server access failed. EXCEPTION["));
     HttpTestServer text(HttpTestServer::Answer(200, test::MultipartContentType("b"), test::TextPartBody("b", "701")));
-    answer = Ask(3, Field("P", 27) + Field(text.Url("/c"), 256));
-    EXPECT_EQ(2, WordAt(answer, 8));
-    EXPECT_EQ(200, WordAt(answer, 12));
-    EXPECT_EQ(Field("701", 128), answer.substr(16));
+    answer = Ask(CommandWire::kCheckPlantId, CommandWire::EncodeCheckPlantIdBlock("P", text.Url("/c")));
+    EXPECT_EQ(2, WordAt(answer, CommandWire::kUpdateReasonOffset));
+    EXPECT_EQ(200, WordAt(answer, CommandWire::kUpdateStatusOffset));
+    EXPECT_EQ(Field("701", CommandWire::kMessageSize), answer.substr(CommandWire::kUpdateMessageOffset));
     HttpTestServer registered(
         HttpTestServer::Answer(200, test::MultipartContentType("b"), test::BinaryPartBody("b", std::string(40, '\0'))));
-    EXPECT_EQ(Word(144) + Word(3) + Word(0) + Word(0) + std::string(128, '\0'),
-              Ask(3, Field("P", 27) + Field(registered.Url("/c"), 256)));
+    EXPECT_EQ(test::UpdateAnswer(CommandWire::kCheckPlantId),
+              Ask(CommandWire::kCheckPlantId, CommandWire::EncodeCheckPlantIdBlock("P", registered.Url("/c"))));
 }
 
 TEST_F(ScheduleFlowTest, ClientThatHangsUpDoesNotStopTheDaemon) {
@@ -300,7 +316,7 @@ TEST_F(ScheduleFlowTest, ClientThatHangsUpDoesNotStopTheDaemon) {
         ASSERT_EQ(8, write(fd, request.data(), request.size()));
         close(fd);
     }
-    EXPECT_EQ(144u, Ask(8).size());
+    EXPECT_EQ(144u, Ask(CommandWire::kFlushLog).size());
     EXPECT_TRUE(daemon_.Running());
 }
 

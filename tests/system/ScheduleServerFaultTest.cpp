@@ -4,6 +4,7 @@
 // command socket gets the failure the flow defines, the stored schedule
 // stays exactly as it was, the failure is logged, and the next request is
 // served as if nothing had happened.
+#include "server/CommandWire.h"
 #include "support/DaemonClient.h"
 #include "support/HttpTestServer.h"
 #include "support/SchedulePayload.h"
@@ -84,13 +85,14 @@ TEST_P(ServerFaultTest, ClientGetsTheFailureAndNothingIsStored) {
 
     const std::string reply = Ask(test::kUpdateScheduleRequest);
     ASSERT_EQ(test::kUpdateAnswerSize, reply.size());
-    EXPECT_EQ(2, WordAt(reply, 4));
-    EXPECT_EQ(fault.reason, WordAt(reply, 8));
-    EXPECT_EQ(fault.status, WordAt(reply, 12));
+    EXPECT_EQ(2, WordAt(reply, CommandWire::kAnswerTypeOffset));
+    EXPECT_EQ(fault.reason, WordAt(reply, CommandWire::kUpdateReasonOffset));
+    EXPECT_EQ(fault.status, WordAt(reply, CommandWire::kUpdateStatusOffset));
     if (fault.messageIsPrefix) {
-        EXPECT_EQ(0u, reply.substr(16).find(fault.message)) << reply.substr(16);
+        EXPECT_EQ(0u, reply.substr(CommandWire::kUpdateMessageOffset).find(fault.message))
+            << reply.substr(CommandWire::kUpdateMessageOffset);
     } else {
-        EXPECT_EQ(Field(fault.message, 128), reply.substr(16));
+        EXPECT_EQ(Field(fault.message, CommandWire::kMessageSize), reply.substr(CommandWire::kUpdateMessageOffset));
     }
     if (server) {
         EXPECT_EQ(1u, server->Requests().size());
@@ -179,9 +181,10 @@ TEST_F(ScheduleServerFaultTest, StalledServerBlocksOnlyItsOwnClient) {
 
     const std::string reply = update.get();
     ASSERT_EQ(test::kUpdateAnswerSize, reply.size());
-    EXPECT_EQ(1, WordAt(reply, 8));
-    EXPECT_EQ(0, WordAt(reply, 12));
-    EXPECT_EQ(0u, reply.substr(16).find(kAccessFailed)) << reply.substr(16);
+    EXPECT_EQ(1, WordAt(reply, CommandWire::kUpdateReasonOffset));
+    EXPECT_EQ(0, WordAt(reply, CommandWire::kUpdateStatusOffset));
+    EXPECT_EQ(0u, reply.substr(CommandWire::kUpdateMessageOffset).find(kAccessFailed))
+        << reply.substr(CommandWire::kUpdateMessageOffset);
     EXPECT_TRUE(LogHasWarning(kAccessLogged));
     ExpectNothingStored();
     ExpectCurrentTargetPower();
@@ -207,7 +210,7 @@ TEST_F(ScheduleServerFaultTest, SlowServerIsWaitedForWithoutBlockingOthers) {
     ExpectCurrentTargetPower();
     EXPECT_EQ(std::future_status::timeout, update.wait_for(std::chrono::milliseconds(0)));
 
-    EXPECT_EQ(Word(144) + Word(2) + Word(0) + Word(0) + std::string(128, '\0'), update.get());
+    EXPECT_EQ(test::UpdateAnswer(CommandWire::kUpdateSchedule), update.get());
     EXPECT_EQ(std::to_string(kSlots),
               test::QueryValue(test::kScheduleDbFile, "SELECT COUNT(*) FROM output_control_schedule "
                                                       "WHERE controlRate = 25"));

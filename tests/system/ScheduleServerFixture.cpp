@@ -1,5 +1,6 @@
 #include "system/ScheduleServerFixture.h"
 
+#include "server/CommandWire.h"
 #include "support/DaemonClient.h"
 #include "support/SqliteFile.h"
 #include "support/TestFiles.h"
@@ -65,7 +66,7 @@ void ScheduleServerFixture::ExpectNothingStored() {
 void ScheduleServerFixture::ExpectCurrentTargetPower() {
     const std::string answer = Ask(kCurrentTargetPowerRequest, Capacity(10.0));
     ASSERT_EQ(kTargetPowerAnswerSize, answer.size());
-    EXPECT_EQ(0, WordAt(answer, 31)) << answer.substr(39);
+    EXPECT_EQ(0, WordAt(answer, CommandWire::kTargetCodeOffset)) << answer.substr(CommandWire::kTargetMessageOffset);
     EXPECT_DOUBLE_EQ(10.0 * kStoredRate / 100.0, PowerOf(answer));
 }
 
@@ -73,7 +74,7 @@ void ScheduleServerFixture::ExpectUpdateWorksAgain() {
     HttpTestServer server({ScheduleServerAnswer(CoveringRecord(), kUpdateSchedule),
                            ScheduleServerAnswer(LaterFixedRecord(), kFixedSchedule)});
     WriteSystemSetting(kServerTestPlant, server.Url("/schedule"), false);
-    EXPECT_EQ(Word(144) + Word(2) + Word(0) + Word(0) + std::string(128, '\0'), Ask(kUpdateScheduleRequest));
+    EXPECT_EQ(test::UpdateAnswer(CommandWire::kUpdateSchedule), Ask(kUpdateScheduleRequest));
     EXPECT_EQ(2u, server.Requests().size());
 }
 

@@ -10,6 +10,7 @@
 // or what the flow meant it to become.
 //
 // The measured times of the bounds are printed ("[ bound    ]" lines).
+#include "server/CommandWire.h"
 #include "support/ChildProcess.h"
 #include "support/DaemonClient.h"
 #include "support/HttpTestServer.h"
@@ -60,7 +61,7 @@ const std::string kTmpDbFile = "/tmp/kestrovanyx/Database/OutputControl/output_c
 const int kRate = 60;
 const std::size_t kSlots = 3 * 48;
 const std::string kStored = std::to_string(kSlots + 48);
-const std::string kSuccess = Word(144) + Word(2) + Word(0) + Word(0) + std::string(128, '\0');
+const std::string kSuccess = test::UpdateAnswer(CommandWire::kUpdateSchedule);
 // The rate of a schedule stored before the daemon starts.
 const int kOldRate = 33;
 // A year of half-hour slots: a table file of some fifty pages.
@@ -328,7 +329,8 @@ protected:
         const std::string answer = AskWithin("target power (" + std::to_string(rate) + " %)",
                                              test::kCurrentTargetPowerRequest, Capacity(10.0));
         ASSERT_EQ(test::kTargetPowerAnswerSize, answer.size());
-        EXPECT_EQ(0, WordAt(answer, 31)) << answer.substr(39);
+        EXPECT_EQ(0, WordAt(answer, CommandWire::kTargetCodeOffset))
+            << answer.substr(CommandWire::kTargetMessageOffset);
         EXPECT_DOUBLE_EQ(10.0 * rate / 100.0, PowerOf(answer));
     }
 
@@ -337,8 +339,8 @@ protected:
         const std::string answer =
             AskWithin("target power (can not get)", test::kCurrentTargetPowerRequest, Capacity(10.0));
         ASSERT_EQ(test::kTargetPowerAnswerSize, answer.size());
-        EXPECT_EQ(5, WordAt(answer, 31));
-        EXPECT_EQ(Field("can not get.", 128), answer.substr(39));
+        EXPECT_EQ(5, WordAt(answer, CommandWire::kTargetCodeOffset));
+        EXPECT_EQ(Field("can not get.", CommandWire::kMessageSize), answer.substr(CommandWire::kTargetMessageOffset));
     }
 
     // An update request fails on the database, and that is answered at
@@ -346,9 +348,10 @@ protected:
     static void ExpectDatabaseUpdateError() {
         const std::string answer = AskWithin("update (Database update error)", test::kUpdateScheduleRequest);
         ASSERT_EQ(test::kUpdateAnswerSize, answer.size());
-        EXPECT_EQ(5, WordAt(answer, 8));
-        EXPECT_EQ(200, WordAt(answer, 12));
-        EXPECT_EQ(Field("Database update error.", 128), answer.substr(16));
+        EXPECT_EQ(5, WordAt(answer, CommandWire::kUpdateReasonOffset));
+        EXPECT_EQ(200, WordAt(answer, CommandWire::kUpdateStatusOffset));
+        EXPECT_EQ(Field("Database update error.", CommandWire::kMessageSize),
+                  answer.substr(CommandWire::kUpdateMessageOffset));
     }
 
     // An update request stores, answered at once.

@@ -2,6 +2,7 @@
 // current target power: every answer is the rate of one stored schedule,
 // the one before a store or the one after it, and never "no schedule" from
 // a table caught between its delete and its insert.
+#include "server/CommandWire.h"
 #include "support/DaemonClient.h"
 #include "support/HttpTestServer.h"
 #include "support/TestFiles.h"
@@ -32,7 +33,7 @@ const int kStores = 20;
 const int kRates[] = {10, 20};
 
 // The answer of an update request that fetched and stored.
-const std::string kSuccess = test::Word(144) + test::Word(2) + test::Word(0) + test::Word(0) + std::string(128, '\0');
+const std::string kSuccess = test::UpdateAnswer(CommandWire::kUpdateSchedule);
 
 class StoreRaceTest : public test::ScheduleServerFixture {};
 
@@ -67,9 +68,11 @@ TEST_F(StoreRaceTest, RequestsDuringStoresGetTheOldScheduleOrTheNew) {
     while (answered < kRequests || (stored < kStores && !failed)) {
         const std::string answer = Ask(test::kCurrentTargetPowerRequest, Capacity(100.0));
         ++answered;
-        if (answer.size() != test::kTargetPowerAnswerSize || WordAt(answer, 31) != 0) {
+        if (answer.size() != test::kTargetPowerAnswerSize || WordAt(answer, CommandWire::kTargetCodeOffset) != 0) {
             ADD_FAILURE() << "request " << answered << ": " << answer.size() << " bytes"
-                          << (answer.size() == test::kTargetPowerAnswerSize ? ", " + answer.substr(39) : "");
+                          << (answer.size() == test::kTargetPowerAnswerSize
+                                  ? ", " + answer.substr(CommandWire::kTargetMessageOffset)
+                                  : "");
             break;
         }
         ++seen[static_cast<int>(PowerOf(answer))];
