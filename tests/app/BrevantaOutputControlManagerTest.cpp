@@ -3,6 +3,7 @@
 #include "server/OutputcontrolServer.h"
 #include "settings/LoggerSettingManager.h"
 #include "support/ChildProcess.h"
+#include "support/CommandClient.h"
 #include "support/SingletonTest.h"
 #include "support/TestFiles.h"
 #include "util/LoggerLog.h"
@@ -123,11 +124,8 @@ TEST_F(BrevantaOutputControlManagerTest, StartOpensTheCommandSocket) {
 // Whether a client can connect to the command socket at `path`.
 bool CanConnect(const std::string& path) {
     const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address;
-    std::memset(&address, 0, sizeof address);
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-    const bool connected = connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    const sockaddr_un address = test::UnixAddress(path);
+    const bool connected = connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
     close(fd);
     return connected;
 }

@@ -20,19 +20,11 @@ const std::string kDefaultFile = test::FixedPath("/mnt/system/check/brvo");
 
 class WatchdogTest : public test::SingletonTest {
 protected:
-    void SetUp() override { UseSettings(""); }
+    void SetUp() override { UseLoggerSettings(""); }
 
     void TearDown() override {
         watchdog_.reset();
         SingletonTest::TearDown();
-    }
-
-    void UseSettings(const std::string& innerXml) {
-        LoggerLog::DeleteInstance();
-        LoggerSettingManager::DeleteInstance();
-        test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>" + innerXml);
-        LoggerSettingManager::CreateInstance();
-        LoggerLog::CreateInstance();
     }
 
     static std::vector<std::string> LogLines() { return test::FlushedLogLines(); }
@@ -54,7 +46,7 @@ TEST_F(WatchdogTest, DefaultFileIsTouchedSoonAfterStartThenEveryThirtySeconds) {
 }
 
 TEST_F(WatchdogTest, FileIsTouchedAgainAtEveryTick) {
-    UseSettings("<WatchdogFileUpdateInterval>1</WatchdogFileUpdateInterval>");
+    UseLoggerSettings("<WatchdogFileUpdateInterval>1</WatchdogFileUpdateInterval>");
     watchdog_->Start();
     ASSERT_TRUE(test::WaitFor([] { return test::FileExists(kDefaultFile); }, 5000));
     test::RemoveAll(kDefaultFile);
@@ -74,7 +66,7 @@ TEST_F(WatchdogTest, SecondStartKeepsTheOneTimer) {
 }
 
 TEST_F(WatchdogTest, StopLeavesTheFileBeingTouched) {
-    UseSettings("<WatchdogFileUpdateInterval>1</WatchdogFileUpdateInterval>");
+    UseLoggerSettings("<WatchdogFileUpdateInterval>1</WatchdogFileUpdateInterval>");
     watchdog_->Start();
     ASSERT_TRUE(test::WaitFor([] { return test::FileExists(kDefaultFile); }, 5000));
     watchdog_->Stop();
@@ -88,8 +80,8 @@ TEST_F(WatchdogTest, StopLeavesTheFileBeingTouched) {
 }
 
 TEST_F(WatchdogTest, PathWithABlankIsPassedWhole) {
-    UseSettings("<PVOutputControlWatchdogFile>" + test::FixedPath("/mnt/system/my check/alive file") +
-                "</PVOutputControlWatchdogFile>");
+    UseLoggerSettings("<PVOutputControlWatchdogFile>" + test::FixedPath("/mnt/system/my check/alive file") +
+                      "</PVOutputControlWatchdogFile>");
     watchdog_->Start();
     EXPECT_TRUE(
         test::WaitFor([] { return test::FileExists(test::FixedPath("/mnt/system/my check/alive file")); }, 5000));
@@ -97,8 +89,8 @@ TEST_F(WatchdogTest, PathWithABlankIsPassedWhole) {
 }
 
 TEST_F(WatchdogTest, PathWithADoubleQuoteBreaksTheCommand) {
-    UseSettings("<PVOutputControlWatchdogFile>" + test::FixedPath("/mnt/system/q/a\"b") +
-                "</PVOutputControlWatchdogFile>");
+    UseLoggerSettings("<PVOutputControlWatchdogFile>" + test::FixedPath("/mnt/system/q/a\"b") +
+                      "</PVOutputControlWatchdogFile>");
     watchdog_->Start();
     // Polls the file as the writer's tick leaves it: LogLines() replaces the
     // log while it reads, and a line the timer thread logs in that moment

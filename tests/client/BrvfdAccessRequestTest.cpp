@@ -111,11 +111,7 @@ protected:
     }
 
     void UseSettings(const std::string& innerXml) {
-        LoggerLog::DeleteInstance();
-        LoggerSettingManager::DeleteInstance();
-        test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>" + innerXml);
-        LoggerSettingManager::CreateInstance();
-        LoggerLog::CreateInstance();
+        UseLoggerSettings(innerXml);
         test::WriteFile(test::FixedPath("/mnt/system/brvlogger/.keep"), "");
     }
 

@@ -79,20 +79,11 @@ std::chrono::milliseconds Scaled(long long ms) {
 
 class ScheduleDatabaseTest : public test::SingletonTest {
 protected:
-    void SetUp() override { UseSettings(""); }
+    void SetUp() override { UseLoggerSettings(""); }
 
     void TearDown() override {
         database_.reset();
         SingletonTest::TearDown();
-    }
-
-    void UseSettings(const std::string& innerXml) {
-        LoggerLog::DeleteInstance();
-        LoggerSettingManager::DeleteInstance();
-        FileUtil::ResetDataRoot();
-        test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>" + innerXml);
-        LoggerSettingManager::CreateInstance();
-        LoggerLog::CreateInstance();
     }
 
     ScheduleDatabase& Database() {
@@ -129,7 +120,7 @@ TEST_F(ScheduleDatabaseTest, CreatesItsFileAndTableInTheDatabaseDirectory) {
 
 TEST_F(ScheduleDatabaseTest, UnwritableCardMovesTheFileUnderTmp) {
     test::WriteFile(test::FixedPath("/media/sdcard/blocked"), "");
-    UseSettings("<SdcardPath>" + test::FixedPath("/media/sdcard/blocked") + "</SdcardPath>");
+    UseLoggerSettings("<SdcardPath>" + test::FixedPath("/media/sdcard/blocked") + "</SdcardPath>");
     EXPECT_TRUE(Database().InsertUpdateSchedule({Row(Now() + 3600, 40)}));
     EXPECT_TRUE(
         test::FileExists(test::FixedPath("/tmp/kestrovanyx/Database/OutputControl/output_control_schedule.db")));
@@ -294,7 +285,7 @@ TEST_F(ScheduleDatabaseTest, StartUpPurgesRowsOlderThanTheRetentionCycle) {
 }
 
 TEST_F(ScheduleDatabaseTest, RetentionCycleComesFromTheSettings) {
-    UseSettings("<OutputControlScheduleRetensionCycle>2</OutputControlScheduleRetensionCycle>");
+    UseLoggerSettings("<OutputControlScheduleRetensionCycle>2</OutputControlScheduleRetensionCycle>");
     const std::int64_t now = Now();
     ASSERT_TRUE(Database().InsertUpdateSchedule({Row(now - 3 * kDay, 1), Row(now - kDay, 2)}));
     Reopen();

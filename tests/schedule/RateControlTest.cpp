@@ -41,11 +41,7 @@ protected:
 
     void UseLoggerSettings(const std::string& innerXml) {
         ScheduleDatabase::DeleteInstance();
-        LoggerLog::DeleteInstance();
-        LoggerSettingManager::DeleteInstance();
-        test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>" + innerXml);
-        LoggerSettingManager::CreateInstance();
-        LoggerLog::CreateInstance();
+        SingletonTest::UseLoggerSettings(innerXml);
         ScheduleDatabase::CreateInstance();
     }
 

@@ -12,6 +12,7 @@
 #include "support/SingletonTest.h"
 #include "support/SqliteFile.h"
 #include "support/TestFiles.h"
+#include "support/TomorrowSchedules.h"
 #include "support/UnixPeer.h"
 #include "util/FileUtil.h"
 #include "util/LoggerLog.h"
@@ -69,28 +70,10 @@ protected:
     void SetUp() override {
         UseLoggerSettings("");
         test::WriteFile(test::FixedPath("/sys/class/net/eth0/address"), "00:1a:2b:3c:4d:5e\n");
-        tomorrow_ = TimeStamp().EpochSeconds() / 86400 * 86400 + 86400;
-        update_.plantId = "777";
-        update_.start = ServerTime(tomorrow_, "%Y%m%d%H%M");
-        update_.rates = std::vector<int>(48, 60);
-        update_.fixedFlag = 3;
-        update_.nextUpdate = ServerTime(tomorrow_, "%Y%m%d%H%M%S");
-        fixed_ = update_;
-        fixed_.start = ServerTime(tomorrow_ + 86400, "%Y%m%d%H%M");
-        fixed_.rates = std::vector<int>(48, 30);
-    }
-
-    void UseLoggerSettings(const std::string& innerXml) {
-        LoggerLog::DeleteInstance();
-        LoggerSettingManager::DeleteInstance();
-        test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>" + innerXml);
-        LoggerSettingManager::CreateInstance();
-        LoggerLog::CreateInstance();
-        FileUtil::ResetDataRoot();
-    }
-
-    static std::string ServerTime(std::int64_t utcSeconds, const std::string& pattern) {
-        return TimeStamp::FromEpochSeconds(utcSeconds + 9 * 3600)->Format(pattern);
+        const test::TomorrowSchedules schedules = test::MakeTomorrowSchedules();
+        tomorrow_ = schedules.tomorrow;
+        update_ = schedules.update;
+        fixed_ = schedules.fixed;
     }
 
     // Writes the system settings and loads them, as the daemon's start-up

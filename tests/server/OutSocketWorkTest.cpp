@@ -14,6 +14,7 @@
 #include "support/SingletonTest.h"
 #include "support/SqliteFile.h"
 #include "support/TestFiles.h"
+#include "support/TomorrowSchedules.h"
 #include "support/UnixPeer.h"
 #include "util/FileUtil.h"
 #include "util/LoggerLog.h"
@@ -334,16 +335,10 @@ TEST_F(OutSocketWorkTest, CurrentAndNextTargetPower) {
 }
 
 TEST_F(OutSocketWorkTest, UpdateScheduleStoresAndForwardsAfterAnswering) {
-    const std::int64_t tomorrow = TimeStamp().EpochSeconds() / 86400 * 86400 + 86400;
-    test::ScheduleRecord update;
-    update.plantId = "777";
-    update.start = TimeStamp::FromEpochSeconds(tomorrow + 9 * 3600)->Format("%Y%m%d%H%M");
-    update.rates = std::vector<int>(48, 60);
-    update.fixedFlag = 3;
-    update.nextUpdate = TimeStamp::FromEpochSeconds(tomorrow + 9 * 3600)->FormatCompact();
-    test::ScheduleRecord fixed = update;
-    fixed.start = TimeStamp::FromEpochSeconds(tomorrow + 86400 + 9 * 3600)->Format("%Y%m%d%H%M");
-    fixed.rates = std::vector<int>(48, 30);
+    const test::TomorrowSchedules schedules = test::MakeTomorrowSchedules();
+    const std::int64_t tomorrow = schedules.tomorrow;
+    const test::ScheduleRecord& update = schedules.update;
+    const test::ScheduleRecord& fixed = schedules.fixed;
     const auto answer = [](const test::ScheduleRecord& record, int kind) {
         const std::string payload = test::BytesText(test::BuildSchedulePayload({record}, kind).bytes);
         return HttpTestServer::Answer(200, test::MultipartContentType("b"), test::BinaryPartBody("b", payload));

@@ -3,6 +3,7 @@
 #include "client/Channel.h"
 #include "client/SlowRequest.h"
 #include "settings/LoggerSettingManager.h"
+#include "support/CommandClient.h"
 #include "support/SingletonTest.h"
 #include "support/TestFiles.h"
 #include "util/LoggerLog.h"
@@ -54,11 +55,8 @@ std::size_t AnswerSize(int fd, int timeoutMs) {
 // A client connection; -1 when connect failed.
 int Connect(const std::string& path) {
     const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address;
-    std::memset(&address, 0, sizeof address);
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-    if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+    const sockaddr_un address = test::UnixAddress(path);
+    if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
         close(fd);
         return -1;
     }
@@ -79,11 +77,8 @@ bool LeaveStaleSocket(const std::string& path) {
     test::WriteFile(path, "");
     if (unlink(path.c_str()) != 0) return false;
     const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address;
-    std::memset(&address, 0, sizeof address);
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-    const bool bound = bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 && listen(fd, 1) == 0;
+    const sockaddr_un address = test::UnixAddress(path);
+    const bool bound = bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 && listen(fd, 1) == 0;
     close(fd);
     return bound;
 }

@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <sys/un.h>
 
 namespace brvo {
 namespace test {
@@ -40,6 +41,8 @@ std::string UpdateAnswer(std::int32_t type, std::int32_t reason = 0, std::int32_
 // The answer to FlushLog.
 std::string FlushAnswer();
 
+// The address of the UNIX socket at `path`, cut to fit (with its NUL).
+sockaddr_un UnixAddress(const std::string& path);
 // A client socket connected to `socketPath`, or -1.
 int Connect(const std::string& socketPath);
 

@@ -1,5 +1,6 @@
 #include "support/DaemonClient.h"
 
+#include "support/CommandClient.h"
 #include "support/HttpTestServer.h"
 #include "support/SqliteFile.h"
 #include "support/TestFiles.h"
@@ -19,11 +20,8 @@ namespace test {
 
 int SendRequest(std::int32_t type, const std::string& params) {
     const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address;
-    std::memset(&address, 0, sizeof address);
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, kCommandSocket, sizeof address.sun_path - 1);
-    if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+    const sockaddr_un address = UnixAddress(kCommandSocket);
+    if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
         close(fd);
         ADD_FAILURE() << "cannot connect to the daemon";
         return -1;
@@ -89,11 +87,8 @@ namespace {
 // and closes.
 bool Listening() {
     const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address;
-    std::memset(&address, 0, sizeof address);
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, kCommandSocket, sizeof address.sun_path - 1);
-    const bool accepted = connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    const sockaddr_un address = UnixAddress(kCommandSocket);
+    const bool accepted = connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
     close(fd);
     return accepted;
 }

@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+
 namespace brvo {
 namespace test {
 
@@ -14,6 +16,12 @@ protected:
     // (SingletonScope::DeleteAll). A fixture with steps of its own runs them
     // first and then calls this.
     void TearDown() override;
+
+    // Starts the log and the logger settings afresh from LoggerSetting.xml
+    // holding `innerXml` after unbuffered log writes (so that every line
+    // reaches the file at the next tick), and forgets the data root the
+    // earlier settings gave.
+    static void UseLoggerSettings(const std::string& innerXml);
 };
 
 } // namespace test

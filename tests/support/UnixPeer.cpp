@@ -1,5 +1,6 @@
 #include "support/UnixPeer.h"
 
+#include "support/CommandClient.h"
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -14,12 +15,10 @@ namespace test {
 UnixPeer::UnixPeer(const std::string& path, Mode mode, const std::string& reply, std::size_t readBytes)
     : path_(path), mode_(mode), reply_(reply), readBytes_(readBytes), listenFd_(-1), stop_(false), connections_(0) {
     listenFd_ = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address;
-    std::memset(&address, 0, sizeof address);
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    const sockaddr_un address = UnixAddress(path);
     unlink(path.c_str());
-    if (bind(listenFd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || listen(listenFd_, 16) != 0) {
+    if (bind(listenFd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+        listen(listenFd_, 16) != 0) {
         ADD_FAILURE() << "peer cannot listen on " << path;
     }
     thread_.start(*this);

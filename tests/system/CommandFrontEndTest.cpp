@@ -8,6 +8,7 @@
 // where nothing can be written.
 #include "server/CommandWire.h"
 #include "support/ChildProcess.h"
+#include "support/CommandClient.h"
 #include "support/DaemonClient.h"
 #include "support/HttpTestServer.h"
 #include "support/Mounts.h"
@@ -134,15 +135,12 @@ private:
 // passed, so that a daemon that stopped accepting cannot hang the test; not
 // open then.
 Connection ConnectWithin(int ms) {
-    sockaddr_un address;
-    std::memset(&address, 0, sizeof address);
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, test::kCommandSocket, sizeof address.sun_path - 1);
+    const sockaddr_un address = test::UnixAddress(test::kCommandSocket);
     const Clock::time_point start = Clock::now();
     for (;;) {
         Connection connection(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
         if (!connection.Open()) return connection;
-        if (::connect(connection.Fd(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
+        if (::connect(connection.Fd(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
             return connection;
         }
         if (errno != EAGAIN || MsSince(start) >= ms) return Connection();

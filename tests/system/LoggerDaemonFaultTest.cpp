@@ -4,6 +4,7 @@
 // forwards the rows once the logger daemon is back.
 #include "server/CommandWire.h"
 #include "support/ChildProcess.h"
+#include "support/CommandClient.h"
 #include "support/DaemonClient.h"
 #include "support/HttpTestServer.h"
 #include "support/SchedulePayload.h"
@@ -57,12 +58,9 @@ std::ostream& operator<<(std::ostream& out, LoggerFault fault) {
 // is refused.
 void LeaveDeadSocket(const std::string& path) {
     const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address;
-    std::memset(&address, 0, sizeof address);
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    const sockaddr_un address = test::UnixAddress(path);
     unlink(path.c_str());
-    ASSERT_EQ(0, bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address));
+    ASSERT_EQ(0, bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address));
     close(fd);
 }
 

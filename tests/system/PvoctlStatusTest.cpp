@@ -42,18 +42,11 @@ std::string TargetPowerAnswer(double power) {
     return test::TargetPowerAnswer(CommandWire::kCurrentTargetPower, power, "20260101000000");
 }
 
-sockaddr_un UnixAddress(const std::string& path) {
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-    return address;
-}
-
 // A UNIX socket listening at `path` with the shortest queue, never accepting.
 int ListenWithoutAccepting(const std::string& path) {
     ::unlink(path.c_str());
     const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    const sockaddr_un address = UnixAddress(path);
+    const sockaddr_un address = test::UnixAddress(path);
     if (fd < 0 || bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 || listen(fd, 0) != 0) {
         if (fd >= 0) close(fd);
         return -1;
@@ -299,7 +292,7 @@ TEST_F(PvoctlStatusTest, AFullListenQueueIsReportedNotWaitedFor) {
     std::vector<int> queued;
     for (int i = 0; i < 4; ++i) {
         const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
-        const sockaddr_un address = UnixAddress(kSocket);
+        const sockaddr_un address = test::UnixAddress(kSocket);
         connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
         queued.push_back(fd);
     }

@@ -3,11 +3,13 @@
 // through its command socket, its files and its signals.
 #include "server/CommandWire.h"
 #include "support/ChildProcess.h"
+#include "support/CommandClient.h"
 #include "support/DaemonClient.h"
 #include "support/HttpTestServer.h"
 #include "support/SchedulePayload.h"
 #include "support/SqliteFile.h"
 #include "support/TestFiles.h"
+#include "support/TomorrowSchedules.h"
 #include "support/UnixPeer.h"
 #include "util/TimeStamp.h"
 
@@ -45,15 +47,10 @@ protected:
                                  "<OutputControlSocketTimeout>5</OutputControlSocketTimeout>");
         test::WriteFile("/sys/class/net/eth0/address", "00:1a:2b:3c:4d:5e\n");
         test::WriteFile(test::kLoggerSocket + ".keep", "");
-        tomorrow_ = TimeStamp().EpochSeconds() / 86400 * 86400 + 86400;
-        update_.plantId = "777";
-        update_.start = ServerTime(tomorrow_, "%Y%m%d%H%M");
-        update_.rates = std::vector<int>(48, 60);
-        update_.fixedFlag = 3;
-        update_.nextUpdate = ServerTime(tomorrow_, "%Y%m%d%H%M%S");
-        fixed_ = update_;
-        fixed_.start = ServerTime(tomorrow_ + 86400, "%Y%m%d%H%M");
-        fixed_.rates = std::vector<int>(48, 30);
+        const test::TomorrowSchedules schedules = test::MakeTomorrowSchedules();
+        tomorrow_ = schedules.tomorrow;
+        update_ = schedules.update;
+        fixed_ = schedules.fixed;
     }
 
     void TearDown() override {
@@ -307,11 +304,8 @@ TEST_F(ScheduleFlowTest, ClientThatHangsUpDoesNotStopTheDaemon) {
     StartDaemon();
     for (int i = 0; i < 5; ++i) {
         const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-        sockaddr_un address;
-        std::memset(&address, 0, sizeof address);
-        address.sun_family = AF_UNIX;
-        std::strncpy(address.sun_path, test::kCommandSocket, sizeof address.sun_path - 1);
-        ASSERT_EQ(0, connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address));
+        const sockaddr_un address = test::UnixAddress(test::kCommandSocket);
+        ASSERT_EQ(0, connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address));
         const std::string request = Word(8) + Word(8);
         ASSERT_EQ(8, write(fd, request.data(), request.size()));
         close(fd);
