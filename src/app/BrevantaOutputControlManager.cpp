@@ -9,6 +9,8 @@
 #include "schedule/ScheduleUpdateManager.h"
 #include "server/OutputcontrolServer.h"
 #include "util/LoggerLog.h"
+#include "util/Mutex.h"
+#include "util/ScopedLock.h"
 
 #include <Poco/Clock.h>
 #include <Poco/Timestamp.h>
@@ -44,12 +46,12 @@ std::atomic<int> killRequested(0);
 std::atomic<unsigned> ignoredSignals(0);
 std::atomic<int> wakeWriteFd(-1);
 std::atomic<int> wakeReadFd(-1);
-Poco::FastMutex wakePipeMutex;
+Mutex wakePipeMutex;
 
 static_assert(std::atomic<int>::is_always_lock_free, "the signal handler needs lock-free atomics");
 
 void OpenWakePipe() {
-    Poco::FastMutex::ScopedLock lock(wakePipeMutex);
+    ScopedLock lock(wakePipeMutex);
     if (wakeReadFd >= 0) return;
     int fds[2];
     if (pipe2(fds, O_CLOEXEC | O_NONBLOCK) != 0) return;
@@ -159,13 +161,13 @@ void BrevantaOutputControlManager::DeleteServer() {
 void BrevantaOutputControlManager::Start() {
     OpenWakePipe();
     {
-        Poco::FastMutex::ScopedLock lock(killMutex_);
+        ScopedLock lock(killMutex_);
         StartComponents();
         StartFlushTimer();
     }
     LoggerLog::Flush();
     {
-        Poco::FastMutex::ScopedLock lock(killMutex_);
+        ScopedLock lock(killMutex_);
         if (startupThread_ == nullptr && running_) {
             startupThread_ = new Poco::Thread();
             startupThread_->start(startupCheck_);
@@ -175,22 +177,22 @@ void BrevantaOutputControlManager::Start() {
 }
 
 const Poco::Timer* BrevantaOutputControlManager::GetFlushTimer() const {
-    Poco::FastMutex::ScopedLock lock(killMutex_);
+    ScopedLock lock(killMutex_);
     return flushTimer_;
 }
 
 OutputcontrolServer* BrevantaOutputControlManager::GetServer() const {
-    Poco::FastMutex::ScopedLock lock(killMutex_);
+    ScopedLock lock(killMutex_);
     return server_;
 }
 
 const Poco::Thread* BrevantaOutputControlManager::GetServerThread() const {
-    Poco::FastMutex::ScopedLock lock(killMutex_);
+    ScopedLock lock(killMutex_);
     return serverThread_;
 }
 
 const Watchdog* BrevantaOutputControlManager::GetWatchdog() const {
-    Poco::FastMutex::ScopedLock lock(killMutex_);
+    ScopedLock lock(killMutex_);
     return watchdog_;
 }
 
@@ -282,7 +284,7 @@ void BrevantaOutputControlManager::KeepServiceAlive(std::int64_t& lastMicrosecon
 }
 
 void BrevantaOutputControlManager::Kill() {
-    Poco::FastMutex::ScopedLock lock(killMutex_);
+    ScopedLock lock(killMutex_);
     if (running_) ServiceNotifier::Stopping();
     LoggerLog::Flush();
     ScheduleUpdateManager::DeleteInstance();

@@ -1,10 +1,18 @@
 // Top-level controller of the daemon: starts the components, runs the
 // start-up schedule check, keeps the log flushed and stops everything on
 // request.
+//
+// Lock rules: killMutex_ guards the components (the server and its thread,
+// the start-up check's thread, the watchdog, the flush timer) against a
+// Kill or a second Start on another thread; it is held while they start
+// and stop, and only the destructor, which no other thread reaches, goes
+// without it.
 #ifndef BRVO_APP_BREVANTAOUTPUTCONTROLMANAGER_H
 #define BRVO_APP_BREVANTAOUTPUTCONTROLMANAGER_H
 
-#include <Poco/Mutex.h>
+#include "util/Mutex.h"
+#include "util/ThreadAnnotations.h"
+
 #include <Poco/RunnableAdapter.h>
 #include <Poco/Thread.h>
 #include <Poco/Timer.h>
@@ -44,29 +52,29 @@ public:
 
     // Starts the components (once), runs the start-up schedule check and
     // then waits until Kill has run. Returns when the daemon stops.
-    void Start();
+    void Start() EXCLUDES(killMutex_);
     // Stops the components in order and logs "Kill complete.". A second
     // call is harmless.
-    void Kill();
+    void Kill() EXCLUDES(killMutex_);
     // Flush-timer callback: asks the log to write its buffer.
     void OnTimer(Poco::Timer& timer);
 
     // Whether Start has started the components and Kill has not run.
     bool IsRunning() const { return running_; }
     // The flush timer, or null before Start and after Kill.
-    const Poco::Timer* GetFlushTimer() const;
+    const Poco::Timer* GetFlushTimer() const EXCLUDES(killMutex_);
     // The command server and its thread, or null before Start.
-    OutputcontrolServer* GetServer() const;
-    const Poco::Thread* GetServerThread() const;
+    OutputcontrolServer* GetServer() const EXCLUDES(killMutex_);
+    const Poco::Thread* GetServerThread() const EXCLUDES(killMutex_);
     // The watchdog; null after Kill.
-    const Watchdog* GetWatchdog() const;
+    const Watchdog* GetWatchdog() const EXCLUDES(killMutex_);
 
     virtual ~BrevantaOutputControlManager();
 
 private:
     BrevantaOutputControlManager();
-    void StartComponents();
-    void StartFlushTimer();
+    void StartComponents() REQUIRES(killMutex_);
+    void StartFlushTimer() REQUIRES(killMutex_);
     static void OnListening(bool listening, const std::string& failure);
     void LogIgnoredSignals();
     // Sends the service manager's keep-alive when half its watchdog period
@@ -75,20 +83,22 @@ private:
     static void KeepServiceAlive(std::int64_t& lastMicroseconds);
     void RunStartupCheck();
     void WaitForKill();
-    void DeleteServer();
+    // Only for the destructor, which no other thread reaches: it goes
+    // without killMutex_, so the analysis is told to leave it.
+    void DeleteServer() NO_THREAD_SAFETY_ANALYSIS;
 
     // The schedule update manager is wired in here once it is built.
-    Poco::Thread* serverThread_;
-    OutputcontrolServer* server_;
+    Poco::Thread* serverThread_ GUARDED_BY(killMutex_);
+    OutputcontrolServer* server_ GUARDED_BY(killMutex_);
     // Runs the start-up schedule check, so that a stop request is served
     // while a slow schedule server keeps the check waiting.
-    Poco::Thread* startupThread_;
+    Poco::Thread* startupThread_ GUARDED_BY(killMutex_);
     Poco::RunnableAdapter<BrevantaOutputControlManager> startupCheck_;
-    Watchdog* watchdog_;
+    Watchdog* watchdog_ GUARDED_BY(killMutex_);
     // Guards the components against a Kill or a second Start on another
     // thread.
-    mutable Poco::FastMutex killMutex_;
-    Poco::Timer* flushTimer_;
+    mutable Mutex killMutex_;
+    Poco::Timer* flushTimer_ GUARDED_BY(killMutex_);
     std::atomic<bool> running_;
 };
 

@@ -1,6 +1,8 @@
 #include "app/ServiceNotifier.h"
 
-#include <Poco/Mutex.h>
+#include "util/Mutex.h"
+#include "util/ScopedLock.h"
+#include "util/ThreadAnnotations.h"
 
 #include <cstdlib>
 #include <systemd/sd-daemon.h>
@@ -10,18 +12,19 @@ namespace brvo {
 namespace {
 
 // Never destroyed: timer threads may still send while the process exits.
-Poco::FastMutex& StatusMutex() {
-    static Poco::FastMutex* mutex = new Poco::FastMutex();
+Mutex& StatusMutex() {
+    static Mutex* mutex = new Mutex();
     return *mutex;
 }
 
 // Under StatusMutex.
-std::string& LastStatus() {
+std::string& LastStatus() REQUIRES(StatusMutex()) {
     static std::string* text = new std::string();
     return *text;
 }
 
-std::string& Failure() {
+// Under StatusMutex.
+std::string& Failure() REQUIRES(StatusMutex()) {
     static std::string* text = new std::string();
     return *text;
 }
@@ -43,7 +46,7 @@ void ServiceNotifier::Ready() {
 
 void ServiceNotifier::Failed(const std::string& reason) {
     {
-        Poco::FastMutex::ScopedLock lock(StatusMutex());
+        ScopedLock lock(StatusMutex());
         Failure() = reason;
     }
     Status("");
@@ -51,7 +54,7 @@ void ServiceNotifier::Failed(const std::string& reason) {
 
 void ServiceNotifier::Status(const std::string& status) {
     if (!Enabled()) return;
-    Poco::FastMutex::ScopedLock lock(StatusMutex());
+    ScopedLock lock(StatusMutex());
     const std::string& failure = Failure();
     const std::string text = failure.empty() ? status : status.empty() ? failure : failure + "; " + status;
     if (text.empty() || text == LastStatus()) return;

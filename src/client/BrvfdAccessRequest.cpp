@@ -3,6 +3,7 @@
 #include "client/BrvfdAccessRequestCallback.h"
 #include "settings/LoggerSettingManager.h"
 #include "util/LoggerLog.h"
+#include "util/ScopedLock.h"
 
 #include <cerrno>
 #include <cstring>
@@ -61,7 +62,7 @@ void BrvfdAccessRequest::SetReplyIgnored(bool ignored) {
 }
 
 void BrvfdAccessRequest::Abort() {
-    Poco::FastMutex::ScopedLock lock(abortMutex_);
+    ScopedLock lock(abortMutex_);
     aborted_ = true;
     if (fd_ >= 0) shutdown(fd_, SHUT_RDWR);
 }
@@ -69,7 +70,7 @@ void BrvfdAccessRequest::Abort() {
 // Makes `fd` the connection Abort shuts down; false when the exchange was
 // aborted already.
 bool BrvfdAccessRequest::Track(int fd) {
-    Poco::FastMutex::ScopedLock lock(abortMutex_);
+    ScopedLock lock(abortMutex_);
     if (aborted_) return false;
     fd_ = fd;
     return true;
@@ -78,7 +79,7 @@ bool BrvfdAccessRequest::Track(int fd) {
 // Called before the connection is closed, so that Abort never shuts down a
 // descriptor that was closed and reused.
 void BrvfdAccessRequest::Untrack() {
-    Poco::FastMutex::ScopedLock lock(abortMutex_);
+    ScopedLock lock(abortMutex_);
     fd_ = -1;
 }
 

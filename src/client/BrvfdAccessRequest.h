@@ -7,8 +7,8 @@
 #define BRVO_CLIENT_BRVFDACCESSREQUEST_H
 
 #include "client/Request.h"
-
-#include <Poco/Mutex.h>
+#include "util/Mutex.h"
+#include "util/ThreadAnnotations.h"
 
 #include <atomic>
 #include <cstddef>
@@ -44,7 +44,7 @@ public:
     // Ends the exchange: a connection in progress is shut down, and the
     // exchange reports a failure (never the logger daemon's reply, which
     // did not come); one not yet started reports a failed connect.
-    void Abort() override;
+    void Abort() override EXCLUDES(abortMutex_);
 
 protected:
     ~BrvfdAccessRequest() override;
@@ -52,16 +52,16 @@ protected:
 private:
     int Exchange(int fd, unsigned char* reply);
     void Report(int status, const unsigned char* reply);
-    bool Track(int fd);
-    void Untrack();
+    bool Track(int fd) EXCLUDES(abortMutex_);
+    void Untrack() EXCLUDES(abortMutex_);
 
     BrvfdAccessRequestCallback* callback_;
     std::shared_ptr<BrvfdAccessRequestCallback> owner_;
     bool replyIgnored_;
     std::int32_t command_;
     // Guards `fd_`, the connection Abort shuts down (-1 when none is open).
-    Poco::FastMutex abortMutex_;
-    int fd_;
+    Mutex abortMutex_;
+    int fd_ GUARDED_BY(abortMutex_);
     std::atomic<bool> aborted_;
 };
 

@@ -6,6 +6,7 @@
 #include "util/LoggerLog.h"
 
 #include "util/FileUtil.h"
+#include "util/ScopedLock.h"
 #include "util/SystemClock.h"
 
 #include <Poco/Clock.h>
@@ -292,7 +293,7 @@ ScheduleServerAccessRequest::ScheduleServerAccessRequest(ScheduleServerAccessReq
 ScheduleServerAccessRequest::~ScheduleServerAccessRequest() {}
 
 void ScheduleServerAccessRequest::Abort() {
-    Poco::FastMutex::ScopedLock lock(abortMutex_);
+    ScopedLock lock(abortMutex_);
     aborted_ = true;
     // Shut down at the descriptor, not through the session: the worker
     // thread owns the session (and its TLS state) and is blocked in it.
@@ -302,20 +303,20 @@ void ScheduleServerAccessRequest::Abort() {
 // Called by the deadline watch: shuts the socket down as Abort does, and
 // notes why, so that the failure names the deadline.
 void ScheduleServerAccessRequest::Expire() {
-    Poco::FastMutex::ScopedLock lock(abortMutex_);
+    ScopedLock lock(abortMutex_);
     expired_ = true;
     if (socket_ >= 0) shutdown(socket_, SHUT_RDWR);
 }
 
 void ScheduleServerAccessRequest::ThrowIfAborted() {
-    Poco::FastMutex::ScopedLock lock(abortMutex_);
+    ScopedLock lock(abortMutex_);
     if (aborted_) throw Poco::IOException("exchange aborted, the daemon is stopping");
 }
 
 // Makes `fd` the socket Abort and the deadline shut down (-1: none). Throws
 // when the exchange was aborted or its time is up.
 void ScheduleServerAccessRequest::Publish(int fd) {
-    Poco::FastMutex::ScopedLock lock(abortMutex_);
+    ScopedLock lock(abortMutex_);
     socket_ = fd;
     if (fd >= 0 && aborted_) throw Poco::IOException("exchange aborted, the daemon is stopping");
     if (fd >= 0 && expired_) throw Poco::TimeoutException("no time left to connect");
@@ -326,7 +327,7 @@ void ScheduleServerAccessRequest::Publish(int fd) {
 // wait whose own time-out ran out with the deadline counts as the deadline.
 std::string ScheduleServerAccessRequest::FailureText(const Poco::Exception& e) {
     const bool late = deadline_ != 0 && Poco::Clock().raw() >= deadline_;
-    Poco::FastMutex::ScopedLock lock(abortMutex_);
+    ScopedLock lock(abortMutex_);
     if (aborted_) return Poco::IOException("exchange aborted, the daemon is stopping").displayText();
     if (expired_ || late) {
         return Poco::TimeoutException("schedule server exchange exceeded " + BudgetText(budget_)).displayText();

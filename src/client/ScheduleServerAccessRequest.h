@@ -6,9 +6,10 @@
 #define BRVO_CLIENT_SCHEDULESERVERACCESSREQUEST_H
 
 #include "client/Request.h"
+#include "util/Mutex.h"
+#include "util/ThreadAnnotations.h"
 
 #include <Poco/Exception.h>
-#include <Poco/Mutex.h>
 #include <Poco/Timespan.h>
 
 #include <memory>
@@ -48,7 +49,7 @@ public:
     // Ends the exchange: its socket is shut down, so it fails at once with
     // the library's exception (also while it connects or, over TLS, while
     // it shakes hands); one not yet started fails as it starts.
-    void Abort() override;
+    void Abort() override EXCLUDES(abortMutex_);
 
     // The device's MAC address from /sys/class/net/eth0/address without ":"
     // and "-", in upper case; empty (with a log line) when the file cannot be
@@ -67,10 +68,10 @@ protected:
 
 private:
     void Exchange(const std::string& body, std::string& contentType);
-    void ThrowIfAborted();
-    void Publish(int fd);
-    void Expire();
-    std::string FailureText(const Poco::Exception& e);
+    void ThrowIfAborted() EXCLUDES(abortMutex_);
+    void Publish(int fd) EXCLUDES(abortMutex_);
+    void Expire() EXCLUDES(abortMutex_);
+    std::string FailureText(const Poco::Exception& e) EXCLUDES(abortMutex_);
 
     ScheduleServerAccessRequestCallback* callback_;
     std::shared_ptr<ScheduleServerAccessRequestCallback> owner_;
@@ -83,10 +84,10 @@ private:
     Poco::Int64 deadline_;
     // Guards `socket_`, the descriptor Abort and the deadline shut down (-1
     // when none is published), `aborted_` and `expired_`.
-    Poco::FastMutex abortMutex_;
-    int socket_;
-    bool aborted_;
-    bool expired_;
+    Mutex abortMutex_;
+    int socket_ GUARDED_BY(abortMutex_);
+    bool aborted_ GUARDED_BY(abortMutex_);
+    bool expired_ GUARDED_BY(abortMutex_);
 };
 
 } // namespace brvo

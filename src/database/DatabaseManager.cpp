@@ -148,7 +148,7 @@ bool DatabaseManager::TakeRenewed() {
 
 DatabaseManager::~DatabaseManager() {
     {
-        Poco::Mutex::ScopedLock lock(mutex_);
+        ScopedLock lock(mutex_);
         CloseSession();
     }
     Poco::Data::SQLite::Connector::unregisterConnector();
@@ -175,7 +175,7 @@ std::string DatabaseManager::GetDatabaseFilePath() const {
 }
 
 bool DatabaseManager::InitDataBaseFile(const std::string& path) {
-    Poco::Mutex::ScopedLock lock(mutex_);
+    ScopedLock lock(mutex_);
     if (session_) return true;
     path_ = path;
     bool damaged = false;

@@ -27,10 +27,12 @@
 
 #include "util/GuardedCall.h"
 #include "util/LoggerLog.h"
+#include "util/RecursiveMutex.h"
+#include "util/ScopedLock.h"
+#include "util/ThreadAnnotations.h"
 
 #include <Poco/Data/SQLite/SQLiteException.h>
 #include <Poco/Data/Session.h>
-#include <Poco/Mutex.h>
 
 #include <atomic>
 #include <cstddef>
@@ -82,7 +84,7 @@ protected:
     // Called whenever the session is closed (mutex_ held): the next one may
     // be on another file (a table made anew, a card put in), so whatever
     // the class keeps of the old file's rows is forgotten.
-    virtual void OnSessionClosed() {}
+    virtual void OnSessionClosed() REQUIRES(mutex_) {}
 
     // What a table operation's body ended with.
     struct Outcome {
@@ -113,11 +115,11 @@ protected:
     // longer at its path (a card pulled, another mounted) refuses every
     // write, so either is dropped and the next operation opens the file
     // afresh. Any other session is kept.
-    void AfterFailure(const Outcome& outcome);
+    void AfterFailure(const Outcome& outcome) REQUIRES(mutex_);
 
     // Opens the session when there is none yet. False (with the log line
     // "Database Open error.") when it cannot be opened.
-    bool Open();
+    bool Open() REQUIRES(mutex_);
 
     // The frame of every table operation: holds the table's lock, opens the
     // session when there is none yet, and runs `body` guarded. Whatever
@@ -126,7 +128,7 @@ protected:
     // when the session was open and `body` returned.
     template <typename Body>
     bool Operate(const std::string& failure, Body&& body) {
-        Poco::Mutex::ScopedLock lock(mutex_);
+        ScopedLock lock(mutex_);
         if (!Open()) return false;
         const Outcome outcome = RunGuarded(std::forward<Body>(body));
         if (!outcome.caught) return true;
@@ -159,8 +161,10 @@ protected:
     const std::string& GetTag() const { return tag_; }
     const std::string& GetTable() const { return table_; }
 
-    // Held by every public operation for its whole run.
-    Poco::Mutex mutex_;
+    // Held by every public operation for its whole run. Recursive: a
+    // public operation of a table holds it around Operate, which takes it
+    // again, and a renewal opens the table anew while it holds it.
+    RecursiveMutex mutex_;
 
 private:
     DatabaseManager(const DatabaseManager&) = delete;
@@ -172,35 +176,35 @@ private:
     void ApplyDurabilitySettings();
     // Opens the session and creates the table; whether the file is damaged
     // (mutex_ held).
-    Caught OpenAndCreate(const std::string& path, bool& damaged);
+    Caught OpenAndCreate(const std::string& path, bool& damaged) REQUIRES(mutex_);
     // Whether the open file fails the checks of a first opening: the
     // defined columns, and the quick check when asked for; `why` says how.
     bool FailsChecks(std::string& why);
     // Moves the damaged file at path_ aside with its journal, keeps the
     // newest kKeptDamaged such sets, opens a fresh table, and logs where
     // the file went. False when the file could not be moved (mutex_ held).
-    bool MoveAsideAndRenew(const std::string& why);
+    bool MoveAsideAndRenew(const std::string& why) REQUIRES(mutex_);
     // Whether the session's last error says its file is no longer at its
     // path (mutex_ held).
-    bool FileWasMoved();
+    bool FileWasMoved() REQUIRES(mutex_);
     // Whether the session's last error says the file is damaged (mutex_
     // held).
-    bool LastErrorIsDamage();
+    bool LastErrorIsDamage() REQUIRES(mutex_);
     // Closes and drops the session, if any (mutex_ held).
-    void CloseSession();
+    void CloseSession() REQUIRES(mutex_);
     // Whether the open session can only read its file (mutex_ held).
-    bool SessionIsReadOnly();
+    bool SessionIsReadOnly() REQUIRES(mutex_);
 
     std::string tag_;
     std::string table_;
     std::unique_ptr<Poco::Data::Session> session_;
     // The file of the session (mutex_).
-    std::string path_;
+    std::string path_ GUARDED_BY(mutex_);
     // Whether this table's first opening has been checked (mutex_).
-    bool checked_;
+    bool checked_ GUARDED_BY(mutex_);
     // Whether a renewal is under way: a fresh file is never moved aside
     // (mutex_).
-    bool renewing_;
+    bool renewing_ GUARDED_BY(mutex_);
 
     static std::atomic<bool> checkOnOpen_;
     static std::atomic<bool> renewed_;

@@ -84,7 +84,7 @@ void ScheduleDatabase::NotifyWritten(bool renewed) {
 }
 
 void ScheduleDatabase::SetForwarder(const Forwarder& forwarder) {
-    Poco::Mutex::ScopedLock lock(forwardMutex_);
+    ScopedLock lock(forwardMutex_);
     forwarder_ = forwarder;
 }
 
@@ -107,7 +107,7 @@ void ScheduleDatabase::OnSessionClosed() {
 }
 
 bool ScheduleDatabase::DeleteAll() {
-    Poco::Mutex::ScopedLock lock(mutex_);
+    ScopedLock lock(mutex_);
     BeginWrite();
     bool deleted = false;
     const bool ran = Operate("Delete error. ", [&] {
@@ -120,7 +120,7 @@ bool ScheduleDatabase::DeleteAll() {
 }
 
 void ScheduleDatabase::DeleteOldData() {
-    Poco::Mutex::ScopedLock lock(mutex_);
+    ScopedLock lock(mutex_);
     BeginWrite();
     const bool ran = Operate("Delete old data error. ", [&] {
         const std::int64_t cutoff = NowSeconds() - static_cast<std::int64_t>(RetentionDays()) * kSecondsPerDay;
@@ -138,7 +138,7 @@ void ScheduleDatabase::DeleteOldData() {
 // change counter moves with every commit, the daemon's own or another
 // process's).
 ScheduleRow ScheduleDatabase::SelectSchedule(std::int64_t time, bool current) {
-    Poco::Mutex::ScopedLock lock(mutex_);
+    ScopedLock lock(mutex_);
     ScheduleRow row;
     row.time = -1;
     if (!Open()) return row;
@@ -161,7 +161,7 @@ ScheduleRow ScheduleDatabase::SelectSchedule(std::int64_t time, bool current) {
 
 bool ScheduleDatabase::SelectSlots(std::int64_t time, ScheduleRow& current, ScheduleRow& next, ScheduleRow& after,
                                    std::uint64_t& version) {
-    Poco::Mutex::ScopedLock lock(mutex_);
+    ScopedLock lock(mutex_);
     version = WriteCount();
     current.time = next.time = after.time = -1;
     if (!Open()) return false;
@@ -277,7 +277,7 @@ std::size_t ScheduleDatabase::RunInsert(const std::string& header, const std::ve
 }
 
 bool ScheduleDatabase::InsertUpdateSchedule(const std::vector<ScheduleRow>& rows) {
-    Poco::Mutex::ScopedLock lock(mutex_);
+    ScopedLock lock(mutex_);
     BeginWrite();
     if (rows.empty()) return true;
     bool inserted = false;
@@ -297,7 +297,7 @@ bool ScheduleDatabase::InsertUpdateSchedule(const std::vector<ScheduleRow>& rows
 }
 
 bool ScheduleDatabase::InsertFixedSchedule(const std::vector<ScheduleRow>& rows) {
-    Poco::Mutex::ScopedLock lock(mutex_);
+    ScopedLock lock(mutex_);
     BeginWrite();
     const bool ran = Operate("Insert Fixed Schedule error. ", [&] {
         const std::int64_t cutoff = NowSeconds() - kFixedScheduleGraceSeconds;
@@ -315,10 +315,10 @@ bool ScheduleDatabase::InsertFixedSchedule(const std::vector<ScheduleRow>& rows)
 }
 
 void ScheduleDatabase::UpdateSentFlag() {
-    Poco::Mutex::ScopedLock forwarding(forwardMutex_);
+    ScopedLock forwarding(forwardMutex_);
     std::uint64_t before = 0;
     {
-        Poco::Mutex::ScopedLock lock(mutex_);
+        ScopedLock lock(mutex_);
         before = writes_;
     }
     const int forwarded = forwarder_ ? forwarder_() : -1;
@@ -326,7 +326,7 @@ void ScheduleDatabase::UpdateSentFlag() {
         LoggerLog::Warning(kTag, "Cloud Send error.");
         return;
     }
-    Poco::Mutex::ScopedLock lock(mutex_);
+    ScopedLock lock(mutex_);
     if (writes_ != before) {
         // Rows written while the logger daemon was told may not be in what
         // it read: they stay unsent, and the run that wrote them forwards.

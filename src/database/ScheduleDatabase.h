@@ -91,17 +91,17 @@ public:
     // those rows stay unsent for the forwarding of the run that wrote them.
     // A failed (or not yet installed) forwarding is logged as "Cloud Send
     // error." and changes nothing. One forwarding at a time.
-    void UpdateSentFlag();
+    void UpdateSentFlag() EXCLUDES(forwardMutex_);
 
     // Installs the forwarding used by UpdateSentFlag; waits for a
     // forwarding in progress, so that once it returns the old forwarder is
     // no longer called.
-    void SetForwarder(const Forwarder& forwarder);
+    void SetForwarder(const Forwarder& forwarder) EXCLUDES(forwardMutex_);
 
 protected:
     std::string CreateTableStatement() const override;
     std::string ColumnList() const override;
-    void OnSessionClosed() override;
+    void OnSessionClosed() override REQUIRES(mutex_);
 
 private:
     // The current and next slots found at `from` while the file's change
@@ -118,16 +118,16 @@ private:
 
     void BeginWrite();
     void NotifyWritten(bool renewed);
-    ScheduleRow RunSelect(std::int64_t time, bool current, bool logErrors, bool& ok);
-    bool CacheCovers(std::int64_t time, std::uint32_t counter) const;
+    ScheduleRow RunSelect(std::int64_t time, bool current, bool logErrors, bool& ok) REQUIRES(mutex_);
+    bool CacheCovers(std::int64_t time, std::uint32_t counter) const REQUIRES(mutex_);
     std::string ValuesGroup(const ScheduleRow& row) const;
     std::size_t InsertRows(const std::string& header, const std::vector<ScheduleRow>& rows);
     std::size_t RunInsert(const std::string& header, const std::vector<ScheduleRow>& rows, std::size_t begin,
                           std::size_t end);
 
-    Poco::Mutex forwardMutex_;
-    Forwarder forwarder_;
-    SlotCache slots_;
+    RecursiveMutex forwardMutex_ ACQUIRED_BEFORE(mutex_);
+    Forwarder forwarder_ GUARDED_BY(forwardMutex_);
+    SlotCache slots_ GUARDED_BY(mutex_);
     // The last write operation begun (a change during a forwarding is
     // seen); moved on under mutex_.
     std::atomic<std::uint64_t> writes_;

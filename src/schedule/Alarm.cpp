@@ -2,6 +2,7 @@
 
 #include "util/CancelEvent.h"
 #include "util/Clock.h"
+#include "util/ScopedLock.h"
 #include "util/TimerService.h"
 
 #include <algorithm>
@@ -13,7 +14,7 @@ Alarm::Alarm(TimerService& timers, Clock& clock)
       everStarted_(false), retired_(false) {}
 
 Alarm::~Alarm() {
-    Poco::FastMutex::ScopedLock lock(mutex_);
+    ScopedLock lock(mutex_);
     run_->Set();
     deferred_.reset();
     cancelled_.clear();
@@ -21,7 +22,7 @@ Alarm::~Alarm() {
 
 void Alarm::Retire() {
     {
-        Poco::FastMutex::ScopedLock lock(mutex_);
+        ScopedLock lock(mutex_);
         StopLocked();
         cancelled_.clear();
         retired_ = true;
@@ -39,26 +40,26 @@ void Alarm::StopLocked() {
 }
 
 Alarm::Run Alarm::Start(std::int64_t intervalMs, const Step& onTick) {
-    Poco::FastMutex::ScopedLock lock(mutex_);
+    ScopedLock lock(mutex_);
     return BeginLocked(intervalMs, onTick);
 }
 
 Alarm::Run Alarm::StartFor(const Run& run, std::int64_t intervalMs, const Step& onTick, std::int64_t dueMicros) {
-    Poco::FastMutex::ScopedLock lock(mutex_);
+    ScopedLock lock(mutex_);
     if (run != run_ || run->IsSet()) return nullptr;
     due_ = dueMicros;
     return BeginLocked(intervalMs, onTick);
 }
 
 Alarm::Run Alarm::QuietFor(const Run& run) {
-    Poco::FastMutex::ScopedLock lock(mutex_);
+    ScopedLock lock(mutex_);
     if (run != run_ || run->IsSet()) return nullptr;
     due_ = -1;
     return BeginLocked(0, Step());
 }
 
 void Alarm::Stop() {
-    Poco::FastMutex::ScopedLock lock(mutex_);
+    ScopedLock lock(mutex_);
     StopLocked();
     if (cancelled_.empty() || retired_) {
         timers_.CancelWake();
@@ -102,7 +103,7 @@ void Alarm::EndRunLocked() {
 }
 
 bool Alarm::DeferFor(const Run& run, std::int64_t wallDueMicros, std::int64_t delayMs, const Step& then) {
-    Poco::FastMutex::ScopedLock lock(mutex_);
+    ScopedLock lock(mutex_);
     if (run != run_ || run->IsSet()) return false;
     deferred_.reset(new Deferred());
     deferred_->run = run;
@@ -116,34 +117,34 @@ bool Alarm::DeferFor(const Run& run, std::int64_t wallDueMicros, std::int64_t de
 }
 
 std::int64_t Alarm::Due() const {
-    Poco::FastMutex::ScopedLock lock(mutex_);
+    ScopedLock lock(mutex_);
     return due_;
 }
 
 void Alarm::SetDue(std::int64_t wallMicros) {
-    Poco::FastMutex::ScopedLock lock(mutex_);
+    ScopedLock lock(mutex_);
     due_ = wallMicros;
 }
 
 bool Alarm::SetDueFor(const Run& run, std::int64_t wallMicros) {
-    Poco::FastMutex::ScopedLock lock(mutex_);
+    ScopedLock lock(mutex_);
     if (run != run_ || run->IsSet()) return false;
     due_ = wallMicros;
     return true;
 }
 
 bool Alarm::EverStarted() const {
-    Poco::FastMutex::ScopedLock lock(mutex_);
+    ScopedLock lock(mutex_);
     return everStarted_;
 }
 
 bool Alarm::IsCurrent(const Run& run) const {
-    Poco::FastMutex::ScopedLock lock(mutex_);
+    ScopedLock lock(mutex_);
     return run == run_ && !run->IsSet();
 }
 
 bool Alarm::HasDeferred() const {
-    Poco::FastMutex::ScopedLock lock(mutex_);
+    ScopedLock lock(mutex_);
     return deferred_ != nullptr;
 }
 
@@ -204,12 +205,12 @@ void Alarm::OnWake(const Run& run) {
     std::vector<Deferred> cancelled;
     bool take = false;
     {
-        Poco::FastMutex::ScopedLock lock(mutex_);
+        ScopedLock lock(mutex_);
         take = TakeWorkLocked(run, work, workRun, cancelled);
     }
     for (const Deferred& step : cancelled) step.then(step.run);
     if (take) work(workRun);
-    Poco::FastMutex::ScopedLock lock(mutex_);
+    ScopedLock lock(mutex_);
     ScheduleNextLocked(run);
 }
 

@@ -22,7 +22,8 @@
 #ifndef BRVO_SCHEDULE_ALARM_H
 #define BRVO_SCHEDULE_ALARM_H
 
-#include <Poco/Mutex.h>
+#include "util/Mutex.h"
+#include "util/ThreadAnnotations.h"
 
 #include <cstdint>
 #include <functional>
@@ -50,38 +51,38 @@ public:
 
     // Ends the current run and begins one that calls `onTick` every
     // `intervalMs`, first after `intervalMs`. Returns the new run.
-    Run Start(std::int64_t intervalMs, const Step& onTick);
+    Run Start(std::int64_t intervalMs, const Step& onTick) EXCLUDES(mutex_);
     // The same, only while `run` is current, with the due time
     // `dueMicros`; null otherwise.
-    Run StartFor(const Run& run, std::int64_t intervalMs, const Step& onTick, std::int64_t dueMicros);
+    Run StartFor(const Run& run, std::int64_t intervalMs, const Step& onTick, std::int64_t dueMicros) EXCLUDES(mutex_);
     // Ends `run`, if it is current, clears the due time and begins a quiet
     // run (no ticks), which lives on its deferred steps. Returns the new
     // run; null when `run` was no longer current.
-    Run QuietFor(const Run& run);
+    Run QuietFor(const Run& run) EXCLUDES(mutex_);
     // Ends the current run: no more ticks, the due time cleared.
-    void Stop();
+    void Stop() EXCLUDES(mutex_);
     // Stops for good: as Stop, and drops the deferred steps of ended runs
     // and the lane's wake, so nothing of the alarm runs afterwards.
-    void Retire();
+    void Retire() EXCLUDES(mutex_);
 
     // Runs `then` for `run` once `delayMs` has passed on the monotonic
     // clock or the wall clock has reached `wallDueMicros`; false (and
     // nothing planned) when `run` is no longer current. Replaces a step
     // deferred before.
-    bool DeferFor(const Run& run, std::int64_t wallDueMicros, std::int64_t delayMs, const Step& then);
+    bool DeferFor(const Run& run, std::int64_t wallDueMicros, std::int64_t delayMs, const Step& then) EXCLUDES(mutex_);
 
     // The due time (wall microseconds); -1 when none is set.
-    std::int64_t Due() const;
+    std::int64_t Due() const EXCLUDES(mutex_);
     // Sets the due time.
-    void SetDue(std::int64_t wallMicros);
+    void SetDue(std::int64_t wallMicros) EXCLUDES(mutex_);
     // Sets the due time only while `run` is current; false otherwise.
-    bool SetDueFor(const Run& run, std::int64_t wallMicros);
+    bool SetDueFor(const Run& run, std::int64_t wallMicros) EXCLUDES(mutex_);
     // Whether a run was ever started (a replaced timer is reported as such).
-    bool EverStarted() const;
+    bool EverStarted() const EXCLUDES(mutex_);
     // Whether `run` is the current run and not cancelled.
-    bool IsCurrent(const Run& run) const;
+    bool IsCurrent(const Run& run) const EXCLUDES(mutex_);
     // Whether a deferred step is waiting.
-    bool HasDeferred() const;
+    bool HasDeferred() const EXCLUDES(mutex_);
 
 private:
     struct Deferred {
@@ -94,29 +95,29 @@ private:
     Alarm(const Alarm&) = delete;
     Alarm& operator=(const Alarm&) = delete;
 
-    Run BeginLocked(std::int64_t intervalMs, const Step& onTick);
-    void EndRunLocked();
-    void StopLocked();
-    void OnWake(const Run& run);
-    bool TakeWorkLocked(const Run& run, Step& work, Run& workRun, std::vector<Deferred>& cancelled);
-    void ScheduleNextLocked(const Run& run);
-    bool DeferredDueLocked() const;
+    Run BeginLocked(std::int64_t intervalMs, const Step& onTick) REQUIRES(mutex_);
+    void EndRunLocked() REQUIRES(mutex_);
+    void StopLocked() REQUIRES(mutex_);
+    void OnWake(const Run& run) EXCLUDES(mutex_);
+    bool TakeWorkLocked(const Run& run, Step& work, Run& workRun, std::vector<Deferred>& cancelled) REQUIRES(mutex_);
+    void ScheduleNextLocked(const Run& run) REQUIRES(mutex_);
+    bool DeferredDueLocked() const REQUIRES(mutex_);
 
     TimerService& timers_;
     Clock& clock_;
 
-    mutable Poco::FastMutex mutex_;
-    Run run_;
-    Step onTick_;
-    std::int64_t intervalMs_;
+    mutable Mutex mutex_;
+    Run run_ GUARDED_BY(mutex_);
+    Step onTick_ GUARDED_BY(mutex_);
+    std::int64_t intervalMs_ GUARDED_BY(mutex_);
     // When the next tick is due, on the monotonic clock.
-    std::int64_t tickDue_;
-    std::int64_t due_;
-    bool everStarted_;
-    bool retired_;
-    std::unique_ptr<Deferred> deferred_;
+    std::int64_t tickDue_ GUARDED_BY(mutex_);
+    std::int64_t due_ GUARDED_BY(mutex_);
+    bool everStarted_ GUARDED_BY(mutex_);
+    bool retired_ GUARDED_BY(mutex_);
+    std::unique_ptr<Deferred> deferred_ GUARDED_BY(mutex_);
     // Steps of runs that ended before their time: run at the next wake.
-    std::vector<Deferred> cancelled_;
+    std::vector<Deferred> cancelled_ GUARDED_BY(mutex_);
 };
 
 } // namespace brvo

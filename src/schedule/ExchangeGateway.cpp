@@ -7,6 +7,7 @@
 #include "client/ScheduleServerAccessRequest.h"
 #include "client/ScheduleServerSendRequest.h"
 #include "client/ServerAccessResult.h"
+#include "util/ScopedLock.h"
 
 #include <algorithm>
 
@@ -27,7 +28,7 @@ ExchangeGateway::ExchangeGateway(NoPool) : channel_(nullptr), aborted_(false) {}
 ExchangeGateway::~ExchangeGateway() {
     Abort();
     delete channel_;
-    Poco::FastMutex::ScopedLock lock(mutex_);
+    ScopedLock lock(mutex_);
     for (Request* request : inFlight_) request->release();
     inFlight_.clear();
 }
@@ -36,7 +37,7 @@ ExchangeGateway::~ExchangeGateway() {
 // requests that have finished (only this list still holds them) are
 // dropped here.
 void ExchangeGateway::Register(Request* request) {
-    Poco::FastMutex::ScopedLock lock(mutex_);
+    ScopedLock lock(mutex_);
     const auto finished = std::remove_if(inFlight_.begin(), inFlight_.end(), [](Request* tracked) {
         if (tracked->referenceCount() > 1) return false;
         tracked->release();
@@ -49,7 +50,7 @@ void ExchangeGateway::Register(Request* request) {
 }
 
 void ExchangeGateway::Abort() {
-    Poco::FastMutex::ScopedLock lock(mutex_);
+    ScopedLock lock(mutex_);
     aborted_ = true;
     for (Request* request : inFlight_) request->Abort();
 }

@@ -10,7 +10,8 @@
 #ifndef BRVO_SCHEDULE_EXCHANGEGATEWAY_H
 #define BRVO_SCHEDULE_EXCHANGEGATEWAY_H
 
-#include <Poco/Mutex.h>
+#include "util/Mutex.h"
+#include "util/ThreadAnnotations.h"
 
 #include <future>
 #include <memory>
@@ -40,7 +41,7 @@ public:
     // failed.
     virtual int SendScheduleData();
     // Aborts every exchange in flight and every later one. Idempotent.
-    virtual void Abort();
+    virtual void Abort() EXCLUDES(mutex_);
 
 protected:
     // For a gateway that runs no exchange of its own (a scripted server in
@@ -52,14 +53,15 @@ private:
     ExchangeGateway(const ExchangeGateway&) = delete;
     ExchangeGateway& operator=(const ExchangeGateway&) = delete;
 
-    void Register(Request* request);
+    void Register(Request* request) EXCLUDES(mutex_);
 
     Channel* channel_;
-    Poco::FastMutex mutex_;
-    bool aborted_;
+    // A leaf lock: taken after the flow lock and the alarms' locks.
+    Mutex mutex_;
+    bool aborted_ GUARDED_BY(mutex_);
     // The requests queued or running (and some that finished, dropped at
     // the next Register).
-    std::vector<Request*> inFlight_;
+    std::vector<Request*> inFlight_ GUARDED_BY(mutex_);
 };
 
 } // namespace brvo

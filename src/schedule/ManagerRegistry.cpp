@@ -1,8 +1,9 @@
 #include "schedule/ManagerRegistry.h"
 
 #include "util/LoggerLog.h"
-
-#include <Poco/Mutex.h>
+#include "util/Mutex.h"
+#include "util/ScopedLock.h"
+#include "util/ThreadAnnotations.h"
 
 #include <atomic>
 #include <vector>
@@ -11,12 +12,14 @@ namespace brvo {
 
 namespace {
 
-Poco::FastMutex instanceMutex;
+// A leaf lock: guards the instance's replacement, the pins counted on it
+// and the parked list.
+Mutex instanceMutex;
 std::atomic<ScheduleUpdateManager*> instance(nullptr);
 
 // Managers whose flows outlived Delete's wait: kept (and reachable) until
 // the process exits.
-std::vector<ScheduleUpdateManager*>& Parked() {
+std::vector<ScheduleUpdateManager*>& Parked() REQUIRES(instanceMutex) {
     static std::vector<ScheduleUpdateManager*>* parked = new std::vector<ScheduleUpdateManager*>();
     return *parked;
 }
@@ -24,7 +27,7 @@ std::vector<ScheduleUpdateManager*>& Parked() {
 } // namespace
 
 void ManagerRegistry::Create(const ScheduleUpdateManager::Environment& environment) {
-    Poco::FastMutex::ScopedLock lock(instanceMutex);
+    ScopedLock lock(instanceMutex);
     if (instance == nullptr) instance = new ScheduleUpdateManager(environment);
 }
 
@@ -33,7 +36,7 @@ ScheduleUpdateManager* ManagerRegistry::Get() {
 }
 
 ScheduleUpdateManager* ManagerRegistry::Acquire() {
-    Poco::FastMutex::ScopedLock lock(instanceMutex);
+    ScopedLock lock(instanceMutex);
     ScheduleUpdateManager* manager = instance;
     if (manager != nullptr) manager->EnterUse();
     return manager;
@@ -42,7 +45,7 @@ ScheduleUpdateManager* ManagerRegistry::Acquire() {
 void ManagerRegistry::Delete(long waitMs) {
     ScheduleUpdateManager* doomed = nullptr;
     {
-        Poco::FastMutex::ScopedLock lock(instanceMutex);
+        ScopedLock lock(instanceMutex);
         doomed = instance.exchange(nullptr);
     }
     if (doomed == nullptr) return;
@@ -52,12 +55,12 @@ void ManagerRegistry::Delete(long waitMs) {
         return;
     }
     LoggerLog::Warning("ScheduleUpdateManager", "A schedule flow did not end in time; it is left to the exit.");
-    Poco::FastMutex::ScopedLock lock(instanceMutex);
+    ScopedLock lock(instanceMutex);
     Parked().push_back(doomed);
 }
 
 bool ManagerRegistry::HasParked() {
-    Poco::FastMutex::ScopedLock lock(instanceMutex);
+    ScopedLock lock(instanceMutex);
     return !Parked().empty();
 }
 

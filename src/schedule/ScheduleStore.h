@@ -12,8 +12,9 @@
 
 #include "database/ScheduleRow.h"
 #include "database/ScheduleUpdateInfo.h"
-
-#include <Poco/Mutex.h>
+#include "util/Mutex.h"
+#include "util/ScopedLock.h"
+#include "util/ThreadAnnotations.h"
 
 #include <cstdint>
 #include <vector>
@@ -24,7 +25,8 @@ class ScheduleUpdateInfoDatabase;
 
 class ScheduleStore {
 public:
-    typedef Poco::FastMutex::ScopedLock Lock;
+    // Holds the flow lock for its scope.
+    typedef ScopedLock<Mutex> Lock;
 
     // Opens the update information table; creates the schedule table's
     // instance if absent.
@@ -32,35 +34,36 @@ public:
     ~ScheduleStore();
 
     // The flow lock, for a Lock of the caller.
-    Poco::FastMutex& FlowMutex() { return flowMutex_; }
+    Mutex& FlowMutex() const RETURN_CAPABILITY(flowMutex_) { return flowMutex_; }
 
     // The stored update information.
-    ScheduleUpdateInfo SelectUpdateInfo();
-    ScheduleUpdateInfo SelectUpdateInfoLocked();
+    ScheduleUpdateInfo SelectUpdateInfo() EXCLUDES(flowMutex_);
+    ScheduleUpdateInfo SelectUpdateInfoLocked() REQUIRES(flowMutex_);
     // The stored update information read without the flow lock (the
     // table's own lock keeps the read whole): for planning the alarms,
     // which happens both inside and outside the flows.
     ScheduleUpdateInfo PeekUpdateInfo();
     // Writes the update information (insert or replace).
-    bool InsertUpdateInfoLocked(const ScheduleUpdateInfo& info);
+    bool InsertUpdateInfoLocked(const ScheduleUpdateInfo& info) REQUIRES(flowMutex_);
     // Writes update-schedule slots (received ones win) / fixed-schedule
     // slots (stored ones win).
-    bool InsertUpdateScheduleLocked(const std::vector<ScheduleRow>& slots);
-    bool InsertFixedScheduleLocked(const std::vector<ScheduleRow>& slots);
+    bool InsertUpdateScheduleLocked(const std::vector<ScheduleRow>& slots) REQUIRES(flowMutex_);
+    bool InsertFixedScheduleLocked(const std::vector<ScheduleRow>& slots) REQUIRES(flowMutex_);
     // Empties both tables and counts a reset.
-    void DeleteAllLocked();
+    void DeleteAllLocked() REQUIRES(flowMutex_);
 
     // The count of resets so far.
-    std::uint64_t Resets();
-    std::uint64_t ResetsLocked() const { return resets_; }
+    std::uint64_t Resets() EXCLUDES(flowMutex_);
+    std::uint64_t ResetsLocked() const REQUIRES(flowMutex_) { return resets_; }
 
 private:
     ScheduleStore(const ScheduleStore&) = delete;
     ScheduleStore& operator=(const ScheduleStore&) = delete;
 
-    Poco::FastMutex flowMutex_;
+    mutable Mutex flowMutex_;
+    // Set once by the constructor; the table has its own lock.
     ScheduleUpdateInfoDatabase* infoDatabase_;
-    std::uint64_t resets_;
+    std::uint64_t resets_ GUARDED_BY(flowMutex_);
 };
 
 } // namespace brvo

@@ -14,6 +14,7 @@
 #include "util/Clock.h"
 #include "util/GuardedCall.h"
 #include "util/LoggerLog.h"
+#include "util/ScopedLock.h"
 #include "util/ThreadTimerService.h"
 #include "util/TimeStamp.h"
 
@@ -74,7 +75,7 @@ std::string Display(std::int64_t wallMicros) {
 // Whether the tables were emptied since `resets` was read (the caller holds
 // the flow lock); a fetch begun before must not be stored: it belongs to a
 // plant or state that no longer holds.
-bool ResetSince(const ScheduleStore& store, std::uint64_t resets, const char* failureText) {
+bool ResetSince(const ScheduleStore& store, std::uint64_t resets, const char* failureText) REQUIRES(store.FlowMutex()) {
     if (store.ResetsLocked() == resets) return false;
     LoggerLog::Warning(kTag, std::string(failureText) + " The stored schedule was reset while it was fetched.");
     return true;
@@ -365,7 +366,7 @@ void ScheduleUpdateManager::DeleteAllLocked() {
     store_.DeleteAllLocked();
     {
         // The failures belonged to what was wiped.
-        Poco::FastMutex::ScopedLock lock(historyMutex_);
+        ScopedLock lock(historyMutex_);
         history_ = RetryPolicy::History();
     }
     Stop();
@@ -438,6 +439,8 @@ std::shared_ptr<UpdateResult> ScheduleUpdateManager::UpdateWithFixedData(const s
     ScheduleStore::Lock lock(store_.FlowMutex());
     LoggerLog::Debug(kTag, "UpdateWithFixedData");
     return GuardedFlow("Fixed schedule send failed. ", [&]() -> std::shared_ptr<UpdateResult> {
+        // GuardedFlow runs this at once, under the flow lock taken above.
+        store_.FlowMutex().AssertHeld();
         if (!model || !model->IsResult()) {
             const std::string message = model ? model->GetMessage() : std::string();
             LoggerLog::Limited(LoggerLog::kWarning, kTag, "Fixed schedule file parse failed",
@@ -510,7 +513,7 @@ std::shared_ptr<TimeStamp> ScheduleUpdateManager::GetFixedScheduleUpdateTime() {
 }
 
 RetryPolicy::History ScheduleUpdateManager::GetUpdateHistory() {
-    Poco::FastMutex::ScopedLock lock(historyMutex_);
+    ScopedLock lock(historyMutex_);
     return history_;
 }
 
@@ -519,7 +522,7 @@ bool ScheduleUpdateManager::FixedAttemptsPending() const {
 }
 
 void ScheduleUpdateManager::RecordUpdateResult(const UpdateResult& result) {
-    Poco::FastMutex::ScopedLock lock(historyMutex_);
+    ScopedLock lock(historyMutex_);
     history_ = RetryPolicy::Record(history_, result);
 }
 

@@ -57,9 +57,9 @@
 #include "schedule/RetryPolicy.h"
 #include "schedule/ScheduleStore.h"
 #include "schedule/UpdateResult.h"
+#include "util/Mutex.h"
+#include "util/ThreadAnnotations.h"
 #include "util/UseCount.h"
-
-#include <Poco/Mutex.h>
 
 #include <cstdint>
 #include <future>
@@ -171,10 +171,12 @@ public:
 
     // Store a payload; false when nothing (or not everything) was stored.
     // They take the flow lock.
-    bool UpdateWithUpdateSchedule(const ScheduleUpdateInfo& received, const std::vector<ScheduleRow>& slots);
-    bool UpdateWithFixedSchedule(const std::vector<ScheduleRow>& slots, const std::string& plantId);
+    bool UpdateWithUpdateSchedule(const ScheduleUpdateInfo& received, const std::vector<ScheduleRow>& slots)
+        EXCLUDES(store_.FlowMutex());
+    bool UpdateWithFixedSchedule(const std::vector<ScheduleRow>& slots, const std::string& plantId)
+        EXCLUDES(store_.FlowMutex());
     // Empties both tables and stops the alarms. Takes the flow lock.
-    void DeleteAllUpdateControlInfoFromDB();
+    void DeleteAllUpdateControlInfoFromDB() EXCLUDES(store_.FlowMutex());
     // Tells the logger daemon that schedule data is stored; its result word
     // (0 on success), 1 when the exchange failed.
     int SendScheduleData();
@@ -206,7 +208,7 @@ public:
     std::shared_ptr<TimeStamp> GetScheduleUpdateTime();
     std::shared_ptr<TimeStamp> GetFixedScheduleUpdateTime();
     // The update schedule's failures since its last success.
-    RetryPolicy::History GetUpdateHistory();
+    RetryPolicy::History GetUpdateHistory() EXCLUDES(historyMutex_);
     // Whether the fixed schedule's attempts are under way (waiting between
     // two of them).
     bool FixedAttemptsPending() const;
@@ -223,13 +225,15 @@ private:
 
     std::int64_t NowMicroseconds() const;
     std::string NowDisplay() const;
-    bool BringInfoInStep(bool startIfUnchanged);
+    bool BringInfoInStep(bool startIfUnchanged) EXCLUDES(store_.FlowMutex());
     // When a table was found damaged and made anew since the last look,
     // empties both tables (the plant is new again) and returns true.
     bool ForgetRenewedTables();
-    void DeleteAllLocked();
-    bool UpdateWithUpdateScheduleLocked(const ScheduleUpdateInfo& received, const std::vector<ScheduleRow>& slots);
-    bool UpdateWithFixedScheduleLocked(const std::vector<ScheduleRow>& slots, const std::string& plantId);
+    void DeleteAllLocked() REQUIRES(store_.FlowMutex()) EXCLUDES(historyMutex_);
+    bool UpdateWithUpdateScheduleLocked(const ScheduleUpdateInfo& received, const std::vector<ScheduleRow>& slots)
+        REQUIRES(store_.FlowMutex());
+    bool UpdateWithFixedScheduleLocked(const std::vector<ScheduleRow>& slots, const std::string& plantId)
+        REQUIRES(store_.FlowMutex());
     std::shared_ptr<UpdateResult> AccessFailure(const std::string& failureText,
                                                 const std::shared_ptr<ServerAccessResult>& access);
     bool AlarmPreconditions(ScheduleUpdateInfo& info);
@@ -237,7 +241,7 @@ private:
     void PlanUpdateAlarm(bool keepTimer, bool retry, const Alarm::Run& run);
     std::int64_t NextUpdateAttempt(const ScheduleUpdateInfo& info);
     void FetchUpdateSchedule(const Alarm::Run& run);
-    void RecordUpdateResult(const UpdateResult& result);
+    void RecordUpdateResult(const UpdateResult& result) EXCLUDES(historyMutex_);
     void PlanFixedAlarm(const Alarm::Run& run, bool nextDay);
     std::int64_t NextFixedTime(const std::string& plantId, bool nextDay);
     void FixedAttempt(const Alarm::Run& run, int attempt);
@@ -256,8 +260,9 @@ private:
     Alarm updateAlarm_;
     Alarm fixedAlarm_;
 
-    Poco::FastMutex historyMutex_;
-    RetryPolicy::History history_;
+    // A leaf lock, taken after the flow lock.
+    Mutex historyMutex_ ACQUIRED_AFTER(store_.FlowMutex());
+    RetryPolicy::History history_ GUARDED_BY(historyMutex_);
 
     // Set by Shutdown.
     std::unique_ptr<CancelEvent> stopEvent_;

@@ -6,6 +6,7 @@
 #include "settings/SystemSettingXmlManager.h"
 #include "util/FileChangeWatch.h"
 #include "util/FileUtil.h"
+#include "util/ScopedLock.h"
 #include "util/SystemClock.h"
 #include "util/TimeStamp.h"
 
@@ -155,7 +156,7 @@ void TargetPowerSnapshot::Reclaim() {
 bool TargetPowerSnapshot::HeldSlot(std::int64_t seconds, bool current, ScheduleRow& slot) {
     ScheduleDatabase* database = ScheduleDatabase::GetInstance();
     if (database == nullptr) return false;
-    Poco::FastMutex::ScopedLock lock(publishMutex_);
+    ScopedLock lock(publishMutex_);
     const View* view = current_.load(std::memory_order_acquire);
     if (view == nullptr || !SlotsHold(*view, seconds) || view->version != database->WriteCount()) return false;
     const Slot& held = SlotAt(*view, seconds, current);
@@ -165,7 +166,7 @@ bool TargetPowerSnapshot::HeldSlot(std::int64_t seconds, bool current, ScheduleR
 }
 
 bool TargetPowerSnapshot::Stop(long timeoutMs) {
-    Poco::Mutex::ScopedLock lock(runMutex_);
+    ScopedLock lock(runMutex_);
     stopped_ = true;
     const Poco::Timestamp started;
     while (rebuilds_ > 0) {
@@ -176,14 +177,14 @@ bool TargetPowerSnapshot::Stop(long timeoutMs) {
 }
 
 bool TargetPowerSnapshot::BeginRebuild() {
-    Poco::Mutex::ScopedLock lock(runMutex_);
+    ScopedLock lock(runMutex_);
     if (stopped_) return false;
     ++rebuilds_;
     return true;
 }
 
 void TargetPowerSnapshot::EndRebuild() {
-    Poco::Mutex::ScopedLock lock(runMutex_);
+    ScopedLock lock(runMutex_);
     --rebuilds_;
     rebuildEnded_.broadcast();
 }
@@ -201,7 +202,7 @@ void TargetPowerSnapshot::Rebuild() {
     ScheduleDatabase* database = ScheduleDatabase::GetInstance();
     View held;
     {
-        Poco::FastMutex::ScopedLock lock(publishMutex_);
+        ScopedLock lock(publishMutex_);
         const View* current = current_.load(std::memory_order_acquire);
         if (current != nullptr) held = *current;
     }
@@ -289,7 +290,7 @@ void TargetPowerSnapshot::FillSlot(const ScheduleRow& row, Slot& slot) {
 // The slots read right after a write replace those of the view, settings
 // kept; slots read before a later write never do.
 void TargetPowerSnapshot::PublishSlots(const View& slots) {
-    Poco::FastMutex::ScopedLock lock(publishMutex_);
+    ScopedLock lock(publishMutex_);
     const View* current = current_.load(std::memory_order_acquire);
     if (current != nullptr && slots.version < current->version) return;
     View* view = new View(current != nullptr ? *current : View());
@@ -303,7 +304,7 @@ void TargetPowerSnapshot::PublishSlots(const View& slots) {
 // Settings read by a rebuild replace those of the view, and so do its
 // slots unless a write published newer ones meanwhile.
 void TargetPowerSnapshot::PublishSettings(const View& settings) {
-    Poco::FastMutex::ScopedLock lock(publishMutex_);
+    ScopedLock lock(publishMutex_);
     const View* current = current_.load(std::memory_order_acquire);
     View* view = new View(settings);
     if (current != nullptr && current->version > settings.version) CopySlots(*current, *view);

@@ -62,8 +62,11 @@
 #include "schedule/TargetPowerResult.h"
 #include "settings/DeviceSettingXmlManager.h"
 
+#include "util/Mutex.h"
+#include "util/RecursiveMutex.h"
+#include "util/ThreadAnnotations.h"
+
 #include <Poco/Condition.h>
-#include <Poco/Mutex.h>
 
 #include <atomic>
 #include <cstddef>
@@ -161,18 +164,18 @@ public:
     // when the view's slots were read after the table's last write and
     // hold at `seconds`: what a select would find, without the table.
     // False otherwise. Any thread (takes publishMutex_ for the copy).
-    bool HeldSlot(std::int64_t seconds, bool current, ScheduleRow& slot);
+    bool HeldSlot(std::int64_t seconds, bool current, ScheduleRow& slot) EXCLUDES(publishMutex_);
 
     // Reads the settings and (unless the view's slots are still fresh) the
     // table, and publishes a view. When the table cannot be read, slots
     // that still hold are kept, to be read again after kRetryMicroseconds.
     // Runs on a worker; may wait on the table's lock as any read does.
     // Does nothing once stopped.
-    void Rebuild();
+    void Rebuild() EXCLUDES(publishMutex_, runMutex_);
     // Lets no rebuild start any more and waits up to `timeoutMs` for one
     // that runs: the process may end (and destroy what a rebuild uses) only
     // after that. False when one still runs then.
-    bool Stop(long timeoutMs);
+    bool Stop(long timeoutMs) EXCLUDES(runMutex_);
 
     TargetPowerSnapshot(const TargetPowerSnapshot&) = delete;
     TargetPowerSnapshot& operator=(const TargetPowerSnapshot&) = delete;
@@ -186,27 +189,29 @@ private:
     static void ReadSettingValues(View& view);
     bool ReadSlots(ScheduleDatabase* database, std::int64_t nowMicros, View& view);
     static void FillSlot(const ScheduleRow& row, Slot& slot);
-    void PublishSlots(const View& slots);
-    void PublishSettings(const View& settings);
-    void Publish(View* view);
+    void PublishSlots(const View& slots) EXCLUDES(publishMutex_);
+    void PublishSettings(const View& settings) EXCLUDES(publishMutex_);
+    void Publish(View* view) REQUIRES(publishMutex_);
     void Retire(View* view);
     bool IsHeld(const View* view) const;
 
-    bool BeginRebuild();
-    void EndRebuild();
+    bool BeginRebuild() EXCLUDES(runMutex_);
+    void EndRebuild() EXCLUDES(runMutex_);
 
     // Taken by publishers only.
-    Poco::FastMutex publishMutex_;
+    Mutex publishMutex_;
 
     std::atomic<View*> current_;
     std::atomic<View*> retired_;
     // The view each reader holds; null when it holds none.
     std::atomic<const View*> held_[kReaders];
     // Guard the rebuilds running and the stop (runMutex_).
-    Poco::Mutex runMutex_;
+    RecursiveMutex runMutex_;
+    // Waited on with runMutex_ held (Poco::Condition releases and takes it
+    // again through its lock and unlock).
     Poco::Condition rebuildEnded_;
-    int rebuilds_;
-    bool stopped_;
+    int rebuilds_ GUARDED_BY(runMutex_);
+    bool stopped_ GUARDED_BY(runMutex_);
 };
 
 } // namespace brvo

@@ -9,9 +9,9 @@
 #include "util/FileChangeWatch.h"
 #include "util/FileUtil.h"
 #include "util/LoggerLog.h"
+#include "util/ScopedLock.h"
 #include "util/SystemClock.h"
 
-#include <Poco/Mutex.h>
 #include <Poco/RunnableAdapter.h>
 #include <Poco/Thread.h>
 
@@ -51,13 +51,6 @@ static_assert(OutputcontrolServer::kLoops <= TargetPowerSnapshot::kReaders, "a s
 // At most one log line about shed connections per period.
 const Poco::Clock::ClockDiff kShedLinePeriodUs = 60LL * 1000000;
 
-// The one process-wide mutex that serialises accept and the hand-over to the
-// pool.
-Poco::Mutex& ConnectionMutex() {
-    static Poco::Mutex* mutex = new Poco::Mutex();
-    return *mutex;
-}
-
 std::string SocketPath() {
     return LoggerSettingManager::Current().GetOutputControlSocketPath();
 }
@@ -81,6 +74,11 @@ OutSocketWork::ReadState ReadNew(OutSocketWork& work) {
 }
 
 } // namespace
+
+RecursiveMutex& OutputcontrolServer::ConnectionMutex() {
+    static RecursiveMutex* mutex = new RecursiveMutex();
+    return *mutex;
+}
 
 OutputcontrolServer::OutputcontrolServer()
     : channel_(new Channel(kWorkerCount)), answerChannel_(new Channel(kAnswerWorkerCount)), listenSocket_(-1),
@@ -211,7 +209,7 @@ void OutputcontrolServer::StopSecondLoop() {
     }
     if (secondEpoll_ >= 0) close(secondEpoll_);
     secondEpoll_ = -1;
-    Poco::FastMutex::ScopedLock lock(handedMutex_);
+    ScopedLock lock(handedMutex_);
     for (Handed& handed : handed_) {
         if (handed.work.isNull()) close(handed.client);
     }
@@ -254,7 +252,7 @@ Poco::AutoPtr<OutSocketWork> OutputcontrolServer::AdmitSecond(int client, const 
 
 void OutputcontrolServer::Hand(const Handed& handed) {
     {
-        Poco::FastMutex::ScopedLock lock(handedMutex_);
+        ScopedLock lock(handedMutex_);
         handed_.push_back(handed);
     }
     Signal(handedEvent_);
@@ -286,8 +284,8 @@ void OutputcontrolServer::TakeHanded(int socket) {
 void OutputcontrolServer::MergeHanded() {
     std::vector<Handed> taken;
     {
-        Poco::Mutex::ScopedLock connections(ConnectionMutex());
-        Poco::FastMutex::ScopedLock lock(handedMutex_);
+        ScopedLock connections(ConnectionMutex());
+        ScopedLock lock(handedMutex_);
         taken.swap(handed_);
     }
     for (Handed& handed : taken) {
@@ -389,7 +387,7 @@ bool OutputcontrolServer::AcceptPending(int socket, bool hungUp, int loop) {
         Poco::Clock accepted;
         Poco::AutoPtr<OutSocketWork> complete;
         {
-            Poco::Mutex::ScopedLock lock(ConnectionMutex());
+            ScopedLock lock(ConnectionMutex());
             client = accept4(socket, reinterpret_cast<sockaddr*>(&peer), &peerLength, SOCK_CLOEXEC | SOCK_NONBLOCK);
             accepted.update();
             if (client >= 0 && loop == kSecondLoop) complete = AdmitSecond(client, accepted);
@@ -501,7 +499,7 @@ void OutputcontrolServer::Dispatch(Poco::AutoPtr<OutSocketWork> work, int reader
         AnswerFromSnapshot(*work, reader)) {
         return;
     }
-    Poco::Mutex::ScopedLock lock(ConnectionMutex());
+    ScopedLock lock(ConnectionMutex());
     work->duplicate();
     (OutSocketWork::IsFlow(type) ? channel_ : answerChannel_)->Enqueue(work.get());
 }

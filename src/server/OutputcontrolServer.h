@@ -43,9 +43,12 @@
 #ifndef BRVO_SERVER_OUTPUTCONTROLSERVER_H
 #define BRVO_SERVER_OUTPUTCONTROLSERVER_H
 
+#include "util/Mutex.h"
+#include "util/RecursiveMutex.h"
+#include "util/ThreadAnnotations.h"
+
 #include <Poco/AutoPtr.h>
 #include <Poco/Clock.h>
-#include <Poco/Mutex.h>
 #include <Poco/Runnable.h>
 #include <Poco/RunnableAdapter.h>
 
@@ -144,11 +147,11 @@ private:
     bool BindAndListen(int socket, std::string& failure);
     void ServeLoop(int socket);
     int WaitMs() const;
-    bool AcceptPending(int socket, bool hungUp, int loop);
+    bool AcceptPending(int socket, bool hungUp, int loop) EXCLUDES(ConnectionMutex());
     bool HandleAcceptFailure(int socket, int error, int loop);
     void Admit(int client, const Poco::Clock& accepted);
     void ReadRequest(int fd);
-    void Dispatch(Poco::AutoPtr<OutSocketWork> work, int reader);
+    void Dispatch(Poco::AutoPtr<OutSocketWork> work, int reader) EXCLUDES(ConnectionMutex());
     void ExpireLate();
     bool Watch(int fd, int operation);
     void Forget(PendingList::iterator it);
@@ -162,12 +165,15 @@ private:
     static void Signal(int fd);
     static bool WatchEvent(int epoll, int fd);
     void StartSecondLoop(int socket);
-    void StopSecondLoop();
+    void StopSecondLoop() EXCLUDES(handedMutex_);
     void RunSecondLoop();
-    Poco::AutoPtr<OutSocketWork> AdmitSecond(int client, const Poco::Clock& accepted);
-    void Hand(const Handed& handed);
+    Poco::AutoPtr<OutSocketWork> AdmitSecond(int client, const Poco::Clock& accepted) REQUIRES(ConnectionMutex());
+    void Hand(const Handed& handed) EXCLUDES(handedMutex_);
     void TakeHanded(int socket);
-    void MergeHanded();
+    void MergeHanded() EXCLUDES(ConnectionMutex(), handedMutex_);
+    // The one process-wide mutex that serialises accept and the hand-over
+    // to the pool.
+    static RecursiveMutex& ConnectionMutex();
 
     Channel* channel_;
     Channel* answerChannel_;
@@ -201,8 +207,8 @@ private:
     // loop for its end.
     int handedEvent_;
     int stopEvent_;
-    Poco::FastMutex handedMutex_;
-    std::vector<Handed> handed_;
+    Mutex handedMutex_ ACQUIRED_AFTER(ConnectionMutex());
+    std::vector<Handed> handed_ GUARDED_BY(handedMutex_);
     // Connections the second loop took past the cap, merged but not yet
     // admitted; the server thread's alone.
     std::vector<Handed> pastCap_;

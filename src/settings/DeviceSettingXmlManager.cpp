@@ -10,6 +10,7 @@
 #include "util/FileUtil.h"
 #include "util/GuardedCall.h"
 #include "util/LoggerLog.h"
+#include "util/ScopedLock.h"
 
 #include <Poco/AutoPtr.h>
 #include <Poco/DOM/Document.h>
@@ -85,7 +86,7 @@ std::string DeviceSettingXmlManager::GetDeviceSettingFile(const std::string& dev
     if (!tree) tree = systemSettings_.LoadSystemSettingXmlNode();
     if (!tree) return std::string();
     {
-        Poco::FastMutex::ScopedLock lock(cacheMutex_);
+        ScopedLock lock(cacheMutex_);
         if (tree == deviceTree_ && deviceType == deviceType_) return deviceFile_;
     }
     std::string found;
@@ -102,7 +103,7 @@ std::string DeviceSettingXmlManager::GetDeviceSettingFile(const std::string& dev
             break;
         }
     }
-    Poco::FastMutex::ScopedLock lock(cacheMutex_);
+    ScopedLock lock(cacheMutex_);
     deviceTree_ = tree;
     deviceType_ = deviceType;
     deviceFile_ = found;
@@ -145,7 +146,7 @@ bool DeviceSettingXmlManager::GetLimit(Limit& limit) {
 }
 
 bool DeviceSettingXmlManager::CachedLimitFile(const std::string& path, LimitFile& file) {
-    Poco::FastMutex::ScopedLock lock(cacheMutex_);
+    ScopedLock lock(cacheMutex_);
     if (!limitCached_ || path != limitPath_ || !FileChangeWatch::Instance().Unchanged(limitGeneration_)) {
         return false;
     }
@@ -163,7 +164,7 @@ bool DeviceSettingXmlManager::ReadLimitFile(const std::string& path, Limit& limi
         return false;
     }
     {
-        Poco::FastMutex::ScopedLock lock(cacheMutex_);
+        ScopedLock lock(cacheMutex_);
         if (limitCached_ && path == limitPath_ && text == limitText_) {
             limitGeneration_ = generation;
             return ApplyLimitFile(limitFile_, limit);
@@ -171,7 +172,7 @@ bool DeviceSettingXmlManager::ReadLimitFile(const std::string& path, Limit& limi
     }
     const LimitFile file = ParseLimitFile(path, text);
     {
-        Poco::FastMutex::ScopedLock lock(cacheMutex_);
+        ScopedLock lock(cacheMutex_);
         limitPath_ = path;
         limitText_.swap(text);
         limitFile_ = file;

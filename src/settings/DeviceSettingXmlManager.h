@@ -2,12 +2,15 @@
 // description of the plant's household solar power generation unit. The
 // system settings name the description file of each device by type; the
 // files are ECHONET Lite device descriptions in the device directory.
+//
+// Lock rules: cacheMutex_ guards what was found in the bytes last read; a
+// leaf lock but for the change watch's, which it may take while held.
 #ifndef BRVO_SETTINGS_DEVICESETTINGXMLMANAGER_H
 #define BRVO_SETTINGS_DEVICESETTINGXMLMANAGER_H
 
 #include "util/FileChangeWatch.h"
-
-#include <Poco/Mutex.h>
+#include "util/Mutex.h"
+#include "util/ThreadAnnotations.h"
 
 #include <cstdint>
 #include <memory>
@@ -76,10 +79,10 @@ private:
     // True when `path` was last read under a generation the change watch
     // still vouches for; `file` then holds what it said.
     static std::string DescriptionPath(const std::string& file);
-    bool CachedLimitFile(const std::string& path, LimitFile& file);
+    bool CachedLimitFile(const std::string& path, LimitFile& file) EXCLUDES(cacheMutex_);
     // Reads and parses `path` (unless its bytes are the ones last parsed)
     // and applies what it says to `limit`. Throws what the parser throws.
-    bool ReadLimitFile(const std::string& path, Limit& limit);
+    bool ReadLimitFile(const std::string& path, Limit& limit) EXCLUDES(cacheMutex_);
     static LimitFile ParseLimitFile(const std::string& path, const std::string& text);
     static bool ApplyLimitFile(const LimitFile& file, Limit& limit);
 
@@ -89,16 +92,16 @@ private:
     // the bytes last read is kept and used again while the bytes are the
     // same (the settings tree is kept by the system settings while its file
     // is unchanged, so the same tree means the same answer).
-    Poco::FastMutex cacheMutex_;
-    std::shared_ptr<XmlNode> deviceTree_;
-    std::string deviceType_;
-    std::string deviceFile_;
-    std::string limitPath_;
-    std::string limitText_;
-    LimitFile limitFile_;
-    bool limitCached_ = false;
+    Mutex cacheMutex_;
+    std::shared_ptr<XmlNode> deviceTree_ GUARDED_BY(cacheMutex_);
+    std::string deviceType_ GUARDED_BY(cacheMutex_);
+    std::string deviceFile_ GUARDED_BY(cacheMutex_);
+    std::string limitPath_ GUARDED_BY(cacheMutex_);
+    std::string limitText_ GUARDED_BY(cacheMutex_);
+    LimitFile limitFile_ GUARDED_BY(cacheMutex_);
+    bool limitCached_ GUARDED_BY(cacheMutex_) = false;
     // The change watch's generation of the last read that found limitText_.
-    std::int64_t limitGeneration_ = FileChangeWatch::kNotWatched;
+    std::int64_t limitGeneration_ GUARDED_BY(cacheMutex_) = FileChangeWatch::kNotWatched;
 };
 
 } // namespace brvo

@@ -9,6 +9,7 @@
 #include "util/FileUtil.h"
 #include "util/GuardedCall.h"
 #include "util/LoggerLog.h"
+#include "util/ScopedLock.h"
 
 #include <Poco/AutoPtr.h>
 #include <Poco/DOM/Document.h>
@@ -71,7 +72,7 @@ SystemSettingXmlManager::~SystemSettingXmlManager() {}
 std::shared_ptr<XmlNode> SystemSettingXmlManager::ParseFile(std::string& unusable) {
     FileChangeWatch& watch = FileChangeWatch::Instance();
     {
-        Poco::FastMutex::ScopedLock lock(cacheMutex_);
+        ScopedLock lock(cacheMutex_);
         if (cachedTree_ && watch.Unchanged(cachedGeneration_)) return cachedTree_;
     }
     const std::string path = FileUtil::GetSystemSettingFile();
@@ -79,14 +80,14 @@ std::shared_ptr<XmlNode> SystemSettingXmlManager::ParseFile(std::string& unusabl
     std::string text;
     if (!XmlSettingsParser::ReadFile(path, text, unusable)) return nullptr;
     {
-        Poco::FastMutex::ScopedLock lock(cacheMutex_);
+        ScopedLock lock(cacheMutex_);
         if (cachedTree_ && text == cachedText_) {
             cachedGeneration_ = generation;
             return cachedTree_;
         }
     }
     std::shared_ptr<XmlNode> tree = ParseDocument(path, text);
-    Poco::FastMutex::ScopedLock lock(cacheMutex_);
+    ScopedLock lock(cacheMutex_);
     cachedText_.swap(text);
     cachedTree_ = tree;
     cachedGeneration_ = generation;
@@ -115,7 +116,7 @@ std::shared_ptr<XmlNode> SystemSettingXmlManager::LoadAndGetTree() {
                                "SystemSettingXml Load error(Load from file) [" + unusable + "]");
             return nullptr;
         }
-        Poco::FastMutex::ScopedLock lock(mutex_);
+        ScopedLock lock(mutex_);
         Fill(tree);
         return tree;
     } catch (const MissingRoot&) {
@@ -134,7 +135,7 @@ std::shared_ptr<XmlNode> SystemSettingXmlManager::LoadAndGetTree() {
 bool SystemSettingXmlManager::Load(const std::shared_ptr<XmlNode>& tree) {
     if (!tree) return false;
     const Caught caught = GuardedCall([&] {
-        Poco::FastMutex::ScopedLock lock(mutex_);
+        ScopedLock lock(mutex_);
         Fill(tree);
     });
     if (caught) LoggerLog::Error(kTag, caught.Describe("SystemSettingXml Load error(Poco::XmlNode) "));
@@ -176,62 +177,62 @@ void SystemSettingXmlManager::Fill(const std::shared_ptr<XmlNode>& tree) {
 }
 
 bool SystemSettingXmlManager::HasGeneral() const {
-    Poco::FastMutex::ScopedLock lock(mutex_);
+    ScopedLock lock(mutex_);
     return general_ != nullptr;
 }
 
 std::string SystemSettingXmlManager::GetLoggerId() const {
-    Poco::FastMutex::ScopedLock lock(mutex_);
+    ScopedLock lock(mutex_);
     return loggerAttribute_ ? loggerAttribute_->GetLoggerId() : std::string();
 }
 
 std::string SystemSettingXmlManager::GetLoggerPlantId() const {
-    Poco::FastMutex::ScopedLock lock(mutex_);
+    ScopedLock lock(mutex_);
     return loggerAttribute_ ? loggerAttribute_->GetPlantId() : std::string();
 }
 
 std::string SystemSettingXmlManager::GetTimezone() const {
-    Poco::FastMutex::ScopedLock lock(mutex_);
+    ScopedLock lock(mutex_);
     return general_ && general_->GetSystem() ? general_->GetSystem()->GetTimezone() : std::string();
 }
 
 int SystemSettingXmlManager::GetCommunicationErrorRetry() const {
-    Poco::FastMutex::ScopedLock lock(mutex_);
+    ScopedLock lock(mutex_);
     return general_ && general_->GetSystem() ? general_->GetSystem()->GetCommunicationErrorRetry() : 0;
 }
 
 std::string SystemSettingXmlManager::GetOutputControlPlantId() const {
-    Poco::FastMutex::ScopedLock lock(mutex_);
+    ScopedLock lock(mutex_);
     return general_ ? general_->GetOutputControlPlantId() : std::string();
 }
 
 bool SystemSettingXmlManager::GetOutputControlStandAlone() const {
-    Poco::FastMutex::ScopedLock lock(mutex_);
+    ScopedLock lock(mutex_);
     return general_ ? general_->GetOutputControlStandAlone() : false;
 }
 
 std::string SystemSettingXmlManager::GetOutputScheduleInformationServerUrl() const {
-    Poco::FastMutex::ScopedLock lock(mutex_);
+    ScopedLock lock(mutex_);
     return general_ ? general_->GetOutputScheduleInformationServerUrl() : std::string();
 }
 
 std::string SystemSettingXmlManager::GetFacilityCertifiedCapacity() const {
-    Poco::FastMutex::ScopedLock lock(mutex_);
+    ScopedLock lock(mutex_);
     return general_ ? general_->GetFacilityCertifiedCapacity() : std::string();
 }
 
 bool SystemSettingXmlManager::GetCloudCooperation() const {
-    Poco::FastMutex::ScopedLock lock(mutex_);
+    ScopedLock lock(mutex_);
     return general_ ? general_->GetCloudCooperation() : false;
 }
 
 void SystemSettingXmlManager::SetOutputControlPlantId(const std::string& plantId) {
-    Poco::FastMutex::ScopedLock lock(mutex_);
+    ScopedLock lock(mutex_);
     if (general_) general_->SetOutputControlPlantId(plantId);
 }
 
 void SystemSettingXmlManager::SetOutputControlStandAlone(bool standAlone) {
-    Poco::FastMutex::ScopedLock lock(mutex_);
+    ScopedLock lock(mutex_);
     if (general_) general_->SetOutputControlStandAlone(standAlone);
 }
 

@@ -2,14 +2,17 @@
 // the logger's identity, its plant and the output-control parameters. The
 // file is reread whenever a flow asks for a fresh load; the daemon never
 // writes it.
+//
+// Lock rules: mutex_ guards the loaded values, cacheMutex_ the last parse
+// kept; each is a leaf lock, and the two are never held together.
 #ifndef BRVO_SETTINGS_SYSTEMSETTINGXMLMANAGER_H
 #define BRVO_SETTINGS_SYSTEMSETTINGXMLMANAGER_H
 
 #include "settings/XmlDataGeneral.h"
 #include "settings/XmlDataLoggerAttribute.h"
 #include "settings/XmlNode.h"
-
-#include <Poco/Mutex.h>
+#include "util/Mutex.h"
+#include "util/ThreadAnnotations.h"
 
 #include <cstdint>
 
@@ -72,24 +75,24 @@ public:
     void SetOutputControlStandAlone(bool standAlone);
 
 private:
-    std::shared_ptr<XmlNode> ParseFile(std::string& unusable);
+    std::shared_ptr<XmlNode> ParseFile(std::string& unusable) EXCLUDES(cacheMutex_);
     static std::shared_ptr<XmlNode> ParseDocument(const std::string& path, const std::string& text);
-    void Fill(const std::shared_ptr<XmlNode>& tree);
+    void Fill(const std::shared_ptr<XmlNode>& tree) REQUIRES(mutex_);
 
     // The manager is shared between the request workers and the timer
     // threads; the mutex keeps a reload from racing a reader.
-    mutable Poco::FastMutex mutex_;
-    std::shared_ptr<XmlNode> tree_;
-    std::unique_ptr<XmlDataLoggerAttribute> loggerAttribute_;
-    std::unique_ptr<XmlDataGeneral> general_;
+    mutable Mutex mutex_;
+    std::shared_ptr<XmlNode> tree_ GUARDED_BY(mutex_);
+    std::unique_ptr<XmlDataLoggerAttribute> loggerAttribute_ GUARDED_BY(mutex_);
+    std::unique_ptr<XmlDataGeneral> general_ GUARDED_BY(mutex_);
 
     // The bytes of the file as last parsed and their tree (never changed
     // after parsing, so it is handed out to every reader), and the change
     // watch's generation of the last read that found those bytes.
-    Poco::FastMutex cacheMutex_;
-    std::string cachedText_;
-    std::shared_ptr<XmlNode> cachedTree_;
-    std::int64_t cachedGeneration_;
+    Mutex cacheMutex_;
+    std::string cachedText_ GUARDED_BY(cacheMutex_);
+    std::shared_ptr<XmlNode> cachedTree_ GUARDED_BY(cacheMutex_);
+    std::int64_t cachedGeneration_ GUARDED_BY(cacheMutex_);
 };
 
 } // namespace brvo

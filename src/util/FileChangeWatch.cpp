@@ -1,5 +1,7 @@
 #include "util/FileChangeWatch.h"
 
+#include "util/ScopedLock.h"
+
 #include <cerrno>
 #include <fcntl.h>
 #include <poll.h>
@@ -51,21 +53,21 @@ FileChangeWatch::FileChangeWatch()
       generation_(0) {}
 
 std::int64_t FileChangeWatch::Arm(const std::string& path) {
-    Poco::FastMutex::ScopedLock lock(mutex_);
+    ScopedLock lock(mutex_);
     Drain();
     if (broken_ || !AddWatches(path)) return kNotWatched;
     return generation_.load(std::memory_order_acquire);
 }
 
 void FileChangeWatch::Descriptors(int& inotify, int& mounts) const {
-    Poco::FastMutex::ScopedLock lock(mutex_);
+    ScopedLock lock(mutex_);
     inotify = broken_ ? -1 : inotifyFd_;
     mounts = broken_ ? -1 : mountsFd_;
 }
 
 bool FileChangeWatch::Unchanged(std::int64_t generation) {
     if (generation == kNotWatched) return false;
-    Poco::FastMutex::ScopedLock lock(mutex_);
+    ScopedLock lock(mutex_);
     Drain();
     return !broken_ && generation == generation_.load(std::memory_order_acquire);
 }

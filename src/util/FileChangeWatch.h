@@ -18,7 +18,8 @@
 #ifndef BRVO_UTIL_FILECHANGEWATCH_H
 #define BRVO_UTIL_FILECHANGEWATCH_H
 
-#include <Poco/Mutex.h>
+#include "util/Mutex.h"
+#include "util/ThreadAnnotations.h"
 
 #include <atomic>
 #include <cstdint>
@@ -37,11 +38,11 @@ public:
     // Watches `path` (which need not exist) and every directory above it.
     // Call before reading the file; returns the generation to keep with the
     // content read next, or kNotWatched.
-    std::int64_t Arm(const std::string& path);
+    std::int64_t Arm(const std::string& path) EXCLUDES(mutex_);
 
     // True if nothing watched has changed since `generation` was handed
     // out; false for kNotWatched, or when the watch itself failed.
-    bool Unchanged(std::int64_t generation);
+    bool Unchanged(std::int64_t generation) EXCLUDES(mutex_);
 
     // The generation now, without a lock and without taking reports: it
     // moves on with every report taken or noted. Never kNotWatched.
@@ -53,7 +54,7 @@ public:
     // an exceptional condition (the mount table) when something watched
     // changes; -1 each when the watch is broken. They stay open for the
     // life of the process.
-    void Descriptors(int& inotify, int& mounts) const;
+    void Descriptors(int& inotify, int& mounts) const EXCLUDES(mutex_);
 
     FileChangeWatch(const FileChangeWatch&) = delete;
     FileChangeWatch& operator=(const FileChangeWatch&) = delete;
@@ -66,19 +67,20 @@ private:
 
     // Takes every pending report; a report moves the generation on.
     // Called with the mutex held.
-    void Drain();
+    void Drain() REQUIRES(mutex_);
     // Adds the watches of `path`; false if it cannot be vouched for.
-    bool AddWatches(const std::string& path);
+    bool AddWatches(const std::string& path) REQUIRES(mutex_);
     // Adds one watch for `events`; false if the file system or the kernel
     // refuses.
-    bool WatchOne(const std::string& path, std::uint32_t events);
+    bool WatchOne(const std::string& path, std::uint32_t events) REQUIRES(mutex_);
     // Whether changes on the file system holding `path` reach inotify.
     static bool LocalFileSystem(const std::string& path);
 
-    mutable Poco::FastMutex mutex_;
+    mutable Mutex mutex_;
+    // Opened by the constructor, never closed.
     int inotifyFd_;
     int mountsFd_;
-    bool broken_;
+    bool broken_ GUARDED_BY(mutex_);
     // Moved on under mutex_ by Drain, and without it by NoteReported.
     std::atomic<std::int64_t> generation_;
 };

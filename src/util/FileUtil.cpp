@@ -1,10 +1,12 @@
 #include "util/FileUtil.h"
 
 #include "util/LoggerLog.h"
+#include "util/Mutex.h"
+#include "util/ScopedLock.h"
+#include "util/ThreadAnnotations.h"
 
 #include <Poco/Exception.h>
 #include <Poco/File.h>
-#include <Poco/Mutex.h>
 #include <Poco/Path.h>
 
 #include <algorithm>
@@ -31,12 +33,12 @@ std::string& RootPrefix() {
     return *prefix;
 }
 
-Poco::FastMutex dataRootMutex;
+Mutex dataRootMutex;
 // The SD card's mount point the data root is built on, empty for the
 // built-in one; guarded by dataRootMutex.
-std::string sdcardMountPoint;
-std::string dataRoot;
-bool dataRootChecked = false;
+std::string sdcardMountPoint GUARDED_BY(dataRootMutex);
+std::string dataRoot GUARDED_BY(dataRootMutex);
+bool dataRootChecked GUARDED_BY(dataRootMutex) = false;
 
 void LogFailure(const std::string& what, const std::string& path, const Poco::Exception& e) {
     LoggerLog::Error(kTag, what + "[" + path + "] [" + e.displayText() + "]");
@@ -122,13 +124,13 @@ std::string FileUtil::OutputControlSubdirectory() {
 }
 
 void FileUtil::SetSdcardPath(const std::string& sdcardPath) {
-    Poco::FastMutex::ScopedLock lock(dataRootMutex);
+    ScopedLock lock(dataRootMutex);
     sdcardMountPoint = sdcardPath;
 }
 
 // Decided once per run: the card when it can be written, else /tmp.
 std::string FileUtil::GetDataRoot() {
-    Poco::FastMutex::ScopedLock lock(dataRootMutex);
+    ScopedLock lock(dataRootMutex);
     if (dataRoot.empty()) {
         dataRoot = CardDataRoot(sdcardMountPoint.empty() ? UnderRoot(kDefaultSdcardPath) : sdcardMountPoint);
         if (!dataRootChecked) {
@@ -140,7 +142,7 @@ std::string FileUtil::GetDataRoot() {
 }
 
 void FileUtil::ResetDataRoot() {
-    Poco::FastMutex::ScopedLock lock(dataRootMutex);
+    ScopedLock lock(dataRootMutex);
     dataRoot.clear();
     dataRootChecked = false;
 }

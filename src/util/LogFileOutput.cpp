@@ -1,6 +1,7 @@
 #include "util/LogFileOutput.h"
 
 #include "util/FileUtil.h"
+#include "util/ScopedLock.h"
 #include "util/SystemClock.h"
 
 #include <Poco/DateTimeFormatter.h>
@@ -29,8 +30,8 @@ const std::size_t kBufferStartBytes = 64 * 1024;
 // buffers across every output of the process. Never destroyed: an output
 // still open when the process exits writes its last lines during static
 // destruction, after a function-local static would already be gone.
-Poco::Mutex& FileMutex() {
-    static Poco::Mutex* mutex = new Poco::Mutex();
+RecursiveMutex& FileMutex() {
+    static RecursiveMutex* mutex = new RecursiveMutex();
     return *mutex;
 }
 
@@ -178,7 +179,7 @@ void LogFileOutput::SetBufferedIO(bool buffered) {
 
 void LogFileOutput::SetTimeFormat(const std::string& format) {
     if (format.empty()) return;
-    Poco::FastMutex::ScopedLock lock(timeMutex_);
+    ScopedLock lock(timeMutex_);
     timeFormat_ = format;
     wholeSeconds_ = WholeSecondsOnly(format);
     formattedTime_.clear();
@@ -198,7 +199,7 @@ void LogFileOutput::SetFilePath(const std::string& path) {
         ReportFileError();
     }
     {
-        Poco::Mutex::ScopedLock lock(mutex_);
+        ScopedLock lock(mutex_);
         for (LineBuffer& buffer : buffers_) {
             buffer.clear();
             buffer.reserve(kBufferStartBytes);
@@ -234,7 +235,7 @@ std::size_t LogFileOutput::FormatNowInto(char* text, std::size_t size) {
         std::memcpy(text, mine.text, length);
         return length;
     }
-    Poco::FastMutex::ScopedLock lock(timeMutex_);
+    ScopedLock lock(timeMutex_);
     if (!wholeSeconds_) {
         const std::string formatted = Poco::DateTimeFormatter::format(Poco::Timestamp(micros), timeFormat_);
         const std::size_t length = std::min(size, formatted.size());
@@ -322,7 +323,7 @@ void LogFileOutput::Queue(const std::string& lines) {
         return;
     }
     EchoLines(fileName_, lines);
-    Poco::Mutex::ScopedLock lock(mutex_);
+    ScopedLock lock(mutex_);
     active_->append(lines);
 }
 
@@ -393,7 +394,7 @@ bool LogFileOutput::NeedsFlush() {
 }
 
 LogFileOutput::LineBuffer* LogFileOutput::SwapBuffers() {
-    Poco::Mutex::ScopedLock lock(mutex_);
+    ScopedLock lock(mutex_);
     if (!NeedsFlush()) return nullptr;
     LineBuffer* toWrite = active_;
     activeIndex_ = activeIndex_ == 0 ? 1 : 0;
@@ -428,7 +429,7 @@ bool LogFileOutput::PrepareTarget() {
 // Lines that could not be written go back in front of the newer ones, so a
 // later tick writes them all in the order they were logged.
 void LogFileOutput::RestoreUnwritten(LineBuffer& lines) {
-    Poco::Mutex::ScopedLock lock(mutex_);
+    ScopedLock lock(mutex_);
     active_->insert(0, lines);
     countedBytes_ += lines.size();
     bufferedBytes_ += static_cast<int>(lines.size());
@@ -456,7 +457,7 @@ void LogFileOutput::WriteBuffer(LineBuffer& lines) {
 }
 
 void LogFileOutput::ClearWritten(LineBuffer& lines) {
-    Poco::Mutex::ScopedLock lock(FileMutex());
+    ScopedLock lock(FileMutex());
     lines.clear();
     KeepRoom(lines);
 }
@@ -504,7 +505,7 @@ void LogFileOutput::RollFiles() {
 void LogFileOutput::ReportFileError() {
     if (errorRecorded_) return;
     try {
-        Poco::Mutex::ScopedLock lock(FileMutex());
+        ScopedLock lock(FileMutex());
         const std::string errorFile = ErrorFilePath();
         std::ofstream file(errorFile, std::ios::out | std::ios::app | std::ios::binary);
         if (!file.is_open()) return;

@@ -13,12 +13,19 @@
 // costs no heap allocation once the buffers have grown to the traffic; a
 // buffer that a burst grew past kKeptBufferBytes is given back after it
 // was written.
+//
+// Lock rules: mutex_ guards the active buffer and the byte counts; the
+// buffer being written is the writer's alone. timeMutex_ guards the time
+// format and the text of the second last formatted; it is taken after the
+// process-wide file lock (an error note carries the time), never before.
 #ifndef BRVO_UTIL_LOGFILEOUTPUT_H
 #define BRVO_UTIL_LOGFILEOUTPUT_H
 
 #include "util/LogLimiter.h"
+#include "util/Mutex.h"
+#include "util/RecursiveMutex.h"
+#include "util/ThreadAnnotations.h"
 
-#include <Poco/Mutex.h>
 #include <Poco/Timer.h>
 #include <Poco/Types.h>
 
@@ -65,10 +72,10 @@ public:
     // Whether lines wait for the buffer threshold or a flush request.
     void SetBufferedIO(bool buffered);
     // Time-stamp pattern; an empty pattern is ignored.
-    void SetTimeFormat(const std::string& format);
+    void SetTimeFormat(const std::string& format) EXCLUDES(timeMutex_);
     // Sets the log file and, with Ticks::kTimer, starts the writer timer
     // (once).
-    void SetFilePath(const std::string& path);
+    void SetFilePath(const std::string& path) EXCLUDES(mutex_);
 
     // Formats one line "[time UTC] [mark] prefix message", echoes it to
     // standard output and queues it. Lines below the level are dropped.
@@ -122,30 +129,30 @@ private:
 
     void WriteReports(const std::vector<LogLimiter::Report>& reports);
     void WriteCounts(bool all);
-    bool NeedsFlush();
-    LineBuffer* SwapBuffers();
+    bool NeedsFlush() REQUIRES(mutex_);
+    LineBuffer* SwapBuffers() EXCLUDES(mutex_);
     bool PrepareTarget();
     void WriteBuffer(LineBuffer& lines);
-    void RestoreUnwritten(LineBuffer& lines);
+    void RestoreUnwritten(LineBuffer& lines) EXCLUDES(mutex_);
     void ClearWritten(LineBuffer& lines);
     bool WriteToFile(const char* text, std::size_t length);
     void RollFiles();
-    void Queue(const std::string& lines);
-    std::size_t FormatNowInto(char* text, std::size_t size);
+    void Queue(const std::string& lines) EXCLUDES(mutex_);
+    std::size_t FormatNowInto(char* text, std::size_t size) EXCLUDES(timeMutex_);
     void AppendTime(std::string& line);
     void ReportFileError();
     std::string FormatNow();
     static bool WholeSecondsOnly(const std::string& format);
 
-    Poco::Mutex mutex_;
-    LineBuffer* active_;
-    int activeIndex_;
+    RecursiveMutex mutex_;
+    LineBuffer* active_ GUARDED_BY(mutex_) PT_GUARDED_BY(mutex_);
+    int activeIndex_ GUARDED_BY(mutex_);
     LineBuffer buffers_[2];
-    std::string timeFormat_;
-    Poco::FastMutex timeMutex_;
-    std::int64_t formattedSecond_ = -1;
+    std::string timeFormat_ GUARDED_BY(timeMutex_);
+    Mutex timeMutex_;
+    std::int64_t formattedSecond_ GUARDED_BY(timeMutex_) = -1;
     // Whether timeFormat_ shows nothing finer than seconds.
-    bool wholeSeconds_ = true;
+    bool wholeSeconds_ GUARDED_BY(timeMutex_) = true;
     // A thread's text of one whole second (see FormatNowInto).
     struct TimeText {
         std::uint64_t version = 0;
@@ -154,7 +161,7 @@ private:
         char text[64] = {};
     };
     static std::uint64_t NextTimeVersion();
-    std::string formattedTime_;
+    std::string formattedTime_ GUARDED_BY(timeMutex_);
     std::string directory_;
     std::string filePath_;
     std::string fileName_;
@@ -169,9 +176,9 @@ private:
     Poco::Timer* timer_;
     std::atomic<bool> flushRequested_;
     bool errorRecorded_;
-    int bufferedBytes_;
+    int bufferedBytes_ GUARDED_BY(mutex_);
     // Bytes of the active buffer already added to bufferedBytes_.
-    std::size_t countedBytes_;
+    std::size_t countedBytes_ GUARDED_BY(mutex_);
     LogLimiter limiter_;
     // This writer's time format's number (NextTimeVersion).
     std::atomic<std::uint64_t> timeVersion_;

@@ -3,6 +3,7 @@
 #include "util/Clock.h"
 #include "util/GuardedCall.h"
 #include "util/LoggerLog.h"
+#include "util/ScopedLock.h"
 
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -28,14 +29,14 @@ ThreadTimerService::ThreadTimerService(Clock& clock, const std::string& name)
     thread_.setName(name);
     lastOffset_ = Offset();
     ArmClockSetWatch();
-    Poco::FastMutex::ScopedLock lock(mutex_);
+    ScopedLock lock(mutex_);
     EnsureThread();
 }
 
 ThreadTimerService::~ThreadTimerService() {
     bool started = false;
     {
-        Poco::FastMutex::ScopedLock lock(mutex_);
+        ScopedLock lock(mutex_);
         stopping_ = true;
         pending_ = false;
         task_ = Task();
@@ -62,7 +63,7 @@ bool ThreadTimerService::EnsureThread() {
 
 void ThreadTimerService::WakeAfter(std::int64_t delayMs, const Task& task) {
     {
-        Poco::FastMutex::ScopedLock lock(mutex_);
+        ScopedLock lock(mutex_);
         if (stopping_) return;
         pending_ = true;
         dueMonotonic_ = clock_.MonotonicMicroseconds() + std::max<std::int64_t>(delayMs, 0) * 1000;
@@ -74,7 +75,7 @@ void ThreadTimerService::WakeAfter(std::int64_t delayMs, const Task& task) {
 
 void ThreadTimerService::CancelWake() {
     {
-        Poco::FastMutex::ScopedLock lock(mutex_);
+        ScopedLock lock(mutex_);
         pending_ = false;
         task_ = Task();
     }
@@ -82,7 +83,7 @@ void ThreadTimerService::CancelWake() {
 }
 
 void ThreadTimerService::OnClockStep(const StepHandler& handler) {
-    Poco::FastMutex::ScopedLock lock(mutex_);
+    ScopedLock lock(mutex_);
     stepHandler_ = handler;
 }
 
@@ -133,7 +134,7 @@ void ThreadTimerService::CheckClockStep() {
     if (step <= kStepToleranceMs * 1000 && step >= -kStepToleranceMs * 1000) return;
     StepHandler handler;
     {
-        Poco::FastMutex::ScopedLock lock(mutex_);
+        ScopedLock lock(mutex_);
         handler = stepHandler_;
     }
     if (handler) handler(step);
@@ -143,7 +144,7 @@ void ThreadTimerService::run() {
     for (;;) {
         int sleepMs = 0;
         {
-            Poco::FastMutex::ScopedLock lock(mutex_);
+            ScopedLock lock(mutex_);
             if (stopping_) return;
             sleepMs = SleepMsLocked();
         }
@@ -158,7 +159,7 @@ void ThreadTimerService::run() {
         CheckClockStep();
         Task task;
         {
-            Poco::FastMutex::ScopedLock lock(mutex_);
+            ScopedLock lock(mutex_);
             if (stopping_) return;
             if (!pending_ || dueMonotonic_ > clock_.MonotonicMicroseconds()) continue;
             pending_ = false;

@@ -16,9 +16,10 @@
 #ifndef BRVO_UTIL_THREADTIMERSERVICE_H
 #define BRVO_UTIL_THREADTIMERSERVICE_H
 
+#include "util/Mutex.h"
+#include "util/ThreadAnnotations.h"
 #include "util/TimerService.h"
 
-#include <Poco/Mutex.h>
 #include <Poco/Runnable.h>
 #include <Poco/Thread.h>
 
@@ -42,22 +43,22 @@ public:
     // Stops and joins the thread; a running task is finished first.
     ~ThreadTimerService() override;
 
-    void WakeAfter(std::int64_t delayMs, const Task& task) override;
-    void CancelWake() override;
-    void OnClockStep(const StepHandler& handler) override;
+    void WakeAfter(std::int64_t delayMs, const Task& task) override EXCLUDES(mutex_);
+    void CancelWake() override EXCLUDES(mutex_);
+    void OnClockStep(const StepHandler& handler) override EXCLUDES(mutex_);
 
 private:
     ThreadTimerService(const ThreadTimerService&) = delete;
     ThreadTimerService& operator=(const ThreadTimerService&) = delete;
 
-    void run() override;
-    bool EnsureThread();
+    void run() override EXCLUDES(mutex_);
+    bool EnsureThread() REQUIRES(mutex_);
     void Notify();
-    int SleepMsLocked() const;
+    int SleepMsLocked() const REQUIRES(mutex_);
     void ArmClockSetWatch();
     void DrainClockSetWatch();
     std::int64_t Offset() const;
-    void CheckClockStep();
+    void CheckClockStep() EXCLUDES(mutex_);
 
     Clock& clock_;
     std::string name_;
@@ -65,13 +66,13 @@ private:
     int eventFd_;
     int clockSetFd_;
 
-    Poco::FastMutex mutex_;
-    bool started_;
-    bool stopping_;
-    bool pending_;
-    std::int64_t dueMonotonic_;
-    Task task_;
-    StepHandler stepHandler_;
+    Mutex mutex_;
+    bool started_ GUARDED_BY(mutex_);
+    bool stopping_ GUARDED_BY(mutex_);
+    bool pending_ GUARDED_BY(mutex_);
+    std::int64_t dueMonotonic_ GUARDED_BY(mutex_);
+    Task task_ GUARDED_BY(mutex_);
+    StepHandler stepHandler_ GUARDED_BY(mutex_);
     // Only on the lane's thread.
     std::int64_t lastOffset_;
 };

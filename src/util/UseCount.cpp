@@ -1,5 +1,7 @@
 #include "util/UseCount.h"
 
+#include "util/ScopedLock.h"
+
 #include <Poco/Clock.h>
 
 namespace brvo {
@@ -7,18 +9,18 @@ namespace brvo {
 UseCount::UseCount() : users_(0) {}
 
 void UseCount::Enter() {
-    Poco::FastMutex::ScopedLock lock(mutex_);
+    ScopedLock lock(mutex_);
     ++users_;
 }
 
 void UseCount::Leave() {
-    Poco::FastMutex::ScopedLock lock(mutex_);
+    ScopedLock lock(mutex_);
     if (--users_ == 0) unused_.broadcast();
 }
 
 bool UseCount::WaitUnused(long ms) {
     const Poco::Clock start;
-    Poco::FastMutex::ScopedLock lock(mutex_);
+    ScopedLock lock(mutex_);
     while (users_ > 0) {
         const long left = ms - static_cast<long>(start.elapsed() / 1000);
         if (left <= 0) return false;

@@ -4,8 +4,10 @@
 #ifndef BRVO_UTIL_USECOUNT_H
 #define BRVO_UTIL_USECOUNT_H
 
+#include "util/Mutex.h"
+#include "util/ThreadAnnotations.h"
+
 #include <Poco/Condition.h>
-#include <Poco/Mutex.h>
 
 namespace brvo {
 
@@ -14,19 +16,21 @@ public:
     UseCount();
 
     // One more user.
-    void Enter();
+    void Enter() EXCLUDES(mutex_);
     // One user fewer; wakes WaitUnused when none is left.
-    void Leave();
+    void Leave() EXCLUDES(mutex_);
     // Waits up to `ms` for every user to leave; true when none is left.
-    bool WaitUnused(long ms);
+    bool WaitUnused(long ms) EXCLUDES(mutex_);
 
 private:
     UseCount(const UseCount&) = delete;
     UseCount& operator=(const UseCount&) = delete;
 
-    Poco::FastMutex mutex_;
+    Mutex mutex_;
+    // Waited on with mutex_ held (Poco::Condition releases and takes it
+    // again through its lock and unlock).
     Poco::Condition unused_;
-    int users_;
+    int users_ GUARDED_BY(mutex_);
 };
 
 } // namespace brvo
