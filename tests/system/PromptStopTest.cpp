@@ -1,13 +1,13 @@
 // The real pvocd stopped by SIGTERM or SIGUSR1 while a flow is in flight:
 // idle, while the start-up fetch, an update request or a plant check waits
 // on a schedule server that never answers, while the logger daemon takes
-// the forwarding command and never replies, and while a whole year of slots
-// is stored, while the start-up fetch is stuck in the host-name lookup of
-// the schedule server, which no stop can abort, and while clients keep
-// asking for target power. A restart or a shutdown of the logger must never
-// wait on a network peer: whatever the peers do, the daemon logs "Kill
-// complete." and exits with code 0 within half a second, and leaves no
-// schedule half-written.
+// the forwarding command and never replies, while a whole year of slots is
+// stored, while the start-up fetch is stuck in the host-name lookup of the
+// schedule server, which no stop can abort, and while clients keep asking
+// for target power. A restart or a shutdown of the logger must never wait on a
+// network peer: whatever the peers do, the daemon logs "Kill complete."
+// and exits with code 0 within half a second, and leaves no schedule
+// half-written.
 #include "support/ChildProcess.h"
 #include "support/DaemonClient.h"
 #include "support/HttpTestServer.h"
