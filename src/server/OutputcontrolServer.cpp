@@ -32,9 +32,10 @@ namespace brvo {
 
 namespace {
 
-// The server thread is never joined: it still runs while the process exits
-// and static objects are destroyed. Its constants therefore have no
-// destructor, and its mutex is never destroyed.
+// The stop joins the server thread only within a bound, and the process
+// ends without destroying statics (see BrevantaOutputControlManager); its
+// constants have no destructor all the same, and its mutex is never
+// destroyed, so that a loop that did not end never finds them gone.
 const char kTag[] = "OutputcontrolServer";
 const mode_t kSocketMode = 0660;
 // Events taken from the kernel per wait, and connections accepted per

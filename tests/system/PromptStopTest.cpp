@@ -1,9 +1,10 @@
 // The real pvocd stopped by SIGTERM or SIGUSR1 while a flow is in flight:
 // idle, while the start-up fetch, an update request or a plant check waits
 // on a schedule server that never answers, while the logger daemon takes
-// the forwarding command and never replies, and while a whole year of slots
-// is stored, and while the start-up fetch is stuck in the host-name lookup
-// of the schedule server, which no stop can abort. A restart or a shutdown of the logger must never wait on a
+// the forwarding command and never replies, while a whole year of slots is
+// stored, while the start-up fetch is stuck in the host-name lookup of the
+// schedule server, which no stop can abort, and while clients keep asking
+// for target power. A restart or a shutdown of the logger must never wait on a
 // network peer: whatever the peers do, the daemon logs "Kill complete."
 // and exits with code 0 within half a second, and leaves no schedule
 // half-written.
@@ -22,6 +23,7 @@
 
 #include <Poco/Timestamp.h>
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <atomic>
 #include <cerrno>
@@ -31,6 +33,7 @@
 #include <memory>
 #include <mutex>
 #include <netinet/in.h>
+#include <numeric>
 #include <poll.h>
 #include <string>
 #include <sys/socket.h>
@@ -180,6 +183,79 @@ std::unique_ptr<HttpTestServer> GoodServer(std::size_t slots) {
 std::unique_ptr<HttpTestServer> StallingServer() {
     return std::unique_ptr<HttpTestServer>(new HttpTestServer(std::string(), kStallMs));
 }
+
+// Clients asking for target power (now and next slot) and log flushes, one
+// request per connection, each on a thread of its own, until Stop. Every
+// answer that came is kept apart by its request's type, so that a test can
+// see that each one was whole. Each exchange is bounded, so Stop ends
+// within that bound.
+class RequestHammer {
+public:
+    explicit RequestHammer(std::size_t clients) : stop_(false), answered_(clients, 0), parts_(clients) {
+        for (std::size_t i = 0; i < clients; ++i) threads_.emplace_back([this, i] { Run(i); });
+    }
+
+    ~RequestHammer() { Stop(); }
+
+    void Stop() {
+        stop_ = true;
+        for (std::thread& thread : threads_) {
+            if (thread.joinable()) thread.join();
+        }
+    }
+
+    // Whether every client has had at least `count` whole answers.
+    bool EachAnswered(int count) const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (const int answered : answered_) {
+            if (answered < count) return false;
+        }
+        return true;
+    }
+
+    int Answered() const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return std::accumulate(answered_.begin(), answered_.end(), 0);
+    }
+
+    // Answers that were neither whole nor empty, as "type:size".
+    std::vector<std::string> Partial() const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        std::vector<std::string> partial;
+        for (const std::vector<std::string>& parts : parts_) partial.insert(partial.end(), parts.begin(), parts.end());
+        return partial;
+    }
+
+private:
+    // Bound on one exchange; far above an answer's time.
+    static constexpr int kExchangeMs = 2000;
+
+    void Run(std::size_t client) {
+        const std::int32_t types[] = {test::kCurrentTargetPowerRequest, test::kNextTargetPowerRequest,
+                                      test::kCurrentTargetPowerRequest, test::kFlushLogRequest};
+        for (std::size_t round = 0; !stop_; ++round) {
+            const std::int32_t type = types[(round + client) % (sizeof types / sizeof types[0])];
+            const std::string request =
+                type == test::kFlushLogRequest ? test::Request(type) : test::Request(type, test::Capacity(250.0));
+            std::string answer;
+            test::Exchange(test::kCommandSocket, request, answer, kExchangeMs);
+            const std::size_t whole =
+                type == test::kFlushLogRequest ? test::kUpdateAnswerSize : test::kTargetPowerAnswerSize;
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (answer.size() == whole) {
+                ++answered_[client];
+            } else if (!answer.empty()) {
+                parts_[client].push_back(std::to_string(type) + ":" + std::to_string(answer.size()));
+            }
+        }
+    }
+
+    std::atomic<bool> stop_;
+    mutable std::mutex mutex_;
+    std::vector<int> answered_;
+    std::vector<std::vector<std::string>> parts_;
+    std::vector<std::thread> threads_;
+};
 
 class PromptStopTest : public ::testing::Test {
 protected:
@@ -377,6 +453,47 @@ TEST_F(PromptStopTest, StopsPromptlyWhileAYearOfSlotsIsStored) {
     ExpectPromptStop(SIGTERM);
     const std::string stored = RowsAtRate(kRate);
     EXPECT_TRUE(stored == "0" || stored == std::to_string(kYearSlots)) << stored << " of the year's slots stored";
+}
+
+// The stop comes while clients keep asking for target power and flushes
+// (answered on the accepting loops and on the answer workers) and one
+// client has sent only part of its request. The accepting loops and the
+// workers end before the process does: every answer that came is whole,
+// the waiting client is closed unanswered, nothing is served after the
+// stop's last line, and the exit is clean (under ThreadSanitizer: no
+// thread races the end of the process).
+TEST_F(PromptStopTest, StopsPromptlyWhileTargetPowerRequestsAreInFlight) {
+    const std::int64_t slot = Poco::Timestamp().epochTime() / 1800 * 1800;
+    test::StoreSchedule(kPlant, {{slot, kRate}, {slot + 1800, kFixedRate}});
+    test::WriteSystemSetting(kPlant, "", true);
+    ASSERT_TRUE(test::StartDaemon(daemon_, test::kDaemonOutput));
+    const std::string request = test::Request(test::kCurrentTargetPowerRequest, test::Capacity(250.0));
+    ASSERT_EQ(16u, request.size());
+    client_ = test::Connect(test::kCommandSocket);
+    ASSERT_GE(client_, 0);
+    ASSERT_EQ(10, ::write(client_, request.data(), 10));
+    RequestHammer hammer(4);
+    ASSERT_TRUE(test::WaitFor([&] { return hammer.EachAnswered(3); }, kReachMs)) << hammer.Answered() << " answers\n"
+                                                                                 << test::ReadFile(test::kDaemonOutput);
+    ExpectPromptStop(SIGTERM);
+    hammer.Stop();
+    EXPECT_EQ(std::vector<std::string>(), hammer.Partial());
+    // Nothing was taken in or answered once the stop was done: after its
+    // last line come only the counts of held-back lines, which the log
+    // writes as it closes.
+    const std::vector<std::string> lines = test::ReadLines(test::LogFilePath());
+    const auto killed = std::find_if(lines.begin(), lines.end(), [](const std::string& line) {
+        return line.find("] BrevantaOutputControlManager Kill complete.") != std::string::npos;
+    });
+    ASSERT_NE(lines.end(), killed);
+    for (auto line = std::next(killed); line != lines.end(); ++line) {
+        EXPECT_NE(std::string::npos, line->find(" more time(s) in the last ")) << "after the stop: " << *line;
+    }
+    // The half-sent request is dropped with its connection.
+    pollfd closed = {client_, POLLIN, 0};
+    ASSERT_EQ(1, ::poll(&closed, 1, static_cast<int>(kReachMs * test::TimeScale())));
+    char byte = 0;
+    EXPECT_LE(::read(client_, &byte, 1), 0);
 }
 
 } // namespace
