@@ -5,7 +5,6 @@
 #include "app/Constants.h"
 #include "app/ServiceNotifier.h"
 #include "app/Watchdog.h"
-#include "client/Channel.h"
 #include "database/ScheduleDatabase.h"
 #include "schedule/ScheduleUpdateManager.h"
 #include "server/OutputcontrolServer.h"
@@ -35,11 +34,6 @@ const int kSleepStepMs = 500;
 // minute the sleep loop hands it back, so that the daemon's resident size
 // returns to its level instead of staying at its peak for years.
 const int kTrimEverySteps = 120;
-// How long Kill waits for the accepting loops, and for each kind of worker
-// (answer workers, flow workers and the start-up check): they end within
-// milliseconds unless stuck, and a stuck one is left to the process exit.
-const long kLoopsStopMs = 250;
-const long kWorkersStopMs = 250;
 
 // Read from every thread; created and deleted on the main thread.
 std::atomic<BrevantaOutputControlManager*> instance(nullptr);
@@ -151,10 +145,9 @@ BrevantaOutputControlManager::~BrevantaOutputControlManager() {
     instance.compare_exchange_strong(self, nullptr);
 }
 
-// The daemon itself never gets here (it ends without deleting the
-// manager); a manager deleted inside a running program ends the accept
-// loops if Kill did not, and waits for the server thread and the workers
-// without a bound.
+// The daemon itself never gets here with a live server (the process exits
+// after Start returns); a manager deleted inside a running program first
+// ends the accept loop and waits for the server thread.
 void BrevantaOutputControlManager::DeleteServer() {
     if (server_ == nullptr) return;
     server_->Stop();
@@ -203,9 +196,8 @@ const Watchdog* BrevantaOutputControlManager::GetWatchdog() const {
     return watchdog_;
 }
 
-// Once: a Start after Kill finds the stopped server and starts nothing.
 void BrevantaOutputControlManager::StartComponents() {
-    if (server_ != nullptr) return;
+    if (serverThread_ != nullptr) return;
     LoggerLog::Info(kTag, "Start AppVer:" + kAppVersion);
     if (watchdog_ != nullptr) watchdog_->Start();
     server_ = new OutputcontrolServer();
@@ -295,10 +287,8 @@ void BrevantaOutputControlManager::Kill() {
     ScopedLock lock(killMutex_);
     if (running_) ServiceNotifier::Stopping();
     LoggerLog::Flush();
-    StopServing();
     ScheduleUpdateManager::DeleteInstance();
     running_ = false;
-    EndFlows();
     if (watchdog_ != nullptr) {
         watchdog_->Stop();
         delete watchdog_;
@@ -311,33 +301,6 @@ void BrevantaOutputControlManager::Kill() {
     }
     LoggerLog::Info(kTag, "Kill complete.");
     LoggerLog::Flush();
-}
-
-// Ends the accepting loops and joins the server thread, then ends the
-// answer workers: no request is taken in after this, and every answer
-// begun is written. Each wait is bounded; a thread still running after it
-// is left to the process exit.
-void BrevantaOutputControlManager::StopServing() {
-    if (server_ == nullptr) return;
-    server_->Stop();
-    if (serverThread_ != nullptr && serverThread_->tryJoin(kLoopsStopMs)) {
-        delete serverThread_;
-        serverThread_ = nullptr;
-    }
-    server_->GetAnswerChannel()->Stop(kWorkersStopMs);
-}
-
-// Once the schedule update manager is gone (its flows aborted), ends the
-// flow workers and waits for the start-up check. A parked manager means a
-// flow that no stop reaches, on one of these threads or on the manager's
-// own: none of them is waited for then.
-void BrevantaOutputControlManager::EndFlows() {
-    const long waitMs = ScheduleUpdateManager::HasParked() ? 0 : kWorkersStopMs;
-    if (server_ != nullptr) server_->GetChannel()->Stop(waitMs);
-    if (startupThread_ != nullptr && startupThread_->tryJoin(waitMs)) {
-        delete startupThread_;
-        startupThread_ = nullptr;
-    }
 }
 
 void BrevantaOutputControlManager::OnTimer(Poco::Timer&) {

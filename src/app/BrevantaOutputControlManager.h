@@ -8,20 +8,14 @@
 // and stop, and only the destructor, which no other thread reaches, goes
 // without it.
 //
-// Stopping. Kill ends the daemon's threads in this order, each waited for
-// with a bound: the two accepting loops of the command server (the server
-// thread is joined), then its answer workers, so that no request comes in
-// and every answer begun is written; the schedule update manager, which
-// aborts the flows in flight and ends its timer lanes and request pool (or
-// parks itself when a flow does not end); then the flow workers and the
-// start-up check, not waited for when a manager was parked; the watchdog's
-// and the flush timer's ticks. A thread that did not end in its bound (a
-// flow parked in a host-name lookup, a worker stuck in its request) still
-// runs after Kill, as do the idle threads POCO keeps for its timers: the
-// daemon therefore ends with std::_Exit after its final log flush (see
-// main), never by returning from main, so that no static object is
-// destroyed under a thread of the daemon. The server object itself is
-// freed only with the manager.
+// Stopping. Kill flushes the log, deletes the schedule update manager
+// (which aborts the flows in flight and ends its timers, or parks itself
+// when a flow does not end), deletes the watchdog and the flush timer and
+// logs "Kill complete.". The command server is neither stopped nor joined:
+// it serves until the process ends. The daemon therefore ends with
+// std::_Exit after its final log flush (see main), never by returning from
+// main, so that no static object is destroyed under the server's threads,
+// a parked flow or the idle threads POCO keeps for its timers.
 #ifndef BRVO_APP_BREVANTAOUTPUTCONTROLMANAGER_H
 #define BRVO_APP_BREVANTAOUTPUTCONTROLMANAGER_H
 
@@ -69,8 +63,7 @@ public:
     // then waits until Kill has run. Returns when the daemon stops.
     void Start() EXCLUDES(killMutex_);
     // Stops the components in the order above and logs "Kill complete.".
-    // Every wait in it is bounded: a little over a second at worst, when
-    // threads do not end. A second call is harmless.
+    // A second call is harmless.
     void Kill() EXCLUDES(killMutex_);
     // Flush-timer callback: asks the log to write its buffer.
     void OnTimer(Poco::Timer& timer);
@@ -79,9 +72,8 @@ public:
     bool IsRunning() const { return running_; }
     // The flush timer, or null before Start and after Kill.
     const Poco::Timer* GetFlushTimer() const EXCLUDES(killMutex_);
-    // The command server, or null before Start; stopped after Kill.
+    // The command server and its thread, or null before Start.
     OutputcontrolServer* GetServer() const EXCLUDES(killMutex_);
-    // The server thread, or null before Start and once Kill joined it.
     const Poco::Thread* GetServerThread() const EXCLUDES(killMutex_);
     // The watchdog; null after Kill.
     const Watchdog* GetWatchdog() const EXCLUDES(killMutex_);
@@ -100,8 +92,6 @@ private:
     static void KeepServiceAlive(std::int64_t& lastMicroseconds);
     void RunStartupCheck();
     void WaitForKill();
-    void StopServing() REQUIRES(killMutex_);
-    void EndFlows() REQUIRES(killMutex_);
     // Only for the destructor, which no other thread reaches: it goes
     // without killMutex_, so the analysis is told to leave it.
     void DeleteServer() NO_THREAD_SAFETY_ANALYSIS;

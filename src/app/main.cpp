@@ -87,17 +87,17 @@ void FillNarrowTable() {
 
 // The one way pvocd ends once it has started a thread (the log writer's
 // timer is the first): the log's final flush, then std::_Exit, which runs
-// no static destructor. Kill has ended, each within a bound, the accepting
-// loops and workers of the command server, the schedule update manager
-// with its timer lanes and request pool, the start-up check, the watchdog
-// and the flush timer. What it could not end may still run: a flow parked
-// in a host-name lookup with its manager, a worker stuck in its request,
-// and the idle threads POCO keeps for its timers. Returning from main
-// would destroy the constant texts, POCO's thread pool and the library's
-// own statics under them; ending here destroys nothing. Nothing is lost:
-// the tables' commits are synced as they are made, the log is written
-// just before, standard output is flushed, and the kernel closes every
-// descriptor and drops the instance lock.
+// no static destructor. After Kill the command server still serves, as it
+// always has (it is never stopped or joined), and other threads may still
+// run: a flow parked in a host-name lookup with its manager, the start-up
+// check, and the idle threads POCO keeps for its timers. Returning from
+// main would destroy the constant texts, POCO's thread pool and the
+// library's own statics under them; ending here destroys nothing. The log
+// is taken from the writers atomically, so a line still being written on
+// another thread is dropped or written whole, never read freed. Nothing
+// stored is lost: the tables' commits are synced as they are made,
+// standard output is flushed, and the kernel closes every descriptor and
+// drops the instance lock.
 [[noreturn]] void EndProcess(int status) {
     brvo::LoggerLog::DeleteInstance();
     std::fflush(nullptr);

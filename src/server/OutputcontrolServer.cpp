@@ -32,10 +32,9 @@ namespace brvo {
 
 namespace {
 
-// The stop joins the server thread only within a bound, and the process
-// ends without destroying statics (see BrevantaOutputControlManager); its
-// constants have no destructor all the same, and its mutex is never
-// destroyed, so that a loop that did not end never finds them gone.
+// The server thread is never joined: it still runs while the process ends
+// (without destroying static objects). Its constants have no destructor
+// all the same, and its mutex is never destroyed.
 const char kTag[] = "OutputcontrolServer";
 const mode_t kSocketMode = 0660;
 // Events taken from the kernel per wait, and connections accepted per

