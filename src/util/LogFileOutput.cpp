@@ -137,8 +137,9 @@ LogFileOutput::LogFileOutput(const LogLimiter::Clock& repeatClock, const LogLimi
     : active_(&buffers_[0]), activeIndex_(0), timeFormat_(kDefaultTimeFormat), logLevel_(1), bufferedIO_(true),
       maxBufferedSize_(8192), maxRollIndex_(1), maxFileSize_(10485760),
       wallClock_(wallClock ? wallClock : LogLimiter::Clock(&SystemClock::NowMicroseconds)), ticks_(ticks),
-      started_(false), timer_(nullptr), flushRequested_(false), errorRecorded_(false), bufferedBytes_(0),
-      countedBytes_(0), limiter_(LogLimiter::kPeriodMicroseconds, repeatClock), timeVersion_(NextTimeVersion()) {}
+      started_(false), closed_(false), timer_(nullptr), flushRequested_(false), errorRecorded_(false),
+      bufferedBytes_(0), countedBytes_(0), limiter_(LogLimiter::kPeriodMicroseconds, repeatClock),
+      timeVersion_(NextTimeVersion()) {}
 
 // A number no writer's time format had before: a thread's kept time text
 // is of this writer and format only while the number is the same.
@@ -148,7 +149,11 @@ std::uint64_t LogFileOutput::NextTimeVersion() {
 }
 
 LogFileOutput::~LogFileOutput() {
-    if (!started_) return;
+    Close();
+}
+
+void LogFileOutput::Close() {
+    if (!started_ || closed_.exchange(true)) return;
     if (timer_ != nullptr) timer_->stop();
     WriteCounts(true);
     flushRequested_ = true;

@@ -54,9 +54,15 @@ public:
     // empty). Tests pass their own clocks and ticks.
     explicit LogFileOutput(const LogLimiter::Clock& repeatClock = LogLimiter::Clock(),
                            const LogLimiter::Clock& wallClock = LogLimiter::Clock(), Ticks ticks = Ticks::kTimer);
-    // Stops the timer and writes what the active buffer still holds,
-    // together with the counts of repeated lines still pending.
+    // Close(), if nobody called it.
     virtual ~LogFileOutput();
+
+    // Stops the timer and writes, on the calling thread, what the active
+    // buffer still holds, together with the counts of repeated lines still
+    // pending. Only the first call writes; a line another thread appends
+    // afterwards is never written. For the log's final write while other
+    // threads may still hold the writer.
+    void Close();
 
     LogFileOutput(const LogFileOutput&) = delete;
     LogFileOutput& operator=(const LogFileOutput&) = delete;
@@ -173,6 +179,7 @@ private:
     LogLimiter::Clock wallClock_;
     Ticks ticks_;
     bool started_;
+    std::atomic<bool> closed_;
     Poco::Timer* timer_;
     std::atomic<bool> flushRequested_;
     bool errorRecorded_;

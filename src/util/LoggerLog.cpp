@@ -100,8 +100,10 @@ void LoggerLog::Initialize() {
 void LoggerLog::Finalize() {
     lowestWritten.store(kNoOutput, std::memory_order_relaxed);
     std::shared_ptr<LogFileOutput> previous = std::atomic_exchange(&output, std::shared_ptr<LogFileOutput>());
-    // The writer's destructor writes what is still buffered; it runs here
-    // unless another thread is in the middle of a line, and then there.
+    // What is still buffered is written here, even while another thread is
+    // in the middle of a line (the daemon ends right after, and the line
+    // that thread finishes is not written).
+    if (previous) previous->Close();
     previous.reset();
 }
 
