@@ -1,7 +1,5 @@
 // One worker of the pool: takes requests from the shared queue and runs them
-// until it is told to stop. Its pool learns that run ended through the
-// use count it may be given, so that a stop can wait for the workers with a
-// bound instead of joining a thread that may never come back.
+// until it is told to stop.
 #ifndef BRVO_CLIENT_WORKERTHREADRUNNABLE_H
 #define BRVO_CLIENT_WORKERTHREADRUNNABLE_H
 
@@ -12,14 +10,10 @@
 
 namespace brvo {
 
-class UseCount;
-
 class WorkerThreadRunnable : public Poco::Runnable {
 public:
-    // Serves `queue`, which must outlive the worker. `running`, when given,
-    // is left once as run returns (whoever starts the worker enters it
-    // first) and must outlive the worker's thread.
-    explicit WorkerThreadRunnable(Poco::NotificationQueue* queue, UseCount* running = nullptr);
+    // Serves `queue`, which must outlive the worker.
+    explicit WorkerThreadRunnable(Poco::NotificationQueue* queue);
     ~WorkerThreadRunnable() override;
 
     // Runs requests until Stop; notices a stop within 500 ms.
@@ -34,7 +28,6 @@ private:
     static constexpr long kWaitMs = 500;
 
     Poco::NotificationQueue* queue_;
-    UseCount* running_;
     std::atomic<bool> stop_;
 };
 

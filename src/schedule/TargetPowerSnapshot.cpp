@@ -10,8 +10,6 @@
 #include "util/SystemClock.h"
 #include "util/TimeStamp.h"
 
-#include <Poco/Timestamp.h>
-
 #include <algorithm>
 #include <cstring>
 #include <string>
@@ -72,7 +70,7 @@ TargetPowerSnapshot& TargetPowerSnapshot::Instance() {
     return *holder;
 }
 
-TargetPowerSnapshot::TargetPowerSnapshot() : current_(nullptr), retired_(nullptr), rebuilds_(0), stopped_(false) {
+TargetPowerSnapshot::TargetPowerSnapshot() : current_(nullptr), retired_(nullptr) {
     for (std::atomic<const View*>& held : held_) held.store(nullptr);
     ScheduleDatabase::SetWriteObserver(&TargetPowerSnapshot::OnTableWritten);
 }
@@ -165,32 +163,7 @@ bool TargetPowerSnapshot::HeldSlot(std::int64_t seconds, bool current, ScheduleR
     return true;
 }
 
-bool TargetPowerSnapshot::Stop(long timeoutMs) {
-    ScopedLock lock(runMutex_);
-    stopped_ = true;
-    const Poco::Timestamp started;
-    while (rebuilds_ > 0) {
-        const long left = timeoutMs - static_cast<long>(started.elapsed() / 1000);
-        if (left <= 0 || !rebuildEnded_.tryWait(runMutex_, left)) break;
-    }
-    return rebuilds_ == 0;
-}
-
-bool TargetPowerSnapshot::BeginRebuild() {
-    ScopedLock lock(runMutex_);
-    if (stopped_) return false;
-    ++rebuilds_;
-    return true;
-}
-
-void TargetPowerSnapshot::EndRebuild() {
-    ScopedLock lock(runMutex_);
-    --rebuilds_;
-    rebuildEnded_.broadcast();
-}
-
 void TargetPowerSnapshot::Rebuild() {
-    if (!BeginRebuild()) return;
     View fresh;
     for (int attempt = 0; attempt < kSettingsAttempts && !fresh.settingsKnown; ++attempt) {
         fresh.settingsKnown = ReadSettings(fresh);
@@ -218,7 +191,6 @@ void TargetPowerSnapshot::Rebuild() {
     }
     if (!fresh.settingsKnown || !fresh.slotsKnown) fresh.retryAfterMicros = now + kRetryMicroseconds;
     PublishSettings(fresh);
-    EndRebuild();
 }
 
 void TargetPowerSnapshot::OnTableWritten(ScheduleDatabase& database, bool renewed) {

@@ -21,7 +21,7 @@
 // held, right after the commit, from one read of both slots), and Rebuild
 // (run on an answer worker at the start, and when a request found the view
 // not covering it: a settings change reported, a slot boundary passed; one
-// at a time, and not after Stop). A request therefore gets
+// at a time). A request therefore gets
 // the schedule before a store or after it, never a mix. Publishers take
 // publishMutex_, after the table's mutex when they hold that, never
 // before it; a part read earlier than the part published is never put
@@ -63,10 +63,7 @@
 #include "settings/DeviceSettingXmlManager.h"
 
 #include "util/Mutex.h"
-#include "util/RecursiveMutex.h"
 #include "util/ThreadAnnotations.h"
-
-#include <Poco/Condition.h>
 
 #include <atomic>
 #include <cstddef>
@@ -170,12 +167,7 @@ public:
     // table, and publishes a view. When the table cannot be read, slots
     // that still hold are kept, to be read again after kRetryMicroseconds.
     // Runs on a worker; may wait on the table's lock as any read does.
-    // Does nothing once stopped.
-    void Rebuild() EXCLUDES(publishMutex_, runMutex_);
-    // Lets no rebuild start any more and waits up to `timeoutMs` for one
-    // that runs: the process may end (and destroy what a rebuild uses) only
-    // after that. False when one still runs then.
-    bool Stop(long timeoutMs) EXCLUDES(runMutex_);
+    void Rebuild() EXCLUDES(publishMutex_);
 
     TargetPowerSnapshot(const TargetPowerSnapshot&) = delete;
     TargetPowerSnapshot& operator=(const TargetPowerSnapshot&) = delete;
@@ -195,9 +187,6 @@ private:
     void Retire(View* view);
     bool IsHeld(const View* view) const;
 
-    bool BeginRebuild() EXCLUDES(runMutex_);
-    void EndRebuild() EXCLUDES(runMutex_);
-
     // Taken by publishers only.
     Mutex publishMutex_;
 
@@ -205,13 +194,6 @@ private:
     std::atomic<View*> retired_;
     // The view each reader holds; null when it holds none.
     std::atomic<const View*> held_[kReaders];
-    // Guard the rebuilds running and the stop (runMutex_).
-    RecursiveMutex runMutex_;
-    // Waited on with runMutex_ held (Poco::Condition releases and takes it
-    // again through its lock and unlock).
-    Poco::Condition rebuildEnded_;
-    int rebuilds_ GUARDED_BY(runMutex_);
-    bool stopped_ GUARDED_BY(runMutex_);
 };
 
 } // namespace brvo

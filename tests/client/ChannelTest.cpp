@@ -92,42 +92,5 @@ TEST_F(ChannelTest, DeletingWaitsForRunningRequestsAndDropsQueuedOnes) {
     EXPECT_EQ(1, started_.load());
 }
 
-TEST_F(ChannelTest, StopEndsIdleWorkersAtOnce) {
-    Channel channel(3);
-    channel.StartWorkers();
-    Poco::Thread::sleep(100);
-    const Poco::Timestamp before;
-    EXPECT_TRUE(channel.Stop(2000));
-    // Well below a worker's own 500 ms look at its stop flag.
-    EXPECT_LT(before.elapsed(), 400 * 1000 * test::TimeScale());
-}
-
-TEST_F(ChannelTest, StopBeforeStartFindsNoWorkerRunning) {
-    Channel channel(2);
-    EXPECT_TRUE(channel.Stop(0));
-}
-
-// A worker that stays in its request past the bound is reported; it ends
-// after that request, and the one still queued is never run.
-TEST_F(ChannelTest, StopReportsAWorkerStillInItsRequestAndRunsNoQueuedOne) {
-    std::unique_ptr<Channel> channel(new Channel(1));
-    channel->StartWorkers();
-    channel->Enqueue(new SlowRequest(release_, started_, finished_));
-    ASSERT_TRUE(test::WaitFor([&] { return started_ == 1; }, 5000));
-    channel->Enqueue(new SlowRequest(release_, started_, finished_));
-    const Poco::Timestamp before;
-    EXPECT_FALSE(channel->Stop(200));
-    EXPECT_GE(before.elapsed(), 150 * 1000);
-    release_.set();
-    EXPECT_TRUE(channel->Stop(5000));
-    EXPECT_EQ(1, finished_.load());
-    EXPECT_EQ(1, started_.load());
-    EXPECT_EQ(1, channel->QueuedCount());
-    const Poco::Timestamp deleting;
-    channel.reset();
-    EXPECT_LT(deleting.elapsed(), 1000 * 1000 * test::TimeScale());
-    EXPECT_EQ(1, started_.load());
-}
-
 } // namespace
 } // namespace brvo
