@@ -33,6 +33,13 @@ namespace {
 const std::size_t kOpenAttemptSeconds = 0;
 // How long a statement waits while another connection holds the lock.
 const std::size_t kBusyTimeoutSeconds = 60;
+// How long the statements of `session` wait while another connection
+// holds the file's lock.
+void SetLockWait(Poco::Data::Session& session, int milliseconds) {
+    sqlite3* db = Poco::Data::SQLite::Utility::dbHandle(session);
+    if (db != nullptr) sqlite3_busy_timeout(db, milliseconds);
+}
+
 // The files that belong to a table file, by their endings.
 const char* const kCompanions[] = {"-journal", "-wal", "-shm"};
 const std::string kJournalMode = "DELETE";
@@ -134,7 +141,8 @@ std::atomic<bool> DatabaseManager::checkOnOpen_(false);
 std::atomic<bool> DatabaseManager::renewed_(false);
 
 DatabaseManager::DatabaseManager(const std::string& tag, const std::string& table)
-    : tag_(tag), table_(table), checked_(false), renewing_(false) {
+    : tag_(tag), table_(table), checked_(false), renewing_(false),
+      lockWaitMs_(static_cast<int>(kBusyTimeoutSeconds * 1000)) {
     Poco::Data::SQLite::Connector::registerConnector();
 }
 
@@ -158,6 +166,22 @@ bool DatabaseManager::SessionIsReadOnly() {
     if (!session_) return false;
     sqlite3* db = Poco::Data::SQLite::Utility::dbHandle(*session_);
     return db != nullptr && sqlite3_db_readonly(db, "main") == 1;
+}
+
+void DatabaseManager::ApplyLockWait() {
+    if (session_) SetLockWait(*session_, lockWaitMs_);
+}
+
+DatabaseManager::LockWaitLimit::LockWaitLimit(DatabaseManager& table, int milliseconds) : table_(table) {
+    table_.lockWaitMs_ = milliseconds;
+    table_.ApplyLockWait();
+}
+
+// The table's mutex is still held here (see the class's contract); the
+// analysis cannot follow a lock held by the caller into a destructor.
+DatabaseManager::LockWaitLimit::~LockWaitLimit() {
+    table_.lockWaitMs_ = static_cast<int>(kBusyTimeoutSeconds * 1000);
+    table_.ApplyLockWait();
 }
 
 void DatabaseManager::CloseSession() {
@@ -195,9 +219,11 @@ bool DatabaseManager::InitDataBaseFile(const std::string& path) {
 }
 
 Caught DatabaseManager::OpenAndCreate(const std::string& path, bool& damaged) {
+    const int lockWaitMs = lockWaitMs_;
     const Outcome outcome = RunGuarded([&] {
         session_.reset(new Poco::Data::Session("SQLite", path, kOpenAttemptSeconds));
         session_->setConnectionTimeout(kBusyTimeoutSeconds);
+        SetLockWait(*session_, lockWaitMs);
         ApplyDurabilitySettings();
         Execute(CreateTableStatement());
     });

@@ -121,6 +121,24 @@ protected:
     // "Database Open error.") when it cannot be opened.
     bool Open() REQUIRES(mutex_);
 
+    // For the life of one, the table's statements, and an opening of its
+    // session, wait at most `milliseconds` while another connection holds
+    // the file's lock, instead of 60 s; then the operation fails as on any
+    // other error. For reads that a request is waiting for and that may
+    // fail rather than wait. Made and destroyed on the stack of one
+    // operation, with the table's mutex held throughout.
+    class LockWaitLimit {
+    public:
+        LockWaitLimit(DatabaseManager& table, int milliseconds) REQUIRES(table.mutex_);
+        ~LockWaitLimit() NO_THREAD_SAFETY_ANALYSIS;
+
+        LockWaitLimit(const LockWaitLimit&) = delete;
+        LockWaitLimit& operator=(const LockWaitLimit&) = delete;
+
+    private:
+        DatabaseManager& table_;
+    };
+
     // The frame of every table operation: holds the table's lock, opens the
     // session when there is none yet, and runs `body` guarded. Whatever
     // `body` throws is logged at error level as `failure` + "[" + text + "]"
@@ -194,6 +212,8 @@ private:
     void CloseSession() REQUIRES(mutex_);
     // Whether the open session can only read its file (mutex_ held).
     bool SessionIsReadOnly() REQUIRES(mutex_);
+    // Sets lockWaitMs_ on the open session, if any (mutex_ held).
+    void ApplyLockWait() REQUIRES(mutex_);
 
     std::string tag_;
     std::string table_;
@@ -205,6 +225,9 @@ private:
     // Whether a renewal is under way: a fresh file is never moved aside
     // (mutex_).
     bool renewing_ GUARDED_BY(mutex_);
+    // How long a statement waits while another connection holds the
+    // file's lock, in milliseconds: 60 s but within a LockWaitLimit.
+    int lockWaitMs_ GUARDED_BY(mutex_);
 
     static std::atomic<bool> checkOnOpen_;
     static std::atomic<bool> renewed_;

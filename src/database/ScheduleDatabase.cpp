@@ -139,6 +139,7 @@ void ScheduleDatabase::DeleteOldData() {
 // process's).
 ScheduleRow ScheduleDatabase::SelectSchedule(std::int64_t time, bool current) {
     ScopedLock lock(mutex_);
+    const LockWaitLimit limit(*this, kTargetPowerLockWaitMs);
     ScheduleRow row;
     row.time = -1;
     if (!Open()) return row;
@@ -162,6 +163,7 @@ ScheduleRow ScheduleDatabase::SelectSchedule(std::int64_t time, bool current) {
 bool ScheduleDatabase::SelectSlots(std::int64_t time, ScheduleRow& current, ScheduleRow& next, ScheduleRow& after,
                                    std::uint64_t& version) {
     ScopedLock lock(mutex_);
+    const LockWaitLimit limit(*this, kTargetPowerLockWaitMs);
     version = WriteCount();
     current.time = next.time = after.time = -1;
     if (!Open()) return false;

@@ -57,15 +57,23 @@ public:
     // (OutputControlScheduleRetensionCycle days); a row exactly at the
     // cutoff stays.
     void DeleteOldData();
+    // How long the two reads below, which answer target power, wait while
+    // another process holds the file's lock (a tool with the table open in
+    // a transaction) before they fail, instead of the 60 s of every other
+    // operation: target power is never held up by a lock.
+    static constexpr int kTargetPowerLockWaitMs = 200;
+
     // The slot in force at `time` (current: the latest slot starting at or
     // before it) or the next one (the earliest starting after it). A row
-    // with time -1 when none matches or the table cannot be read.
+    // with time -1 when none matches or the table cannot be read (also
+    // when another process held its lock for kTargetPowerLockWaitMs).
     ScheduleRow SelectSchedule(std::int64_t time, bool current);
     // The slot in force at `time`, the next one and the one after that
     // (time -1 for none), read in one step under the table's mutex (so no
     // write of the daemon falls between them); `version` is WriteCount()
     // at that moment. False (rows with time -1) when the table cannot be
-    // read.
+    // read, also when another process held its lock for
+    // kTargetPowerLockWaitMs.
     bool SelectSlots(std::int64_t time, ScheduleRow& current, ScheduleRow& next, ScheduleRow& after,
                      std::uint64_t& version);
     // The number of the last write operation begun (a table made anew

@@ -19,10 +19,12 @@
 // the pointer: the table after every store or delete and when it was made
 // anew (through ScheduleDatabase's write observer, with the table's mutex
 // held, right after the commit, from one read of both slots), and Rebuild
-// (run on an answer worker at the start, and when a request found the view
-// not covering it: a settings change reported, a slot boundary passed; one
-// at a time). A request therefore gets
-// the schedule before a store or after it, never a mix. Publishers take
+// (run by the command server before it takes its first request, then on
+// an answer worker when a request found the view not covering it: a
+// settings change reported, a slot boundary passed; one at a time). A
+// request therefore gets the schedule before a store or after it, never a
+// mix. The table's reads behind target power wait at most
+// ScheduleDatabase::kTargetPowerLockWaitMs for another process's lock. Publishers take
 // publishMutex_, after the table's mutex when they hold that, never
 // before it; a part read earlier than the part published is never put
 // back (the table's write count and the watch's generation only grow).
@@ -166,7 +168,8 @@ public:
     // Reads the settings and (unless the view's slots are still fresh) the
     // table, and publishes a view. When the table cannot be read, slots
     // that still hold are kept, to be read again after kRetryMicroseconds.
-    // Runs on a worker; may wait on the table's lock as any read does.
+    // Runs on the command server before its first request, then on a
+    // worker; waits on the table's mutex while a write of the daemon runs.
     void Rebuild() EXCLUDES(publishMutex_);
 
     TargetPowerSnapshot(const TargetPowerSnapshot&) = delete;

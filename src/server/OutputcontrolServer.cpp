@@ -150,7 +150,10 @@ void OutputcontrolServer::run() {
         LoggerLog::Fatal(kTag, "epoll failed. [" + std::to_string(errno) + "]");
     } else {
         WatchSettings();
-        RequestRebuild();
+        // The first view is built before the first request is taken, so
+        // that the answers never start out on the table: another process
+        // may hold it locked from the start.
+        TargetPowerSnapshot::Instance().Rebuild();
         StartSecondLoop(socket);
         ServeLoop(socket);
     }

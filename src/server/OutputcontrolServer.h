@@ -25,7 +25,8 @@
 // whether a change was reported that no reader took yet; one counts at
 // once. A request the snapshot does not cover goes to the answer workers
 // as before, and the server queues a rebuild of the snapshot to them (one
-// at a time): at the start, and when a view stopped covering. Retired
+// at a time) when a view stopped covering; the first view is built on the
+// serving loop's thread before it takes its first request. Retired
 // views are freed at the top of each round of the loop, where it holds
 // none.
 //

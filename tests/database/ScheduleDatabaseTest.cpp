@@ -24,6 +24,7 @@
 #include <future>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <sys/stat.h>
@@ -623,6 +624,54 @@ TEST_F(ScheduleDatabaseTest, TableThatCannotBeOpenedFailsAtOnce) {
     EXPECT_EQ(kDbFile, note.file);
     EXPECT_EQ(0u, note.error.find("InitDataBaseFile error. [")) << note.error;
     ::rmdir(kDbFile.c_str());
+}
+
+// Another process holds the file's exclusive lock (a tool inside a
+// transaction): the reads behind target power give up within a moment,
+// with their error line, instead of waiting the minute of a write.
+TEST_F(ScheduleDatabaseTest, TargetPowerReadsGiveUpOnAnotherProcesssLockAtOnce) {
+    const std::int64_t t = Now() + kDay;
+    ASSERT_TRUE(Database().InsertUpdateSchedule({Row(t, 40), Row(t + 1800, 50)}));
+    sqlite3* other = nullptr;
+    ASSERT_EQ(SQLITE_OK, sqlite3_open_v2(kDbFile.c_str(), &other, SQLITE_OPEN_READWRITE, nullptr));
+    ASSERT_EQ(SQLITE_OK, sqlite3_exec(other, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr));
+    std::future<ScheduleRow> select =
+        std::async(std::launch::async, [this, t] { return Database().SelectSchedule(t + 3600, true); });
+    std::future<bool> slots = std::async(std::launch::async, [this, t] {
+        ScheduleRow current, next, after;
+        std::uint64_t version = 0;
+        return Database().SelectSlots(t + 3600, current, next, after, version) || current.time != -1;
+    });
+    const bool answered = select.wait_for(Scaled(20000)) == std::future_status::ready &&
+                          slots.wait_for(Scaled(20000)) == std::future_status::ready;
+    sqlite3_exec(other, "COMMIT", nullptr, nullptr, nullptr);
+    sqlite3_close(other);
+    ASSERT_TRUE(answered) << "a target power read waited for the lock";
+    EXPECT_EQ(-1, select.get().time);
+    EXPECT_FALSE(slots.get());
+    EXPECT_TRUE(test::HasLogLineStarting(LogLines(), "E", kTag, "Select error. ["));
+    // With the lock gone the table answers again.
+    EXPECT_EQ(t + 1800, Database().SelectSchedule(t + 3600, true).time);
+}
+
+// A write after such a read still waits for another process's lock, as
+// every statement but those reads does: it lands once the lock is gone.
+TEST_F(ScheduleDatabaseTest, WriteAfterATargetPowerReadStillWaitsForTheLock) {
+    const std::int64_t t = Now() + kDay;
+    ASSERT_TRUE(Database().InsertUpdateSchedule({Row(t, 40)}));
+    sqlite3* other = nullptr;
+    ASSERT_EQ(SQLITE_OK, sqlite3_open_v2(kDbFile.c_str(), &other, SQLITE_OPEN_READWRITE, nullptr));
+    ASSERT_EQ(SQLITE_OK, sqlite3_exec(other, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr));
+    EXPECT_EQ(-1, Database().SelectSchedule(t, true).time);
+    // Held for five times as long as a target power read waits.
+    std::future<void> release = std::async(std::launch::async, [other] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5 * ScheduleDatabase::kTargetPowerLockWaitMs));
+        sqlite3_exec(other, "COMMIT", nullptr, nullptr, nullptr);
+    });
+    EXPECT_TRUE(Database().InsertUpdateSchedule({Row(t, 41)}));
+    release.get();
+    sqlite3_close(other);
+    EXPECT_EQ("41/0", RowText(t));
 }
 
 TEST_F(ScheduleDatabaseTest, StatementsAreLoggedWhenTheTableIsGone) {

@@ -1,8 +1,9 @@
 // The real pvocd answering target power from memory on its accepting
 // thread: a settings change reaches the very next answer, a slot boundary
 // passed under a faked clock gives the new slot's answer, and a table that
-// another process holds locked, also across a slot boundary, or that
-// cannot be opened at all, holds up no answer.
+// another process holds locked, also across a slot boundary and past the
+// slots held in memory, or that cannot be opened at all, holds up no
+// answer.
 #include "server/CommandWire.h"
 #include "support/ChildProcess.h"
 #include "support/DaemonClient.h"
@@ -197,6 +198,36 @@ TEST_F(FastAnswerTest, LockedTableAcrossASlotBoundaryHoldsUpNoAnswer) {
     }
     EXPECT_EQ(SQLITE_OK, sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr));
     sqlite3_close(db);
+}
+
+// The table is locked by another process and the clock passes every slot
+// held in memory: the answer workers read the table, and their read gives
+// up on the lock at once (code 5) instead of waiting the minute of every
+// other statement; once the lock is gone, the table answers again.
+TEST_F(FastAnswerTest, LockedTablePastTheHeldSlotsAnswersNoSlotAtOnce) {
+    const std::int64_t slot0 = (TimeStamp().EpochSeconds() / kSlotSeconds - 48) * kSlotSeconds;
+    StartBeforeBoundary(slot0);
+    if (HasFatalFailure()) return;
+    ASSERT_DOUBLE_EQ(30.0, PowerOf(AskCurrent()));
+    sqlite3* db = nullptr;
+    ASSERT_EQ(SQLITE_OK, sqlite3_open_v2(test::kScheduleDbFile, &db, SQLITE_OPEN_READWRITE, nullptr));
+    ASSERT_EQ(SQLITE_OK, sqlite3_exec(db, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr));
+    SetClock(slot0 + 3 * kSlotSeconds + 5);
+    for (int i = 0; i < 3; ++i) {
+        const std::string answer = AskCurrent();
+        ASSERT_EQ(test::kTargetPowerAnswerSize, answer.size()) << "request " << i << " waited for the lock";
+        EXPECT_EQ(5, WordAt(answer, CommandWire::kTargetCodeOffset));
+        EXPECT_EQ(Field("can not get.", CommandWire::kMessageSize), answer.substr(CommandWire::kTargetMessageOffset));
+    }
+    EXPECT_EQ(SQLITE_OK, sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr));
+    sqlite3_close(db);
+    const std::string answer = AskCurrent();
+    ASSERT_EQ(test::kTargetPowerAnswerSize, answer.size());
+    EXPECT_EQ(0, WordAt(answer, CommandWire::kTargetCodeOffset));
+    EXPECT_EQ(
+        Field(TimeStamp::FromEpochSeconds(slot0 + 2 * kSlotSeconds)->FormatCompact(), CommandWire::kTargetTimeSize),
+        answer.substr(CommandWire::kTargetTimeOffset, CommandWire::kTargetTimeSize));
+    EXPECT_DOUBLE_EQ(50.0, PowerOf(answer));
 }
 
 // A table that cannot be opened (a directory stands at its path): code 5
