@@ -6,6 +6,7 @@
 #include "support/SchedulePayload.h"
 #include "support/SingletonTest.h"
 #include "support/SqliteFile.h"
+#include "support/TableLock.h"
 #include "support/TestFiles.h"
 #include "util/FileUtil.h"
 #include "util/LoggerLog.h"
@@ -632,9 +633,8 @@ TEST_F(ScheduleDatabaseTest, TableThatCannotBeOpenedFailsAtOnce) {
 TEST_F(ScheduleDatabaseTest, TargetPowerReadsGiveUpOnAnotherProcesssLockAtOnce) {
     const std::int64_t t = Now() + kDay;
     ASSERT_TRUE(Database().InsertUpdateSchedule({Row(t, 40), Row(t + 1800, 50)}));
-    sqlite3* other = nullptr;
-    ASSERT_EQ(SQLITE_OK, sqlite3_open_v2(kDbFile.c_str(), &other, SQLITE_OPEN_READWRITE, nullptr));
-    ASSERT_EQ(SQLITE_OK, sqlite3_exec(other, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr));
+    test::TableLock lock(kDbFile);
+    if (HasFailure()) return;
     std::future<ScheduleRow> select =
         std::async(std::launch::async, [this, t] { return Database().SelectSchedule(t + 3600, true); });
     std::future<bool> slots = std::async(std::launch::async, [this, t] {
@@ -644,8 +644,7 @@ TEST_F(ScheduleDatabaseTest, TargetPowerReadsGiveUpOnAnotherProcesssLockAtOnce) 
     });
     const bool answered = select.wait_for(Scaled(20000)) == std::future_status::ready &&
                           slots.wait_for(Scaled(20000)) == std::future_status::ready;
-    sqlite3_exec(other, "COMMIT", nullptr, nullptr, nullptr);
-    sqlite3_close(other);
+    lock.Release();
     ASSERT_TRUE(answered) << "a target power read waited for the lock";
     EXPECT_EQ(-1, select.get().time);
     EXPECT_FALSE(slots.get());
@@ -659,18 +658,16 @@ TEST_F(ScheduleDatabaseTest, TargetPowerReadsGiveUpOnAnotherProcesssLockAtOnce) 
 TEST_F(ScheduleDatabaseTest, WriteAfterATargetPowerReadStillWaitsForTheLock) {
     const std::int64_t t = Now() + kDay;
     ASSERT_TRUE(Database().InsertUpdateSchedule({Row(t, 40)}));
-    sqlite3* other = nullptr;
-    ASSERT_EQ(SQLITE_OK, sqlite3_open_v2(kDbFile.c_str(), &other, SQLITE_OPEN_READWRITE, nullptr));
-    ASSERT_EQ(SQLITE_OK, sqlite3_exec(other, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr));
+    test::TableLock lock(kDbFile);
+    if (HasFailure()) return;
     EXPECT_EQ(-1, Database().SelectSchedule(t, true).time);
     // Held for five times as long as a target power read waits.
-    std::future<void> release = std::async(std::launch::async, [other] {
+    std::future<void> release = std::async(std::launch::async, [&lock] {
         std::this_thread::sleep_for(std::chrono::milliseconds(5 * ScheduleDatabase::kTargetPowerLockWaitMs));
-        sqlite3_exec(other, "COMMIT", nullptr, nullptr, nullptr);
+        lock.Release();
     });
     EXPECT_TRUE(Database().InsertUpdateSchedule({Row(t, 41)}));
     release.get();
-    sqlite3_close(other);
     EXPECT_EQ("41/0", RowText(t));
 }
 

@@ -9,12 +9,11 @@
 #include "support/DaemonClient.h"
 #include "support/SqliteFile.h"
 #include "support/StoredSchedule.h"
+#include "support/TableLock.h"
 #include "support/TestFiles.h"
 #include "util/TimeStamp.h"
 
 #include <gtest/gtest.h>
-
-#include <sqlite3.h>
 
 #include <csignal>
 #include <string>
@@ -93,6 +92,17 @@ protected:
         Start(env);
     }
 
+    // Starts the daemon ten seconds before the end of a slot a day ago,
+    // checks that it answers that slot's rate, and returns its start.
+    std::int64_t StartAnsweringBeforeBoundary() {
+        const std::int64_t slot0 = (TimeStamp().EpochSeconds() / kSlotSeconds - 48) * kSlotSeconds;
+        StartBeforeBoundary(slot0);
+        if (!HasFatalFailure()) {
+            EXPECT_DOUBLE_EQ(30.0, PowerOf(AskCurrent()));
+        }
+        return slot0;
+    }
+
     test::ChildProcess daemon_;
 };
 
@@ -156,9 +166,8 @@ TEST_F(FastAnswerTest, LockedTableHoldsUpNoAnswer) {
     Start();
     if (HasFatalFailure()) return;
     ASSERT_EQ(0, WordAt(AskCurrent(), CommandWire::kTargetCodeOffset));
-    sqlite3* db = nullptr;
-    ASSERT_EQ(SQLITE_OK, sqlite3_open_v2(test::kScheduleDbFile, &db, SQLITE_OPEN_READWRITE, nullptr));
-    ASSERT_EQ(SQLITE_OK, sqlite3_exec(db, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr));
+    test::TableLock lock(test::kScheduleDbFile);
+    if (HasFailure()) return;
     for (int i = 0; i < 20; ++i) {
         const std::string answer = AskCurrent();
         ASSERT_EQ(test::kTargetPowerAnswerSize, answer.size()) << "request " << i << " waited for the lock";
@@ -168,21 +177,16 @@ TEST_F(FastAnswerTest, LockedTableHoldsUpNoAnswer) {
     // A settings change needs no read of the table either.
     WriteDevice(45);
     EXPECT_DOUBLE_EQ(45.0, PowerOf(AskCurrent()));
-    EXPECT_EQ(SQLITE_OK, sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr));
-    sqlite3_close(db);
 }
 
 // The table is locked by another process, and then the clock passes a slot
 // boundary: the slots held in memory still answer, the new slot's rate now
 // and the one after it as next, while the rebuild waits for the lock.
 TEST_F(FastAnswerTest, LockedTableAcrossASlotBoundaryHoldsUpNoAnswer) {
-    const std::int64_t slot0 = (TimeStamp().EpochSeconds() / kSlotSeconds - 48) * kSlotSeconds;
-    StartBeforeBoundary(slot0);
-    if (HasFatalFailure()) return;
-    ASSERT_DOUBLE_EQ(30.0, PowerOf(AskCurrent()));
-    sqlite3* db = nullptr;
-    ASSERT_EQ(SQLITE_OK, sqlite3_open_v2(test::kScheduleDbFile, &db, SQLITE_OPEN_READWRITE, nullptr));
-    ASSERT_EQ(SQLITE_OK, sqlite3_exec(db, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr));
+    const std::int64_t slot0 = StartAnsweringBeforeBoundary();
+    if (HasFailure()) return;
+    test::TableLock lock(test::kScheduleDbFile);
+    if (HasFailure()) return;
     SetClock(slot0 + kSlotSeconds + 5);
     for (int i = 0; i < 5; ++i) {
         std::string answer = AskCurrent();
@@ -196,8 +200,6 @@ TEST_F(FastAnswerTest, LockedTableAcrossASlotBoundaryHoldsUpNoAnswer) {
         ASSERT_EQ(test::kTargetPowerAnswerSize, answer.size()) << "request " << i << " waited for the lock";
         EXPECT_DOUBLE_EQ(50.0, PowerOf(answer));
     }
-    EXPECT_EQ(SQLITE_OK, sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr));
-    sqlite3_close(db);
 }
 
 // The table is locked by another process and the clock passes every slot
@@ -205,13 +207,10 @@ TEST_F(FastAnswerTest, LockedTableAcrossASlotBoundaryHoldsUpNoAnswer) {
 // up on the lock at once (code 5) instead of waiting the minute of every
 // other statement; once the lock is gone, the table answers again.
 TEST_F(FastAnswerTest, LockedTablePastTheHeldSlotsAnswersNoSlotAtOnce) {
-    const std::int64_t slot0 = (TimeStamp().EpochSeconds() / kSlotSeconds - 48) * kSlotSeconds;
-    StartBeforeBoundary(slot0);
-    if (HasFatalFailure()) return;
-    ASSERT_DOUBLE_EQ(30.0, PowerOf(AskCurrent()));
-    sqlite3* db = nullptr;
-    ASSERT_EQ(SQLITE_OK, sqlite3_open_v2(test::kScheduleDbFile, &db, SQLITE_OPEN_READWRITE, nullptr));
-    ASSERT_EQ(SQLITE_OK, sqlite3_exec(db, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr));
+    const std::int64_t slot0 = StartAnsweringBeforeBoundary();
+    if (HasFailure()) return;
+    test::TableLock lock(test::kScheduleDbFile);
+    if (HasFailure()) return;
     SetClock(slot0 + 3 * kSlotSeconds + 5);
     for (int i = 0; i < 3; ++i) {
         const std::string answer = AskCurrent();
@@ -219,8 +218,7 @@ TEST_F(FastAnswerTest, LockedTablePastTheHeldSlotsAnswersNoSlotAtOnce) {
         EXPECT_EQ(5, WordAt(answer, CommandWire::kTargetCodeOffset));
         EXPECT_EQ(Field("can not get.", CommandWire::kMessageSize), answer.substr(CommandWire::kTargetMessageOffset));
     }
-    EXPECT_EQ(SQLITE_OK, sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr));
-    sqlite3_close(db);
+    lock.Release();
     const std::string answer = AskCurrent();
     ASSERT_EQ(test::kTargetPowerAnswerSize, answer.size());
     EXPECT_EQ(0, WordAt(answer, CommandWire::kTargetCodeOffset));

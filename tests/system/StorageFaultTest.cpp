@@ -18,6 +18,7 @@
 #include "support/SchedulePayload.h"
 #include "support/SqliteFile.h"
 #include "support/StoredSchedule.h"
+#include "support/TableLock.h"
 #include "support/TestFiles.h"
 #include "support/UnixPeer.h"
 #include "util/TimeStamp.h"
@@ -27,8 +28,6 @@
 #include <Poco/Clock.h>
 #include <Poco/File.h>
 #include <Poco/Timestamp.h>
-
-#include <sqlite3.h>
 
 #include <algorithm>
 #include <chrono>
@@ -145,30 +144,6 @@ std::string DamageLastPage(const std::string& file) {
 std::int64_t TodayUtc() {
     return TimeStamp().EpochSeconds() / 86400 * 86400;
 }
-
-// A connection of another process to a table file, holding its exclusive
-// lock until released.
-class TableLock {
-public:
-    explicit TableLock(const std::string& path) : db_(nullptr) {
-        if (sqlite3_open_v2(path.c_str(), &db_, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK ||
-            sqlite3_exec(db_, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr) != SQLITE_OK) {
-            ADD_FAILURE() << "cannot lock " << path << ": " << sqlite3_errmsg(db_);
-        }
-    }
-    ~TableLock() { Release(); }
-
-    // Ends the transaction and closes the connection.
-    void Release() {
-        if (db_ == nullptr) return;
-        EXPECT_EQ(SQLITE_OK, sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr));
-        sqlite3_close(db_);
-        db_ = nullptr;
-    }
-
-private:
-    sqlite3* db_;
-};
 
 // What a rollback journal file looks like on disk. A transaction that
 // was cut short before its journal was synced leaves a journal that SQLite
@@ -786,13 +761,13 @@ TEST_F(StorageFaultTest, LockedTableHoldsUpNoAnswerAndIsWrittenAfterRelease) {
     // Target power is answered from memory, within the bound, while the
     // lock is held (a read of the table would wait 60 s for it).
     {
-        TableLock readLock(test::kScheduleDbFile);
+        test::TableLock readLock(test::kScheduleDbFile);
         ExpectCurrentTargetPower();
     }
 
     // A writer waits for the lock, and its rows are stored once it is gone.
     std::unique_ptr<HttpTestServer> server = Server(25);
-    TableLock writeLock(test::kScheduleDbFile);
+    test::TableLock writeLock(test::kScheduleDbFile);
     std::future<std::string> update = std::async(std::launch::async, [] { return Ask(test::kUpdateScheduleRequest); });
     EXPECT_EQ(std::future_status::timeout, update.wait_for(std::chrono::milliseconds(heldMs)));
     writeLock.Release();
@@ -812,7 +787,7 @@ TEST_F(StorageFaultTest, LockHeldPastTheBusyTimeOutFailsTheWrite) {
     StartWithStoredSchedule(test::kScheduleDbFile, FastClock());
     if (HasFatalFailure()) return;
     {
-        TableLock lock(test::kScheduleDbFile);
+        test::TableLock lock(test::kScheduleDbFile);
         std::unique_ptr<HttpTestServer> server = Server(25);
         ExpectDatabaseUpdateError();
         EXPECT_TRUE(Logged("E", "ScheduleDatabase", "Insert Update Schedule error. ["));
