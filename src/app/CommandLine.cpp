@@ -59,7 +59,7 @@ std::string CommandLine::Usage() {
 }
 
 std::string CommandLine::Version() {
-    return "pvocd " + kAppVersion;
+    return std::string("pvocd ") + PVOCD_VERSION + " (application " + kAppVersion + ")";
 }
 
 } // namespace brvo

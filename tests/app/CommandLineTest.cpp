@@ -64,7 +64,7 @@ TEST(CommandLineTest, VersionPrintsTheAppVersion) {
     EXPECT_EQ(CommandLine::kVersion, line.GetAction());
     const Printed printed = Answer(line);
     EXPECT_EQ(0, printed.status);
-    EXPECT_EQ("pvocd 20220119_qtx\n", printed.out);
+    EXPECT_EQ("pvocd " PVOCD_VERSION " (application 20220119_qtx)\n", printed.out);
 }
 
 TEST(CommandLineTest, AnyOtherArgumentIsAUsageError) {

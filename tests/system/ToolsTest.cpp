@@ -209,6 +209,18 @@ TEST_F(ToolsTest, HelpExplainsTheCommands) {
     EXPECT_EQ(2, RunTool({PVOCTL_BINARY, "bogus"}, output));
 }
 
+// pvoctl and pvocd show the one version the package has, on standard
+// output.
+TEST_F(ToolsTest, VersionIsThePackagesVersion) {
+    std::string output;
+    EXPECT_EQ(0, RunTool({PVOCTL_BINARY, "--version"}, output));
+    EXPECT_EQ("pvoctl " PVOCD_VERSION "\n", output);
+    EXPECT_EQ(0, RunTool({PVOCTL_BINARY, "--version", "current"}, output));
+    EXPECT_EQ("pvoctl " PVOCD_VERSION "\n", output);
+    EXPECT_EQ(0, RunTool({PVOCD_BINARY, "--version"}, output));
+    EXPECT_EQ("pvocd " PVOCD_VERSION " (application 20220119_qtx)\n", output);
+}
+
 TEST_F(ToolsTest, BadOptionsAndValuesAreUsageErrors) {
     const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
         {{"--timeout", "abc", "current"}, "--timeout must be a whole number of seconds from 1 to 86400, not \"abc\""},

@@ -10,7 +10,7 @@ namespace brvo {
 
 namespace {
 
-enum OptionId { kSocket = 1000, kJson, kPrometheus, kTimeout, kDb, kForce, kServerTime, kHelp };
+enum OptionId { kSocket = 1000, kJson, kPrometheus, kTimeout, kDb, kForce, kServerTime, kHelp, kVersion };
 
 const option kLongOptions[] = {{"socket", required_argument, nullptr, kSocket},
                                {"json", no_argument, nullptr, kJson},
@@ -20,6 +20,7 @@ const option kLongOptions[] = {{"socket", required_argument, nullptr, kSocket},
                                {"force", no_argument, nullptr, kForce},
                                {"server-time", no_argument, nullptr, kServerTime},
                                {"help", no_argument, nullptr, kHelp},
+                               {"version", no_argument, nullptr, kVersion},
                                {nullptr, 0, nullptr, 0}};
 
 std::string Command(const std::vector<std::string>& args) {
@@ -47,7 +48,7 @@ bool Options::Parse(int argc, char** argv, std::string& error) {
         if (!Take(option, optarg, error)) return false;
     }
     for (int i = optind; i < argc; ++i) args.push_back(argv[i]);
-    if (help) return true;
+    if (help || version) return true;
     return CheckCommand(error);
 }
 
@@ -81,6 +82,9 @@ bool Options::Take(int option, const char* value, std::string& error) {
         return true;
     case kServerTime:
         serverTime = true;
+        return true;
+    case kVersion:
+        version = true;
         return true;
     default:
         help = true;

@@ -31,6 +31,8 @@ public:
     bool serverTime = false;
     // --help was asked for.
     bool help = false;
+    // --version was asked for.
+    bool version = false;
     // The command and its arguments.
     std::vector<std::string> args;
 

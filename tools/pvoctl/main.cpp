@@ -63,6 +63,7 @@ const char kUsage[] = "usage: pvoctl [--socket PATH] [--json] [--timeout SECONDS
                       "  --socket PATH   command socket (default: OutputControlSocketPath of LoggerSetting.xml)\n"
                       "  --json          print one JSON object instead of text\n"
                       "  --timeout SEC   how long to wait for the answer, 1 to 86400 (default 120; status: 5)\n"
+                      "  --help          print this text; --version: the version\n"
                       "Relative paths (FILE, --db, --socket) are taken from the current directory.\n"
                       "Exit code: 0 success, 1 the daemon reported a failure, 2 usage or connection error.\n";
 
@@ -220,6 +221,10 @@ int main(int argc, char** argv) {
     const bool parsed = options.Parse(argc, argv, error);
     if (options.help) {
         std::cout << kUsage;
+        return 0;
+    }
+    if (options.version) {
+        std::cout << "pvoctl " PVOCD_VERSION "\n";
         return 0;
     }
     if (!parsed) {
