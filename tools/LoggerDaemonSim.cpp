@@ -15,6 +15,9 @@
 
 namespace {
 
+const char kUsage[] = "usage: logger-daemon-sim [--socket PATH] [--result N]\n"
+                      "Prints each command received and answers with result word N (default 0).\n";
+
 volatile std::sig_atomic_t stopRequested = 0;
 
 void OnSignal(int) {
@@ -32,9 +35,11 @@ int main(int argc, char** argv) {
             path = argv[++i];
         } else if (arg == "--result" && i + 1 < argc) {
             result = std::atoi(argv[++i]);
+        } else if (arg == "--help") {
+            std::cout << kUsage;
+            return 0;
         } else {
-            std::cerr << "usage: logger-daemon-sim [--socket PATH] [--result N]\n"
-                         "Prints each command received and answers with result word N (default 0).\n";
+            std::cerr << kUsage;
             return 2;
         }
     }

@@ -191,6 +191,9 @@ TEST_F(ToolsTest, SimulatorRefusesAMalformedDescription) {
     EXPECT_EQ(2, RunTool({SCHEDULE_SERVER_SIM_BINARY, "--start", "2022-01-19"}, output));
     EXPECT_NE(std::string::npos, output.find("--start (YYYYMMDDhhmm) must be 12 digits")) << output;
     EXPECT_EQ(2, RunTool({LOGGER_DAEMON_SIM_BINARY, "--bogus"}, output));
+    EXPECT_NE(std::string::npos, output.find("usage: logger-daemon-sim")) << output;
+    EXPECT_EQ(0, RunTool({LOGGER_DAEMON_SIM_BINARY, "--help"}, output));
+    EXPECT_NE(std::string::npos, output.find("usage: logger-daemon-sim [--socket PATH] [--result N]")) << output;
     EXPECT_EQ(2, RunTool({SCHEDULE_SERVER_SIM_BINARY, "--retry-after", "-1"}, output));
     EXPECT_NE(std::string::npos, output.find("--retry-after must be a number from 0 to 1000000000, not \"-1\""))
         << output;
