@@ -109,7 +109,11 @@ TEST_F(ToolsTest, StartUpFetchFromTheSimulatorAndTargetPowerThroughPvoctl) {
     EXPECT_NE(std::string::npos, requests.find("schedule_kbn=9993"));
     std::string output;
     EXPECT_EQ(0, RunTool({PVOCTL_BINARY, "current", "10"}, output)) << output;
-    EXPECT_NE(std::string::npos, output.find("target power 4 for the slot starting ")) << output;
+    EXPECT_NE(std::string::npos, output.find("target power 4 of capacity 10 for the slot starting ")) << output;
+    EXPECT_EQ(0, RunTool({PVOCTL_BINARY, "current", "10kW"}, output)) << output;
+    EXPECT_NE(std::string::npos, output.find("target power 4 kW for the slot starting ")) << output;
+    EXPECT_EQ(0, RunTool({PVOCTL_BINARY, "current"}, output)) << output;
+    EXPECT_NE(std::string::npos, output.find("target power 40 % of capacity for the slot starting ")) << output;
     EXPECT_EQ(0, RunTool({PVOCTL_BINARY, "--json", "next", "10"}, output)) << output;
     EXPECT_EQ(0u, output.find("{\"ok\":true,\"code\":0,\"power\":4,\"slot\":\"")) << output;
     EXPECT_EQ(0, RunTool({PVOCTL_BINARY, "flush-log"}, output)) << output;
@@ -239,6 +243,8 @@ TEST_F(ToolsTest, BadOptionsAndValuesAreUsageErrors) {
         {{"next", "nan"}, "CAPACITY must be a positive number, not \"nan\""},
         {{"current", "1e999"}, "CAPACITY must be a positive number, not \"1e999\""},
         {{"current", " 5"}, "CAPACITY must be a positive number, not \" 5\""},
+        {{"current", "kW"}, "CAPACITY must be a positive number, not \"kW\""},
+        {{"current", "10kilowatts"}, "CAPACITY must be a positive number, not \"10kilowatts\""},
         {{"current", "--force"}, "--force applies to fixed-schedule only"},
         {{"update", "--db", "x.db"}, "--db and --server-time apply to show-schedule only"},
         {{"show-schedule", "2026-13-01", "--db", "/tmp/x.db"}, "not a date (YYYY-MM-DD): 2026-13-01"},
@@ -269,6 +275,18 @@ TEST_F(ToolsTest, ARelativeFixedScheduleFileIsTakenFromTheCurrentDirectory) {
     EXPECT_EQ(0u, output.find("ok")) << output;
 }
 
+// A failed answer names its fall-back power in the unit of the answer too.
+TEST_F(ToolsTest, FallBackPowerNamesItsUnit) {
+    const std::vector<unsigned char> bytes =
+        CommandWire::EncodeTargetPowerAnswer(CommandWire::kCurrentTargetPower, 7.5, "", 5, "can not get.");
+    test::UnixPeer peer("/tmp/failed.sock", test::UnixPeer::kReply, std::string(bytes.begin(), bytes.end()), 16);
+    std::string output;
+    EXPECT_EQ(1, RunTool({PVOCTL_BINARY, "--socket", "/tmp/failed.sock", "current", "75MW"}, output)) << output;
+    EXPECT_EQ("no target power: can not get. (code 5); fall-back power 7.5 MW\n", output);
+    EXPECT_EQ(1, RunTool({PVOCTL_BINARY, "--socket", "/tmp/failed.sock", "current"}, output)) << output;
+    EXPECT_EQ("no target power: can not get. (code 5); fall-back power 7.5 % of capacity\n", output);
+}
+
 TEST_F(ToolsTest, NumbersArePrintedInFullPrecision) {
     const std::string answer = test::TargetPowerAnswer(CommandWire::kCurrentTargetPower, 74074.0734, "20260101000000");
     test::UnixPeer peer("/tmp/precise.sock", test::UnixPeer::kReply, answer, 16);
@@ -278,7 +296,7 @@ TEST_F(ToolsTest, NumbersArePrintedInFullPrecision) {
         << output;
     EXPECT_EQ("{\"ok\":true,\"code\":0,\"power\":74074.0734,\"slot\":\"20260101000000\",\"message\":\"\"}\n", output);
     EXPECT_EQ(0, RunTool({PVOCTL_BINARY, "--socket", "/tmp/precise.sock", "next"}, output)) << output;
-    EXPECT_EQ("target power 74074.0734 for the slot starting 2026-01-01 00:00:00 UTC\n", output);
+    EXPECT_EQ("target power 74074.0734 % of capacity for the slot starting 2026-01-01 00:00:00 UTC\n", output);
     ASSERT_EQ(2u, peer.Received().size());
     const std::string request = peer.Received()[0];
     ASSERT_EQ(16u, request.size());

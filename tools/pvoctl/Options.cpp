@@ -1,5 +1,6 @@
 #include "Options.h"
 
+#include <cctype>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
@@ -127,6 +128,15 @@ bool Options::PositiveNumber(const std::string& text, double& value) {
     const double parsed = std::strtod(text.c_str(), &end);
     if (end == text.c_str() || *end != '\0' || !std::isfinite(parsed) || !(parsed > 0)) return false;
     value = parsed;
+    return true;
+}
+
+bool Options::Capacity(const std::string& text, double& value, std::string& unit) {
+    std::size_t start = text.size();
+    while (start > 0 && std::isalpha(static_cast<unsigned char>(text[start - 1]))) --start;
+    if (text.size() - start > kMaxUnitLetters) return false;
+    if (!PositiveNumber(text.substr(0, start), value)) return false;
+    unit = text.substr(start);
     return true;
 }
 

@@ -3,6 +3,7 @@
 #ifndef BRVO_TOOLS_PVOCTL_OPTIONS_H
 #define BRVO_TOOLS_PVOCTL_OPTIONS_H
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -45,6 +46,11 @@ public:
     static bool WholeNumber(const std::string& text, long long low, long long high, long long& value);
     // A finite number greater than zero, the whole text.
     static bool PositiveNumber(const std::string& text, double& value);
+    // A plant capacity: a positive number (PositiveNumber), followed by at
+    // most kMaxUnitLetters letters naming its unit, as in "10kW"; `unit`
+    // is empty when none is given.
+    static bool Capacity(const std::string& text, double& value, std::string& unit);
+    static constexpr std::size_t kMaxUnitLetters = 8;
     // `path` made absolute against the current directory (unchanged when
     // it already is, or when it is empty).
     static std::string AbsolutePath(const std::string& path);

@@ -29,7 +29,8 @@ const char kUsage[] = "usage: pvoctl [--socket PATH] [--json] [--timeout SECONDS
                       "  current [CAPACITY]          target power of the slot in force now\n"
                       "  next [CAPACITY]             target power of the next slot\n"
                       "                              CAPACITY is the plant capacity in the unit you want\n"
-                      "                              the answer in (default 100: the answer is a percentage)\n"
+                      "                              the answer in, which may follow it (10kW); default 100:\n"
+                      "                              the answer is a percentage\n"
                       "  update                      fetch the update and fixed schedules from the server now\n"
                       "  check-plant-id ID URL       ask the schedule server at URL whether plant ID is registered\n"
                       "  fixed-schedule FILE [--force]\n"
@@ -85,6 +86,16 @@ std::string SlotText(const std::string& slot) {
            slot.substr(10, 2) + ":" + slot.substr(12, 2) + " UTC";
 }
 
+// What a target power is given in: a share of the capacity when none was
+// given, else the capacity's unit when it names one, else the capacity.
+std::string PowerUnit(const Options& options) {
+    if (options.args.size() < 2) return "% of capacity";
+    double capacity = 0.0;
+    std::string unit;
+    if (Options::Capacity(options.args[1], capacity, unit) && !unit.empty()) return unit;
+    return "of capacity " + options.args[1];
+}
+
 int PrintTargetPower(const Options& options, const std::string& answer) {
     CommandWire::TargetPowerReply reply;
     if (!CommandWire::DecodeTargetPowerAnswer(answer, reply)) return Fail("short answer from pvocd");
@@ -97,10 +108,11 @@ int PrintTargetPower(const Options& options, const std::string& answer) {
                   << ",\"slot\":" << JsonValue::Text(slot) << ",\"message\":" << JsonValue::Text(message) << "}"
                   << std::endl;
     } else if (code == 0) {
-        std::cout << "target power " << powerText << " for the slot starting " << SlotText(slot) << std::endl;
+        std::cout << "target power " << powerText << " " << PowerUnit(options) << " for the slot starting "
+                  << SlotText(slot) << std::endl;
     } else {
-        std::cout << "no target power: " << message << " (code " << code << "); fall-back power " << powerText
-                  << std::endl;
+        std::cout << "no target power: " << message << " (code " << code << "); fall-back power " << powerText << " "
+                  << PowerUnit(options) << std::endl;
     }
     return code == 0 ? 0 : 1;
 }
@@ -137,7 +149,8 @@ std::string BuildRequest(const Options& options, std::int32_t& type, std::string
     if ((command == "current" || command == "next") && args.size() <= 2) {
         type = command == "current" ? CommandWire::kCurrentTargetPower : CommandWire::kNextTargetPower;
         double capacity = 100.0;
-        if (args.size() == 2 && !Options::PositiveNumber(args[1], capacity)) {
+        std::string unit;
+        if (args.size() == 2 && !Options::Capacity(args[1], capacity, unit)) {
             error = "CAPACITY must be a positive number, not \"" + args[1] + "\"";
             return std::string();
         }
