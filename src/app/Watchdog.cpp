@@ -7,8 +7,10 @@
 #include "util/LoggerLog.h"
 #include "util/TimeStamp.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
+#include <limits>
 
 namespace brvo {
 
@@ -21,9 +23,11 @@ std::string WatchdogFile() {
     return LoggerSettingManager::Current().GetPVOutputControlWatchdogFile();
 }
 
+// The timer takes a long, of 32 bits on the device: a longer interval
+// than it holds is the longest it holds.
 long IntervalMs() {
-    const int seconds = LoggerSettingManager::Current().GetWatchdogFileUpdateInterval();
-    return static_cast<long>(seconds) * 1000;
+    const std::int64_t seconds = LoggerSettingManager::Current().GetWatchdogFileUpdateInterval();
+    return static_cast<long>(std::min<std::int64_t>(seconds * 1000, std::numeric_limits<long>::max()));
 }
 
 // Tells the service manager which plant and next update the daemon works

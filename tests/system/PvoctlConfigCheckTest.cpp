@@ -103,6 +103,52 @@ TEST_F(PvoctlConfigCheckTest, ValuesThatAreNotNumbers) {
                          "(0 to 99)");
 }
 
+// Numbers that read but that the daemon does not use as given, each with
+// what it does instead.
+TEST_F(PvoctlConfigCheckTest, ValuesOutsideTheirRanges) {
+    test::WriteFile(kDir + "/LoggerSetting.xml",
+                    LoggerSetting("<SdcardPath>/media/sdcard</SdcardPath>\n"
+                                  "<OutputControlScheduleRetensionCycle>0</OutputControlScheduleRetensionCycle>\n"
+                                  "<LogLevel>6</LogLevel>\n"
+                                  "<OutputScheduleMonitoringInterval>-5</OutputScheduleMonitoringInterval>\n"
+                                  "<WatchdogFileUpdateInterval>2147484</WatchdogFileUpdateInterval>\n"
+                                  "<OutputControlTestMode>2</OutputControlTestMode>\n"
+                                  "<OutputControlSocketTimeout>1</OutputControlSocketTimeout>\n"));
+    ExpectFinding(kDir + "/LoggerSetting.xml:4:1: value \"0\" of <OutputControlScheduleRetensionCycle> is out of "
+                         "range (1 to 2147483647): below 1 every start deletes the slot in force and all before it");
+    ExpectFinding(kDir + "/LoggerSetting.xml:5:1: value \"6\" of <LogLevel> is out of range (0 to 5): pvocd keeps "
+                         "level 1");
+    ExpectFinding(kDir + "/LoggerSetting.xml:6:1: value \"-5\" of <OutputScheduleMonitoringInterval> is out of range "
+                         "(1 to 2147483647): below 1 pvocd uses 180");
+    ExpectFinding(kDir + "/LoggerSetting.xml:7:1: value \"2147484\" of <WatchdogFileUpdateInterval> is out of range "
+                         "(1 to 2147483): below 1 the watchdog file is touched once only, above it every 24.8 days");
+    ExpectFinding(kDir + "/LoggerSetting.xml:8:1: value \"2\" of <OutputControlTestMode> is out of range (0 to 1): "
+                         "any value but 0 means test mode");
+    std::string output;
+    RunPvoctl({"check-config", kDir}, output);
+    EXPECT_EQ(std::string::npos, output.find("OutputControlSocketTimeout")) << output;
+}
+
+// The plant's capacity is text to the daemon; another reader in the C
+// locale takes "49,5" as 49.
+TEST_F(PvoctlConfigCheckTest, ACapacityThatReadsOtherwiseThanItLooks) {
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"49,5", "has a decimal comma; it is read as 49: write a decimal point"},
+        {"49.5kW", "is not a number; it is read as 49.5"},
+        {"-3", "is not a capacity above 0"},
+        {"many", "is not a number"}};
+    for (const auto& item : cases) {
+        test::WriteFile(kDir + "/SystemSetting.xml", SystemSetting(std::string(kUrl) + "<facilityCertifiedCapacity>" +
+                                                                   item.first + "</facilityCertifiedCapacity>\n"));
+        ExpectFinding(kDir + "/SystemSetting.xml:6:1: value \"" + item.first + "\" of <facilityCertifiedCapacity> " +
+                      item.second);
+    }
+    test::WriteFile(kDir + "/SystemSetting.xml",
+                    SystemSetting(std::string(kUrl) + "<facilityCertifiedCapacity>49.5</facilityCertifiedCapacity>\n"));
+    std::string output;
+    EXPECT_EQ(0, RunPvoctl({"check-config", kDir}, output)) << output;
+}
+
 TEST_F(PvoctlConfigCheckTest, ASocketPathTooLongForASocketAddress) {
     const std::string path = "/mnt/" + std::string(110, 's');
     test::WriteFile(kDir + "/LoggerSetting.xml",

@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstdlib>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -47,16 +48,71 @@ bool ReadNumber(const std::string& text, int base, long long& value, bool& whole
     return true;
 }
 
-// The finding for a value that is not a plain number, or empty text.
-std::string NumberProblem(const std::string& name, const std::string& text, int base, long long low, long long high) {
+// The finding for a value that is not a plain number, or one outside
+// [low, high] (with what the daemon does then, when `otherwise` says);
+// empty text when it is neither.
+std::string NumberProblem(const std::string& name, const std::string& text, int base, long long low, long long high,
+                          const std::string& otherwise = std::string()) {
     long long value = 0;
     bool whole = false;
     const std::string quoted = "value \"" + text + "\" of <" + name + ">";
     if (!ReadNumber(text, base, value, whole)) return quoted + " is not a number; the default is used";
     if (!whole) return quoted + " is not a number; it is read as " + std::to_string(value);
     if (value < low || value > high) {
-        return quoted + " is out of range (" + std::to_string(low) + " to " + std::to_string(high) + ")";
+        return quoted + " is out of range (" + std::to_string(low) + " to " + std::to_string(high) + ")" +
+               (otherwise.empty() ? std::string() : ": " + otherwise);
     }
+    return std::string();
+}
+
+// What the daemon makes of a number of LoggerSetting.xml: the values it
+// uses as they are, and what it does with one outside them.
+struct NumberRange {
+    const char* name;
+    long long low;
+    long long high;
+    const char* otherwise;
+};
+
+// The watchdog's period in seconds becomes milliseconds in a long, which
+// has 32 bits on the device.
+const long long kMaxWatchdogSeconds = INT32_MAX / 1000;
+
+const NumberRange kLoggerRanges[] = {
+    {"WatchdogFileUpdateInterval", 1, kMaxWatchdogSeconds,
+     "below 1 the watchdog file is touched once only, above it every 24.8 days"},
+    {"OutputScheduleLogMaxRollIndex", 0, INT32_MAX, "0 keeps 12 rolled files"},
+    {"OutputScheduleEnableLogBufferedIO", 0, 1, "any value but 0 means buffered"},
+    {"LogLevel", 0, 5, "pvocd keeps level 1"},
+    {"OutputScheduleLogMaxBufferedSize", 0, INT32_MAX, "0 keeps 4096 bytes"},
+    {"OutputControlScheduleRetensionCycle", 1, INT32_MAX,
+     "below 1 every start deletes the slot in force and all before it"},
+    {"OutputControlTestMode", 0, 1, "any value but 0 means test mode"},
+    {"OutputScheduleMonitoringInterval", 1, INT32_MAX, "below 1 pvocd uses 180"},
+    {"OutputControlSocketTimeout", 1, INT32_MAX, "below 1 pvocd uses 60"},
+};
+
+const NumberRange* LoggerRange(const std::string& name) {
+    for (const NumberRange& range : kLoggerRanges) {
+        if (name == range.name) return &range;
+    }
+    return nullptr;
+}
+
+// The finding for a decimal number that a reader in the C locale takes
+// otherwise than it looks (a decimal comma, text after it), or for one
+// that is not above 0; empty when it is a plain positive number.
+std::string DecimalProblem(const std::string& name, const std::string& text) {
+    const std::string quoted = "value \"" + text + "\" of <" + name + ">";
+    const std::string trimmed = Trimmed(text);
+    if (trimmed.empty()) return std::string();
+    char* end = nullptr;
+    const double value = std::strtod(trimmed.c_str(), &end);
+    if (end == trimmed.c_str()) return quoted + " is not a number";
+    const std::string read = trimmed.substr(0, static_cast<std::size_t>(end - trimmed.c_str()));
+    if (*end == ',') return quoted + " has a decimal comma; it is read as " + read + ": write a decimal point";
+    if (*end != '\0') return quoted + " is not a number; it is read as " + read;
+    if (!std::isfinite(value) || !(value > 0)) return quoted + " is not a capacity above 0";
     return std::string();
 }
 
@@ -201,7 +257,10 @@ void ConfigCheck::CheckLoggerElement(const std::string& file, const Element& ele
         return;
     }
     if (Known(element.name, LoggerSettingManager::NumericKeys())) {
-        const std::string problem = NumberProblem(element.name, element.text, 10, INT32_MIN, INT32_MAX);
+        const NumberRange* range = LoggerRange(element.name);
+        const std::string problem =
+            range != nullptr ? NumberProblem(element.name, element.text, 10, range->low, range->high, range->otherwise)
+                             : NumberProblem(element.name, element.text, 10, INT32_MIN, INT32_MAX);
         if (!problem.empty()) Add(file, element, problem);
     }
     if ((element.name == "LoggerSocketPath" || element.name == "OutputControlSocketPath") &&
@@ -278,6 +337,9 @@ void ConfigCheck::CheckSystemElement(const std::string& file, const Element& ele
     const std::string general = std::string(kSystemRoot) + "/" + kGeneral;
     if (element.path == general + "/" + kSystem + "/" + kCommunicationErrorRetry) {
         const std::string problem = NumberProblem(element.name, element.text, 0, 0, 99);
+        if (!problem.empty()) Add(file, element, problem);
+    } else if (element.path == general + "/" + kFacilityCertifiedCapacity) {
+        const std::string problem = DecimalProblem(element.name, element.text);
         if (!problem.empty()) Add(file, element, problem);
     } else if (element.path == general + "/" + kOutputControlStandAlone && element.text != "0" && element.text != "1") {
         Add(file, element,
