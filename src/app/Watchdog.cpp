@@ -18,6 +18,9 @@ namespace {
 
 const std::string kTag = "Watchdog";
 const long kFirstTouchMs = 100;
+// How often the update alarm is looked at for a change the service
+// manager's status line should show at once.
+const long kStatusCheckMs = 1000;
 
 std::string WatchdogFile() {
     return LoggerSettingManager::Current().GetPVOutputControlWatchdogFile();
@@ -44,9 +47,11 @@ void NotifyService() {
 
 } // namespace
 
-Watchdog::Watchdog() : timer_(nullptr) {}
+Watchdog::Watchdog() : timer_(nullptr), statusTimer_(nullptr), lastDue_(-2) {}
 
 Watchdog::~Watchdog() {
+    delete statusTimer_;
+    statusTimer_ = nullptr;
     delete timer_;
     timer_ = nullptr;
 }
@@ -59,6 +64,9 @@ void Watchdog::Start() {
     timer_ = new Poco::Timer(kFirstTouchMs, interval);
     timer_->start(Poco::TimerCallback<Watchdog>(*this, &Watchdog::OnTimer));
     LoggerLog::Debug(kTag, "Set Watchdog interval [" + std::to_string(interval) + "] file path[" + path + "]");
+    if (!ServiceNotifier::Enabled()) return;
+    statusTimer_ = new Poco::Timer(kStatusCheckMs, kStatusCheckMs);
+    statusTimer_->start(Poco::TimerCallback<Watchdog>(*this, &Watchdog::OnStatusTimer));
 }
 
 void Watchdog::Stop() {}
@@ -73,6 +81,22 @@ void Watchdog::OnTimer(Poco::Timer&) {
     if (status != 0) {
         LoggerLog::Debug(kTag, "status [" + std::to_string(status) + "] [" + command + "]");
     }
+    NotifyService();
+}
+
+// A reload or settings change, a stored update and a failed one each plan
+// the update alarm anew (or stop it): its due time moving is the sign that
+// the status line is out of date.
+void Watchdog::OnStatusTimer(Poco::Timer&) {
+    std::int64_t due = -1;
+    {
+        const ScheduleUpdateManager::Pin updates;
+        if (!updates) return;
+        const std::shared_ptr<TimeStamp> next = updates->GetScheduleUpdateTime();
+        if (next) due = next->Value().epochMicroseconds();
+    }
+    if (due == lastDue_) return;
+    lastDue_ = due;
     NotifyService();
 }
 

@@ -1,10 +1,13 @@
 // Proves to the device's supervisor that the daemon is alive by touching the
-// watchdog file at a fixed interval, on a timer thread.
+// watchdog file at a fixed interval, on a timer thread. Under a service
+// manager it also keeps the status line up to date: at every touch, and
+// within a second of any change of the planned update (a second timer).
 #ifndef BRVO_APP_WATCHDOG_H
 #define BRVO_APP_WATCHDOG_H
 
 #include <Poco/Timer.h>
 
+#include <cstdint>
 #include <string>
 
 namespace brvo {
@@ -16,8 +19,9 @@ public:
     virtual ~Watchdog();
 
     // Creates the watchdog file's directory and starts touching the file:
-    // first after 100 ms, then every WatchdogFileUpdateInterval seconds. A
-    // second call does nothing.
+    // first after 100 ms, then every WatchdogFileUpdateInterval seconds;
+    // under a service manager also the status timer. A second call does
+    // nothing.
     void Start();
     // Does nothing: the file is touched until the watchdog is deleted, so a
     // daemon that is still running never looks dead to the supervisor.
@@ -25,6 +29,10 @@ public:
     // Timer callback: touches the file named by the settings at this tick;
     // a failed touch is logged and tried again at the next tick.
     void OnTimer(Poco::Timer& timer);
+
+    // Status timer callback: sends the status when the update alarm's due
+    // time moved since the last look.
+    void OnStatusTimer(Poco::Timer& timer);
 
     // The timer, or null before Start.
     const Poco::Timer* GetTimer() const { return timer_; }
@@ -34,6 +42,12 @@ private:
     Watchdog& operator=(const Watchdog&) = delete;
 
     Poco::Timer* timer_;
+    // Checks the planned update every second; null without a service
+    // manager.
+    Poco::Timer* statusTimer_;
+    // The update alarm's due time at the last look (epoch microseconds, -1
+    // for none); read and written on the status timer's thread only.
+    std::int64_t lastDue_;
 };
 
 } // namespace brvo

@@ -84,7 +84,7 @@ TEST_F(DaemonArgumentsTest, HelpPrintsTheUsageAndStartsNothing) {
 
 TEST_F(DaemonArgumentsTest, VersionPrintsTheAppVersionAndStartsNothing) {
     EXPECT_EQ(0, Run("--version"));
-    EXPECT_EQ("pvocd 20220119_qtx\n", test::ReadFile(test::kDaemonOutput));
+    EXPECT_EQ("pvocd " PVOCD_VERSION " (application 20220119_qtx)\n", test::ReadFile(test::kDaemonOutput));
     EXPECT_EQ("", test::ReadFile(kStderrFile));
     ExpectNothingStarted();
 }
@@ -229,6 +229,42 @@ TEST_F(ServiceNotifyTest, ReadyAfterListenThenStatusWatchdogAndStopping) {
     EXPECT_EQ(0, daemon_.ExitCode());
     listener.Drain();
     EXPECT_EQ(1, listener.Count("STOPPING=1")) << ::testing::PrintToString(listener.Messages());
+}
+
+// A settings change shows in the status line at once, not at the watchdog
+// file's next tick (an hour away here).
+TEST_F(ServiceNotifyTest, StatusFollowsASettingsChangeAtOnce) {
+    test::WriteLoggerSetting("<WatchdogFileUpdateInterval>3600</WatchdogFileUpdateInterval>");
+    test::WriteSystemSetting("777", "http://127.0.0.1:9/schedule", false);
+    test::NotifyListener listener(kNotifySocket);
+    ::unlink(test::kCommandSocket);
+    ASSERT_TRUE(Start());
+    ASSERT_TRUE(listener.WaitFor("READY=1", 10000)) << test::ReadFile(test::kDaemonOutput);
+    const auto shows = [&](const std::string& plant) {
+        const std::regex status("STATUS=plant " + plant + R"(, next update \d{4}-\d\d-\d\d \d\d:\d\d:\d\d UTC)");
+        return listener.WaitUntil(
+            [&](const std::vector<std::string>&) {
+                for (const std::string& message : listener.Starting("STATUS=")) {
+                    if (std::regex_match(message, status)) return true;
+                }
+                return false;
+            },
+            10000 * static_cast<int>(test::TimeScale()));
+    };
+    ASSERT_TRUE(shows("777")) << ::testing::PrintToString(listener.Messages());
+
+    test::WriteSystemSetting("778", "http://127.0.0.1:9/schedule", false);
+    EXPECT_EQ(test::kUpdateAnswerSize, test::Ask(test::kChangeSettingRequest, "").size());
+    EXPECT_TRUE(shows("778")) << ::testing::PrintToString(listener.Messages());
+    test::WriteSystemSetting("778", "http://127.0.0.1:9/schedule", true);
+    EXPECT_EQ(test::kUpdateAnswerSize, test::Ask(test::kChangeSettingRequest, "").size());
+    EXPECT_TRUE(listener.WaitUntil(
+        [&](const std::vector<std::string>&) {
+            const std::vector<std::string> statuses = listener.Starting("STATUS=");
+            return !statuses.empty() && statuses.back().find("next update") == std::string::npos;
+        },
+        10000 * static_cast<int>(test::TimeScale())))
+        << ::testing::PrintToString(listener.Messages());
 }
 
 TEST_F(ServiceNotifyTest, NoReadyWhenTheCommandSocketCannotBeBound) {
