@@ -11,9 +11,9 @@
 
 namespace brvo {
 
-namespace {
+const char LoggerLog::kLogFileName[] = "OutputSchedule_pvocd.log";
 
-const std::string kLogFileName = "/OutputSchedule_pvocd.log";
+namespace {
 
 // One-letter marks of the six levels, indexed by level.
 const std::string kMarks[] = {"V", "D", "I", "W", "E", "F"};
@@ -92,7 +92,7 @@ void LoggerLog::Initialize() {
     created->SetLogLevel(settings->logLevel);
     created->SetBufferedIO(settings->bufferedIO);
     created->SetMaxBufferedSize(settings->maxBufferedSize);
-    created->SetFilePath(directory + kLogFileName);
+    created->SetFilePath(directory + "/" + kLogFileName);
     std::atomic_store(&output, created);
     lowestWritten.store(created->GetLogLevel(), std::memory_order_relaxed);
 }

@@ -17,6 +17,8 @@ class LoggerLog {
 public:
     // Log levels and their marks.
     enum Level { kVerbose = 0, kDebug = 1, kInfo = 2, kWarning = 3, kError = 4, kFatal = 5 };
+    // The log file's name, below the log directory.
+    static const char kLogFileName[];
 
     // Creates the process-wide instance if absent and initialises the output.
     static void CreateInstance();

@@ -19,6 +19,7 @@
 #include <cstring>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -100,7 +101,10 @@ TEST_F(PvoctlStatusTest, HealthyInAllThreeFormatsWithoutWritingAnything) {
     EXPECT_EQ(std::string::npos, output.find("unhealthy")) << output;
 
     ASSERT_EQ(0, RunPvoctl({"status", "--json"}, output)) << output;
-    EXPECT_EQ(0u, output.find("{\"healthy\":true,\"reasons\":[],\"plantId\":\"" + kPlant + "\"")) << output;
+    EXPECT_EQ(0u, output.find("{\"healthy\":true,\"reasons\":[],\"state\":\"healthy\",\"degradedReasons\":[],"
+                              "\"plantId\":\"" +
+                              kPlant + "\""))
+        << output;
     EXPECT_NE(std::string::npos, output.find("\"lastUpdate\":" + std::to_string(now_ - 3600))) << output;
     EXPECT_NE(std::string::npos, output.find("\"nextUpdate\":" + std::to_string(now_ - 3600 + 86400))) << output;
     EXPECT_NE(std::string::npos, output.find("\"validUntil\":" + std::to_string(validUntil_))) << output;
@@ -113,6 +117,10 @@ TEST_F(PvoctlStatusTest, HealthyInAllThreeFormatsWithoutWritingAnything) {
     EXPECT_NE(std::string::npos, output.find("# HELP pvocd_up ")) << output;
     EXPECT_NE(std::string::npos, output.find("# TYPE pvocd_up gauge\npvocd_up" + labels + " 1\n")) << output;
     EXPECT_NE(std::string::npos, output.find("pvocd_healthy" + labels + " 1\n")) << output;
+    EXPECT_NE(std::string::npos, output.find("pvocd_health{plant_id=\"" + kPlant + "\",state=\"healthy\"} 1\n"))
+        << output;
+    EXPECT_NE(std::string::npos, output.find("pvocd_health{plant_id=\"" + kPlant + "\",state=\"degraded\"} 0\n"))
+        << output;
     EXPECT_NE(std::string::npos,
               output.find("pvocd_last_update_timestamp_seconds" + labels + " " + std::to_string(now_ - 3600)))
         << output;
@@ -143,6 +151,48 @@ TEST_F(PvoctlStatusTest, AnOldLastUpdateIsUnhealthyWithTheReason) {
     EXPECT_NE(std::string::npos, output.find("pvocd_healthy{plant_id=\"" + kPlant + "\"} 0\n")) << output;
 }
 
+// An update overdue by more than one expected interval (but not two) leaves
+// the daemon serving: degraded, exit 3, in all three formats.
+TEST_F(PvoctlStatusTest, AnUpdateOverdueIsDegradedWithTheReason) {
+    Store(86400 + 3600);
+    test::UnixPeer daemon(kSocket, test::UnixPeer::kReply, TargetPowerAnswer(40), 16);
+    std::string output;
+    EXPECT_EQ(3, RunPvoctl({"status"}, output)) << output;
+    EXPECT_EQ(0u, output.find("pvocd status: degraded\n")) << output;
+    EXPECT_NE(std::string::npos, output.find("\ndegraded: last successful update 9000")) << output;
+    EXPECT_NE(std::string::npos, output.find(" s ago, more than the expected interval of 86400 s\n")) << output;
+    EXPECT_EQ(std::string::npos, output.find("unhealthy")) << output;
+    EXPECT_EQ(3, RunPvoctl({"status", "--json"}, output)) << output;
+    EXPECT_EQ(0u, output.find("{\"healthy\":false,\"reasons\":[],\"state\":\"degraded\",\"degradedReasons\":[\"last "
+                              "successful update "))
+        << output;
+    EXPECT_EQ(3, RunPvoctl({"status", "--prometheus"}, output)) << output;
+    EXPECT_NE(std::string::npos, output.find("pvocd_health{plant_id=\"" + kPlant + "\",state=\"degraded\"} 1\n"))
+        << output;
+    EXPECT_NE(std::string::npos, output.find("pvocd_health{plant_id=\"" + kPlant + "\",state=\"healthy\"} 0\n"))
+        << output;
+}
+
+// The log I/O error note counts only until the log file is written again.
+TEST_F(PvoctlStatusTest, ALogIoErrorNoteCountsUntilTheLogIsWrittenAgain) {
+    Store(3600);
+    test::UnixPeer daemon(kSocket, test::UnixPeer::kReply, TargetPowerAnswer(40), 16);
+    const std::string note = "/tmp/logger_io_file_error";
+    test::WriteFile(note, "[2026-01-01 00:00:00 UTC] /x/OutputSchedule_pvocd.log\n");
+    std::string output;
+    EXPECT_EQ(3, RunPvoctl({"status"}, output)) << output;
+    EXPECT_NE(std::string::npos, output.find("\ndegraded: log writes failing since ")) << output;
+    const std::string log = "/media/sdcard/kestrovanyx/Log/OutputScheduleLog/OutputSchedule_pvocd.log";
+    test::WriteFile(log, "a line\n");
+    struct stat noted;
+    ASSERT_EQ(0, stat(note.c_str(), &noted));
+    const struct timeval later[2] = {{noted.st_mtime + 10, 0}, {noted.st_mtime + 10, 0}};
+    ASSERT_EQ(0, utimes(log.c_str(), later));
+    EXPECT_EQ(0, RunPvoctl({"status"}, output)) << output;
+    EXPECT_EQ(0u, output.find("pvocd status: healthy\n")) << output;
+    EXPECT_NE(std::string::npos, output.find("log I/O errors:    /tmp/logger_io_file_error present")) << output;
+}
+
 TEST_F(PvoctlStatusTest, ASocketThatDoesNotAnswerIsUnhealthy) {
     Store(3600);
     test::UnixPeer daemon(kSocket, test::UnixPeer::kSilent, "", 16);
@@ -167,6 +217,10 @@ TEST_F(PvoctlStatusTest, TheTmpFallBackAndTheLogIoErrorNoteAreShown) {
         << output;
     EXPECT_NE(std::string::npos, output.find("log I/O errors:    /tmp/logger_io_file_error present")) << output;
     EXPECT_NE(std::string::npos, output.find("unhealthy: no update information stored in /tmp/kestrovanyx/")) << output;
+    EXPECT_NE(std::string::npos, output.find("\ndegraded: the data is kept in the /tmp fall-back /tmp/kestrovanyx, "
+                                             "which a reboot loses: /tmp/card/sd cannot be written\n"))
+        << output;
+    EXPECT_NE(std::string::npos, output.find("\ndegraded: log writes failing since ")) << output;
     EXPECT_EQ(1, RunPvoctl({"status", "--json"}, output)) << output;
     EXPECT_NE(std::string::npos, output.find("\"fallback\":true")) << output;
     EXPECT_NE(std::string::npos, output.find("\"logIoError\":true")) << output;

@@ -11,6 +11,7 @@
 #include "settings/SystemSettingXmlManager.h"
 #include "util/FileUtil.h"
 #include "util/LogFileOutput.h"
+#include "util/LoggerLog.h"
 #include "util/TimeStamp.h"
 
 #include <sqlite3.h>
@@ -115,6 +116,7 @@ void StatusReport::ReadSettings() {
     watchdogInterval_ = logger.GetWatchdogFileUpdateInterval();
     watchdogFile_ = logger.GetPVOutputControlWatchdogFile();
     sdcardPath_ = logger.GetSdcardPath();
+    logFile_ = logger.GetLogDirectory() + "/" + LoggerLog::kLogFileName;
     SystemSettingXmlManager::CreateInstance();
     SystemSettingXmlManager& system = *SystemSettingXmlManager::GetInstance();
     system.Load();
@@ -157,6 +159,8 @@ void StatusReport::ReadSchedule() {
 void StatusReport::ReadFiles() {
     struct stat info;
     logIoError_ = ::stat(LogFileOutput::kErrorFilePath.c_str(), &info) == 0;
+    if (logIoError_) logIoErrorTime_ = static_cast<std::int64_t>(info.st_mtime);
+    if (::stat(logFile_.c_str(), &info) == 0) logWriteTime_ = static_cast<std::int64_t>(info.st_mtime);
     if (!watchdogFile_.empty() && ::stat(watchdogFile_.c_str(), &info) == 0) {
         watchdogAge_ = std::max<std::int64_t>(0, now_ - static_cast<std::int64_t>(info.st_mtime));
     }
@@ -206,6 +210,43 @@ void StatusReport::Judge() {
         }
     }
     if (!socketAnswers_) reasons_.push_back("command socket does not answer: " + socketError_);
+    JudgeDegraded();
+}
+
+// Each of these leaves the daemon serving, but costs data or updates unless
+// someone mends it.
+void StatusReport::JudgeDegraded() {
+    if (fallback_) {
+        degraded_.push_back("the data is kept in the /tmp fall-back " + dataRoot_ +
+                            ", which a reboot loses: " + sdcardPath_ + " cannot be written");
+    }
+    // The note is appended once per period of failing writes; a log file
+    // written since then shows the writes work again.
+    if (logIoError_ && logIoErrorTime_ >= logWriteTime_) {
+        degraded_.push_back("log writes failing since " + Time(logIoErrorTime_) + " (" + LogFileOutput::kErrorFilePath +
+                            "), none succeeded since");
+    }
+    const bool updating = !plantId_.empty() && !standAlone_ && !info_.plantId.empty() && info_.last >= 0;
+    if (updating && now_ - info_.last > expectedInterval_ && now_ - info_.last <= 2 * expectedInterval_) {
+        degraded_.push_back("last successful update " + std::to_string(now_ - info_.last) +
+                            " s ago, more than the expected interval of " + std::to_string(expectedInterval_) + " s");
+    }
+}
+
+StatusReport::Verdict StatusReport::GetVerdict() const {
+    if (!reasons_.empty()) return Verdict::kUnhealthy;
+    return degraded_.empty() ? Verdict::kHealthy : Verdict::kDegraded;
+}
+
+const char* StatusReport::VerdictName(Verdict verdict) {
+    switch (verdict) {
+    case Verdict::kHealthy:
+        return "healthy";
+    case Verdict::kDegraded:
+        return "degraded";
+    default:
+        return "unhealthy";
+    }
 }
 
 std::string StatusReport::Time(std::int64_t epoch) const {
@@ -229,7 +270,7 @@ std::string StatusReport::StorageErrorText() const {
 
 std::string StatusReport::Text() const {
     std::ostringstream out;
-    out << "pvocd status: " << (Healthy() ? "healthy" : "unhealthy") << "\n";
+    out << "pvocd status: " << VerdictName(GetVerdict()) << "\n";
     out << "  plant ID:          " << (plantId_.empty() ? "(none)" : plantId_) << " (SystemSetting.xml)";
     if (!info_.plantId.empty() && info_.plantId != plantId_) out << ", stored: " << info_.plantId;
     out << "\n  mode:              " << (standAlone_ ? "stand-alone (fixed schedules only)" : "schedule server")
@@ -254,6 +295,7 @@ std::string StatusReport::Text() const {
     out << "\n  command socket:    " << socketPath_
         << (socketAnswers_ ? std::string(" answers") : " does not answer: " + socketError_) << "\n";
     for (const std::string& reason : reasons_) out << "unhealthy: " << reason << "\n";
+    for (const std::string& reason : degraded_) out << "degraded: " << reason << "\n";
     return out.str();
 }
 
@@ -261,6 +303,8 @@ std::string StatusReport::Json() const {
     std::ostringstream out;
     out << "{\"healthy\":" << (Healthy() ? "true" : "false") << ",\"reasons\":[";
     for (std::size_t i = 0; i < reasons_.size(); ++i) out << (i > 0 ? "," : "") << JsonValue::Text(reasons_[i]);
+    out << "],\"state\":\"" << VerdictName(GetVerdict()) << "\",\"degradedReasons\":[";
+    for (std::size_t i = 0; i < degraded_.size(); ++i) out << (i > 0 ? "," : "") << JsonValue::Text(degraded_[i]);
     out << "],\"plantId\":" << JsonValue::Text(plantId_) << ",\"storedPlantId\":" << JsonValue::Text(info_.plantId)
         << ",\"standAlone\":" << (standAlone_ ? "true" : "false") << ",\"lastUpdate\":" << JsonTime(info_.last)
         << ",\"nextUpdate\":" << JsonTime(nextUpdate_) << ",\"expectedUpdateInterval\":" << expectedInterval_
@@ -307,6 +351,12 @@ std::string StatusReport::Prometheus() const {
     metric("pvocd_up", "Whether the command socket answered a request.", socketAnswers_ ? 1 : 0, true);
     metric("pvocd_healthy", "Whether the daemon is healthy (recent update, socket answering).", Healthy() ? 1 : 0,
            true);
+    out << "# HELP pvocd_health The verdict of pvoctl status: 1 for the state it is in.\n"
+        << "# TYPE pvocd_health gauge\n";
+    for (const Verdict verdict : {Verdict::kHealthy, Verdict::kDegraded, Verdict::kUnhealthy}) {
+        out << "pvocd_health{plant_id=\"" << Escaped(plantId_) << "\",state=\"" << VerdictName(verdict) << "\"} "
+            << (GetVerdict() == verdict ? 1 : 0) << "\n";
+    }
     metric("pvocd_last_update_timestamp_seconds", "Time of the last successful schedule update.", info_.last,
            info_.last >= 0);
     metric("pvocd_next_update_timestamp_seconds", "Time of the next schedule update.", nextUpdate_, nextUpdate_ >= 0);

@@ -19,13 +19,24 @@ public:
     // schedule server hands out one day at a time.
     static constexpr std::int64_t kDefaultUpdateInterval = 86400;
 
+    // The verdict: healthy; degraded (it serves, but something will cost
+    // data or updates unless mended: the /tmp fall-back, log writes failing,
+    // an update overdue); unhealthy (it does not do its job).
+    enum class Verdict { kHealthy, kDegraded, kUnhealthy };
+
     // Gathers everything; `socketPath` is asked with `timeoutMs`.
     StatusReport(const std::string& socketPath, int timeoutMs);
 
-    // True when nothing in Reasons() stands against the daemon.
-    bool Healthy() const { return reasons_.empty(); }
-    // Why the daemon is not healthy, one sentence each.
+    // The verdict from the reasons below.
+    Verdict GetVerdict() const;
+    // True when the verdict is healthy.
+    bool Healthy() const { return GetVerdict() == Verdict::kHealthy; }
+    // Why the daemon is unhealthy, one sentence each.
     const std::vector<std::string>& Reasons() const { return reasons_; }
+    // Why it is degraded, one sentence each.
+    const std::vector<std::string>& DegradedReasons() const { return degraded_; }
+    // The verdict's name: "healthy", "degraded" or "unhealthy".
+    static const char* VerdictName(Verdict verdict);
     // Human-readable lines.
     std::string Text() const;
     // One JSON object.
@@ -51,6 +62,7 @@ private:
     void AskSocket(int timeoutMs);
     void WorkOutTimers();
     void Judge();
+    void JudgeDegraded();
     std::string Time(std::int64_t epoch) const;
     std::string DamagedText() const;
     std::string StorageErrorText() const;
@@ -85,6 +97,12 @@ private:
     bool socketAnswers_ = false;
     std::string socketError_;
     std::vector<std::string> reasons_;
+    std::vector<std::string> degraded_;
+    // Modification times of the log I/O error note and of the log file,
+    // -1 when missing: a note older than the log's last write is over.
+    std::int64_t logIoErrorTime_ = -1;
+    std::int64_t logWriteTime_ = -1;
+    std::string logFile_;
 };
 
 } // namespace brvo

@@ -46,8 +46,10 @@ const char kUsage[] = "usage: pvoctl [--socket PATH] [--json] [--timeout SECONDS
                       "  status [--json|--prometheus]\n"
                       "                              plant ID, last and next update, fixed schedule, card or\n"
                       "                              /tmp in use, log I/O error note, watchdog file age, whether\n"
-                      "                              the socket answers, and a health verdict (exit 0 healthy,\n"
-                      "                              1 unhealthy); --prometheus writes the textfile-collector format\n"
+                      "                              the socket answers, and a verdict with its reasons (exit 0\n"
+                      "                              healthy, 3 degraded: /tmp fall-back, log writes failing or an\n"
+                      "                              update overdue, 1 unhealthy); --prometheus writes the\n"
+                      "                              textfile-collector format\n"
                       "  check-config [DIR]          check the settings in DIR (default\n"
                       "                              /usr/local/etc/kestrovanyx/SettingsXML): one FILE:LINE:COLUMN:\n"
                       "                              finding per line; exit 0 clean, 1 with findings\n"
@@ -211,7 +213,14 @@ int RunStatus(const Options& options) {
     } else {
         std::cout << report.Text();
     }
-    return report.Healthy() ? 0 : 1;
+    switch (report.GetVerdict()) {
+    case brvo::StatusReport::Verdict::kHealthy:
+        return 0;
+    case brvo::StatusReport::Verdict::kDegraded:
+        return 3;
+    default:
+        return 1;
+    }
 }
 
 int RunCheckConfig(const Options& options) {
