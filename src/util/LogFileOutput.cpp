@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <string_view>
 
 namespace brvo {
 
@@ -137,7 +138,7 @@ LogFileOutput::LogFileOutput(const LogLimiter::Clock& repeatClock, const LogLimi
     : active_(&buffers_[0]), activeIndex_(0), timeFormat_(kDefaultTimeFormat), logLevel_(1), bufferedIO_(true),
       maxBufferedSize_(8192), maxRollIndex_(1), maxFileSize_(10485760),
       wallClock_(wallClock ? wallClock : LogLimiter::Clock(&SystemClock::NowMicroseconds)), ticks_(ticks),
-      started_(false), closed_(false), timer_(nullptr), flushRequested_(false), errorRecorded_(false),
+      started_(false), closed_(false), timer_(nullptr), flushRequested_(false), errorRecorded_(false), sentToStderr_(0),
       bufferedBytes_(0), countedBytes_(0), limiter_(LogLimiter::kPeriodMicroseconds, repeatClock),
       timeVersion_(NextTimeVersion()) {}
 
@@ -416,11 +417,51 @@ void LogFileOutput::Tick() {
     LineBuffer* toWrite = SwapBuffers();
     if (toWrite == nullptr || toWrite->empty()) return;
     if (!PrepareTarget()) {
+        SendUnwritten(*toWrite);
         RestoreUnwritten(*toWrite);
         return;
     }
-    WriteBuffer(*toWrite);
+    if (!WriteBuffer(*toWrite)) SendUnwritten(*toWrite);
+    sentToStderr_ = 0;
     ClearWritten(*toWrite);
+}
+
+int LogFileOutput::SyslogPriority(const char* line, std::size_t length) {
+    // "[time UTC] [M] ...": the mark follows the first "] [".
+    const std::string_view text(line, length);
+    const std::size_t at = text.find("] [");
+    const char mark = at != std::string_view::npos && at + 4 < length && line[at + 4] == ']' ? line[at + 3] : 'I';
+    switch (mark) {
+    case 'V':
+    case 'D':
+        return 7;
+    case 'W':
+        return 4;
+    case 'E':
+        return 3;
+    case 'F':
+        return 2;
+    default:
+        return 6;
+    }
+}
+
+// The lines not yet sent, each with its priority, in one write per line
+// under one lock of the stream.
+void LogFileOutput::SendUnwritten(const LineBuffer& lines) {
+    flockfile(stderr);
+    std::size_t start = std::min(sentToStderr_, lines.size());
+    while (start < lines.size()) {
+        const std::size_t feed = lines.find('\n', start);
+        const std::size_t end = feed == std::string::npos ? lines.size() : feed + 1;
+        const char priority[] = {'<', static_cast<char>('0' + SyslogPriority(lines.data() + start, end - start)), '>'};
+        fwrite_unlocked(priority, 1, sizeof priority, stderr);
+        fwrite_unlocked(lines.data() + start, 1, end - start, stderr);
+        start = end;
+    }
+    fflush_unlocked(stderr);
+    funlockfile(stderr);
+    sentToStderr_ = lines.size();
 }
 
 bool LogFileOutput::PrepareTarget() {
@@ -434,6 +475,13 @@ bool LogFileOutput::PrepareTarget() {
 // Lines that could not be written go back in front of the newer ones, so a
 // later tick writes them all in the order they were logged.
 void LogFileOutput::RestoreUnwritten(LineBuffer& lines) {
+    if (lines.size() > kMaxUnwrittenBytes) {
+        // Whole lines only: from the first line start within the cap.
+        std::size_t cut = lines.find('\n', lines.size() - kMaxUnwrittenBytes - 1);
+        cut = cut == std::string::npos ? lines.size() : cut + 1;
+        lines.erase(0, cut);
+        sentToStderr_ = sentToStderr_ > cut ? sentToStderr_ - cut : 0;
+    }
     ScopedLock lock(mutex_);
     active_->insert(0, lines);
     countedBytes_ += lines.size();
@@ -441,24 +489,25 @@ void LogFileOutput::RestoreUnwritten(LineBuffer& lines) {
     lines.clear();
 }
 
-void LogFileOutput::WriteBuffer(LineBuffer& lines) {
+bool LogFileOutput::WriteBuffer(LineBuffer& lines) {
     // The chunk is the run of lines from `begin` to `end`; it is written
     // before a line that would take the file past its limit.
     Poco::UInt64 fileSize = FileUtil::GetSize(filePath_);
+    bool written = true;
     std::size_t begin = 0;
     std::size_t end = 0;
     while (end < lines.size()) {
         const std::size_t feed = lines.find('\n', end);
         const std::size_t next = feed == std::string::npos ? lines.size() : feed + 1;
         if ((next - end) + fileSize + (end - begin) > maxFileSize_) {
-            WriteToFile(lines.data() + begin, end - begin);
+            written = WriteToFile(lines.data() + begin, end - begin) && written;
             begin = end;
             RollFiles();
             fileSize = FileUtil::GetSize(filePath_);
         }
         end = next;
     }
-    WriteToFile(lines.data() + begin, lines.size() - begin);
+    return WriteToFile(lines.data() + begin, lines.size() - begin) && written;
 }
 
 void LogFileOutput::ClearWritten(LineBuffer& lines) {

@@ -4,6 +4,13 @@
 // grow past the size limit. Its own write failures are noted once per
 // failure period in "/tmp/logger_io_file_error".
 //
+// While the file cannot be written (no card, a read-only or full card),
+// every line also goes to standard error, once, with its level as a syslog
+// priority ("<3>" for E; the journal reads it), from the writer's thread
+// so that no caller waits on it; once a write succeeds, that stops. The
+// lines kept in memory for a later write are capped at kMaxUnwrittenBytes,
+// the oldest going first: they reached standard error already.
+//
 // Control characters in a line's prefix and message are written as "\xNN",
 // so that one call is always exactly one line, whatever text a value holds.
 //
@@ -128,6 +135,11 @@ public:
     // Room a buffer keeps after it was written; a buffer that grew past it
     // in a burst is given back.
     static constexpr std::size_t kKeptBufferBytes = 256 * 1024;
+    // Most bytes of lines kept for a file that cannot be written.
+    static constexpr std::size_t kMaxUnwrittenBytes = 1024 * 1024;
+    // The syslog priority of a formatted line, by its level mark: 7 for V
+    // and D, 6 for I (and a line without a mark), 4 for W, 3 for E, 2 for F.
+    static int SyslogPriority(const char* line, std::size_t length);
 
 private:
     // Whole lines, each ended by its line feed.
@@ -138,7 +150,8 @@ private:
     bool NeedsFlush() REQUIRES(mutex_);
     LineBuffer* SwapBuffers() EXCLUDES(mutex_);
     bool PrepareTarget();
-    void WriteBuffer(LineBuffer& lines);
+    bool WriteBuffer(LineBuffer& lines);
+    void SendUnwritten(const LineBuffer& lines);
     void RestoreUnwritten(LineBuffer& lines) EXCLUDES(mutex_);
     void ClearWritten(LineBuffer& lines);
     bool WriteToFile(const char* text, std::size_t length);
@@ -183,6 +196,9 @@ private:
     Poco::Timer* timer_;
     std::atomic<bool> flushRequested_;
     bool errorRecorded_;
+    // Bytes at the front of the lines waiting for the file that went to
+    // standard error already; the writer's thread alone.
+    std::size_t sentToStderr_;
     int bufferedBytes_ GUARDED_BY(mutex_);
     // Bytes of the active buffer already added to bufferedBytes_.
     std::size_t countedBytes_ GUARDED_BY(mutex_);

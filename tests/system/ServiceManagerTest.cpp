@@ -12,6 +12,7 @@
 #include <Poco/File.h>
 
 #include <csignal>
+#include <map>
 #include <regex>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -96,6 +97,48 @@ TEST_F(DaemonArgumentsTest, AnUnknownArgumentIsAUsageErrorOnStandardError) {
     EXPECT_EQ(0u, err.find("pvocd: unexpected argument '--foreground'\n")) << err;
     EXPECT_NE(std::string::npos, err.find("Usage: pvocd [--help | --version]\n")) << err;
     ExpectNothingStarted();
+}
+
+// Without a card to write the log on, the log lines go to standard error
+// (the journal under systemd), each once, with a syslog priority; with one,
+// standard error stays quiet.
+TEST(LogWithoutACardTest, LinesGoToStandardErrorOnlyWhileTheLogCannotBeWritten) {
+    test::WriteFile("/media/sdcard/full", "not a directory");
+    test::WriteLoggerSetting("<SdcardPath>/media/sdcard/full</SdcardPath>");
+    const int waitMs = 10000 * static_cast<int>(test::TimeScale());
+    for (const bool card : {false, true}) {
+        if (card) test::WriteLoggerSetting("<SdcardPath>/media/sdcard</SdcardPath>");
+        test::ChildProcess daemon;
+        ASSERT_TRUE(daemon.Start(WithStderrApart({}), test::kDaemonOutput));
+        ASSERT_TRUE(test::WaitFor(
+            [] {
+                const int fd = test::Connect(test::kCommandSocket);
+                if (fd >= 0) close(fd);
+                return fd >= 0;
+            },
+            waitMs))
+            << test::ReadFile(test::kDaemonOutput);
+        ASSERT_TRUE(AnswersTargetPower());
+        ASSERT_TRUE(daemon.Signal(SIGTERM));
+        ASSERT_TRUE(daemon.WaitExit(waitMs));
+        const std::string err = test::ReadFile(kStderrFile);
+        if (card) {
+            EXPECT_EQ("", err);
+            continue;
+        }
+        const std::regex line(R"(<([2-7])>\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d UTC\] \[([VDIWEF])\] .*)");
+        const std::map<std::string, std::string> priorities = {{"V", "7"}, {"D", "7"}, {"I", "6"},
+                                                               {"W", "4"}, {"E", "3"}, {"F", "2"}};
+        const std::vector<std::string> lines = test::ReadLines(kStderrFile);
+        ASSERT_FALSE(lines.empty());
+        for (const std::string& text : lines) {
+            std::smatch parts;
+            ASSERT_TRUE(std::regex_match(text, parts, line)) << text;
+            EXPECT_EQ(priorities.at(parts[2]), parts[1]) << text;
+        }
+        EXPECT_EQ(1u, Occurrences(err, "BrevantaOutputControlManager Start AppVer:")) << err;
+        EXPECT_EQ(1u, Occurrences(err, "BrevantaOutputControlManager Kill complete.")) << err;
+    }
 }
 
 class OneInstanceTest : public ::testing::Test {

@@ -329,6 +329,76 @@ TEST_F(LogFileOutputTest, RepeatedFailuresLeaveOneEntryPerPeriod) {
     EXPECT_EQ(2u, test::ReadLines(LogFileOutput::ErrorFilePath()).size());
 }
 
+// While the file cannot be written each line goes to standard error once,
+// with its level as a syslog priority; once the file takes writes again,
+// nothing more goes there.
+TEST_F(LogFileOutputTest, LinesGoToStandardErrorOnceWhileTheFileCannotBeWritten) {
+    test::WriteFile(test::FixedPath("/media/sdcard/blocked"), "x");
+    const std::string blockedFile = test::FixedPath("/media/sdcard/blocked/log/out.log");
+    MakeStepped(false).SetFilePath(blockedFile);
+    ::testing::internal::CaptureStderr();
+    output_->Output(4, "E", "[1] Test", "first");
+    output_->Tick();
+    output_->Output(3, "W", "[1] Test", "second");
+    output_->Output(2, "I", "[1] Test", "third");
+    output_->Tick();
+    output_->Tick();
+    test::RemoveAll(test::FixedPath("/media/sdcard/blocked"));
+    output_->Output(5, "F", "[1] Test", "written");
+    output_->Tick();
+    output_->Output(1, "D", "[1] Test", "after");
+    output_->Tick();
+    const std::string sent = ::testing::internal::GetCapturedStderr();
+    EXPECT_EQ("<3>[2026-11-25 06:30:00 UTC] [E] [1] Test first\n"
+              "<4>[2026-11-25 06:30:00 UTC] [W] [1] Test second\n"
+              "<6>[2026-11-25 06:30:00 UTC] [I] [1] Test third\n",
+              sent);
+    const std::string written = test::ReadFile(blockedFile);
+    for (const char* text : {"first", "second", "third", "written", "after"}) {
+        EXPECT_NE(std::string::npos, written.find(text)) << text;
+    }
+}
+
+TEST_F(LogFileOutputTest, SyslogPriorityFollowsTheMark) {
+    const auto priority = [](const std::string& line) {
+        return LogFileOutput::SyslogPriority(line.data(), line.size());
+    };
+    EXPECT_EQ(7, priority("[t UTC] [V] [1] T m\n"));
+    EXPECT_EQ(7, priority("[t UTC] [D] [1] T m\n"));
+    EXPECT_EQ(6, priority("[t UTC] [I] [1] T m\n"));
+    EXPECT_EQ(4, priority("[t UTC] [W] [1] T m\n"));
+    EXPECT_EQ(3, priority("[t UTC] [E] [1] T m\n"));
+    EXPECT_EQ(2, priority("[t UTC] [F] [1] T m\n"));
+    EXPECT_EQ(6, priority("no mark at all\n"));
+    EXPECT_EQ(6, priority("[t UTC] [E"));
+}
+
+// A file that stays unwritable keeps at most kMaxUnwrittenBytes of lines for
+// later, the newest; each of the others reached standard error.
+TEST_F(LogFileOutputTest, LinesKeptForAnUnwritableFileAreCapped) {
+    test::WriteFile(test::FixedPath("/media/sdcard/blocked"), "x");
+    const std::string blockedFile = test::FixedPath("/media/sdcard/blocked/log/out.log");
+    MakeStepped(false).SetFilePath(blockedFile);
+    const std::string filler(1000, 'x');
+    const int lines = static_cast<int>(2 * LogFileOutput::kMaxUnwrittenBytes / filler.size());
+    ::testing::internal::CaptureStderr();
+    for (int i = 0; i < lines; ++i) {
+        Log("n" + std::to_string(i) + " " + filler);
+        if (i % 100 == 99) output_->Tick();
+    }
+    output_->Tick();
+    const std::string sent = ::testing::internal::GetCapturedStderr();
+    EXPECT_NE(std::string::npos, sent.find("] Test n0 ")) << sent.substr(0, 200);
+    EXPECT_NE(std::string::npos, sent.find("] Test n" + std::to_string(lines - 1) + " "));
+    EXPECT_EQ(std::string::npos, sent.find("] Test n0 ", sent.find("] Test n0 ") + 1)) << "a line was sent twice";
+    test::RemoveAll(test::FixedPath("/media/sdcard/blocked"));
+    output_->Tick();
+    const std::string written = test::ReadFile(blockedFile);
+    EXPECT_LE(written.size(), LogFileOutput::kMaxUnwrittenBytes);
+    EXPECT_EQ(std::string::npos, written.find("] Test n0 "));
+    EXPECT_NE(std::string::npos, written.find("] Test n" + std::to_string(lines - 1) + " "));
+}
+
 TEST_F(LogFileOutputTest, EmptyPathIsReportedButDoesNotCrash) {
     ::testing::internal::CaptureStdout();
     MakeStepped(false).SetFilePath("");
