@@ -309,6 +309,22 @@ void OutputcontrolServer::MergeHanded() {
 
 // False when listen failed, with `failure` naming the path and both
 // errors; a bind failure is only logged.
+void OutputcontrolServer::NoteBound(const char* path) {
+    struct stat info;
+    if (::stat(path, &info) != 0) return;
+    ScopedLock lock(boundMutex_);
+    boundPath_ = path;
+    boundDevice_ = info.st_dev;
+    boundInode_ = info.st_ino;
+}
+
+void OutputcontrolServer::RemoveSocketFile() {
+    ScopedLock lock(boundMutex_);
+    struct stat info;
+    if (boundPath_.empty() || ::stat(boundPath_.c_str(), &info) != 0) return;
+    if (info.st_dev == boundDevice_ && info.st_ino == boundInode_) ::unlink(boundPath_.c_str());
+}
+
 bool OutputcontrolServer::BindAndListen(int socket, std::string& failure) {
     const std::string path = SocketPath();
     const std::string directory = FileUtil::GetDirectory(path);
@@ -325,7 +341,10 @@ bool OutputcontrolServer::BindAndListen(int socket, std::string& failure) {
     if (bound != 0) LoggerLog::Fatal(kTag, "bind failed. [" + std::to_string(bound) + "]");
     // Commands can start schedule fetches and, on a plant change, wipe the
     // stored schedule: only pvocd's user and group may connect.
-    if (bound == 0) chmod(address.sun_path, kSocketMode);
+    if (bound == 0) {
+        chmod(address.sun_path, kSocketMode);
+        NoteBound(address.sun_path);
+    }
     errno = 0;
     const int listening = listen(socket, kBacklog);
     if (listening != 0) {

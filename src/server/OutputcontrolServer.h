@@ -57,6 +57,7 @@
 #include <functional>
 #include <list>
 #include <string>
+#include <sys/types.h>
 #include <unordered_map>
 #include <vector>
 
@@ -116,6 +117,11 @@ public:
     // its server serves until the process exits). The caller then joins the
     // server thread before deleting the server.
     void Stop();
+    // Removes the command socket's file when it is still the one this
+    // server bound (a daemon started since may have bound its own there).
+    // For the end of a clean stop: connections made before go on being
+    // served until the process exits; new ones find no socket. Any thread.
+    void RemoveSocketFile() EXCLUDES(boundMutex_);
 
     // The worker pool that runs the schedule flows.
     Channel* GetChannel() const { return channel_; }
@@ -146,6 +152,8 @@ private:
     OutputcontrolServer& operator=(const OutputcontrolServer&) = delete;
 
     bool BindAndListen(int socket, std::string& failure);
+    // Remembers the socket file bound at `path`.
+    void NoteBound(const char* path) EXCLUDES(boundMutex_);
     void ServeLoop(int socket);
     int WaitMs() const;
     bool AcceptPending(int socket, bool hungUp, int loop) EXCLUDES(ConnectionMutex());
@@ -199,6 +207,11 @@ private:
     int watchEpolls_[kLoops];
     // Set while a snapshot rebuild is queued or running.
     std::atomic<bool> rebuildPending_;
+    // The socket file this server bound: its path, device and inode.
+    Mutex boundMutex_;
+    std::string boundPath_ GUARDED_BY(boundMutex_);
+    dev_t boundDevice_ GUARDED_BY(boundMutex_) = 0;
+    ino_t boundInode_ GUARDED_BY(boundMutex_) = 0;
     // The second loop: its epoll set, thread and listening socket.
     int secondEpoll_;
     Poco::Thread* secondThread_;

@@ -181,6 +181,25 @@ TEST_F(OneInstanceTest, ASecondDaemonExitsAndLeavesTheFirstServing) {
     EXPECT_EQ(1u, Occurrences(log, "Start communication server"));
 }
 
+// A clean stop takes its socket file away; one that another daemon bound
+// since stays.
+TEST_F(OneInstanceTest, ACleanStopRemovesItsOwnSocketFileOnly) {
+    test::WriteLoggerSetting("<OutputScheduleEnableLogBufferedIO>0</OutputScheduleEnableLogBufferedIO>");
+    ASSERT_TRUE(test::StartDaemon(first_, test::kDaemonOutput));
+    ASSERT_TRUE(first_.Signal(SIGTERM));
+    ASSERT_TRUE(first_.WaitExit(5000 * static_cast<int>(test::TimeScale())));
+    EXPECT_EQ(0, first_.ExitCode());
+    EXPECT_FALSE(test::FileExists(test::kCommandSocket));
+
+    ASSERT_TRUE(test::StartDaemon(first_, test::kDaemonOutput));
+    // Another file takes the path (as a daemon that bound there since).
+    ASSERT_EQ(0, ::unlink(test::kCommandSocket));
+    test::WriteFile(test::kCommandSocket, "another");
+    ASSERT_TRUE(first_.Signal(SIGTERM));
+    ASSERT_TRUE(first_.WaitExit(5000 * static_cast<int>(test::TimeScale())));
+    EXPECT_EQ("another", test::ReadFile(test::kCommandSocket));
+}
+
 TEST_F(OneInstanceTest, TheLockOfAKilledDaemonDoesNotStopTheNextAndItsSocketIsReplaced) {
     ASSERT_TRUE(test::StartDaemon(first_, test::kDaemonOutput));
     ASSERT_TRUE(first_.Signal(SIGKILL));
