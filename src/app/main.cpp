@@ -70,6 +70,8 @@ bool TakeInstanceLock(brvo::InstanceLock& lock) {
         return true;
     }
     const std::string line = "Another pvocd holds [" + lock.GetPath() + "]; exiting.";
+    // Said once on standard error below: not echoed to standard output too.
+    brvo::LoggerLog::SetEcho(false);
     brvo::LoggerLog::Fatal(kTag, line);
     brvo::LoggerLog::DeleteInstance();
     std::fprintf(stderr, "pvocd: %s\n", line.c_str());

@@ -328,7 +328,7 @@ void LogFileOutput::Queue(const std::string& lines) {
         batchLines.append(lines);
         return;
     }
-    EchoLines(fileName_, lines);
+    if (echo_) EchoLines(fileName_, lines);
     ScopedLock lock(mutex_);
     active_->append(lines);
 }

@@ -114,6 +114,8 @@ public:
     void EndBatch();
     // Asks the next timer tick to write the buffer.
     void RequestFlush();
+    // Whether lines are echoed to standard output (by default they are).
+    void SetEcho(bool echo) { echo_ = echo; }
     // Whether the log is written through the buffer.
     bool IsBufferedIO() const;
 
@@ -195,6 +197,7 @@ private:
     std::atomic<bool> closed_;
     Poco::Timer* timer_;
     std::atomic<bool> flushRequested_;
+    std::atomic<bool> echo_{true};
     bool errorRecorded_;
     // Bytes at the front of the lines waiting for the file that went to
     // standard error already; the writer's thread alone.

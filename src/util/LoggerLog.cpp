@@ -188,4 +188,9 @@ void LoggerLog::Flush() {
     if (current && current->IsBufferedIO()) current->RequestFlush();
 }
 
+void LoggerLog::SetEcho(bool echo) {
+    std::shared_ptr<LogFileOutput> current = std::atomic_load(&output);
+    if (current) current->SetEcho(echo);
+}
+
 } // namespace brvo

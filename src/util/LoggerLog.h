@@ -93,6 +93,10 @@ public:
     // Asks the writer to write its buffer at the next tick; does nothing
     // when there is no output or it writes unbuffered.
     static void Flush();
+    // Whether lines are also echoed to standard output (they are, unless
+    // a caller that writes the same text elsewhere turns it off); does
+    // nothing when there is no output.
+    static void SetEcho(bool echo);
 
     // The current output (shared, may be null). For the writer's own tests.
     static std::shared_ptr<LogFileOutput> Output();

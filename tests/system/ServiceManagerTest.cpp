@@ -165,6 +165,8 @@ TEST_F(OneInstanceTest, ASecondDaemonExitsAndLeavesTheFirstServing) {
     ASSERT_TRUE(second.ExitedNormally());
     EXPECT_EQ(1, second.ExitCode());
     EXPECT_EQ("pvocd: " + kAlreadyRunning + "\n", test::ReadFile(kStderrFile));
+    // Once on standard error, once in the log file: not on standard output.
+    EXPECT_EQ(0u, Occurrences(test::ReadFile(kSecondOutput), kAlreadyRunning)) << test::ReadFile(kSecondOutput);
 
     EXPECT_TRUE(first_.Running());
     EXPECT_EQ(socket, InodeOf(test::kCommandSocket));
