@@ -299,9 +299,6 @@ void BrevantaOutputControlManager::Kill() {
         delete flushTimer_;
         flushTimer_ = nullptr;
     }
-    // The server serves on until the process exits; only new clients find
-    // the socket gone, as they would a moment later anyway.
-    if (server_ != nullptr) server_->RemoveSocketFile();
     LoggerLog::Info(kTag, "Kill complete.");
     LoggerLog::Flush();
 }

@@ -158,6 +158,10 @@ int main(int argc, char* argv[]) {
     // runs: no clean-stop mark, since it may still write.
     const bool parked = brvo::ScheduleUpdateManager::HasParked();
     if (!parked) brvo::CleanStopMark::Leave();
+    // The stop is complete: the socket's file goes with the process, when
+    // it is still the one this daemon bound.
+    brvo::OutputcontrolServer* server = brvo::BrevantaOutputControlManager::GetInstance()->GetServer();
+    if (server != nullptr) server->RemoveSocketFile();
     // Threads Kill could not end may still run, and POCO's idle timer
     // threads do: the process ends without destroying the statics they may
     // use (EndProcess says why that is safe).
