@@ -270,11 +270,16 @@ void OutputcontrolServer::TakeHanded(int socket) {
         // Nothing was signalled since the last read.
     }
     MergeHanded();
-    if (shedWanted_.exchange(false) && !ShedOldest()) ShedWithSpare(socket);
+    if (shedWanted_.exchange(false)) ShedOrUseSpare(socket);
     while (!pastCap_.empty()) {
         const Handed handed = pastCap_.front();
         pastCap_.erase(pastCap_.begin());
-        Admit(handed.client, handed.accepted);
+        Poco::AutoPtr<OutSocketWork> work;
+        {
+            ScopedLock lock(ConnectionMutex());
+            work = TakeIn(handed.client);
+        }
+        if (!work.isNull()) Admit(work, handed.accepted);
     }
 }
 
@@ -285,9 +290,13 @@ void OutputcontrolServer::TakeHanded(int socket) {
 // from its accept to its hand-over: every connection accepted before is
 // then either here or being served.
 void OutputcontrolServer::MergeHanded() {
+    ScopedLock connections(ConnectionMutex());
+    MergeHandedLocked();
+}
+
+void OutputcontrolServer::MergeHandedLocked() {
     std::vector<Handed> taken;
     {
-        ScopedLock connections(ConnectionMutex());
         ScopedLock lock(handedMutex_);
         taken.swap(handed_);
     }
@@ -407,18 +416,22 @@ bool OutputcontrolServer::AcceptPending(int socket, bool hungUp, int loop) {
         // Accept times are taken under the mutex, so that their order is
         // the order of the backlog whichever loop accepted.
         Poco::Clock accepted;
-        Poco::AutoPtr<OutSocketWork> complete;
+        // Each loop also counts its connection in under the mutex: were
+        // one loop to count after the other had checked the cap, the two
+        // together could pass it.
+        Poco::AutoPtr<OutSocketWork> work;
         {
             ScopedLock lock(ConnectionMutex());
             client = accept4(socket, reinterpret_cast<sockaddr*>(&peer), &peerLength, SOCK_CLOEXEC | SOCK_NONBLOCK);
             accepted.update();
-            if (client >= 0 && loop == kSecondLoop) complete = AdmitSecond(client, accepted);
+            if (client >= 0) work = loop == kServingLoop ? TakeIn(client) : AdmitSecond(client, accepted);
         }
         if (client >= 0) {
+            if (work.isNull()) continue;
             if (loop == kServingLoop) {
-                Admit(client, accepted);
-            } else if (!complete.isNull()) {
-                Dispatch(complete, kSecondLoop);
+                Admit(work, accepted);
+            } else {
+                Dispatch(work, kSecondLoop);
             }
             continue;
         }
@@ -440,7 +453,7 @@ bool OutputcontrolServer::HandleAcceptFailure(int socket, int error, int loop) {
     case EMFILE:
     case ENFILE:
         if (loop == kServingLoop) {
-            if (!ShedOldest()) ShedWithSpare(socket);
+            ShedOrUseSpare(socket);
             return true;
         }
         // Only the serving loop can shed: it is asked to, and this one
@@ -459,17 +472,23 @@ bool OutputcontrolServer::HandleAcceptFailure(int socket, int error, int loop) {
     }
 }
 
-// Takes a new connection in, making room under the cap first. A request
-// that is already complete (a client writes it right after connecting) is
-// served at once; only a connection still sending is watched.
-void OutputcontrolServer::Admit(int client, const Poco::Clock& accepted) {
+// Counts a new connection in, making room under the cap first; null when
+// there was no room, and the connection is closed.
+Poco::AutoPtr<OutSocketWork> OutputcontrolServer::TakeIn(int client) {
     if (OutSocketWork::OpenCount() >= connectionCap_ && !ShedOldest()) {
         // Every open connection is running a flow: the newest waits longest.
         close(client);
         NoteShed();
-        return;
+        return Poco::AutoPtr<OutSocketWork>();
     }
-    Poco::AutoPtr<OutSocketWork> work(new OutSocketWork(client));
+    return Poco::AutoPtr<OutSocketWork>(new OutSocketWork(client));
+}
+
+// Takes a counted connection in. A request that is already complete (a
+// client writes it right after connecting) is served at once; only a
+// connection still sending is watched.
+void OutputcontrolServer::Admit(Poco::AutoPtr<OutSocketWork> work, const Poco::Clock& accepted) {
+    const int client = work->GetSocket();
     const OutSocketWork::ReadState state = ReadNew(*work);
     if (state == OutSocketWork::kRead) Dispatch(work, kServingLoop);
     if (state != OutSocketWork::kReading) return;
@@ -627,13 +646,24 @@ void OutputcontrolServer::Forget(PendingList::iterator it) {
 // is none.
 bool OutputcontrolServer::ShedOldest() {
     // The oldest may be among those the second loop just handed over.
-    MergeHanded();
+    MergeHandedLocked();
     if (pending_.empty()) return false;
     Poco::AutoPtr<OutSocketWork> work = pending_.front().work;
     Forget(pending_.begin());
     work->Close();
     NoteShed();
     return true;
+}
+
+// Sheds the oldest connection still sending; with none, takes the waiting
+// one off the backlog with the spare descriptor.
+void OutputcontrolServer::ShedOrUseSpare(int socket) {
+    bool shed = false;
+    {
+        ScopedLock lock(ConnectionMutex());
+        shed = ShedOldest();
+    }
+    if (!shed) ShedWithSpare(socket);
 }
 
 // With no descriptor left and no connection to shed, the spare descriptor

@@ -158,13 +158,15 @@ private:
     int WaitMs() const;
     bool AcceptPending(int socket, bool hungUp, int loop) EXCLUDES(ConnectionMutex());
     bool HandleAcceptFailure(int socket, int error, int loop);
-    void Admit(int client, const Poco::Clock& accepted);
+    Poco::AutoPtr<OutSocketWork> TakeIn(int client) REQUIRES(ConnectionMutex());
+    void Admit(Poco::AutoPtr<OutSocketWork> work, const Poco::Clock& accepted) EXCLUDES(ConnectionMutex());
     void ReadRequest(int fd);
     void Dispatch(Poco::AutoPtr<OutSocketWork> work, int reader) EXCLUDES(ConnectionMutex());
     void ExpireLate();
     bool Watch(int fd, int operation);
     void Forget(PendingList::iterator it);
-    bool ShedOldest();
+    bool ShedOldest() REQUIRES(ConnectionMutex());
+    void ShedOrUseSpare(int socket) EXCLUDES(ConnectionMutex());
     void ShedWithSpare(int socket);
     void NoteShed();
     void WatchSettings();
@@ -180,6 +182,7 @@ private:
     void Hand(const Handed& handed) EXCLUDES(handedMutex_);
     void TakeHanded(int socket);
     void MergeHanded() EXCLUDES(ConnectionMutex(), handedMutex_);
+    void MergeHandedLocked() REQUIRES(ConnectionMutex()) EXCLUDES(handedMutex_);
     // The one process-wide mutex that serialises accept and the hand-over
     // to the pool.
     static RecursiveMutex& ConnectionMutex();
