@@ -2,6 +2,7 @@
 
 #include "client/BrvfdAccessRequestCallback.h"
 #include "settings/LoggerSettingManager.h"
+#include "util/GuardedCall.h"
 #include "util/LoggerLog.h"
 #include "util/ScopedLock.h"
 
@@ -90,7 +91,7 @@ void BrvfdAccessRequest::Report(int status, const unsigned char* reply) {
 void BrvfdAccessRequest::Execute() {
     LoggerLog::Debug(kTag, "Execute");
     int fd = -1;
-    try {
+    const Caught caught = GuardedCall([&] {
         errno = 1;
         fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
         if (fd < 0) {
@@ -114,12 +115,12 @@ void BrvfdAccessRequest::Execute() {
         } else if (!replyIgnored_) {
             Report(kStatusSent, reply);
         }
-    } catch (...) {
-        Untrack();
-        if (fd >= 0) close(fd);
-        LoggerLog::Error(kTag, "send error");
-        Report(kStatusException, nullptr);
-    }
+    });
+    if (!caught) return;
+    Untrack();
+    if (fd >= 0) close(fd);
+    LoggerLog::Error(kTag, "send error");
+    Report(kStatusException, nullptr);
 }
 
 // Connects, sends the command and reads the reply into `reply`; returns the

@@ -3,6 +3,7 @@
 #include "client/RetryAfter.h"
 #include "client/ScheduleServerAccessRequestCallback.h"
 #include "settings/SystemSettingXmlManager.h"
+#include "util/GuardedCall.h"
 #include "util/LoggerLog.h"
 
 #include "util/FileUtil.h"
@@ -325,14 +326,25 @@ void ScheduleServerAccessRequest::Publish(int fd) {
 // The display text of a failed exchange: what the library said, unless the
 // exchange was cut short by Abort or by its deadline, which then say so. A
 // wait whose own time-out ran out with the deadline counts as the deadline.
-std::string ScheduleServerAccessRequest::FailureText(const Poco::Exception& e) {
+int ScheduleServerAccessRequest::StatusOf(const Caught& caught) {
+    switch (caught.GetKind()) {
+    case Caught::kNothing:
+        return kStatusAnswered;
+    case Caught::kLibrary:
+        return kStatusLibrary;
+    default:
+        return kStatusOther;
+    }
+}
+
+std::string ScheduleServerAccessRequest::FailureText(const std::string& displayText) {
     const bool late = deadline_ != 0 && Poco::Clock().raw() >= deadline_;
     ScopedLock lock(abortMutex_);
     if (aborted_) return Poco::IOException("exchange aborted, the daemon is stopping").displayText();
     if (expired_ || late) {
         return Poco::TimeoutException("schedule server exchange exceeded " + BudgetText(budget_)).displayText();
     }
-    return e.displayText();
+    return displayText;
 }
 
 void ScheduleServerAccessRequest::SetParameters(const std::string& scheduleKbn) {
@@ -374,19 +386,15 @@ void ScheduleServerAccessRequest::Execute() {
     LoggerLog::Debug(kTag, "Execute");
     const std::string body = BuildBody(GetMacAddress());
     std::string contentType;
-    try {
-        Exchange(body, contentType);
-        return;
-    } catch (const Poco::Exception& e) {
-        const std::string message =
-            "schedule server access failed. EXCEPTION[" + FailureText(e) + "] request_body[" + body + "]";
-        LoggerLog::Error(kTag, message);
-        if (callback_ != nullptr) callback_->OnResult(1, 0, contentType, nullptr, 0, message);
-    } catch (...) {
-        const std::string message = "schedule server access failed. exception request_body[" + body + "]";
-        LoggerLog::Error(kTag, message);
-        if (callback_ != nullptr) callback_->OnResult(2, 0, contentType, nullptr, 0, message);
-    }
+    const Caught caught = GuardedCall([&] { Exchange(body, contentType); });
+    if (!caught) return;
+    const int status = StatusOf(caught);
+    const std::string message = status == kStatusLibrary
+                                    ? "schedule server access failed. EXCEPTION[" + FailureText(caught.GetText()) +
+                                          "] request_body[" + body + "]"
+                                    : "schedule server access failed. exception request_body[" + body + "]";
+    LoggerLog::Error(kTag, message);
+    if (callback_ != nullptr) callback_->OnResult(status, 0, contentType, nullptr, 0, message);
 }
 
 // Sends the form and reads the answer into a buffer of its announced
@@ -433,7 +441,8 @@ void ScheduleServerAccessRequest::Exchange(const std::string& body, std::string&
     std::cout << "content_type [[" << contentType << std::endl;
     std::cout << "content_length [[" << length << std::endl;
     if (callback_ != nullptr && retryAfter >= 0) callback_->OnRetryAfter(retryAfter);
-    if (callback_ != nullptr) callback_->OnResult(0, status, contentType, buffer.data(), length, std::string());
+    if (callback_ != nullptr)
+        callback_->OnResult(kStatusAnswered, status, contentType, buffer.data(), length, std::string());
 }
 
 } // namespace brvo

@@ -17,10 +17,21 @@
 
 namespace brvo {
 
+class Caught;
 class ScheduleServerAccessRequestCallback;
 
 class ScheduleServerAccessRequest : public Request {
 public:
+    // The callback's status: an answer came, or the exchange ended on a
+    // library exception or on any other.
+    static const int kStatusAnswered = 0;
+    static const int kStatusLibrary = 1;
+    static const int kStatusOther = 2;
+
+    // The callback's status for what the exchange threw: kStatusAnswered
+    // when it threw nothing.
+    static int StatusOf(const Caught& caught);
+
     // Reports to `callback`, which must live until it has been called.
     explicit ScheduleServerAccessRequest(ScheduleServerAccessRequestCallback* callback);
 
@@ -71,7 +82,9 @@ private:
     void ThrowIfAborted() EXCLUDES(abortMutex_);
     void Publish(int fd) EXCLUDES(abortMutex_);
     void Expire() EXCLUDES(abortMutex_);
-    std::string FailureText(const Poco::Exception& e) EXCLUDES(abortMutex_);
+    // The display text of the library exception that ended the exchange,
+    // or the abort or the deadline that caused it.
+    std::string FailureText(const std::string& displayText) EXCLUDES(abortMutex_);
 
     ScheduleServerAccessRequestCallback* callback_;
     std::shared_ptr<ScheduleServerAccessRequestCallback> owner_;

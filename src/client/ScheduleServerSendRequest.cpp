@@ -1,5 +1,6 @@
 #include "client/ScheduleServerSendRequest.h"
 
+#include "client/ScheduleServerAccessRequest.h"
 #include "client/ServerAccessResult.h"
 #include "client/ServerResponseParser.h"
 
@@ -21,10 +22,10 @@ void ScheduleServerSendRequest::OnResult(int status, int httpStatus, const std::
                                          std::int64_t dataLength, const std::string& message) {
     if (fulfilled_) return;
     std::shared_ptr<ServerAccessResult> result;
-    if (status == 0 && httpStatus == kHttpOk) {
+    if (status == ScheduleServerAccessRequest::kStatusAnswered && httpStatus == kHttpOk) {
         result = std::make_shared<ServerAccessResult>(true, httpStatus, std::string());
         result->SetResponseParser(std::make_shared<ServerResponseParser>(contentType, data, dataLength));
-    } else if (status == 0) {
+    } else if (status == ScheduleServerAccessRequest::kStatusAnswered) {
         result = std::make_shared<ServerAccessResult>(false, httpStatus, "Data is not found.");
         result->SetRetryAfterSeconds(retryAfterSeconds_);
     } else {

@@ -16,7 +16,9 @@ public:
     explicit WorkerThreadRunnable(Poco::NotificationQueue* queue);
     ~WorkerThreadRunnable() override;
 
-    // Runs requests until Stop; notices a stop within 500 ms.
+    // Runs requests until Stop; notices a stop within 500 ms. A request
+    // that throws is logged ("Request failed. [...]") and the worker goes
+    // on with the next.
     void run() override;
     // Asks the loop to end after the request it is running, if any.
     void Stop();

@@ -8,6 +8,7 @@
 #include "schedule/UpdateResult.h"
 #include "settings/LoggerSettingManager.h"
 #include "util/FileUtil.h"
+#include "util/GuardedCall.h"
 #include "util/LoggerLog.h"
 #include "util/StringUtil.h"
 #include "util/SystemClock.h"
@@ -236,11 +237,10 @@ void OutSocketWork::Serve() {
     const std::int32_t type = GetType();
     bool sendAfter = false;
     std::vector<unsigned char> answer;
-    try {
-        answer = Dispatch(type, sendAfter);
-    } catch (const std::exception& e) {
+    const Caught caught = GuardedCall([&] { answer = Dispatch(type, sendAfter); });
+    if (caught) {
         LoggerLog::Limited(LoggerLog::kError, kTag, "Request failed",
-                           "Request data type " + std::to_string(type) + " failed. [" + e.what() + "]");
+                           caught.Describe("Request data type " + std::to_string(type) + " failed. "));
         answer.clear();
     }
     if (answer.empty()) {

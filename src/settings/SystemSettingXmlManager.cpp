@@ -32,10 +32,6 @@ const std::string kRootName = "logger";
 // start-up check and an answer worker's snapshot rebuild may race to it).
 std::atomic<SystemSettingXmlManager*> instance(nullptr);
 
-// Thrown inside Load when the document has no logger root, so that the
-// caller can log the message the file's readers have always written.
-class MissingRoot : public std::exception {};
-
 } // namespace
 
 void SystemSettingXmlManager::CreateInstance() {
@@ -68,38 +64,48 @@ SystemSettingXmlManager::~SystemSettingXmlManager() {}
 // same bytes: without reading it while the change watch reports nothing
 // since those bytes were read, else after reading it and comparing. Any
 // other content is parsed anew. A file that is no regular file, or too
-// large, is not read at all: null, with the reason in `unusable`.
-std::shared_ptr<XmlNode> SystemSettingXmlManager::ParseFile(std::string& unusable) {
+// large, is not read at all: no tree, with the reason in `unusable`. A
+// document without the logger root gives no tree and `missingRoot`.
+// Throws what the parser throws.
+SystemSettingXmlManager::Parsed SystemSettingXmlManager::ParseFile() {
+    Parsed parsed;
     FileChangeWatch& watch = FileChangeWatch::Instance();
     {
         ScopedLock lock(cacheMutex_);
-        if (cachedTree_ && watch.Unchanged(cachedGeneration_)) return cachedTree_;
+        if (cachedTree_ && watch.Unchanged(cachedGeneration_)) {
+            parsed.tree = cachedTree_;
+            return parsed;
+        }
     }
     const std::string path = FileUtil::GetSystemSettingFile();
     const std::int64_t generation = watch.Arm(path);
     std::string text;
-    if (!XmlSettingsParser::ReadFile(path, text, unusable)) return nullptr;
+    if (!XmlSettingsParser::ReadFile(path, text, parsed.unusable)) return parsed;
     {
         ScopedLock lock(cacheMutex_);
         if (cachedTree_ && text == cachedText_) {
             cachedGeneration_ = generation;
-            return cachedTree_;
+            parsed.tree = cachedTree_;
+            return parsed;
         }
     }
-    std::shared_ptr<XmlNode> tree = ParseDocument(path, text);
+    parsed.tree = ParseDocument(path, text);
+    // A document without its root is not kept: the next read parses anew.
+    parsed.missingRoot = parsed.tree == nullptr;
+    if (parsed.missingRoot) return parsed;
     ScopedLock lock(cacheMutex_);
     cachedText_.swap(text);
-    cachedTree_ = tree;
+    cachedTree_ = parsed.tree;
     cachedGeneration_ = generation;
-    return tree;
+    return parsed;
 }
 
-// Parses `text`, read from `path`. Throws what the parser throws, or
-// MissingRoot.
+// Parses `text`, read from `path`; null when the document has no logger
+// root. Throws what the parser throws.
 std::shared_ptr<XmlNode> SystemSettingXmlManager::ParseDocument(const std::string& path, const std::string& text) {
     Poco::AutoPtr<Poco::XML::Document> document = XmlSettingsParser::Parse(path, text, true);
     Poco::XML::Node* root = document->getNodeByPath(kRootPath);
-    if (root == nullptr) throw MissingRoot();
+    if (root == nullptr) return nullptr;
     return std::make_shared<XmlNode>(nullptr, root);
 }
 
@@ -108,27 +114,16 @@ bool SystemSettingXmlManager::Load() {
 }
 
 std::shared_ptr<XmlNode> SystemSettingXmlManager::LoadAndGetTree() {
-    try {
-        std::string unusable;
-        std::shared_ptr<XmlNode> tree = ParseFile(unusable);
-        if (!tree) {
-            LoggerLog::Limited(LoggerLog::kError, kTag, kLoadErrorKind,
-                               "SystemSettingXml Load error(Load from file) [" + unusable + "]");
-            return nullptr;
-        }
+    Parsed parsed;
+    const Caught caught = GuardedCall([&] {
+        parsed = ParseFile();
+        if (!parsed.tree) return;
         ScopedLock lock(mutex_);
-        Fill(tree);
-        return tree;
-    } catch (const MissingRoot&) {
-        LoggerLog::Limited(LoggerLog::kError, kTag, kLoadErrorKind,
-                           "SystemSettingXml Load error(logger tag not found.) ");
-    } catch (const Poco::Exception& e) {
-        LoggerLog::Limited(LoggerLog::kError, kTag, kLoadErrorKind,
-                           "SystemSettingXml Load error(Load from file) [" + e.displayText() + "]");
-    } catch (const std::exception&) {
-        LoggerLog::Limited(LoggerLog::kError, kTag, kLoadErrorKind,
-                           "SystemSettingXml Load error(Load from file) exception");
-    }
+        Fill(parsed.tree);
+    });
+    const std::string failure = FailureText(caught, parsed, "SystemSettingXml Load error(Load from file) ");
+    if (failure.empty()) return parsed.tree;
+    LoggerLog::Limited(LoggerLog::kError, kTag, kLoadErrorKind, failure);
     return nullptr;
 }
 
@@ -143,24 +138,22 @@ bool SystemSettingXmlManager::Load(const std::shared_ptr<XmlNode>& tree) {
 }
 
 std::shared_ptr<XmlNode> SystemSettingXmlManager::LoadSystemSettingXmlNode() {
-    try {
-        std::string unusable;
-        std::shared_ptr<XmlNode> tree = ParseFile(unusable);
-        if (!tree) {
-            LoggerLog::Limited(LoggerLog::kError, kTag, kNodeLoadErrorKind,
-                               "LoadSystemSettingXmlNode failed. [" + unusable + "]");
-        }
-        return tree;
-    } catch (const MissingRoot&) {
-        LoggerLog::Limited(LoggerLog::kError, kTag, kNodeLoadErrorKind,
-                           "SystemSettingXml Load error(logger tag not found.) ");
-    } catch (const Poco::Exception& e) {
-        LoggerLog::Limited(LoggerLog::kError, kTag, kNodeLoadErrorKind,
-                           "LoadSystemSettingXmlNode failed. [" + e.displayText() + "]");
-    } catch (const std::exception&) {
-        LoggerLog::Limited(LoggerLog::kError, kTag, kNodeLoadErrorKind, "LoadSystemSettingXmlNode failed. exception");
-    }
+    Parsed parsed;
+    const Caught caught = GuardedCall([&] { parsed = ParseFile(); });
+    const std::string failure = FailureText(caught, parsed, "LoadSystemSettingXmlNode failed. ");
+    if (failure.empty()) return parsed.tree;
+    LoggerLog::Limited(LoggerLog::kError, kTag, kNodeLoadErrorKind, failure);
     return nullptr;
+}
+
+// Empty when a tree was read; else `prefix` with what was caught or why
+// the file was unusable, or the missing root's own text.
+std::string SystemSettingXmlManager::FailureText(const Caught& caught, const Parsed& parsed,
+                                                 const std::string& prefix) {
+    if (caught) return caught.Describe(prefix);
+    if (parsed.missingRoot) return "SystemSettingXml Load error(logger tag not found.) ";
+    if (!parsed.tree) return prefix + "[" + parsed.unusable + "]";
+    return std::string();
 }
 
 // Called with the mutex held: discards the old values, then reads the

@@ -21,6 +21,8 @@
 
 namespace brvo {
 
+class Caught;
+
 class SystemSettingXmlManager {
 public:
     // Creates the process-wide instance if absent (nothing is loaded yet).
@@ -75,7 +77,17 @@ public:
     void SetOutputControlStandAlone(bool standAlone);
 
 private:
-    std::shared_ptr<XmlNode> ParseFile(std::string& unusable) EXCLUDES(cacheMutex_);
+    // What one read of the file gave: a tree, or none with the reason.
+    struct Parsed {
+        std::shared_ptr<XmlNode> tree;
+        // Why the file could not be read; empty when it was.
+        std::string unusable;
+        // The document has no logger root.
+        bool missingRoot = false;
+    };
+
+    Parsed ParseFile() EXCLUDES(cacheMutex_);
+    static std::string FailureText(const Caught& caught, const Parsed& parsed, const std::string& prefix);
     static std::shared_ptr<XmlNode> ParseDocument(const std::string& path, const std::string& text);
     void Fill(const std::shared_ptr<XmlNode>& tree) REQUIRES(mutex_);
 

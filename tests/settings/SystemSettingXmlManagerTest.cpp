@@ -184,6 +184,21 @@ TEST_F(SystemSettingXmlManagerTest, RootOtherThanLoggerFails) {
         LogHas(FlushedLog(), "E", "SystemSettingXmlManager", "SystemSettingXml Load error(logger tag not found.) "));
 }
 
+TEST_F(SystemSettingXmlManagerTest, RawTreeOfOtherRootIsNullWithTheRootMessage) {
+    test::WriteFile(test::SystemSettingPath(), "<settings><general/></settings>");
+    EXPECT_EQ(nullptr, manager_.LoadSystemSettingXmlNode());
+    EXPECT_TRUE(
+        LogHas(FlushedLog(), "E", "SystemSettingXmlManager", "SystemSettingXml Load error(logger tag not found.) "));
+}
+
+TEST_F(SystemSettingXmlManagerTest, RootOtherThanLoggerKeepsThePreviousValues) {
+    LoadGeneral("<outputControlPlantId>P1</outputControlPlantId>");
+    test::WriteFile(test::SystemSettingPath(), "<settings><general/></settings>");
+    EXPECT_FALSE(manager_.Load());
+    EXPECT_EQ("P1", manager_.GetOutputControlPlantId());
+    EXPECT_EQ(nullptr, manager_.LoadSystemSettingXmlNode());
+}
+
 TEST_F(SystemSettingXmlManagerTest, FailedLoadKeepsThePreviousValues) {
     LoadGeneral("<outputControlPlantId>P1</outputControlPlantId>");
     test::WriteFile(test::SystemSettingPath(), "<logger><general>");
