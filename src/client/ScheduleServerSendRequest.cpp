@@ -23,13 +23,13 @@ void ScheduleServerSendRequest::OnResult(int status, int httpStatus, const std::
     if (fulfilled_) return;
     std::shared_ptr<ServerAccessResult> result;
     if (status == ScheduleServerAccessRequest::kStatusAnswered && httpStatus == kHttpOk) {
-        result = std::make_shared<ServerAccessResult>(true, httpStatus, std::string());
-        result->SetResponseParser(std::make_shared<ServerResponseParser>(contentType, data, dataLength));
+        result = ServerAccessResult::Answered(httpStatus,
+                                              std::make_shared<ServerResponseParser>(contentType, data, dataLength));
     } else if (status == ScheduleServerAccessRequest::kStatusAnswered) {
-        result = std::make_shared<ServerAccessResult>(false, httpStatus, "Data is not found.");
+        result = ServerAccessResult::Failed(httpStatus, "Data is not found.");
         result->SetRetryAfterSeconds(retryAfterSeconds_);
     } else {
-        result = std::make_shared<ServerAccessResult>(false, 0, message);
+        result = ServerAccessResult::Failed(0, message);
     }
     fulfilled_ = true;
     promise_.set_value(result);

@@ -6,6 +6,18 @@
 
 namespace brvo {
 
+std::shared_ptr<ServerAccessResult> ServerAccessResult::Answered(std::int32_t statusCode,
+                                                                 const std::shared_ptr<ServerResponseParser>& parser) {
+    std::shared_ptr<ServerAccessResult> result = std::make_shared<ServerAccessResult>(true, statusCode, std::string());
+    result->SetResponseParser(parser);
+    return result;
+}
+
+std::shared_ptr<ServerAccessResult> ServerAccessResult::Failed(std::int32_t statusCode,
+                                                               const std::string& failureReason) {
+    return std::make_shared<ServerAccessResult>(false, statusCode, failureReason);
+}
+
 ServerAccessResult::ServerAccessResult(bool result, std::int32_t statusCode, const std::string& failureReason)
     : result_(result), failureReason_(failureReason), statusCode_(statusCode), retryAfterSeconds_(-1) {}
 

@@ -14,6 +14,14 @@ class ServerResponseParser;
 
 class ServerAccessResult {
 public:
+    // The shared results of an exchange, one per kind of outcome.
+    // An answer of status 200, handed to `parser`.
+    static std::shared_ptr<ServerAccessResult> Answered(std::int32_t statusCode,
+                                                        const std::shared_ptr<ServerResponseParser>& parser);
+    // A failed exchange: an answer of another HTTP status, or none (status
+    // 0), with what went wrong.
+    static std::shared_ptr<ServerAccessResult> Failed(std::int32_t statusCode, const std::string& failureReason);
+
     // A result with the given success flag, HTTP status code (0 when the
     // exchange failed before a status came) and failure text; no parser.
     ServerAccessResult(bool result, std::int32_t statusCode, const std::string& failureReason);

@@ -40,14 +40,6 @@ const std::int64_t kDaySeconds = 86400;
 const std::int64_t kFixedLateSeconds = 20 * 60;
 const std::int64_t kMicros = 1000000;
 
-std::shared_ptr<UpdateResult> Success() {
-    return std::make_shared<UpdateResult>();
-}
-
-std::shared_ptr<UpdateResult> Failure(FailureReason reason, std::int32_t status, const std::string& message) {
-    return std::make_shared<UpdateResult>(reason, status, message);
-}
-
 // Runs one flow so that nothing it throws goes further: an exception is
 // logged at error level as `failure` + "EXCEPTION[...]" (library) or
 // `failure` + "exception" and becomes a failure of its own, status 0, with
@@ -58,7 +50,7 @@ std::shared_ptr<UpdateResult> GuardedFlow(const std::string& failure,
     const Caught caught = GuardedCall([&] { result = flow(); });
     if (!caught) return result;
     LoggerLog::Error(kTag, caught.DescribeTagged(failure));
-    return Failure(FailureReason::kException, 0, caught.GetText());
+    return UpdateResult::FromCaught(caught);
 }
 
 std::string SlotRange(const std::vector<ScheduleRow>& slots) {
@@ -187,14 +179,14 @@ std::shared_ptr<UpdateResult> ScheduleUpdateManager::AccessFailure(const std::st
     if (!access || !access->IsResult()) {
         const std::string printed = access ? access->ToString() : std::string();
         LoggerLog::Warning(kTag, failureText + printed + "]");
-        failure = Failure(FailureReason::kAccessFailed, access ? access->GetStatusCode() : 0,
-                          access ? access->GetFailureReason() : "");
+        failure = UpdateResult::Failure(FailureReason::kAccessFailed, access ? access->GetStatusCode() : 0,
+                                        access ? access->GetFailureReason() : "");
     } else {
         std::shared_ptr<ServerResponseParser> parser = access->GetResponseParser();
         if (parser && parser->IsBinary()) return nullptr;
         const std::string message = parser ? parser->GetMessage() : std::string();
         LoggerLog::Warning(kTag, failureText + message + "]");
-        failure = Failure(FailureReason::kResponseUnparsable, access->GetStatusCode(), message);
+        failure = UpdateResult::Failure(FailureReason::kResponseUnparsable, access->GetStatusCode(), message);
     }
     if (access) failure->SetRetryAfterSeconds(access->GetRetryAfterSeconds());
     return failure;
@@ -210,21 +202,21 @@ std::shared_ptr<UpdateResult> ScheduleUpdateManager::UpdateSchedule() {
         const ScheduleModel model(access->GetResponseParser()->GetHexData(), ScheduleModel::kUpdateScheduleKind);
         if (!model.IsResult()) {
             LoggerLog::Warning(kTag, "Schedule parse failed. [" + model.GetMessage() + "]");
-            return Failure(FailureReason::kPayloadInvalid, status, model.GetMessage());
+            return UpdateResult::Failure(FailureReason::kPayloadInvalid, status, model.GetMessage());
         }
         const std::vector<ScheduleRow> slots = model.GetSlots();
         if (slots.empty()) {
             LoggerLog::Warning(kTag, "Schedule update failed. Schedule data is nothing.");
-            return Failure(FailureReason::kNoSlots, status, "Schedule data is nothing.");
+            return UpdateResult::Failure(FailureReason::kNoSlots, status, "Schedule data is nothing.");
         }
         ScheduleStore::Lock lock(store_.FlowMutex());
         if (ResetSince(store_, resets, "Schedule update failed."))
-            return Failure(FailureReason::kDatabaseWriteFailed, status, "Database update error.");
+            return UpdateResult::Failure(FailureReason::kDatabaseWriteFailed, status, "Database update error.");
         if (!UpdateWithUpdateScheduleLocked(model.GetUpdateInfo(), slots)) {
             LoggerLog::Warning(kTag, "Schedule update failed. Database update error.");
-            return Failure(FailureReason::kDatabaseWriteFailed, status, "Database update error.");
+            return UpdateResult::Failure(FailureReason::kDatabaseWriteFailed, status, "Database update error.");
         }
-        return Success();
+        return UpdateResult::Success();
     });
 }
 
@@ -241,7 +233,7 @@ std::shared_ptr<UpdateResult> ScheduleUpdateManager::UpdateFixedSchedule() {
         if (info.plantId.empty()) {
             const std::string message = "Update information of fixed schedule does not exist.";
             LoggerLog::Warning(kTag, message);
-            return Failure(FailureReason::kAccessFailed, -1, message);
+            return UpdateResult::Failure(FailureReason::kAccessFailed, -1, message);
         }
         const std::string kbn = kFixedScheduleKbnPrefix + std::to_string(info.fixedScheduleUpdateFlag);
         std::shared_ptr<ServerAccessResult> access = ServerAccess_c(kbn).get();
@@ -250,29 +242,29 @@ std::shared_ptr<UpdateResult> ScheduleUpdateManager::UpdateFixedSchedule() {
         const ScheduleModel model(access->GetResponseParser()->GetHexData(), 0);
         if (!model.IsResult()) {
             LoggerLog::Warning(kTag, "Fixed schedule parse failed. [" + model.GetMessage() + "]");
-            return Failure(FailureReason::kPayloadInvalid, status, model.GetMessage());
+            return UpdateResult::Failure(FailureReason::kPayloadInvalid, status, model.GetMessage());
         }
         const std::vector<ScheduleRow> slots = model.GetSlots();
         if (slots.empty()) {
             LoggerLog::Warning(kTag, "Fixed schedule update failed. Schedule data is nothing.");
-            return Failure(FailureReason::kNoSlots, status, "Schedule data is nothing.");
+            return UpdateResult::Failure(FailureReason::kNoSlots, status, "Schedule data is nothing.");
         }
         ScheduleStore::Lock lock(store_.FlowMutex());
         if (ResetSince(store_, resets, "Fixed schedule update failed."))
-            return Failure(FailureReason::kDatabaseWriteFailed, status, "Database update error.");
+            return UpdateResult::Failure(FailureReason::kDatabaseWriteFailed, status, "Database update error.");
         // The server's answer for another plant (a mix-up on its side) is
         // not ours to store: it would also make that plant the stored one.
         const std::string stored = store_.SelectUpdateInfoLocked().plantId;
         if (model.GetPlantId() != stored) {
             const std::string ids = "[" + stored + "] : [" + model.GetPlantId() + "]";
             LoggerLog::Error(kTag, "Fixed schedule update failed. It is data of a different power station ID. " + ids);
-            return Failure(FailureReason::kPlantIdMismatch, status, ids);
+            return UpdateResult::Failure(FailureReason::kPlantIdMismatch, status, ids);
         }
         if (!UpdateWithFixedScheduleLocked(slots, model.GetPlantId())) {
             LoggerLog::Warning(kTag, "Fixed schedule update failed. Database update error.");
-            return Failure(FailureReason::kDatabaseWriteFailed, status, "Database update error.");
+            return UpdateResult::Failure(FailureReason::kDatabaseWriteFailed, status, "Database update error.");
         }
-        return Success();
+        return UpdateResult::Success();
     });
 }
 
@@ -377,7 +369,7 @@ std::shared_ptr<UpdateResult> ScheduleUpdateManager::CheckAndUpdateWithSystemSet
     LoggerLog::Debug(kTag, "CheckAndUpdateWithSystemSetting");
     return GuardedFlow("Check System Setting failed. ", [&]() -> std::shared_ptr<UpdateResult> {
         ForgetRenewedTables();
-        if (!BringInfoInStep(startIfUnchanged)) return Success();
+        if (!BringInfoInStep(startIfUnchanged)) return UpdateResult::Success();
         std::shared_ptr<UpdateResult> result = UpdateOutputControlSchedule();
         if (result->IsResult()) started = true;
         Start();
@@ -445,13 +437,13 @@ std::shared_ptr<UpdateResult> ScheduleUpdateManager::UpdateWithFixedData(const s
             const std::string message = model ? model->GetMessage() : std::string();
             LoggerLog::Limited(LoggerLog::kWarning, kTag, "Fixed schedule file parse failed",
                                "Fixed schedule parse failed. " + message);
-            return Failure(FailureReason::kPayloadInvalid, 0, message);
+            return UpdateResult::Failure(FailureReason::kPayloadInvalid, 0, message);
         }
         const std::vector<ScheduleRow> slots = model->GetSlots();
         if (slots.empty()) {
             LoggerLog::Limited(LoggerLog::kWarning, kTag, "Fixed schedule file without data",
                                "Fixed schedule update failed. Schedule data is nothing.");
-            return Failure(FailureReason::kNoSlots, 0, "Schedule data is nothing.");
+            return UpdateResult::Failure(FailureReason::kNoSlots, 0, "Schedule data is nothing.");
         }
         const std::string stored = store_.SelectUpdateInfoLocked().plantId;
         const std::string received = model->GetPlantId();
@@ -460,12 +452,12 @@ std::shared_ptr<UpdateResult> ScheduleUpdateManager::UpdateWithFixedData(const s
             const std::string ids = "[" + stored + "] : [" + received + "]";
             LoggerLog::Limited(LoggerLog::kWarning, kTag, "Fixed schedule file of another plant",
                                "Fixed schedule update failed. id not match. " + ids);
-            return Failure(FailureReason::kPlantIdMismatch, 0, ids);
+            return UpdateResult::Failure(FailureReason::kPlantIdMismatch, 0, ids);
         }
         if (differs) DeleteAllLocked();
         if (!UpdateWithFixedScheduleLocked(slots, received)) {
             LoggerLog::Warning(kTag, "Fixed schedule update failed. Database update error.");
-            return Failure(FailureReason::kDatabaseWriteFailed, 0, "Database update error.");
+            return UpdateResult::Failure(FailureReason::kDatabaseWriteFailed, 0, "Database update error.");
         }
         SystemSettingXmlManager& settings = SystemSettingXmlManager::Shared();
         if (!settings.HasGeneral()) settings.Load();
@@ -473,7 +465,7 @@ std::shared_ptr<UpdateResult> ScheduleUpdateManager::UpdateWithFixedData(const s
         settings.SetOutputControlStandAlone(true);
         settings.SetOutputControlPlantId(received);
         Stop();
-        return std::make_shared<UpdateResult>(settingChanged, received);
+        return UpdateResult::FixedDataApplied(settingChanged, received);
     });
 }
 
@@ -482,8 +474,9 @@ std::shared_ptr<UpdateResult> ScheduleUpdateManager::CheckPlantId(const std::str
     return GuardedFlow("Check plant id failed. ", [&]() -> std::shared_ptr<UpdateResult> {
         std::shared_ptr<ServerAccessResult> access = ServerAccess_i(kCheckPlantIdKbn, plantId, url).get();
         if (auto failed = AccessFailure("Check plant id failed. [", access)) return failed;
-        if (access->GetResponseParser()->OCCheckIDModel()) return Success();
-        return Failure(FailureReason::kPlantIdNotRegistered, access->GetStatusCode(), "Plant ID is not registered");
+        if (access->GetResponseParser()->OCCheckIDModel()) return UpdateResult::Success();
+        return UpdateResult::Failure(FailureReason::kPlantIdNotRegistered, access->GetStatusCode(),
+                                     "Plant ID is not registered");
     });
 }
 

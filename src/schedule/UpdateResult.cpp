@@ -1,8 +1,27 @@
 #include "schedule/UpdateResult.h"
 
+#include "util/GuardedCall.h"
+
 #include <sstream>
 
 namespace brvo {
+
+std::shared_ptr<UpdateResult> UpdateResult::Success() {
+    return std::make_shared<UpdateResult>();
+}
+
+std::shared_ptr<UpdateResult> UpdateResult::Failure(FailureReason reason, std::int32_t statusCode,
+                                                    const std::string& message) {
+    return std::make_shared<UpdateResult>(reason, statusCode, message);
+}
+
+std::shared_ptr<UpdateResult> UpdateResult::FixedDataApplied(bool settingChanged, const std::string& plantId) {
+    return std::make_shared<UpdateResult>(settingChanged, plantId);
+}
+
+std::shared_ptr<UpdateResult> UpdateResult::FromCaught(const Caught& caught) {
+    return Failure(FailureReason::kException, 0, caught.GetText());
+}
 
 UpdateResult::UpdateResult()
     : result_(true), failureReason_(FailureReason::kNone), statusCode_(0), settingChanged_(false) {}

@@ -6,12 +6,29 @@
 #include "schedule/FailureReason.h"
 
 #include <cstdint>
+#include <memory>
 #include <string>
 
 namespace brvo {
 
+class Caught;
+
 class UpdateResult {
 public:
+    // The shared results the flows return, one per kind of outcome.
+    // Success: result true, reason 0, status 0, empty message.
+    static std::shared_ptr<UpdateResult> Success();
+    // Failure with `reason`, the HTTP status (0 when no access was made,
+    // -1 when the flow stopped before any access) and `message`.
+    static std::shared_ptr<UpdateResult> Failure(FailureReason reason, std::int32_t statusCode,
+                                                 const std::string& message);
+    // Success of a fixed-data update, with whether the settings changed
+    // and the plant ID the data belongs to.
+    static std::shared_ptr<UpdateResult> FixedDataApplied(bool settingChanged, const std::string& plantId);
+    // Failure of a flow that threw: reason 12, status 0, and the text of
+    // what `caught` holds.
+    static std::shared_ptr<UpdateResult> FromCaught(const Caught& caught);
+
     // Success: result true, reason 0, status 0, empty message.
     UpdateResult();
     // Failure with the given reason, HTTP status (0 when no access was made,

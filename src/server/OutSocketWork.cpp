@@ -68,7 +68,7 @@ void LogLine(LoggerLog::Level level, const char* format, ...) {
 }
 
 std::shared_ptr<UpdateResult> NotRunning() {
-    return std::make_shared<UpdateResult>(FailureReason::kException, 0, "Schedule update manager is not running.");
+    return UpdateResult::Failure(FailureReason::kException, 0, "Schedule update manager is not running.");
 }
 
 } // namespace
@@ -316,17 +316,18 @@ std::vector<unsigned char> OutSocketWork::ServeFixedSchedule(bool& sendAfter) {
     LoggerLog::Debug(kTag,
                      "UpdateFixedSchedule Param file_path [" + path + "]  update_flg [" + (force ? "1" : "0") + "]");
     if (!FileUtil::Exists(path)) {
-        return FixedScheduleAnswer(UpdateResult(FailureReason::kFileNotFound, 0, "file not found."));
+        return FixedScheduleAnswer(*UpdateResult::Failure(FailureReason::kFileNotFound, 0, "file not found."));
     }
     // Only a regular file of a schedule's size is read: a FIFO or a device
     // named here must not hold the worker, nor an endless file its memory.
     FileUtil::ReadResult file = FileUtil::ReadFile(path, kMaxFixedScheduleBytes);
-    if (file.missing) return FixedScheduleAnswer(UpdateResult(FailureReason::kFileNotFound, 0, "file not found."));
+    if (file.missing)
+        return FixedScheduleAnswer(*UpdateResult::Failure(FailureReason::kFileNotFound, 0, "file not found."));
     if (!file.ok) {
         LoggerLog::Limited(LoggerLog::kWarning, kTag, "UpdateFixedSchedule file not usable",
                            "UpdateFixedSchedule file not usable. [" + path + "] [" + file.reason + "]");
         return FixedScheduleAnswer(
-            UpdateResult(FailureReason::kFileNotFound, 0, "file not usable. [" + file.reason + "]"));
+            *UpdateResult::Failure(FailureReason::kFileNotFound, 0, "file not usable. [" + file.reason + "]"));
     }
     std::shared_ptr<ScheduleModel> model = std::make_shared<ScheduleModel>(file.text, 0);
     const ScheduleUpdateManager::Pin updates;

@@ -7,6 +7,7 @@
 #include "support/SchedulePayload.h"
 #include "support/SingletonTest.h"
 #include "support/TestFiles.h"
+#include "util/GuardedCall.h"
 #include "util/LoggerLog.h"
 #include "util/SystemClock.h"
 
@@ -153,6 +154,13 @@ protected:
 
     Channel channel_{3};
 };
+
+TEST(ScheduleServerAccessRequestStatusTest, TheCallbacksStatusFollowsWhatWasCaught) {
+    EXPECT_EQ(0, ScheduleServerAccessRequest::StatusOf(Caught()));
+    EXPECT_EQ(1, ScheduleServerAccessRequest::StatusOf(GuardedCall([] { throw Poco::TimeoutException("t"); })));
+    EXPECT_EQ(2, ScheduleServerAccessRequest::StatusOf(GuardedCall([] { throw std::bad_alloc(); })));
+    EXPECT_EQ(2, ScheduleServerAccessRequest::StatusOf(GuardedCall([] { throw 1; })));
+}
 
 TEST_F(ScheduleServerAccessRequestTest, PostsTheFormAndReportsTheAnswer) {
     const std::string body = test::BinaryPartBody("b1", std::string("\x01\xab\xff", 3));

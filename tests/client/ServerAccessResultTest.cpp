@@ -18,6 +18,25 @@ std::shared_ptr<ServerResponseParser> ParserOf(const std::string& body) {
     return parser;
 }
 
+TEST(ServerAccessResultTest, AnsweredHoldsItsParser) {
+    const std::shared_ptr<ServerResponseParser> parser = ParserOf("x");
+    const std::shared_ptr<ServerAccessResult> result = ServerAccessResult::Answered(200, parser);
+    EXPECT_TRUE(result->IsResult());
+    EXPECT_EQ(200, result->GetStatusCode());
+    EXPECT_EQ("", result->GetFailureReason());
+    EXPECT_EQ(parser, result->GetResponseParser());
+    EXPECT_EQ(-1, result->GetRetryAfterSeconds());
+}
+
+TEST(ServerAccessResultTest, FailedHoldsNoParser) {
+    const std::shared_ptr<ServerAccessResult> result = ServerAccessResult::Failed(503, "Data is not found.");
+    EXPECT_FALSE(result->IsResult());
+    EXPECT_EQ(503, result->GetStatusCode());
+    EXPECT_EQ("ServerAccessResult [false]  Failure Reason:Data is not found. StatusCode:503 Response Parser:",
+              result->ToString());
+    EXPECT_EQ(nullptr, result->GetResponseParser());
+}
+
 TEST(ServerAccessResultTest, FieldsAsBuilt) {
     ServerAccessResult result(false, 404, "Data is not found.");
     EXPECT_FALSE(result.IsResult());

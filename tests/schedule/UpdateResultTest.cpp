@@ -1,5 +1,7 @@
 #include "schedule/UpdateResult.h"
 
+#include "util/GuardedCall.h"
+
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -15,6 +17,38 @@ TEST(UpdateResultTest, DefaultIsSuccess) {
     EXPECT_EQ("", result.GetMessage());
     EXPECT_FALSE(result.IsSettingChanged());
     EXPECT_EQ("", result.GetPlantId());
+}
+
+TEST(UpdateResultTest, NamedSuccessIsTheDefault) {
+    EXPECT_EQ(UpdateResult().ToString(), UpdateResult::Success()->ToString());
+    EXPECT_FALSE(UpdateResult::Success()->IsSettingChanged());
+}
+
+TEST(UpdateResultTest, NamedFailureHoldsItsFields) {
+    const std::shared_ptr<UpdateResult> result =
+        UpdateResult::Failure(FailureReason::kNoSlots, 200, "Schedule data is nothing.");
+    EXPECT_FALSE(result->IsResult());
+    EXPECT_EQ(4, ToWire(result->GetFailureReason()));
+    EXPECT_EQ(200, result->GetStatusCode());
+    EXPECT_EQ("Schedule data is nothing.", result->GetMessage());
+    EXPECT_EQ("", result->GetPlantId());
+}
+
+TEST(UpdateResultTest, FixedDataAppliedIsASuccessWithThePlant) {
+    const std::shared_ptr<UpdateResult> result = UpdateResult::FixedDataApplied(true, "P9");
+    EXPECT_TRUE(result->IsResult());
+    EXPECT_EQ(0, ToWire(result->GetFailureReason()));
+    EXPECT_TRUE(result->IsSettingChanged());
+    EXPECT_EQ("P9", result->GetPlantId());
+}
+
+TEST(UpdateResultTest, WhatAFlowThrewIsReasonTwelveWithItsText) {
+    const Caught caught = GuardedCall([] { throw Poco::IOException("card gone"); });
+    const std::shared_ptr<UpdateResult> result = UpdateResult::FromCaught(caught);
+    EXPECT_EQ("UpdateResult [false]  FailureReason:12 StatusCode:0 Message:I/O error: card gone", result->ToString());
+    const Caught other = GuardedCall([] { throw 7; });
+    EXPECT_EQ("UpdateResult [false]  FailureReason:12 StatusCode:0 Message:",
+              UpdateResult::FromCaught(other)->ToString());
 }
 
 TEST(UpdateResultTest, ReasonsKeepTheNumbersClientsRead) {
