@@ -8,15 +8,16 @@
 // and stop, and only the destructor, which no other thread reaches, goes
 // without it.
 //
-// Stopping. Kill flushes the log, deletes the schedule update manager
-// (which aborts the flows in flight and ends its timers, or parks itself
-// when a flow does not end), deletes the watchdog and the flush timer and
-// logs "Kill complete.". The command server is neither stopped nor joined:
-// it serves until the process ends (main removes the socket's file, when
-// it is still the one the server bound, as the process ends). The daemon therefore ends with
-// std::_Exit after its final log flush (see main), never by returning from
-// main, so that no static object is destroyed under the server's threads,
-// a parked flow or the idle threads POCO keeps for its timers.
+// Stopping. Kill flushes the log, deletes the schedule update manager (which
+// aborts the flows in flight and ends its timers, or parks itself when a flow
+// does not end), deletes the watchdog and the flush timer and logs
+// "Kill complete.". The command server is neither stopped nor joined: it
+// serves until the process ends (main removes the socket's file, when it is
+// still the one the server bound, as the process ends). The daemon therefore
+// ends with std::_Exit after its final log flush (see main), never by
+// returning from main, so that no static object is destroyed under the
+// server's threads, a parked flow or the idle threads POCO keeps for its
+// timers.
 #ifndef BRVO_APP_BREVANTAOUTPUTCONTROLMANAGER_H
 #define BRVO_APP_BREVANTAOUTPUTCONTROLMANAGER_H
 

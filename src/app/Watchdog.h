@@ -46,7 +46,8 @@ private:
     // manager.
     Poco::Timer* statusTimer_;
     // The update alarm's due time at the last look (epoch microseconds, -1
-    // for none); read and written on the status timer's thread only.
+    // for none; -2 before the first look, so that it sends); read and
+    // written on the status timer's thread only.
     std::int64_t lastDue_;
 };
 

@@ -33,6 +33,7 @@ namespace {
 const std::size_t kOpenAttemptSeconds = 0;
 // How long a statement waits while another connection holds the lock.
 const std::size_t kBusyTimeoutSeconds = 60;
+const int kBusyTimeoutMs = static_cast<int>(kBusyTimeoutSeconds * 1000);
 // How long the statements of `session` wait while another connection
 // holds the file's lock.
 void SetLockWait(Poco::Data::Session& session, int milliseconds) {
@@ -141,8 +142,7 @@ std::atomic<bool> DatabaseManager::checkOnOpen_(false);
 std::atomic<bool> DatabaseManager::renewed_(false);
 
 DatabaseManager::DatabaseManager(const std::string& tag, const std::string& table)
-    : tag_(tag), table_(table), checked_(false), renewing_(false),
-      lockWaitMs_(static_cast<int>(kBusyTimeoutSeconds * 1000)) {
+    : tag_(tag), table_(table), checked_(false), renewing_(false), lockWaitMs_(kBusyTimeoutMs) {
     Poco::Data::SQLite::Connector::registerConnector();
 }
 
@@ -180,7 +180,7 @@ DatabaseManager::LockWaitLimit::LockWaitLimit(DatabaseManager& table, int millis
 // The table's mutex is still held here (see the class's contract); the
 // analysis cannot follow a lock held by the caller into a destructor.
 DatabaseManager::LockWaitLimit::~LockWaitLimit() {
-    table_.lockWaitMs_ = static_cast<int>(kBusyTimeoutSeconds * 1000);
+    table_.lockWaitMs_ = kBusyTimeoutMs;
     table_.ApplyLockWait();
 }
 

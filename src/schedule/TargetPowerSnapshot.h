@@ -15,19 +15,19 @@
 //   no longer fresh asks for a rebuild, so the slot boundary never sends
 //   target power to the table while the view holds.
 //
-// Publishing: whoever changes an input publishes a new view by swapping
-// the pointer: the table after every store or delete and when it was made
-// anew (through ScheduleDatabase's write observer, with the table's mutex
-// held, right after the commit, from one read of both slots), and Rebuild
-// (run by the command server before it takes its first request, then on
-// an answer worker when a request found the view not covering it: a
-// settings change reported, a slot boundary passed; one at a time). A
-// request therefore gets the schedule before a store or after it, never a
-// mix. The table's reads behind target power wait at most
-// ScheduleDatabase::kTargetPowerLockWaitMs for another process's lock. Publishers take
-// publishMutex_, after the table's mutex when they hold that, never
-// before it; a part read earlier than the part published is never put
-// back (the table's write count and the watch's generation only grow).
+// Publishing: whoever changes an input publishes a new view by swapping the
+// pointer: the table after every store or delete and when it was made anew
+// (through ScheduleDatabase's write observer, with the table's mutex held,
+// right after the commit, from one read of both slots), and Rebuild (run by
+// the command server before it takes its first request, then on an answer
+// worker when a request found the view not covering it: a settings change
+// reported, a slot boundary passed; one at a time). A request therefore gets
+// the schedule before a store or after it, never a mix. The table's reads
+// behind target power wait at most ScheduleDatabase::kTargetPowerLockWaitMs
+// for another process's lock. Publishers take publishMutex_, after the table's
+// mutex when they hold that, never before it; a part read earlier than the
+// part published is never put back (the table's write count and the watch's
+// generation only grow).
 //
 // Answering (Covers): a request is answered from the view only when
 // - a view exists, and its settings were read under a watch generation
