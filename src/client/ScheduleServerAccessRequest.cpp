@@ -323,9 +323,6 @@ void ScheduleServerAccessRequest::Publish(int fd) {
     if (fd >= 0 && expired_) throw Poco::TimeoutException("no time left to connect");
 }
 
-// The display text of a failed exchange: what the library said, unless the
-// exchange was cut short by Abort or by its deadline, which then say so. A
-// wait whose own time-out ran out with the deadline counts as the deadline.
 int ScheduleServerAccessRequest::StatusOf(const Caught& caught) {
     switch (caught.GetKind()) {
     case Caught::kNothing:
@@ -337,6 +334,9 @@ int ScheduleServerAccessRequest::StatusOf(const Caught& caught) {
     }
 }
 
+// The display text of a failed exchange: what the library said, unless the
+// exchange was cut short by Abort or by its deadline, which then say so. A
+// wait whose own time-out ran out with the deadline counts as the deadline.
 std::string ScheduleServerAccessRequest::FailureText(const std::string& displayText) {
     const bool late = deadline_ != 0 && Poco::Clock().raw() >= deadline_;
     ScopedLock lock(abortMutex_);

@@ -427,6 +427,7 @@ bool OutputcontrolServer::AcceptPending(int socket, bool hungUp, int loop) {
             if (client >= 0) work = loop == kServingLoop ? TakeIn(client) : AdmitSecond(client, accepted);
         }
         if (client >= 0) {
+            // No work: the connection was shed, or handed to the serving loop.
             if (work.isNull()) continue;
             if (loop == kServingLoop) {
                 Admit(work, accepted);
