@@ -75,6 +75,37 @@ std::shared_ptr<UpdateResult> NotRunning() {
 
 std::atomic<int> OutSocketWork::openCount_(0);
 
+namespace {
+
+// The freed work item blocks one thread keeps; given back when the thread
+// ends.
+struct SpareBlocks {
+    static constexpr int kKept = 8;
+    void* blocks[kKept];
+    int count = 0;
+
+    ~SpareBlocks() {
+        while (count > 0) ::operator delete(blocks[--count]);
+    }
+};
+
+thread_local SpareBlocks spareBlocks;
+
+} // namespace
+
+void* OutSocketWork::operator new(std::size_t size) {
+    if (size == sizeof(OutSocketWork) && spareBlocks.count > 0) return spareBlocks.blocks[--spareBlocks.count];
+    return ::operator new(size);
+}
+
+void OutSocketWork::operator delete(void* block, std::size_t size) noexcept {
+    if (size == sizeof(OutSocketWork) && spareBlocks.count < SpareBlocks::kKept) {
+        spareBlocks.blocks[spareBlocks.count++] = block;
+        return;
+    }
+    ::operator delete(block);
+}
+
 OutSocketWork::OutSocketWork(int socket) : socket_(socket), received_(0), ended_(false), started_(false) {
     std::memset(request_, 0, sizeof request_);
     if (socket_ >= 0) ++openCount_;

@@ -101,6 +101,12 @@ public:
     // Connections of all work items not yet closed, in this process.
     static int OpenCount() { return openCount_; }
 
+    // A work item is made and freed once per connection. Each thread keeps
+    // a few freed blocks for its next work items, so a connection answered
+    // on the accepting thread that took it costs no allocation and no lock.
+    static void* operator new(std::size_t size);
+    static void operator delete(void* block, std::size_t size) noexcept;
+
     // The answers to the daemon's results (see CommandWire for the bytes).
     static std::vector<unsigned char> UpdateAnswer(std::int32_t type, const UpdateResult& result);
     static std::vector<unsigned char> FixedScheduleAnswer(const UpdateResult& result);

@@ -227,8 +227,11 @@ int LoggerSettingManager::GetOutputScheduleMonitoringInterval() const {
     return GetInt(kMonitoringInterval, kDefaultMonitoringInterval);
 }
 
+// The command server reads this at every round of its loop: the key is
+// made once, not at each call.
 int LoggerSettingManager::GetOutputControlSocketTimeout() const {
-    return GetInt(kSocketTimeout, kDefaultSocketTimeout);
+    static const std::string key(kSocketTimeout);
+    return GetInt(key, kDefaultSocketTimeout);
 }
 
 int LoggerSettingManager::GetBoundedSocketTimeout() const {

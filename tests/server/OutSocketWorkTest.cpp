@@ -105,6 +105,23 @@ TEST_F(OutSocketWorkTest, TimeoutBelowOneSecondIsTheBuiltInSixty) {
     }
 }
 
+// A connection answered on the thread that took it reuses the block of the
+// one before: the fast path allocates nothing per connection.
+TEST_F(OutSocketWorkTest, AWorkItemFreedOnAThreadLendsItsBlockToTheNextOne) {
+    Poco::AutoPtr<OutSocketWork> first(new OutSocketWork(-1));
+    const void* const block = first.get();
+    first = nullptr;
+    // An allocation of the same size in between, which the C library would
+    // serve from the block just freed.
+    void* const between = ::operator new(sizeof(OutSocketWork));
+    Poco::AutoPtr<OutSocketWork> second(new OutSocketWork(-1));
+    ::operator delete(between);
+    EXPECT_EQ(block, second.get());
+    // One still in use is not lent.
+    Poco::AutoPtr<OutSocketWork> third(new OutSocketWork(-1));
+    EXPECT_NE(second.get(), third.get());
+}
+
 TEST_F(OutSocketWorkTest, UpdateAnswerLayout) {
     const std::string answer = Bytes(OutSocketWork::UpdateAnswer(
         3, UpdateResult(FailureReason::kPlantIdNotRegistered, 200, "Plant ID is not registered")));
