@@ -77,19 +77,28 @@ std::atomic<int> OutSocketWork::openCount_(0);
 
 namespace {
 
-// The freed work item blocks one thread keeps; given back when the thread
-// ends.
+// The freed work item blocks one thread keeps. Trivially destructible, so
+// that it stays usable while the thread's other objects are destroyed;
+// `count` is kGone once the thread has given its blocks back.
 struct SpareBlocks {
     static constexpr int kKept = 8;
+    static constexpr int kGone = -1;
     void* blocks[kKept];
-    int count = 0;
+    int count;
+};
 
-    ~SpareBlocks() {
-        while (count > 0) ::operator delete(blocks[--count]);
+thread_local SpareBlocks spareBlocks = {{}, 0};
+
+// Gives a thread's kept blocks back when the thread ends; made in a thread
+// when it first keeps a block.
+struct SpareBlocksRelease {
+    ~SpareBlocksRelease() {
+        while (spareBlocks.count > 0) ::operator delete(spareBlocks.blocks[--spareBlocks.count]);
+        spareBlocks.count = SpareBlocks::kGone;
     }
 };
 
-thread_local SpareBlocks spareBlocks;
+thread_local SpareBlocksRelease spareBlocksRelease;
 
 } // namespace
 
@@ -99,7 +108,8 @@ void* OutSocketWork::operator new(std::size_t size) {
 }
 
 void OutSocketWork::operator delete(void* block, std::size_t size) noexcept {
-    if (size == sizeof(OutSocketWork) && spareBlocks.count < SpareBlocks::kKept) {
+    if (size == sizeof(OutSocketWork) && spareBlocks.count >= 0 && spareBlocks.count < SpareBlocks::kKept) {
+        if (spareBlocks.count == 0) static_cast<void>(&spareBlocksRelease);
         spareBlocks.blocks[spareBlocks.count++] = block;
         return;
     }

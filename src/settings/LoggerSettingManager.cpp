@@ -228,10 +228,11 @@ int LoggerSettingManager::GetOutputScheduleMonitoringInterval() const {
 }
 
 // The command server reads this at every round of its loop: the key is
-// made once, not at each call.
+// made once, not at each call, and never destroyed, since the loop may
+// still run while the process exits.
 int LoggerSettingManager::GetOutputControlSocketTimeout() const {
-    static const std::string key(kSocketTimeout);
-    return GetInt(key, kDefaultSocketTimeout);
+    static const std::string* const key = new std::string(kSocketTimeout);
+    return GetInt(*key, kDefaultSocketTimeout);
 }
 
 int LoggerSettingManager::GetBoundedSocketTimeout() const {
