@@ -109,6 +109,8 @@ void* OutSocketWork::operator new(std::size_t size) {
 
 void OutSocketWork::operator delete(void* block, std::size_t size) noexcept {
     if (size == sizeof(OutSocketWork) && spareBlocks.count >= 0 && spareBlocks.count < SpareBlocks::kKept) {
+        // Naming the release object makes it in this thread, so that the
+        // thread's end gives the kept blocks back.
         if (spareBlocks.count == 0) static_cast<void>(&spareBlocksRelease);
         spareBlocks.blocks[spareBlocks.count++] = block;
         return;
