@@ -9,6 +9,7 @@
 #include "schedule/ScheduleUpdateManager.h"
 #include "server/OutputcontrolServer.h"
 #include "settings/LoggerSettingManager.h"
+#include "util/FileUtil.h"
 #include "util/LoggerLog.h"
 
 #include <clocale>
@@ -18,6 +19,7 @@
 #include <locale>
 #include <malloc.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 // An address-sanitized build checks for leaks as the process exits; the
 // daemon's exit skips that (see EndProcess), so it asks for the check.
@@ -145,6 +147,10 @@ int main(int argc, char* argv[]) {
     brvo::InstanceLock instanceLock;
     if (!TakeInstanceLock(instanceLock)) EndProcess(kAlreadyRunningStatus);
     brvo::LoggerLog::CreateInstance();
+    // Every log line is echoed to standard output; where that is the null
+    // device (the service unit's setting) the echo would only cost each
+    // answer a lock and a copy.
+    if (brvo::FileUtil::DiscardsWrites(STDOUT_FILENO)) brvo::LoggerLog::SetEcho(false);
     brvo::LoggerSettingManager::GetInstance()->Dump();
     brvo::BrevantaOutputControlManager::CreateInstance();
     // A stop that was not clean may have cut a write short: the tables are

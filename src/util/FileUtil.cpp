@@ -15,6 +15,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 namespace brvo {
@@ -282,6 +283,15 @@ FileUtil::ReadResult FileUtil::ReadFile(const std::string& path, std::size_t max
     }
     ::close(fd);
     return result;
+}
+
+bool FileUtil::DiscardsWrites(int fd) {
+    struct stat target;
+    if (fstat(fd, &target) != 0) return errno == EBADF;
+    if (!S_ISCHR(target.st_mode)) return false;
+    struct stat null;
+    const dev_t nullDevice = stat("/dev/null", &null) == 0 && S_ISCHR(null.st_mode) ? null.st_rdev : makedev(1, 3);
+    return target.st_rdev == nullDevice;
 }
 
 } // namespace brvo

@@ -103,6 +103,9 @@ public:
     // Creates `dir` with its parents and proves it writable by creating and
     // removing `dir` + "/write_test".
     static bool IsWritableDirectory(const std::string& dir);
+    // Whether what is written to descriptor `fd` goes nowhere: it is the
+    // null device, or not open at all.
+    static bool DiscardsWrites(int fd);
 };
 
 } // namespace brvo

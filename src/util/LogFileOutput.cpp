@@ -4,6 +4,7 @@
 #include "util/ScopedLock.h"
 #include "util/SystemClock.h"
 
+#include <Poco/Clock.h>
 #include <Poco/DateTimeFormatter.h>
 #include <Poco/Exception.h>
 #include <Poco/Format.h>
@@ -21,7 +22,8 @@ namespace brvo {
 namespace {
 
 const std::string kDefaultTimeFormat = "%Y-%m-%d %H:%M:%S";
-const long kTimerIntervalMs = 500;
+// The writer's regular tick.
+const long kTickIntervalMs = 500;
 // Room for a line's time text; a longer one is cut.
 const std::size_t kTimeTextSize = 128;
 // Room a line buffer starts with.
@@ -138,9 +140,10 @@ LogFileOutput::LogFileOutput(const LogLimiter::Clock& repeatClock, const LogLimi
     : active_(&buffers_[0]), activeIndex_(0), timeFormat_(kDefaultTimeFormat), logLevel_(1), bufferedIO_(true),
       maxBufferedSize_(8192), maxRollIndex_(1), maxFileSize_(10485760),
       wallClock_(wallClock ? wallClock : LogLimiter::Clock(&SystemClock::NowMicroseconds)), ticks_(ticks),
-      started_(false), closed_(false), timer_(nullptr), flushRequested_(false), errorRecorded_(false), sentToStderr_(0),
-      bufferedBytes_(0), countedBytes_(0), limiter_(LogLimiter::kPeriodMicroseconds, repeatClock),
-      timeVersion_(NextTimeVersion()) {}
+      started_(false), closed_(false), writer_(nullptr), writerRunner_(*this, &LogFileOutput::RunWriter),
+      wake_(Poco::Event::EVENT_AUTORESET), stopping_(false), pileArmed_(true), flushRequested_(false),
+      errorRecorded_(false), sentToStderr_(0), bufferedBytes_(0), countedBytes_(0),
+      limiter_(LogLimiter::kPeriodMicroseconds, repeatClock), timeVersion_(NextTimeVersion()) {}
 
 // A number no writer's time format had before: a thread's kept time text
 // is of this writer and format only while the number is the same.
@@ -155,12 +158,46 @@ LogFileOutput::~LogFileOutput() {
 
 void LogFileOutput::Close() {
     if (!started_ || closed_.exchange(true)) return;
-    if (timer_ != nullptr) timer_->stop();
+    StopWriter();
     WriteCounts(true);
     flushRequested_ = true;
     Tick();
-    delete timer_;
-    timer_ = nullptr;
+}
+
+// Ends the writer's thread after the pass it may be in.
+void LogFileOutput::StopWriter() {
+    if (writer_ == nullptr) return;
+    stopping_ = true;
+    wake_.set();
+    writer_->join();
+    delete writer_;
+    writer_ = nullptr;
+}
+
+// The writer's thread: a tick every kTickIntervalMs after the one before,
+// and one whenever a pile of lines wakes it. The wait is never longer than
+// the interval, so that a clock set back cannot hold the ticks up.
+void LogFileOutput::RunWriter() {
+    const Poco::Clock::ClockDiff interval = kTickIntervalMs * 1000;
+    Poco::Clock due;
+    due += interval;
+    while (!stopping_) {
+        const Poco::Clock::ClockDiff left = std::min(interval, -due.elapsed());
+        bool woken = true;
+        if (ticks_ == Ticks::kPileOnly) {
+            wake_.wait();
+        } else if (left > 0) {
+            woken = wake_.tryWait(static_cast<long>((left + 999) / 1000));
+        } else {
+            woken = false;
+        }
+        if (stopping_) return;
+        if (!woken) {
+            due.update();
+            due += interval;
+        }
+        Tick();
+    }
 }
 
 void LogFileOutput::SetMaxFileSize(Poco::UInt32 size) {
@@ -214,9 +251,9 @@ void LogFileOutput::SetFilePath(const std::string& path) {
     }
     if (started_) return;
     started_ = true;
-    if (ticks_ == Ticks::kTimer) {
-        timer_ = new Poco::Timer(kTimerIntervalMs, kTimerIntervalMs);
-        timer_->start(Poco::TimerCallback<LogFileOutput>(*this, &LogFileOutput::OnTimer));
+    if (ticks_ != Ticks::kByCaller) {
+        writer_ = new Poco::Thread("LogWriter");
+        writer_->start(writerRunner_);
     }
 }
 
@@ -329,8 +366,20 @@ void LogFileOutput::Queue(const std::string& lines) {
         return;
     }
     if (echo_) EchoLines(fileName_, lines);
-    ScopedLock lock(mutex_);
-    active_->append(lines);
+    bool wake = false;
+    {
+        ScopedLock lock(mutex_);
+        active_->append(lines);
+        wake = PileUp();
+    }
+    if (wake) wake_.set();
+}
+
+// Whether the writer is to be woken now for the lines that wait: they
+// passed the pile size, and no wake was sent since the last write.
+bool LogFileOutput::PileUp() {
+    const std::size_t pile = std::max(kPressureBytes, static_cast<std::size_t>(std::max(maxBufferedSize_, 0)));
+    return active_->size() >= pile && pileArmed_.exchange(false);
 }
 
 void LogFileOutput::BeginBatch() {
@@ -408,10 +457,6 @@ LogFileOutput::LineBuffer* LogFileOutput::SwapBuffers() {
     return toWrite;
 }
 
-void LogFileOutput::OnTimer(Poco::Timer&) {
-    Tick();
-}
-
 void LogFileOutput::Tick() {
     WriteCounts(false);
     LineBuffer* toWrite = SwapBuffers();
@@ -421,7 +466,11 @@ void LogFileOutput::Tick() {
         RestoreUnwritten(*toWrite);
         return;
     }
-    if (!WriteBuffer(*toWrite)) SendUnwritten(*toWrite);
+    if (WriteBuffer(*toWrite)) {
+        pileArmed_ = true;
+    } else {
+        SendUnwritten(*toWrite);
+    }
     sentToStderr_ = 0;
     ClearWritten(*toWrite);
 }

@@ -1,8 +1,16 @@
 // Writer of the daemon's log file. Callers only format a line and append it
-// to an in-memory buffer; a 500 ms timer swaps the double buffer and writes
-// the full one to the file, rolling the file into ".1" to ".n" when it would
-// grow past the size limit. Its own write failures are noted once per
-// failure period in "/tmp/logger_io_file_error".
+// to an in-memory buffer; the writer's thread, every 500 ms, swaps the
+// double buffer and writes the full one to the file, rolling the file into
+// ".1" to ".n" when it would grow past the size limit. Its own write
+// failures are noted once per failure period in
+// "/tmp/logger_io_file_error".
+//
+// A burst of lines (thousands of answers a second) wakes the writer before
+// its next tick, once kPressureBytes wait: the buffers then keep the room
+// they have, instead of growing to half a second of lines and being given
+// back after each write, which would cost every caller copies and fresh
+// pages under the lock. Only after a write that reached the file: a file
+// that cannot be written is tried on the ticks alone.
 //
 // While the file cannot be written (no card, a read-only or full card),
 // every line also goes to standard error, once, with its level as a syslog
@@ -33,7 +41,9 @@
 #include "util/RecursiveMutex.h"
 #include "util/ThreadAnnotations.h"
 
-#include <Poco/Timer.h>
+#include <Poco/Event.h>
+#include <Poco/RunnableAdapter.h>
+#include <Poco/Thread.h>
 #include <Poco/Types.h>
 
 #include <atomic>
@@ -51,9 +61,11 @@ public:
     // this process records its write failures in.
     static std::string ErrorFilePath();
 
-    // What drives the writer: its own 500 ms timer, or the owner calling
-    // Tick() (tests, which so decide when a write may happen).
-    enum class Ticks { kTimer, kByCaller };
+    // What drives the writer: its own thread, every 500 ms and at a pile
+    // of lines; the same thread at a pile of lines only (tests, which so
+    // prove that wake alone); or the owner calling Tick() (tests, which so
+    // decide when a write may happen).
+    enum class Ticks { kTimer, kPileOnly, kByCaller };
 
     // `repeatClock` times the periods of repeated lines (the steady clock
     // when empty). `wallClock` gives the time written on each line, in
@@ -86,8 +98,8 @@ public:
     void SetBufferedIO(bool buffered);
     // Time-stamp pattern; an empty pattern is ignored.
     void SetTimeFormat(const std::string& format) EXCLUDES(timeMutex_);
-    // Sets the log file and, with Ticks::kTimer, starts the writer timer
-    // (once).
+    // Sets the log file and, unless Ticks::kByCaller, starts the writer's
+    // thread (once).
     void SetFilePath(const std::string& path) EXCLUDES(mutex_);
 
     // Formats one line "[time UTC] [mark] prefix message", echoes it to
@@ -121,10 +133,8 @@ public:
 
     // One pass of the writer: queues the counts of ended repeat periods,
     // then swaps and writes the buffer when a write is due. Called from one
-    // thread at a time: the timer's, or the owner's with Ticks::kByCaller.
+    // thread at a time: the writer's, or the owner's with Ticks::kByCaller.
     void Tick();
-    // Timer callback: Tick().
-    void OnTimer(Poco::Timer& timer);
 
     // Accessors for tests and diagnostics.
     const std::string& GetFilePath() const { return filePath_; }
@@ -137,6 +147,9 @@ public:
     // Room a buffer keeps after it was written; a buffer that grew past it
     // in a burst is given back.
     static constexpr std::size_t kKeptBufferBytes = 256 * 1024;
+    // Bytes of lines in the active buffer that wake the writer before its
+    // tick (or the buffered size, when that is larger).
+    static constexpr std::size_t kPressureBytes = kKeptBufferBytes / 2;
     // Most bytes of lines kept for a file that cannot be written.
     static constexpr std::size_t kMaxUnwrittenBytes = 1024 * 1024;
     // The syslog priority of a formatted line, by its level mark: 7 for V
@@ -159,6 +172,9 @@ private:
     bool WriteToFile(const char* text, std::size_t length);
     void RollFiles();
     void Queue(const std::string& lines) EXCLUDES(mutex_);
+    bool PileUp() REQUIRES(mutex_);
+    void RunWriter();
+    void StopWriter();
     std::size_t FormatNowInto(char* text, std::size_t size) EXCLUDES(timeMutex_);
     void AppendTime(std::string& line);
     void ReportFileError();
@@ -195,7 +211,15 @@ private:
     Ticks ticks_;
     bool started_;
     std::atomic<bool> closed_;
-    Poco::Timer* timer_;
+    // The writer's thread (null with Ticks::kByCaller and before the
+    // path is set), its wake-up and its end.
+    Poco::Thread* writer_;
+    Poco::RunnableAdapter<LogFileOutput> writerRunner_;
+    Poco::Event wake_;
+    std::atomic<bool> stopping_;
+    // Whether a pile of lines may wake the writer: set by a write that
+    // reached the file, cleared by the wake it sends.
+    std::atomic<bool> pileArmed_;
     std::atomic<bool> flushRequested_;
     std::atomic<bool> echo_{true};
     bool errorRecorded_;

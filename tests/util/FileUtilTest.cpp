@@ -9,6 +9,7 @@
 
 #include <Poco/Clock.h>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -231,6 +232,29 @@ TEST_F(FileUtilTest, ReadFileStopsAFileThatGrowsPastTheCap) {
     EXPECT_FALSE(file.ok);
     EXPECT_EQ("larger than 16 bytes", file.reason);
     EXPECT_TRUE(FileUtil::ReadFile("/proc/self/maps", 1 << 20).ok);
+}
+
+TEST_F(FileUtilTest, OnlyTheNullDeviceAndAClosedDescriptorDiscardWrites) {
+    const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    ASSERT_GE(null, 0);
+    EXPECT_TRUE(FileUtil::DiscardsWrites(null));
+    close(null);
+    EXPECT_TRUE(FileUtil::DiscardsWrites(null));
+    const int zero = open("/dev/zero", O_WRONLY | O_CLOEXEC);
+    ASSERT_GE(zero, 0);
+    EXPECT_FALSE(FileUtil::DiscardsWrites(zero));
+    close(zero);
+    int ends[2];
+    ASSERT_EQ(0, pipe(ends));
+    EXPECT_FALSE(FileUtil::DiscardsWrites(ends[1]));
+    close(ends[0]);
+    close(ends[1]);
+    test::WriteFile(kReadPath, "x");
+    const int file = open(kReadPath.c_str(), O_WRONLY | O_CLOEXEC);
+    ASSERT_GE(file, 0);
+    EXPECT_FALSE(FileUtil::DiscardsWrites(file));
+    close(file);
+    test::RemoveAll(kReadPath);
 }
 
 } // namespace

@@ -181,6 +181,27 @@ TEST_F(LogFileOutputTest, TimerWritesAFlushRequestByItself) {
     EXPECT_FALSE(output_->IsFlushRequested());
 }
 
+// A burst is written in pieces as it comes, not held for the next tick:
+// the writer here has no tick at all, so only the pile can wake it.
+TEST_F(LogFileOutputTest, APileOfLinesWakesTheWriterBeforeItsTick) {
+    output_.reset(new LogFileOutput(LogLimiter::Clock(), LogLimiter::Clock(), LogFileOutput::Ticks::kPileOnly));
+    output_->SetBufferedIO(true);
+    output_->SetMaxBufferedSize(4096);
+    output_->SetFilePath(kFile);
+    const std::string payload(1000, 'p');
+    Log("first " + payload);
+    for (std::size_t i = 0; i < 8; ++i) Log(payload);
+    Poco::Thread::sleep(200);
+    EXPECT_FALSE(FileHas(kFile, "first")) << "fewer than a pile's bytes woke the writer";
+    std::size_t lines = 9;
+    for (; lines * payload.size() < LogFileOutput::kPressureBytes; ++lines) Log(payload);
+    Log("last " + payload);
+    ++lines;
+    ASSERT_TRUE(test::WaitFor([] { return FileHas(kFile, "last"); }, 5000));
+    EXPECT_EQ(lines, test::ReadLines(kFile).size());
+    EXPECT_TRUE(FileHas(kFile, "first"));
+}
+
 TEST_F(LogFileOutputTest, BufferedWritesOnDestruction) {
     MakeStepped(true, 100000).SetFilePath(kFile);
     Log("kept at the end");
