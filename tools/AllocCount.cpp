@@ -23,13 +23,20 @@ namespace {
 
 std::atomic<long> allocations(0);
 
+// Each count is written beside the file and renamed over it, so that a
+// read never finds the file emptied for the next write.
 void* Writer(void* path) {
+    char written[4096];
+    if (std::snprintf(written, sizeof written, "%s.new", static_cast<const char*>(path)) >=
+        static_cast<int>(sizeof written)) {
+        return nullptr;
+    }
     for (;;) {
         usleep(50000);
-        std::FILE* file = std::fopen(static_cast<const char*>(path), "w");
+        std::FILE* file = std::fopen(written, "w");
         if (file == nullptr) continue;
         std::fprintf(file, "%ld\n", allocations.load());
-        std::fclose(file);
+        if (std::fclose(file) == 0) std::rename(written, static_cast<const char*>(path));
     }
     return nullptr;
 }

@@ -106,12 +106,19 @@ TargetPowerSnapshot::Answer TargetPowerSnapshot::Compute(const View& view, std::
             const std::int64_t rate = RateControl::ScaleRate(slot.rate, view.limit);
             answer.power = RateControl::Target(rate, capacity, static_cast<double>(view.limit.valueMin));
             answer.timeText = slot.compact;
-            RateControl::LogRate(slot.display, rate, answer.power, capacity);
-            return answer;
+            answer.display = slot.display;
+            answer.rate = rate;
         }
     }
-    RateControl::LogFailure(answer.code);
     return answer;
+}
+
+void TargetPowerSnapshot::LogAnswer(const Answer& answer, double capacity) {
+    if (answer.code == TargetPowerResult::Code::kSuccess) {
+        RateControl::LogRate(answer.display, answer.rate, answer.power, capacity);
+    } else {
+        RateControl::LogFailure(answer.code);
+    }
 }
 
 // Names the current view in the reader's slot, then checks that it is

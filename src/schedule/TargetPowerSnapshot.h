@@ -130,6 +130,10 @@ public:
         // The slot's start ("%Y%m%d%H%M%S"); empty on failure. Points into
         // the view.
         const char* timeText = "";
+        // For the log line: the slot's start as the log shows it (empty on
+        // failure; points into the view) and the scaled rate.
+        const char* display = "";
+        std::int64_t rate = 0;
     };
 
     // The process-wide holder; installs the table's write observer.
@@ -153,9 +157,12 @@ public:
     // again: its slots are past their freshness and no rebuild of it failed
     // within kRetryMicroseconds.
     static bool Aging(const View& view, std::int64_t nowMicros);
-    // The answer for `capacity` from a view that covers the request, with
-    // RateControl's log lines. No file, no lock beyond the log's.
+    // The answer for `capacity` from a view that covers the request. No
+    // file, no lock, no log line: LogAnswer writes its lines.
     static Answer Compute(const View& view, std::int64_t nowMicros, int type, double capacity);
+    // RateControl's log lines for `answer`, computed for `capacity`, while
+    // the view it came from is still held.
+    static void LogAnswer(const Answer& answer, double capacity);
     // Frees the views retired so far that no reader holds. Any thread.
     void Reclaim();
 

@@ -293,7 +293,7 @@ void OutSocketWork::Serve() {
     // The answer is small and the connection's buffer empty, so it never
     // has to wait; a client that is gone costs the log line.
     const ssize_t sent = send(socket_, answer.data(), answer.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-    LogServed(sent, type);
+    LogServed(sent, type, errno);
     Close();
     if (sent < 1) return;
     ScheduleDatabase* database = ScheduleDatabase::GetInstance();
@@ -390,33 +390,39 @@ TargetPowerSnapshot::Miss OutSocketWork::ServeFromSnapshot(const TargetPowerSnap
     const TargetPowerSnapshot::Miss miss = TargetPowerSnapshot::Covers(view, now);
     if (miss != TargetPowerSnapshot::Miss::kNone) return miss;
     const std::int32_t type = GetType();
-    const LineBatch batch;
-    if (!started_) {
-        started_ = true;
-        LogLine(LoggerLog::kDebug, "Execute");
-    }
-    if (LoggerLog::Writes(LoggerLog::kDebug)) LogLine(LoggerLog::kDebug, "%s%d]", TypeLine(type), socket_);
     const double capacity = CommandWire::DecodeCapacity(Parameters());
-    if (LoggerLog::Writes(LoggerLog::kDebug)) {
-        char text[kCapacityTextSize];
-        StringUtil::FormatFixed(capacity, text, sizeof text);
-        LogLine(LoggerLog::kDebug, "TargetPower Param capacity [%s]", text);
-    }
     const TargetPowerSnapshot::Answer result = TargetPowerSnapshot::Compute(*view, now, type, capacity);
     unsigned char answer[CommandWire::kTargetAnswerSize];
     CommandWire::FillTargetPowerAnswer(
         answer, type, result.power, result.timeText, ToWire(result.code),
         result.code == TargetPowerResult::Code::kSuccess ? kNoMessage() : RateControl::FailureMessage(result.code));
     const ssize_t sent = send(socket_, answer, sizeof answer, MSG_NOSIGNAL | MSG_DONTWAIT);
-    LogServed(sent, type);
+    const int sendError = errno;
+    // The request's lines are queued together after its answer in any
+    // case: formatted only now, they do not hold the answer up.
+    {
+        const LineBatch batch;
+        if (!started_) {
+            started_ = true;
+            LogLine(LoggerLog::kDebug, "Execute");
+        }
+        if (LoggerLog::Writes(LoggerLog::kDebug)) LogLine(LoggerLog::kDebug, "%s%d]", TypeLine(type), socket_);
+        if (LoggerLog::Writes(LoggerLog::kDebug)) {
+            char text[kCapacityTextSize];
+            StringUtil::FormatFixed(capacity, text, sizeof text);
+            LogLine(LoggerLog::kDebug, "TargetPower Param capacity [%s]", text);
+        }
+        TargetPowerSnapshot::LogAnswer(result, capacity);
+        LogServed(sent, type, sendError);
+    }
     Close();
     return miss;
 }
 
-// The line after an answer was written, or the failure to write it.
-void OutSocketWork::LogServed(ssize_t sent, std::int32_t type) {
+// The line after an answer was written, or the failure to write it (with
+// `error`, the errno of the write).
+void OutSocketWork::LogServed(ssize_t sent, std::int32_t type, int error) {
     if (sent < 1) {
-        const int error = errno;
         LoggerLog::Limited(LoggerLog::kError, kTag, "Request answer not written",
                            "Request data type " + std::to_string(type) + ", write socket failed. [" +
                                std::to_string(error) + "] socket[" + std::to_string(socket_) + "]");

@@ -125,7 +125,7 @@ private:
     bool ReadUntilDeadline();
     const unsigned char* Parameters() const { return request_ + CommandWire::kHeaderSize; }
     std::string Tag(const std::string& text) const;
-    void LogServed(ssize_t sent, std::int32_t type);
+    void LogServed(ssize_t sent, std::int32_t type, int error);
     static const char* TypeLine(std::int32_t type);
 
     static std::atomic<int> openCount_;

@@ -519,5 +519,34 @@ TEST_F(TargetPowerPathsTest, SnapshotAnswersAndLogsAsTheWorkerPath) {
               noPlant.substr(CommandWire::kTargetMessageOffset));
 }
 
+// A client gone before its answer: the failed write is logged with its own
+// error, after the request's lines, not one that formatting them left.
+TEST_F(TargetPowerPathsTest, AnAnswerToAClientGoneIsLoggedWithTheWriteError) {
+    const std::int64_t slot0 = TimeStamp().EpochSeconds() / 1800 * 1800;
+    ScheduleRow current;
+    current.time = slot0;
+    current.controlRate = 50;
+    ASSERT_TRUE(ScheduleDatabase::GetInstance()->InsertUpdateSchedule({current}));
+    TargetPowerSnapshot::Instance().Rebuild();
+    int pair[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, pair));
+    const std::string request = Request(CommandWire::kCurrentTargetPower, Capacity(5.5));
+    ASSERT_EQ(static_cast<ssize_t>(request.size()), write(pair[0], request.data(), request.size()));
+    close(pair[0]);
+    Poco::AutoPtr<OutSocketWork> work(new OutSocketWork(pair[1]));
+    ASSERT_EQ(OutSocketWork::kRead, work->ReadAvailable());
+    const TargetPowerSnapshot::Miss miss = work->ServeFromSnapshot(TargetPowerSnapshot::Instance().Hold(0));
+    TargetPowerSnapshot::Instance().LetGo(0);
+    ASSERT_EQ(TargetPowerSnapshot::Miss::kNone, miss);
+    const std::vector<std::string> lines = test::FlushedLogLines();
+    const std::string failed = "OutputcontrolServer Request data type 6, write socket failed. [" +
+                               std::to_string(EPIPE) + "] socket[" + std::to_string(pair[1]) + "]";
+    const auto at = std::find_if(lines.begin(), lines.end(),
+                                 [&](const std::string& line) { return line.find(failed) != std::string::npos; });
+    ASSERT_NE(lines.end(), at) << failed;
+    ASSERT_NE(lines.begin(), at);
+    EXPECT_NE(std::string::npos, std::prev(at)->find("RateControl")) << *std::prev(at);
+}
+
 } // namespace
 } // namespace brvo
