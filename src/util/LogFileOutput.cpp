@@ -182,20 +182,16 @@ void LogFileOutput::RunWriter() {
     Poco::Clock due;
     due += interval;
     while (!stopping_) {
-        const Poco::Clock::ClockDiff left = std::min(interval, -due.elapsed());
-        bool woken = true;
         if (ticks_ == Ticks::kPileOnly) {
             wake_.wait();
-        } else if (left > 0) {
-            woken = wake_.tryWait(static_cast<long>((left + 999) / 1000));
         } else {
-            woken = false;
+            const Poco::Clock::ClockDiff left = std::min(interval, -due.elapsed());
+            if (left <= 0 || !wake_.tryWait(static_cast<long>((left + 999) / 1000))) {
+                due.update();
+                due += interval;
+            }
         }
         if (stopping_) return;
-        if (!woken) {
-            due.update();
-            due += interval;
-        }
         Tick();
     }
 }

@@ -12,8 +12,10 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
+#include <fcntl.h>
 #include <memory>
 #include <regex>
+#include <unistd.h>
 
 namespace brvo {
 namespace {
@@ -193,13 +195,69 @@ TEST_F(LogFileOutputTest, APileOfLinesWakesTheWriterBeforeItsTick) {
     for (std::size_t i = 0; i < 8; ++i) Log(payload);
     Poco::Thread::sleep(200);
     EXPECT_FALSE(FileHas(kFile, "first")) << "fewer than a pile's bytes woke the writer";
-    std::size_t lines = 9;
-    for (; lines * payload.size() < LogFileOutput::kPressureBytes; ++lines) Log(payload);
-    Log("last " + payload);
-    ++lines;
-    ASSERT_TRUE(test::WaitFor([] { return FileHas(kFile, "last"); }, 5000));
-    EXPECT_EQ(lines, test::ReadLines(kFile).size());
-    EXPECT_TRUE(FileHas(kFile, "first"));
+    for (std::size_t bytes = 9 * payload.size(); bytes < LogFileOutput::kPressureBytes; bytes += payload.size()) {
+        Log(payload);
+    }
+    // The wake may come while lines are still being added; the write takes
+    // at least the pile that woke it, whole lines from the first on.
+    ASSERT_TRUE(test::WaitFor([] { return FileHas(kFile, "first"); }, 5000));
+    const std::vector<std::string> written = test::ReadLines(kFile);
+    std::size_t bytes = 0;
+    for (const std::string& line : written) bytes += line.size() + 1;
+    EXPECT_GE(bytes, LogFileOutput::kPressureBytes);
+    EXPECT_NE(std::string::npos, written.front().find("first"));
+}
+
+// A buffered size above the pile size still holds the lines back: the pile
+// that wakes the writer is then the buffered size.
+TEST_F(LogFileOutputTest, ABufferedSizeAboveThePileHoldsTheLinesUntilItIsReached) {
+    const std::size_t bufferedSize = 2 * LogFileOutput::kPressureBytes;
+    output_.reset(new LogFileOutput(LogLimiter::Clock(), LogLimiter::Clock(), LogFileOutput::Ticks::kPileOnly));
+    output_->SetBufferedIO(true);
+    output_->SetMaxBufferedSize(static_cast<int>(bufferedSize));
+    output_->SetFilePath(kFile);
+    const std::string payload(1000, 'p');
+    Log("first " + payload);
+    std::size_t lines = 1;
+    // Each line is the payload and its time, mark and prefix (well under
+    // 100 bytes).
+    for (; (lines + 1) * (payload.size() + 100) < bufferedSize; ++lines) Log(payload);
+    ASSERT_GT(lines * payload.size(), LogFileOutput::kPressureBytes);
+    Poco::Thread::sleep(200);
+    EXPECT_FALSE(FileHas(kFile, "first")) << "the pile size woke the writer below the buffered size";
+    for (int i = 0; i < 30; ++i) Log(payload);
+    ASSERT_TRUE(test::WaitFor([] { return FileHas(kFile, "first"); }, 5000));
+}
+
+// A file that could not be written is not tried again at every pile: only
+// a write that reached the file lets the next pile wake the writer.
+TEST_F(LogFileOutputTest, AFailedWriteLeavesTheNextPileToTheTicks) {
+    test::WriteFile(test::FixedPath("/media/sdcard/blocked"), "x");
+    const std::string blockedFile = test::FixedPath("/media/sdcard/blocked/log/out.log");
+    output_.reset(new LogFileOutput(LogLimiter::Clock(), LogLimiter::Clock(), LogFileOutput::Ticks::kPileOnly));
+    output_->SetBufferedIO(true);
+    output_->SetMaxBufferedSize(4096);
+    output_->SetFilePath(blockedFile);
+    const std::string payload(1000, 'p');
+    // The failed write sends the lines to standard error: a file of the
+    // test's own stands in for it, to see when that write was tried.
+    const std::string sentPath = test::FixedPath("/tmp/sent-to-stderr");
+    test::WriteFile(sentPath, "");
+    const int sentFile = open(sentPath.c_str(), O_WRONLY | O_CLOEXEC);
+    const int savedStderr = dup(STDERR_FILENO);
+    ASSERT_GE(sentFile, 0);
+    ASSERT_GE(savedStderr, 0);
+    dup2(sentFile, STDERR_FILENO);
+    for (std::size_t bytes = 0; bytes <= LogFileOutput::kPressureBytes; bytes += payload.size()) Log(payload);
+    const bool sent = test::WaitFor([&] { return FileHas(sentPath, payload); }, 5000);
+    test::RemoveAll(test::FixedPath("/media/sdcard/blocked"));
+    Log("after " + payload);
+    Poco::Thread::sleep(200);
+    dup2(savedStderr, STDERR_FILENO);
+    close(savedStderr);
+    close(sentFile);
+    ASSERT_TRUE(sent) << "the first pile did not wake the writer";
+    EXPECT_FALSE(FileHas(blockedFile, "after")) << "a pile woke the writer again after a failed write";
 }
 
 TEST_F(LogFileOutputTest, BufferedWritesOnDestruction) {
